@@ -1,0 +1,401 @@
+// Contents: 1 frames  2 configuration request  3 configuration response  4 dispatch
+// In:  tlsc_cstp_read_frame (one TLS read) -> tlsc_process_cstp_frame -> data: tlsc_tun_write
+//                                                                     -> response: tlsc_process_config_resp
+//                                                                     -> DPD response: DPD timer
+// Out: tlsc_write_cstp_data_pak, tlsc_send_dpd_req, tlsc_send_config_req -> tlsc_ssl_write
+
+#include "tlsc_cstp.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+
+#include "tlsc_config.h"
+#include "tlsc_debug.h"
+#include "tlsc_utils.h"
+
+#include "tlsc_engine.h"   // TLS reads and writes, packet path, data-path state
+#include "tlsc_session.h"  // the response starts the session
+#include "tlsc_timer.h"    // DPD, retry, rekey and guard timers, the saved old transport
+
+#include "tlsc_platform.h"  // counters, notifications of address and DNS servers
+
+// ==== 1 Frames ===================================================================================================
+
+namespace {
+
+constexpr uint8_t frame_version = 1;
+
+void *shown(tlsc_sock *sock) { return static_cast<void *>(sock); }
+
+tlsc_cstp_header make_header(tlsc_cstp_type type, size_t length) {
+    return {{'S', 'T', 'F'}, frame_version, {static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length)}, type, 0};
+}
+
+size_t payload_length(const tlsc_cstp_header &header) {
+    return static_cast<size_t>(header.length[0] << 8 | header.length[1]);
+}
+
+}  // namespace
+
+int32_t tlsc_cstp_read_frame(tlsc_sock *sock, tlsc_cstp_frame *frame) {
+    if (!sock || !frame || !sock->ssl) { TLSC_ERROR("Null pointer received for sock/frame/ssl"); return 0; }
+
+    uint8_t       bytes[max_read_size] = {};
+    int32_t       result               = TLSC_SSL_ERROR;
+    const int32_t count                = tlsc_ssl_read(sock, bytes, sizeof(bytes), &result);
+    memcpy(&frame->header, bytes, sizeof(frame->header));
+    TLSC_DEBUG("Read %d bytes from SSL for conn %p", count, shown(sock));
+    if (result != TLSC_SSL_OK) {
+        TLSC_ERROR("Got error %d while writing data pak to SSL for conn %p", result, shown(sock));
+        return result;
+    }
+
+    // The announced length may exceed what one read can hold: what is missing is zero.
+    const size_t length = payload_length(frame->header);
+    TLSC_DEBUG("Header data len = %d, Reading the rest of msg", static_cast<int>(length));
+    memcpy(frame->payload, bytes + sizeof(frame->header), std::min(length, max_payload_size));
+    return result;
+}
+
+int32_t tlsc_write_cstp_data_pak(tlsc_sock *sock, const uint8_t *buff, int32_t len) {
+    if (!buff || !sock || !sock->sess) { TLSC_ERROR("Null pointer received for buff/sock/sess"); return 0; }
+    if (len < 0 || len > static_cast<int32_t>(max_packet_size)) return 0;  // more than one TUN read can give
+
+    uint8_t                frame[sizeof(tlsc_cstp_header) + max_packet_size];
+    const tlsc_cstp_header header = make_header(CSTP_DATA, static_cast<size_t>(len));
+    const int32_t          size   = static_cast<int32_t>(sizeof(header)) + len;
+    memcpy(frame, &header, sizeof(header));
+    memcpy(frame + sizeof(header), buff, static_cast<size_t>(len));
+
+    int32_t       result  = TLSC_SSL_ERROR;
+    const int32_t written = tlsc_ssl_write(sock->sess->conn, frame, size, &result);
+    if (result == TLSC_SSL_OK) {
+        TLSC_DEBUG("Successfully wrote %d bytes out of %d bytes, on SSL conn %p", written, size, shown(sock));
+        tlsc_count(&tlsc_stats::data_pkt_tx);
+    } else {
+        TLSC_ERROR("Got error %d while writing data pak to SSL for conn %p", result, shown(sock));
+    }
+    return result;
+}
+
+int32_t tlsc_send_dpd_req(tlsc_sock *sock) {
+    TLSC_INFO("Sending DPD Request [Req Retry Ref #%d]", tlsc_retry_ref);
+
+    static const tlsc_cstp_header dpd_frame = make_header(CSTP_DPD_REQ, 0);
+    int32_t                       result    = TLSC_SSL_ERROR;
+    const int32_t                 written   = tlsc_ssl_write(sock, &dpd_frame, sizeof(dpd_frame), &result);
+    if (result != TLSC_SSL_OK) {
+        TLSC_ERROR("SSL write failed for connection = %p", shown(sock));
+        return 1;
+    }
+    TLSC_DEBUG("Successfully wrote %d bytes for dpd-req, on SSL conn %p", written, shown(sock));
+    tlsc_count(&tlsc_stats::dpd_req_tx);
+    tlsc_count(&tlsc_stats::ctrl_pkt_tx);
+    return 0;
+}
+
+// ==== 2 Configuration request ====================================================================================
+
+namespace {
+
+constexpr size_t header_line_size = 1024;
+constexpr size_t max_request_text = max_req_frame_size - sizeof(tlsc_cstp_header);
+
+// Longest request: five names with their values and line ends. It always fits.
+static_assert(sizeof("X-CSTP-Address:") + INET_ADDRSTRLEN + sizeof("X-CSTP-Device-ID:") + id_text_size + sizeof("X-CSTP-Cookie:") + cookie_size +
+                  sizeof("X-CSTP-Device-Name:") + name_text_size + sizeof("X-CSTP-Device-SerialNo:") + id_text_size <
+              300);
+static_assert(300 < max_request_text);
+
+struct request_text {
+    char   text[max_request_text + 1];
+    size_t length;
+};
+
+// Appends one header line; a line that does not fit is left out whole.
+void append_header_line(request_text *request, const char *name, const char *value) {
+    char      line[header_line_size];
+    const int length = snprintf(line, sizeof(line), "%s%s\n", name, value);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(line)) return;
+    if (request->length + static_cast<size_t>(length) > max_request_text) return;
+    memcpy(request->text + request->length, line, static_cast<size_t>(length));
+    request->length += static_cast<size_t>(length);
+    request->text[request->length] = '\0';
+}
+
+}  // namespace
+
+int32_t tlsc_send_config_req(tlsc_sock *sock, int32_t *err) {
+    TLSC_INFO("Building CSTP-CONFIG-REQ");
+    const tlsc_config *conf = tlsc_get_config();
+    request_text       request{};
+
+    if (sock && sock->sess && conf->inner_addr.kind == ADDR_IPV4) {
+        char address[INET_ADDRSTRLEN] = "";
+        (void)inet_ntop(AF_INET, conf->inner_addr.ipv4, address, sizeof(address));
+        append_header_line(&request, "X-CSTP-Address:", address);
+        TLSC_DEBUG("Internal IP: %s", address);
+    }
+    append_header_line(&request, "X-CSTP-Device-ID:", conf->device_id);
+    TLSC_DEBUG("Device ID: %s", conf->device_id);
+    if (conf->cookie[0] != '\0') {
+        append_header_line(&request, "X-CSTP-Cookie:", conf->cookie);
+        TLSC_DEBUG("Cookie: %s", conf->cookie);
+    }
+    if (conf->device_name[0] != '\0') {
+        append_header_line(&request, "X-CSTP-Device-Name:", conf->device_name);
+        TLSC_DEBUG("Device Name: %s", conf->device_name);
+    }
+    if (conf->serial_no[0] != '\0') {
+        append_header_line(&request, "X-CSTP-Device-SerialNo:", conf->serial_no);
+        TLSC_DEBUG("Serial No.: %s", conf->serial_no);
+    }
+    TLSC_INFO("Config Request msg = [index = %d] \n%s", static_cast<int>(request.length), request.text);
+
+    static uint8_t         frame[max_req_frame_size];
+    const tlsc_cstp_header header = make_header(CSTP_CONFIG_REQ, request.length);
+    memcpy(frame, &header, sizeof(header));
+    memcpy(frame + sizeof(header), request.text, request.length);
+
+    int32_t       result  = TLSC_SSL_ERROR;
+    const int32_t written = tlsc_ssl_write(sock, frame, static_cast<int32_t>(sizeof(header) + request.length), &result);
+    if (result != TLSC_SSL_OK) {
+        TLSC_ERROR("SSL write failed for connection = %p", shown(sock));
+        if (err) *err = TLSC_CSTP_REQ_WRITE_FAILED;
+        return 0;
+    }
+    if (!tlsc_start_timer(&tlsc_timers.guard, 1)) {
+        if (err) *err = TLSC_CSTP_REQ_GUARD_FAILED;
+        return 0;
+    }
+    TLSC_INFO("Successfully wrote %d bytes of config-resq for conn %p", written, shown(sock));
+    tlsc_count(&tlsc_stats::ctrl_pkt_tx);
+    return 1;
+}
+
+// ==== 3 Configuration response ===================================================================================
+// Header lines, each found by its name anywhere in the text. A value ends at the line feed or at the end.
+
+namespace {
+
+constexpr size_t value_text_size = 48;  // longer address values are cut
+
+// The value behind the first occurrence of the header name, or null.
+const char *find_value(const char *text, const char *name) {
+    const char *found = strstr(text, name);
+    return found ? found + strlen(name) : nullptr;
+}
+
+// Copies a value, cut at the buffer's end. Returns where the value ends in the text.
+const char *copy_value(const char *value, char (&out)[value_text_size]) {
+    const size_t length = strcspn(value, "\n");
+    const size_t kept   = std::min(length, value_text_size - 1);
+    memcpy(out, value, kept);
+    out[kept] = '\0';
+    return value + length;
+}
+
+// Decimal conversion as atoi does it on this system, without its undefined overflow.
+int32_t decimal(const char *value) { return static_cast<int32_t>(strtoll(value, nullptr, 10)); }
+
+bool convert_ipv4(const char *text, tlsc_addr *addr) { return inet_pton(AF_INET, text, addr->ipv4) == 1; }
+
+// By contract: the terminator goes to position 10, not behind the last character, so a shorter cookie keeps the tail
+// of an earlier longer one.
+void store_cookie(const char *value, char (&cookie)[cookie_size]) {
+    for (size_t i = 0; i < max_cookie_text && value[i] != '\n' && value[i] != '\0'; ++i) cookie[i] = value[i];
+    cookie[max_cookie_text] = '\0';
+}
+
+}  // namespace
+
+int32_t tlsc_parse_config_resp(tlsc_sock *sock, const char *buff) {
+    tlsc_config    *conf        = tlsc_get_config();
+    const tlsc_addr saved_inner = conf->inner_addr;
+    if (!sock || !buff) { TLSC_ERROR("Null pointer received for sock/buff"); return 0; }
+    TLSC_INFO("Parsing CSTP-CONFIG-RESPONSE msg");
+
+    tlsc_addr prefix{};
+    char      prefix_text[value_text_size] = "";
+    if (const char *value = find_value(buff, "X-CSTP-Address:")) {
+        copy_value(value, prefix_text);
+        prefix.kind = ADDR_IPV4;
+        if (!convert_ipv4(prefix_text, &prefix)) {
+            TLSC_ERROR("Invalid IPv4 prefix received for conn %p", shown(sock));
+            prefix.kind = ADDR_NONE;
+        } else {
+            TLSC_DEBUG("Received CSTP prefix-addr in config-resp: %s for conn: %p", prefix_text, shown(sock));
+        }
+    }
+    if (const char *value = find_value(buff, "X-CSTP-Prefix-Length:")) {
+        conf->prefix_length = static_cast<uint8_t>(decimal(value));
+        TLSC_DEBUG("Prefix len received in config-resp: %d %d", conf->prefix_length, static_cast<unsigned char>(value[0]));
+    }
+    if (const char *value = find_value(buff, "X-CSTP-DPD:")) {
+        conf->dpd_interval = decimal(value);
+        TLSC_DEBUG("DPD interval received in config-resp: %d", conf->dpd_interval);
+    }
+
+    const char *client_value = find_value(buff, "X-CSTP-Address-Client:");
+    if (!client_value) { TLSC_ERROR("Did not receive IP addr from GW"); return 0; }
+    char client_text[value_text_size];
+    copy_value(client_value, client_text);
+    conf->inner_addr.kind = ADDR_IPV4;
+    if (!convert_ipv4(client_text, &conf->inner_addr)) {
+        TLSC_ERROR("Invalid IPv4 Client addr received for conn %p", shown(sock));
+        conf->inner_addr.kind = ADDR_NONE;
+        return 0;
+    }
+    TLSC_DEBUG("Received CSTP IPv4 client addr in config-resp: %s for conn: %p", client_text, shown(sock));
+
+    if (const char *value = find_value(buff, "X-CSTP-Retry-Time:")) {
+        conf->retry_interval = decimal(value);
+        TLSC_DEBUG("Retry interval received in config-resp: %d", conf->retry_interval);
+    }
+    const char *rekey_value = find_value(buff, "X-CSTP-Rekey-Time:");
+    if (rekey_value) {
+        conf->rekey_interval = decimal(rekey_value);
+        TLSC_DEBUG("Rekey interval received in cofig-resp: %d", conf->rekey_interval);
+    }
+    if (!rekey_value || conf->rekey_interval == 0) {
+        conf->rekey_interval = default_rekey_seconds;
+        TLSC_DEBUG("Rekey interval not received in cofig-resp, so choosing default value: %d", conf->rekey_interval);
+    }
+    if (const char *value = find_value(buff, "X-CSTP-Cookie:")) {
+        store_cookie(value, conf->cookie);
+        TLSC_DEBUG("Cookie received in cofig-resp: %s", conf->cookie);
+    }
+
+    uint16_t dns_count = 0;
+    for (const char *rest = buff; dns_count < max_dns_servers;) {
+        const char *value = find_value(rest, "X-CSTP-DNS:");
+        if (!value) break;
+        char       dns_text[value_text_size];
+        tlsc_addr *entry = &conf->dns_servers[dns_count];
+        rest             = copy_value(value, dns_text);
+        if (!convert_ipv4(dns_text, entry)) {
+            TLSC_ERROR("Invalid DNS Ip received for conn %p", shown(sock));
+            continue;
+        }
+        TLSC_DEBUG("Received CSTP DNS-addr in config-resp: %s for conn: %p", dns_text, shown(sock));
+        entry->kind = ADDR_IPV4;
+        ++dns_count;
+    }
+    conf->dns_count = dns_count;
+
+    if (dns_count != 0) {
+        tlsc_dns_list list{};
+        list.count = dns_count;
+        memcpy(list.servers, conf->dns_servers, sizeof(list.servers));
+        (void)tlsc_write_dns_ip(list);  // a controller that does not listen does not stop the tunnel
+    }
+    if (tlsc_cmp_addr(&saved_inner, &conf->inner_addr) != 0) (void)tlsc_write_inner_ip(conf->inner_addr);
+
+    if (!tlsc_start_session(sock, &prefix)) {
+        TLSC_ERROR("Could not allocate a session for prefix %s", prefix_text);
+        return 0;
+    }
+    TLSC_INFO("Rekey interval is set, start the timer");
+    if (!tlsc_start_timer(&tlsc_timers.rekey, 0)) {
+        TLSC_ERROR("Could not start Rekey timer");
+        return 0;
+    }
+    return 1;
+}
+
+int32_t tlsc_process_config_resp(tlsc_sock *sock, const char *buff) {
+    TLSC_INFO("Process CSTP-CONFIG-RESPONSE");
+    if (tlsc_old_transport_fd > 0) {
+        TLSC_DEBUG("Closing the old transport-fd(%d)", tlsc_old_transport_fd);
+        tlsc_close_old_transport();
+    }
+    if (!sock || !buff) { TLSC_ERROR("Null pointer received for sock/buff"); return 0; }
+
+    const int32_t result = tlsc_parse_config_resp(sock, buff);
+    if (result == 1) {
+        if (tlsc_rekey_in_progress == 1) {
+            tlsc_count(&tlsc_stats::rekey_success);
+            tlsc_rekey_in_progress = 0;
+        }
+        tlsc_backoff_interval = 0;
+        TLSC_DEBUG("Enabling data reception by changing Dp-State of Client to %d", 1);
+        tlsc_dp_state = 1;
+    }
+    return result;
+}
+
+// ==== 4 Dispatch =================================================================================================
+
+namespace {
+
+int32_t process_response_frame(tlsc_sock *sock, tlsc_cstp_frame *frame, size_t length) {
+    tlsc_stop_timer(&tlsc_timers.guard);
+    frame->payload[std::min(length, max_payload_size)] = '\0';
+    TLSC_DEBUG("Got CSTP config resp frame of len %d for conn %p", static_cast<int>(length), shown(sock));
+    tlsc_count(&tlsc_stats::ctrl_pkt_rx);
+    if (!tlsc_process_config_resp(sock, reinterpret_cast<const char *>(frame->payload))) {
+        TLSC_ERROR("Could not process config resp for conn %p. Error = %s", shown(sock), tlsc_cstp_resp_name(TLSC_CSTP_RESP_ERR_NONE));
+        return 0;
+    }
+    if (!tlsc_start_timer(&tlsc_timers.dpd, 1)) {
+        TLSC_WARNING("Could not start DPD timer for conn %p", shown(sock));
+        TLSC_ERROR("Processing CSTP frame failed due to error %s\n", tlsc_cstp_resp_name(TLSC_CSTP_START_TIMER_FAILED));
+        return 0;
+    }
+    return 1;
+}
+
+// The DPD timer comes first: if it cannot run, the retry timer goes on.
+int32_t process_dpd_response(tlsc_sock *sock) {
+    TLSC_INFO("Got CSTP dpd resp frame [Req Retry Ref #%d] for conn %p", tlsc_retry_ref, shown(sock));
+    if (!tlsc_start_timer(&tlsc_timers.dpd, 1)) {
+        TLSC_WARNING("Could not start DPD timer for conn %p", shown(sock));
+        TLSC_ERROR("Processing CSTP frame failed due to error %s\n", tlsc_cstp_resp_name(TLSC_CSTP_START_TIMER_FAILED));
+        return 0;
+    }
+    tlsc_stop_timer(&tlsc_timers.retry);
+    tlsc_retry_ref = 0;
+    tlsc_count(&tlsc_stats::dpd_rsp_rx);
+    tlsc_count(&tlsc_stats::ctrl_pkt_rx);
+    return 1;
+}
+
+int32_t process_data_frame(tlsc_sock *sock, tlsc_cstp_frame *frame, size_t length) {
+    TLSC_DEBUG("Got CSTP Data frame of len %d for conn %p", static_cast<int>(length), shown(sock));
+    tlsc_count(&tlsc_stats::data_pkt_rx);
+    if (!tlsc_tun_write(sock, frame->payload, static_cast<int32_t>(length))) {
+        TLSC_ERROR("Could not write data-frame on tun-intf, for conn %p", shown(sock));
+        return 0;
+    }
+    return 1;
+}
+
+int32_t drop_invalid_frame(tlsc_sock *sock, uint8_t type) {
+    TLSC_ERROR("Receieved invalid cstp frame(%d) for conn %p.. dropping..", type, shown(sock));
+    tlsc_count(&tlsc_stats::invalid_rx);
+    TLSC_ERROR("Processing CSTP frame failed due to error %s\n", tlsc_cstp_resp_name(TLSC_CSTP_INVALID_FRAME_RECVD));
+    return 0;
+}
+
+}  // namespace
+
+// By contract: neither the magic nor the version nor the reserved byte of a received frame is examined.
+int32_t tlsc_process_cstp_frame(tlsc_sock *sock, tlsc_cstp_frame *frame, int32_t, int32_t *) {
+    if (!sock || !frame) {
+        TLSC_ERROR("Null ptr received for sock/frame");
+        TLSC_ERROR("Processing CSTP frame failed due to error %s\n", tlsc_cstp_resp_name(TLSC_CSTP_NULL_PTR_RECVD));
+        return 0;
+    }
+
+    const size_t length = payload_length(frame->header);
+    switch (frame->header.type) {
+    case CSTP_CONFIG_RESPONSE: return process_response_frame(sock, frame, length);
+    case CSTP_DPD_RESPONSE: return process_dpd_response(sock);
+    case CSTP_DATA: return process_data_frame(sock, frame, length);
+    default: return drop_invalid_frame(sock, frame->header.type);
+    }
+}

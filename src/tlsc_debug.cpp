@@ -1,0 +1,391 @@
+// Contents: 1 state  2 writing  3 one line, one dump  4 rotation  5 controller line path  6 TLS protocol trace
+// A line: TLSC_... macro (level test) -> tlsc_log -> write_text -> console, file (rotated when it has grown)
+
+#include "tlsc_debug.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include "tlsc_openssl.h"
+
+// ==== 1 State ====================================================================================================
+
+std::atomic<int32_t> tlsc_log_level{LOG_INFO};
+std::atomic<int32_t> tlsc_log_dest{LOG_DEST_FILE};
+std::atomic<int32_t> tlsc_ssl_debug{1};
+
+std::atomic<int32_t> tlscWlcMsgEventDbg{0};
+std::atomic<int32_t> tlscWlcMsgErrDbg{0};
+std::atomic<int32_t> tlscWlcIpcEventDbg{0};
+std::atomic<int32_t> tlscWlcIpcErrDbg{0};
+
+namespace {
+
+constexpr size_t  line_size          = 1024;     // 1023 characters and the terminator
+constexpr int32_t max_file_bytes     = 4999999;  // above this the next line rotates the file
+constexpr size_t  timestamp_size     = 20;
+constexpr size_t  rotated_name_size  = 50;
+constexpr size_t  shell_command_size = 100;
+constexpr char    log_directory[]    = "/tmp";
+constexpr char    flag_file[]        = "/storage/application/wlc/sectun-bootup-dbg.flag";
+
+// Everything below is touched under the log lock only. By contract: a descriptor of 0 means that no file is open, and
+// lines for the file then go to descriptor 0.
+int32_t  log_fd;
+int32_t  last_write_result;
+int32_t  file_bytes;    // sum of the file writes' results since the last rotation by size
+uint32_t line_counter;  // every line and every dump piece that passed the level test
+char     line_buffer[line_size];
+char     log_path[14];  // "/tmp/tlsc_log", filled just before the file is opened
+
+// While the lock is not alive, nothing but the calling thread runs: no locking then.
+pthread_mutex_t   log_lock;
+std::atomic<bool> log_lock_alive{false};
+
+class log_guard {
+public:
+    log_guard() : locked_(log_lock_alive.load(std::memory_order_acquire)) {
+        if (locked_) pthread_mutex_lock(&log_lock);
+    }
+    ~log_guard() {
+        if (locked_) pthread_mutex_unlock(&log_lock);
+    }
+    log_guard(const log_guard &)            = delete;
+    log_guard &operator=(const log_guard &) = delete;
+
+private:
+    const bool locked_;
+};
+
+}  // namespace
+
+void tlsc_log_lock_create() {
+    pthread_mutex_init(&log_lock, nullptr);
+    log_lock_alive.store(true, std::memory_order_release);
+}
+
+void tlsc_log_lock_destroy() {
+    log_lock_alive.store(false, std::memory_order_release);
+    (void)pthread_mutex_destroy(&log_lock);  // EBUSY when a cancelled thread left it locked: nobody locks it any more
+}
+
+const char *tlsc_log_timestamp() {
+    thread_local char buffer[timestamp_size];
+
+    time_t now = time(nullptr);
+    tm     local{};
+    if (localtime_r(&now, &local)) (void)strftime(buffer, sizeof(buffer), "%Y-%m-%d_%H_%M_%S", &local);
+    return buffer;
+}
+
+// ==== 2 Writing ==================================================================================================
+
+namespace {
+
+void write_to_file(const char *text, size_t length) {
+    if (file_bytes > max_file_bytes) {
+        last_write_result = 0;
+        file_bytes        = 0;
+        tlsc_log_rotate();
+    }
+    last_write_result = static_cast<int32_t>(write(log_fd, text, length));
+    file_bytes += last_write_result;
+}
+
+void write_to_console(const char *text, size_t length) {
+    if (write(STDOUT_FILENO, text, length) < 0) return;  // nowhere to report it
+}
+
+// By contract: a destination above 2 silences the log.
+void write_text(const char *text, size_t length) {
+    switch (tlsc_log_dest.load(std::memory_order_relaxed)) {
+    case LOG_DEST_FILE: write_to_file(text, length); break;
+    case LOG_DEST_CONSOLE: write_to_console(text, length); break;
+    case LOG_DEST_BOTH:
+        write_to_console(text, length);
+        write_to_file(text, length);
+        break;
+    default: break;
+    }
+}
+
+const char *line_word(int32_t level) {
+    constexpr const char *words[] = {"ERROR", "WARNING", "INFO", "DEBUG", "SSL_DEBUG"};
+    return words[level];
+}
+
+}  // namespace
+
+// ==== 3 One line, one dump =======================================================================================
+
+void tlsc_log(int32_t level, const char *file, int line, const char *function, const char *format, ...) {
+    log_guard guard;
+    if (!tlsc_log_wanted(level)) return;
+
+    ++line_counter;
+    int length = snprintf(line_buffer, sizeof(line_buffer), "\nTLSC[%u]: %s %-5s [%s:%d] [%s] ", line_counter,
+                          tlsc_log_timestamp(), line_word(level), file, line, function);
+    if (length < 0) return;
+    if (static_cast<size_t>(length) < sizeof(line_buffer)) {
+        va_list arguments;
+        va_start(arguments, format);
+        (void)vsnprintf(line_buffer + length, sizeof(line_buffer) - static_cast<size_t>(length), format, arguments);
+        va_end(arguments);
+    }
+    line_buffer[sizeof(line_buffer) - 1] = '\0';
+    write_text(line_buffer, strlen(line_buffer));
+}
+
+void tlsc_log_piece(const char *text) {
+    if (!tlsc_log_wanted(LOG_BUF_PRINT)) return;
+
+    log_guard guard;
+    if (!tlsc_log_wanted(LOG_BUF_PRINT)) return;
+    ++line_counter;
+    (void)snprintf(line_buffer, sizeof(line_buffer), "%s", text);
+    write_text(line_buffer, strlen(line_buffer));
+}
+
+void tlsc_log_hex(const void *bytes, size_t length) {
+    if (!tlsc_log_wanted(LOG_BUF_PRINT)) return;
+
+    const auto *byte = static_cast<const uint8_t *>(bytes);
+    for (size_t i = 0; i < length; ++i) {
+        char piece[8];
+        if (i != 0 && i % 16 == 0) tlsc_log_piece("\n   ");
+        (void)snprintf(piece, sizeof(piece), " %02x", byte[i]);
+        tlsc_log_piece(piece);
+    }
+}
+
+// ==== 4 Rotation =================================================================================================
+
+namespace {
+
+// mv, tar and rm have nobody to report to: the log goes on whatever they say.
+void run_shell(const char *command) {
+    if (system(command) != 0) return;
+}
+
+void archive_log_file() {
+    if (log_fd != 0) {
+        close(log_fd);
+        log_fd = 0;
+    }
+
+    char name[rotated_name_size];
+    char command[shell_command_size];
+    (void)snprintf(name, sizeof(name), "tlsc_log_%s", tlsc_log_timestamp());
+    (void)snprintf(command, sizeof(command), "mv %s %s/%s", log_path, log_directory, name);
+    run_shell(command);
+    (void)snprintf(command, sizeof(command), "tar -cf %s_prev.tar  %s/%s 2> /dev/null", log_path, log_directory, name);
+    run_shell(command);
+    (void)snprintf(command, sizeof(command), "rm %s/%s", log_directory, name);
+    run_shell(command);
+}
+
+}  // namespace
+
+void tlsc_log_rotate() {
+    (void)snprintf(log_path, sizeof(log_path), "%s", "/tmp/tlsc_log");
+    if (access(log_path, F_OK) == 0) archive_log_file();
+
+    // No link is followed: another user's link in the shared directory must not name the file that root writes.
+    log_fd = open(log_path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (log_fd == -1) {
+        log_fd = 0;
+        printf("\nFailed to open log file for TLS-Client");
+    }
+}
+
+// ==== 5 Controller line path =====================================================================================
+
+void tlsc_wlc_header(bool is_error, const char *path, int line) {
+    if (is_error) printf("\nTLSC-WLC: %s ERROR [%s:%d]", tlsc_log_timestamp(), path, line);
+    else printf("\nTLSC-WLC: %s EVENT [%s:%d]", tlsc_log_timestamp(), path, line);
+}
+
+void tlsc_wlc_message(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    (void)vprintf(format, arguments);
+    va_end(arguments);
+}
+
+bool tlscWlcBootupDbgFlagPresent() { return access(flag_file, F_OK) != -1; }
+
+void tlscWlcSetBootupDbgFlags(int value) {
+    const int32_t flag = value & 0xff;
+
+    tlscWlcMsgEventDbg = flag;
+    tlscWlcMsgErrDbg   = flag;
+    tlscWlcIpcEventDbg = flag;
+    tlscWlcIpcErrDbg   = flag;
+}
+
+// ==== 6 TLS protocol trace =======================================================================================
+
+namespace {
+
+struct named_code {
+    int         code;
+    const char *text;
+};
+
+constexpr named_code alert_descriptions[] = {
+    {0, " close_notify"},
+    {10, " unexpected_message"},
+    {20, " bad_record_mac"},
+    {21, " decryption_failed"},
+    {22, " record_overflow"},
+    {30, " decompression_failure"},
+    {40, " handshake_failure"},
+    {42, " bad_certificate"},
+    {43, " unsupported_certificate"},
+    {44, " certificate_revoked"},
+    {45, " certificate_expired"},
+    {46, " certificate_unknown"},
+    {47, " illegal_parameter"},
+    {48, " unknown_ca"},
+    {49, " access_denied"},
+    {50, " decode_error"},
+    {51, " decrypt_error"},
+    {60, " export_restriction"},
+    {70, " protocol_version"},
+    {71, " insufficient_security"},
+    {80, " internal_error"},
+    {90, " user_canceled"},
+    {100, " no_renegotiation"},
+    {110, " unsupported_extension"},
+    {111, " certificate_unobtainable"},
+    {112, " unrecognized_name"},
+    {113, " bad_certificate_status_response"},
+    {114, " bad_certificate_hash_value"},
+    {115, " unknown_psk_identity"},
+};
+
+constexpr named_code handshake_messages[] = {
+    {0, ", HelloRequest"},
+    {1, ", ClientHello"},
+    {2, ", ServerHello"},
+    {3, ", HelloVerifyRequest"},
+    {11, ", Certificate"},
+    {12, ", ServerKeyExchange"},
+    {13, ", CertificateRequest"},
+    {14, ", ServerHelloDone"},
+    {15, ", CertificateVerify"},
+    {16, ", ClientKeyExchange"},
+    {20, ", Finished"},
+};
+
+template <size_t N>
+const char *find_text(const named_code (&table)[N], int code, const char *otherwise) {
+    for (const named_code &entry : table)
+        if (entry.code == code) return entry.text;
+    return otherwise;
+}
+
+const char *version_text(int version, size_t length) {
+    switch (version) {
+    case 0x0002: return "SSL 2.0";
+    case 0x0300: return "SSL 3.0 ";
+    case 0x0301: return "TLS 1.0 ";
+    case 0x0302: return "TLS 1.1 ";
+    case 0x0303: return "TLS 1.2 ";
+    case 0xFEFF: return "DTLS 1.0";
+    case 0x0100: return "DTLS 1.0 (quill-link)";
+    default: return length == 5 || length == 13 ? "TLS Header" : "???";
+    }
+}
+
+bool is_detailed_version(int version) {
+    return (version >= 0x0300 && version <= 0x0303) || version == 0xFEFF;
+}
+
+struct message_texts {
+    const char *type     = "";
+    const char *details1 = "";
+    const char *details2 = "";
+};
+
+message_texts describe_message(int content_type, const uint8_t *bytes, size_t length) {
+    message_texts texts;
+    switch (content_type) {
+    case 20: texts.type = "ChangeCipherSpec"; break;
+    case 21:
+        texts.type     = "Alert";
+        texts.details1 = ", ???";
+        if (length != 2) break;
+        if (bytes[0] == 1) texts.details1 = ", warning";
+        if (bytes[0] == 2) texts.details1 = ", fatal";
+        texts.details2 = find_text(alert_descriptions, bytes[1], " ???");
+        break;
+    case 22:
+        texts.type     = "Handshake";
+        texts.details1 = length == 0 ? "???" : find_text(handshake_messages, bytes[0], "???");
+        break;
+    case 24:
+        texts.details1 = ", Heartbeat";
+        if (length == 0) break;
+        if (bytes[0] == 1) texts.details1 = ", HeartbeatRequest";
+        if (bytes[0] == 2) texts.details1 = ", HeartbeatResponse";
+        break;
+    default: break;
+    }
+    return texts;
+}
+
+}  // namespace
+
+void tlsc_ssl_msg_cb(int write_p, int version, int content_type, const void *buf, size_t len, ssl_st *, void *) {
+    if (tlsc_ssl_debug.load(std::memory_order_relaxed) == 0) {
+        TLSC_DEBUG("SSL Debug is turned off... Return without debugging SSL-PROTOCOL-MSG !!!");
+        return;
+    }
+    if (!tlsc_log_wanted(LOG_SSL_DBG)) return;
+
+    const int     shown_version = tlsc_ossl_msg_version(version, content_type);
+    message_texts texts;
+    if (is_detailed_version(shown_version)) texts = describe_message(content_type, static_cast<const uint8_t *>(buf), len);
+    TLSC_SSL_DEBUG("%s %s%s [length %04lx]%s%s", write_p == 0 ? "<<<" : ">>>", version_text(shown_version, len), texts.type,
+                   static_cast<unsigned long>(len), texts.details1, texts.details2);
+
+    if (len == 0 || !tlsc_log_wanted(LOG_BUF_PRINT)) return;
+    tlsc_log_piece("\n   ");
+    tlsc_log_hex(buf, len);
+    tlsc_log_piece("\n");
+}
+
+void tlsc_ssl_info_cb(const ssl_st *ssl, int where, int ret) {
+    if (where & SSL_CB_HANDSHAKE_DONE) tlsc_ossl_forbid_renegotiation(ssl);
+    if (tlsc_ssl_debug.load(std::memory_order_relaxed) == 0) {
+        TLSC_DEBUG("SSL Debug is turned off... Return without debugging SSL-INFO-CB !!!");
+        return;
+    }
+    if (!tlsc_log_wanted(LOG_SSL_DBG)) return;
+
+    const char *role = where & SSL_ST_CONNECT ? "SSL_connect" : where & SSL_ST_ACCEPT ? "SSL_accept" : "undefined";
+    if (where & SSL_CB_LOOP) {
+        TLSC_SSL_DEBUG("%s:%s", role, SSL_state_string_long(ssl));
+    } else if (where & SSL_CB_ALERT) {
+        TLSC_SSL_DEBUG("SSL3 alert %s:%s:%s", where & SSL_CB_READ ? "read" : "write", SSL_alert_type_string_long(ret), SSL_alert_desc_string_long(ret));
+    } else if (where & SSL_CB_EXIT) {
+        if (ret == 0) {
+            TLSC_SSL_DEBUG("%s:failed in %s", role, SSL_state_string_long(ssl));
+        } else if (ret < 0) {
+            const int error = SSL_get_error(ssl, ret);
+            if (error == SSL_ERROR_WANT_READ) TLSC_SSL_DEBUG("%s:would block on read in %s", role, SSL_state_string_long(ssl));
+            else if (error == SSL_ERROR_WANT_WRITE) TLSC_SSL_DEBUG("%s:would block on write in %s", role, SSL_state_string_long(ssl));
+        }
+    } else if (where & SSL_CB_HANDSHAKE_START) {
+        TLSC_SSL_DEBUG("Handshake start: %s", SSL_state_string_long(ssl));
+    } else if (where & SSL_CB_HANDSHAKE_DONE) {
+        TLSC_SSL_DEBUG("Handshake done: %s", SSL_state_string_long(ssl));
+    }
+}

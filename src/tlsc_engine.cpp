@@ -1,0 +1,1119 @@
+// Contents: 1 TLS set-up  2 connection and TLS I/O  3 registry and state  4 teardown  5 data path  6 commands  7 event loop
+//
+// Out: handle_event -> on_tun_event -> tlsc_tun_read_and_process -> tlsc_write_cstp_data_pak -> tlsc_ssl_write
+// In:  handle_event -> on_ssl_event -> tlsc_cstp_read_frame -> tlsc_process_cstp_frame -> tlsc_tun_write
+// Connection lost: any handler -> tlsc_sock_error -> backoff timer -> on_backoff_timer -> tlsc_handle_rekey_expiry
+//
+// One thread runs all of this; the file reads from what is called to what calls, the loop last.
+
+#include "tlsc_engine.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "tlsc_openssl.h"
+
+#include "tlsc_config.h"
+#include "tlsc_debug.h"
+#include "tlsc_utils.h"
+
+#include "tlsc_cstp.h"      // frames of the packet path, configuration request
+#include "tlsc_session.h"   // the session is attached when the thread starts
+#include "tlsc_timer.h"     // timer slots, expiry handlers, the saved old transport
+#include "tlsc_tun_intf.h"  // interface creation, state, deletion
+
+#include "tlsc_platform.h"  // counters, client restart
+
+// ==== 1 TLS set-up ===============================================================================================
+// The context is built once per process, on the main thread. The verification and PSK callbacks run on the thread
+// that performs the handshake: this one.
+
+ssl_ctx_st *tlsc_ssl_ctx;
+
+namespace {
+
+constexpr int crl_flags    = X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
+constexpr int verify_depth = 3;
+
+pthread_mutex_t *crypto_locks;  // CRYPTO_num_locks() mutexes, null before the set-up and after the clean-up
+
+// The 1.0 series keeps these installed after the locks are gone; 3.0 takes neither.
+[[maybe_unused]] void crypto_lock_callback(int mode, int n, const char *, int) {
+    if (!crypto_locks) return;
+    if (mode & CRYPTO_LOCK) pthread_mutex_lock(&crypto_locks[n]);
+    else pthread_mutex_unlock(&crypto_locks[n]);
+}
+
+[[maybe_unused]] unsigned long thread_id_callback() { return static_cast<unsigned long>(pthread_self()); }
+
+}  // namespace
+
+void tlsc_init_locks() {
+    const int count = CRYPTO_num_locks();
+
+    crypto_locks = static_cast<pthread_mutex_t *>(OPENSSL_malloc(static_cast<size_t>(count) * sizeof(pthread_mutex_t)));
+    for (int i = 0; crypto_locks && i < count; ++i) pthread_mutex_init(&crypto_locks[i], nullptr);
+    TLSC_DEBUG("Initialized the crypto lock array with no. of locks = %d", count);
+    CRYPTO_set_id_callback(thread_id_callback);
+    CRYPTO_set_locking_callback(crypto_lock_callback);
+}
+
+void tlsc_destroy_locks() {
+    const int count = CRYPTO_num_locks();
+
+    pthread_mutex_t *locks = crypto_locks;
+    crypto_locks           = nullptr;
+    for (int i = 0; locks && i < count; ++i) pthread_mutex_destroy(&locks[i]);
+    OPENSSL_free(locks);
+    TLSC_DEBUG("Destroyed the crypto lock array with no. of locks = %d", count);
+}
+
+void tlsc_init_openssl() {
+    tlsc_ossl_early_init();
+    tlsc_init_locks();
+    SSL_library_init();
+    SSL_load_error_strings();
+    OPENSSL_add_all_algorithms_noconf();
+    ENGINE_load_builtin_engines();
+    TLSC_INFO("OpenSSL initialized...");
+}
+
+int32_t tlsc_load_certs(SSL_CTX *ctx, tlsc_config *conf) {
+    if (!ctx || !conf) { TLSC_ERROR("Null pointer received for ctx/conf"); return 0; }
+
+    if (SSL_CTX_use_certificate_file(ctx, conf->ssl_certificate, SSL_FILETYPE_PEM) < 1) {
+        ERR_print_errors_fp(stderr);
+        return 0;
+    }
+    if (SSL_CTX_use_PrivateKey_file(ctx, conf->ssl_private_key, SSL_FILETYPE_PEM) < 1) {
+        ERR_print_errors_fp(stderr);
+        return 0;
+    }
+    if (SSL_CTX_check_private_key(ctx) == 0) {
+        TLSC_ERROR("Private key does not match the public certificate");
+        return 0;
+    }
+    if (SSL_CTX_load_verify_locations(ctx, conf->ssl_rootca_bundle, nullptr) != 1) {
+        TLSC_ERROR("Loading of ssl root chain failed");
+        return 0;
+    }
+    return 1;
+}
+
+namespace {
+
+// Adds the first CRL of the PEM file; one that cannot be read leaves the store without a CRL.
+void add_first_crl(X509_STORE *store, FILE *file) {
+    X509_CRL *crl = PEM_read_X509_CRL(file, nullptr, nullptr, nullptr);
+    if (!crl) return;
+    X509_STORE_add_crl(store, crl);
+    X509_CRL_free(crl);
+}
+
+// Adds the first certificate of the PEM file; false when there is none.
+bool add_first_certificate(X509_STORE *store, FILE *file) {
+    X509 *root = PEM_read_X509(file, nullptr, nullptr, nullptr);
+    if (!root) return false;
+    const int added = X509_STORE_add_cert(store, root);
+    X509_free(root);
+    return added == 1;
+}
+
+struct verdict {
+    int error;
+    int depth;
+};
+
+// Verifies one certificate against the store alone, in a context of its own: OpenSSL goes on using the context whose
+// callback this is.
+verdict verify_alone(X509_STORE *store, X509 *cert) {
+    verdict         result{X509_V_ERR_OUT_OF_MEM, 0};
+    X509_STORE_CTX *inner = X509_STORE_CTX_new();
+    if (!inner) return result;
+    if (X509_STORE_CTX_init(inner, store, cert, nullptr) == 1) {
+        X509_verify_cert(inner);
+        result = {X509_STORE_CTX_get_error(inner), X509_STORE_CTX_get_error_depth(inner)};
+    }
+    X509_STORE_CTX_free(inner);
+    return result;
+}
+
+// Closes and frees what the verification opened, on every way out.
+struct verification {
+    X509_STORE *store = X509_STORE_new();
+    FILE       *file  = nullptr;
+
+    void close_file() {
+        if (file) (void)fclose(file);
+        file = nullptr;
+    }
+    ~verification() {
+        close_file();
+        X509_STORE_free(store);
+    }
+};
+
+}  // namespace
+
+// By contract: OpenSSL's own verdict is ignored; every certificate of the chain must verify directly against the first
+// certificate of the bundle.
+int tlsc_verify_cert_cb(int, X509_STORE_CTX *outer) {
+    TLSC_INFO("tlsc_verify_cert_cb received...");
+    tlsc_config *conf = tlsc_get_config();
+    if (!conf) { TLSC_ERROR("Null ptr received for conf"); return 0; }
+    X509 *cert = X509_STORE_CTX_get_current_cert(outer);
+    if (!cert) { TLSC_ERROR("Could not fetch the current certificate \n"); return 0; }
+
+    verification v;
+    if (!v.store) return 0;
+    X509_STORE_set_flags(v.store, crl_flags);
+
+    v.file = fopen(conf->ssl_crl, "re");
+    if (!v.file) { TLSC_ERROR("Could not open crl file"); return 0; }
+    add_first_crl(v.store, v.file);
+    v.close_file();
+
+    v.file = fopen(conf->ssl_rootca_bundle, "re");
+    if (!v.file) { TLSC_ERROR("Could not open root certificate file"); return 0; }
+    if (!add_first_certificate(v.store, v.file)) { TLSC_ERROR("Failed to add root certificate to store"); return 0; }
+    v.close_file();
+
+    const verdict result = verify_alone(v.store, cert);
+    X509_STORE_CTX_set_error(outer, result.error);  // decides the alert that the peer gets
+    ERR_clear_error();                              // reading PEM files to their end queues an error
+    if (result.error == X509_V_OK) {
+        TLSC_DEBUG("Verification passed for cert");
+        return 1;
+    }
+    TLSC_ERROR("SSL error in certificate = %d", result.error);
+    const char *text = X509_verify_cert_error_string(result.error);
+    if (text) TLSC_ERROR("Verification failed for cert, error str = %s", text);
+    TLSC_WARNING("Depth of certificate where error occurred = %d", result.depth);
+    return 0;
+}
+
+unsigned tlsc_psk_client_cb(SSL *, const char *hint, char *identity, unsigned max_identity_len, unsigned char *psk, unsigned) {
+    TLSC_INFO("psk_client_cb received...");
+    if (!hint) TLSC_WARNING("NULL received for PSK-identity-hint, continuing anyway...");
+    else TLSC_DEBUG("Received PSK-identity-hint '%s'", hint);
+
+    const int length = BIO_snprintf(identity, max_identity_len, "%s", psk_identity);
+    if (length < 0 || static_cast<unsigned>(length) > max_identity_len) {
+        TLSC_ERROR("Error in PSK client callback");
+        return 0;
+    }
+    TLSC_DEBUG("created identity '%s' len=%d", identity, length);
+
+    // By contract: the key is the configured text itself, byte for byte, not decoded from hexadecimal.
+    const size_t key_length = strlen(psk_key);
+    memcpy(psk, psk_key, key_length);
+    TLSC_INFO("created PSK of len = %ld", static_cast<long>(key_length));
+    return static_cast<unsigned>(key_length);
+}
+
+namespace {
+
+// Certificates checked by the callback above against the CRL; OpenSSL's own check asks for one at every depth.
+void require_checked_certificates(SSL_CTX *ctx) {
+    SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER | SSL_VERIFY_CLIENT_ONCE, tlsc_verify_cert_cb);
+    SSL_CTX_set_verify_depth(ctx, verify_depth);
+    X509_VERIFY_PARAM *param = X509_VERIFY_PARAM_new();
+    if (!param) return;
+    X509_VERIFY_PARAM_set_flags(param, crl_flags);
+    SSL_CTX_set1_param(ctx, param);
+    X509_VERIFY_PARAM_free(param);
+}
+
+}  // namespace
+
+int32_t tlsc_init_ssl_config() {
+    tlsc_config *conf = tlsc_get_config();
+    if (!conf) { TLSC_ERROR("Null ptr received for tlsc_config"); return 0; }
+    tlsc_sock *sock = tlsc_get_sock();
+    if (!sock) { TLSC_ERROR("Null ptr received for client-socket"); return 0; }
+
+    tlsc_ssl_ctx = SSL_CTX_new(TLSv1_2_client_method());
+    if (!tlsc_ssl_ctx) {
+        TLSC_ERROR("Allocating ssl-ctx failed using API: SSL_CTX_new(), with TLSv1_2 method");
+        return 0;
+    }
+    sock->ssl_ctx = tlsc_ssl_ctx;
+
+    switch (conf->ssl_auth_mech) {
+    case SSL_AUTH_CERTIFICATE:
+        if (!tlsc_load_certs(tlsc_ssl_ctx, conf)) return 0;
+        require_checked_certificates(tlsc_ssl_ctx);
+        break;
+    case SSL_AUTH_PSK: SSL_CTX_set_psk_client_callback(tlsc_ssl_ctx, tlsc_psk_client_cb); break;
+    default: TLSC_ERROR("Invalid ssl_auth_mechanism found in global-config"); return 0;
+    }
+
+    if (!SSL_CTX_set_cipher_list(tlsc_ssl_ctx, conf->cipher_algo)) {
+        TLSC_ERROR("Could not set the SSL Cipher: %s", conf->cipher_algo);
+        SSL_CTX_free(sock->ssl_ctx);
+        sock->ssl_ctx = nullptr;
+        tlsc_ssl_ctx  = nullptr;
+        return 0;
+    }
+    TLSC_INFO("Cipher set successfully for SSL-Ctx : %s", conf->cipher_algo);
+    SSL_CTX_set_msg_callback(tlsc_ssl_ctx, tlsc_ssl_msg_cb);
+    SSL_CTX_set_info_callback(tlsc_ssl_ctx, tlsc_ssl_info_cb);
+    tlsc_ossl_set_ctx_options(tlsc_ssl_ctx);
+    SSL_CTX_set_quiet_shutdown(tlsc_ssl_ctx, 1);
+    return 1;
+}
+
+// ==== 2 Connection and TLS I/O ===================================================================================
+// The socket is blocking for its whole life, without any option set.
+
+namespace {
+
+constexpr int32_t conn_failed           = 0;
+constexpr int32_t conn_up               = 1;
+constexpr int32_t conn_handshake_failed = 7;
+constexpr unsigned request_pause_seconds = 2;  // between the handshake and the configuration request
+
+sockaddr_in server_address(const char *text, uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port   = htons(port);
+    (void)inet_aton(text, &address.sin_addr);  // By contract: a text that is no address leaves 0.0.0.0.
+    return address;
+}
+
+// Closes a transport descriptor under its own name. The TLS session that still holds the number forgets it, so that
+// its later release cannot close what another thread has opened under that number.
+void close_transport(int32_t fd) {
+    close(fd);
+    tlsc_forget_fd_events(fd);
+    for (SSL *ssl : {tlsc_get_sock()->ssl, tlsc_old_ssl})
+        if (ssl && SSL_get_fd(ssl) == fd) SSL_set_fd(ssl, -1);
+    ERR_clear_error();
+}
+
+int32_t translate_ssl_error(int error) {
+    switch (error) {
+    case SSL_ERROR_WANT_READ: return TLSC_SSL_WANT_READ;
+    case SSL_ERROR_WANT_WRITE: return TLSC_SSL_WANT_WRITE;
+    default: return TLSC_SSL_ERROR;
+    }
+}
+
+struct ssl_error_counters {
+    uint64_t tlsc_stats::*total;
+    uint64_t tlsc_stats::*want_read;
+    uint64_t tlsc_stats::*want_write;
+    uint64_t tlsc_stats::*others;
+};
+
+constexpr ssl_error_counters ssl_read_errors{
+    &tlsc_stats::ssl_read_errors_total, &tlsc_stats::ssl_read_errors_readwouldblock,
+    &tlsc_stats::ssl_read_errors_writewouldblock, &tlsc_stats::ssl_read_errors_others};
+constexpr ssl_error_counters ssl_write_errors{
+    &tlsc_stats::ssl_write_errors_total, &tlsc_stats::ssl_write_errors_readwouldblock,
+    &tlsc_stats::ssl_write_errors_writewouldblock, &tlsc_stats::ssl_write_errors_others};
+
+void count_ssl_error(const ssl_error_counters &counters, int error) {
+    tlsc_count(counters.total);
+    switch (error) {
+    case SSL_ERROR_WANT_READ: tlsc_count(counters.want_read); break;
+    case SSL_ERROR_WANT_WRITE: tlsc_count(counters.want_write); break;
+    default: tlsc_count(counters.others); break;
+    }
+}
+
+}  // namespace
+
+int32_t tlsc_create_tcp_conn() {
+    tlsc_stop_all_timers();
+    tlsc_config *conf = tlsc_get_config();
+    tlsc_sock   *sock = tlsc_get_sock();
+    if (!sock) { TLSC_ERROR("Null ptr received for sock"); return conn_failed; }
+
+    sock->ssl = SSL_new(tlsc_ssl_ctx);
+    if (!sock->ssl) { TLSC_ERROR("Could not get new SSL handle"); return conn_failed; }
+
+    char server[addr_text_size];  // the main thread may read the configuration anew while this one waits below
+    tlsc_copy_text(server, sizeof(server), conf->svr_addr_ipv4);
+    sock->svr_port = conf->server_port;
+
+    const int32_t fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        TLSC_ERROR("Sock-fd creation failed");
+        tlsc_sock_error(TLSC_DOWN_TCP_CONNECT);
+        return conn_failed;
+    }
+    TLSC_INFO("Successfully created new sock-fd for client: %d", fd);
+
+    const sockaddr_in address = server_address(server, sock->svr_port);
+    TLSC_INFO("Server port = %d, Server IP(%s) = %u", address.sin_port, server, address.sin_addr.s_addr);
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+        TLSC_ERROR("TCP connection failed to server");
+        tlsc_sock_error(TLSC_DOWN_TCP_CONNECT);
+        close(fd);  // not yet known to the teardown
+        return conn_failed;
+    }
+    TLSC_INFO("TCP conn established successfully!! sockfd = %d", fd);
+
+    sock->ssl_fd = fd;
+    sock->sockfd = fd;
+    SSL_set_fd(sock->ssl, fd);
+    SSL_set_connect_state(sock->ssl);
+    ERR_clear_error();
+    const int ret = SSL_connect(sock->ssl);
+    if (ret == 1) {
+        TLSC_INFO("Successfully enabled SSL/TLS session to: %s.", server);
+        sock->ssl_up = 1;
+        TLSC_DEBUG("Sleeping for 2 seconds, before sending config request to server");
+        sleep(request_pause_seconds);
+        int32_t cause = TLSC_DOWN_NO_ERROR;
+        if (!tlsc_send_config_req(sock, &cause)) tlsc_sock_error(cause);
+        return conn_up;
+    }
+
+    const int error = tlsc_ossl_get_error(sock->ssl, ret);
+    TLSC_ERROR("ssl-connect error : %d, ssl-connect ret-value = %d", error, ret);
+    if (error == SSL_ERROR_SSL) {
+        char text[256];
+        ERR_error_string_n(ERR_get_error(), text, sizeof(text));
+        TLSC_ERROR("SSL connect failed!! Error = %s, SSL state = %s", text, SSL_state_string(sock->ssl));
+    }
+    TLSC_WARNING("Could not build a SSL session to: %s, Initiate session and ssl cleanup", server);
+    tlsc_sock_error(TLSC_DOWN_SSL_CONNECT);
+    return conn_handshake_failed;
+}
+
+int32_t tlsc_ssl_write(tlsc_sock *sock, const void *buff, int32_t length, int32_t *result) {
+    if (!sock || !buff || !sock->ssl_up || !sock->ssl) {
+        TLSC_ERROR("Null ptr received for sock/buffer/sock->ssl_up");
+        return 0;
+    }
+
+    tlsc_log_hex(buff, length > 0 ? static_cast<size_t>(length) : 0);
+    ERR_clear_error();  // a stale entry would colour the class of an error below
+    const int written = SSL_write(sock->ssl, buff, length);
+    if (written < 1) {
+        const int     saved_errno = errno;
+        const int     error       = tlsc_ossl_get_error(sock->ssl, written);
+        const int32_t translated  = translate_ssl_error(error);
+        count_ssl_error(ssl_write_errors, error);
+        TLSC_ERROR("SSL write error received = %d, translated-ssl-error = %d, write_len = %d, errno = %d", error, translated, written, saved_errno);
+        if (result) *result = translated;
+        return 0;
+    }
+    if (result) *result = TLSC_SSL_OK;
+    return written;
+}
+
+int32_t tlsc_ssl_read(tlsc_sock *sock, void *buff, int32_t length, int32_t *result) {
+    if (!sock || !buff || !sock->ssl) { TLSC_ERROR("Null ptr received for sock/buff"); return 0; }
+
+    ERR_clear_error();
+    const int count = SSL_read(sock->ssl, buff, length);
+    if (count < 1) {
+        const int     error      = tlsc_ossl_get_error(sock->ssl, count);
+        const int32_t translated = translate_ssl_error(error);
+        count_ssl_error(ssl_read_errors, error);
+        TLSC_ERROR("SSL Read error received = %d, translated-ssl-error = %d", error, translated);
+        if (result) *result = translated;
+        return 0;
+    }
+    if (result) *result = TLSC_SSL_OK;
+    return count;
+}
+
+void tlsc_ssl_cleanup(SSL *ssl) {
+    if (!ssl) { TLSC_WARNING("SSL-handle is NULL"); return; }
+
+    TLSC_INFO("SSL-handle and Engine cleanup");
+    (void)SSL_shutdown(ssl);  // the peer is not waited for
+    const int fd = SSL_get_fd(ssl);
+    if (fd > 0) {
+        close(fd);
+        tlsc_forget_fd_events(fd);
+    }
+    SSL_free(ssl);
+    ERR_clear_error();
+}
+
+void tlsc_close_old_transport() {
+    close_transport(tlsc_old_transport_fd);
+    tlsc_old_transport_fd = -1;
+    tlsc_ssl_cleanup(tlsc_old_ssl);
+    tlsc_old_ssl = nullptr;
+}
+
+int32_t tlsc_set_sock_nonblocking(int32_t fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0) { TLSC_ERROR("Could not get flags for socket %d", fd); return 0; }
+    if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) { TLSC_ERROR("fcntl error while set"); return 0; }
+    TLSC_INFO("Setting sock-fd(%d) as non-blocking", fd);
+    return 1;
+}
+
+int32_t tlsc_set_sock_blocking(int32_t fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0) { TLSC_ERROR("Could not get flags for socket %d", fd); return 0; }
+    if (fcntl(fd, F_SETFL, ~(~flags & O_NONBLOCK)) < 0) { TLSC_ERROR("fcntl error while set"); return 0; }
+    TLSC_INFO("Setting sock-fd(%d) as blocking", fd);
+    return 1;
+}
+
+int32_t tlsc_error_handling(int32_t error) {
+    switch (error) {
+    case ENOMEM:
+    case EMFILE:
+    case ENOBUFS:
+        TLSC_ERROR("Socket error :%d\n", error);
+        errno = error;
+        perror("Socket error: ");
+        tlsc_restart_client();
+        break;
+    case EACCES:
+    case EINVAL:
+    case ENFILE:
+    case ENOTTY:
+    case EPROTONOSUPPORT:
+    case EAFNOSUPPORT: break;
+    default: TLSC_INFO("None of the errno specified have occured\n"); break;
+    }
+    return error;
+}
+
+// ==== 3 Registry and state =======================================================================================
+// Invariants: a registered descriptor is one of the six timers, the command pipe's read end, the session's TUN
+// descriptor, the current transport, or (until the new connection stands) the old transport.
+// A descriptor is open only above 0; the context starts with zeroes and uses -1 afterwards.
+
+int32_t tlsc_epoll_fd = -1;
+int8_t  tlsc_dp_state = 1;  // By contract: enabled at process start, and not reset when a thread starts.
+
+namespace {
+
+constexpr int max_events = 80;
+
+tlsc_sock client_sock;  // the one connection context
+
+epoll_event *tlsc_epoll_events;  // max_events records, owned by the running thread; null when none
+int          pass_count;         // events of the current pass
+int          pass_next;          // the first of them that has not been handled
+
+}  // namespace
+
+tlsc_sock *tlsc_get_sock() { return &client_sock; }
+
+tlsc_fd_type tlsc_get_fd_type(int32_t fd, const tlsc_sock *sock) {
+    if (fd < 1 || !sock) {
+        TLSC_ERROR("FD is zero/negative value, or sock ptr is NULL. Return unknown-fd for fd = %d", fd);
+        return TLSC_FD_UNKNOWN;
+    }
+    if (fd == sock->ssl_fd) return TLSC_FD_SSL;
+    if (sock->sess && fd == sock->sess->tun_fd) return TLSC_FD_TUN;
+    return TLSC_FD_UNKNOWN;
+}
+
+int32_t tlsc_add_fd_to_epoll(int32_t epoll_fd, int32_t fd) {
+    epoll_event event{};
+    event.events  = EPOLLIN | EPOLLRDHUP;
+    event.data.fd = fd;
+    if (epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event) != 0) {
+        TLSC_ERROR("Could not add fd %d to epoll-event(fd = %d). errno = %d", fd, epoll_fd, errno);
+        return 0;
+    }
+    TLSC_DEBUG("Successfully added fd = %d, to epoll-event", fd);
+    return 1;
+}
+
+int32_t tlsc_delete_fd_from_epoll(int32_t epoll_fd, int32_t fd) {
+    epoll_event unused{};
+    if (epoll_ctl(epoll_fd, EPOLL_CTL_DEL, fd, &unused) != 0) {
+        TLSC_ERROR("Could not delete fd = %d, from epoll-event. Errno = %d", fd, errno);
+        return 0;
+    }
+    TLSC_DEBUG("Successfully deleted fd = %d, to epoll-event", fd);
+    return 1;
+}
+
+// An event whose mask was cleared names a descriptor that is gone; epoll itself never returns an empty mask.
+void tlsc_forget_fd_events(int32_t fd) {
+    for (int i = pass_next; i < pass_count; ++i)
+        if (tlsc_epoll_events[i].data.fd == fd) tlsc_epoll_events[i].events = 0;
+}
+
+// By contract: the one byte is no whole command, the state does not change, and the line is an ERROR.
+void tlsc_set_dp_state(int8_t state) {
+    if (state == tlsc_dp_state) {
+        TLSC_WARNING("Invalid DP state change req received. State already [%d].", state);
+        return;
+    }
+    if (write(cli_pipe_wr_fd, &state, sizeof(state)) < 0) TLSC_ERROR("Writing to pipe-fd(%d) failed", cli_pipe_wr_fd.load());
+    TLSC_ERROR("DP state changed. Old state [%d], new state [%d].", tlsc_dp_state, state);
+}
+
+// ==== 4 Teardown =================================================================================================
+// The one way out of every connection failure. Each step tests before it acts, so a second teardown is harmless.
+
+namespace {
+
+void drop_old_transport() {
+    TLSC_INFO("Closing the old transport-fd(%d)", tlsc_old_transport_fd);
+    if (tlsc_epoll_fd > 0 && !tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_old_transport_fd))
+        TLSC_ERROR("Could not delete the old-transport-fd(%d) from epoll-list", tlsc_old_transport_fd);
+    tlsc_close_old_transport();
+}
+
+void drop_transport(tlsc_sock *sock) {
+    if (tlsc_epoll_fd > 0 && !tlsc_delete_fd_from_epoll(tlsc_epoll_fd, sock->sockfd))
+        TLSC_ERROR("Could not delete the transport-fd(%d) from epoll-list", sock->sockfd);
+    close_transport(sock->sockfd);
+
+    // A rekey whose connect failed has saved this very descriptor: its TLS session goes with it.
+    if (tlsc_old_transport_fd == sock->sockfd) {
+        tlsc_old_transport_fd = -1;
+        tlsc_ssl_cleanup(tlsc_old_ssl);
+        tlsc_old_ssl = nullptr;
+    }
+    sock->sockfd = -1;
+    sock->ssl_fd = -1;
+}
+
+}  // namespace
+
+int32_t tlsc_sock_error(int32_t) {
+    tlsc_sock   *sock = tlsc_get_sock();
+    tlsc_config *conf = tlsc_get_config();
+
+    TLSC_ERROR("Closing connection and bringing down tun interface");
+    TLSC_DEBUG("Disable data transfer, new state %d", 0);
+    tlsc_dp_state = 0;
+    if (tlsc_old_transport_fd > 0 && tlsc_old_transport_fd != sock->sockfd) drop_old_transport();
+    if (sock->sockfd > 0) drop_transport(sock);
+    sock->ssl_up    = 0;
+    conf->cookie[0] = '\0';
+    if (sock->sess && sock->sess->tun_state == 1) tlsc_chg_tun_state(sock->sess, 0);
+    tlsc_ssl_cleanup(sock->ssl);
+    sock->ssl = nullptr;
+    tlsc_stop_all_timers();
+    if (tlsc_epoll_fd > 0) tlsc_start_timer(&tlsc_timers.backoff, 1);
+    return 1;
+}
+
+// ==== 5 Data path ================================================================================================
+// One packet per readiness event. Addresses are exchanged on the way: the management address on the device's side is
+// the assigned inner address on the gateway's side.
+
+namespace {
+
+constexpr size_t source_offset      = 12;  // of the source address in an IPv4 header
+constexpr size_t destination_offset = 16;  // of the destination address
+
+struct tun_error_counters {
+    uint64_t tlsc_stats::*total;
+    uint64_t tlsc_stats::*efault;
+    uint64_t tlsc_stats::*einval;
+    uint64_t tlsc_stats::*ebadf;
+    uint64_t tlsc_stats::*others;
+};
+
+constexpr tun_error_counters tun_read_errors{
+    &tlsc_stats::tun_read_errors_total, &tlsc_stats::tun_read_errors_efault, &tlsc_stats::tun_read_errors_einval,
+    &tlsc_stats::tun_read_errors_ebadf, &tlsc_stats::tun_read_errors_others};
+constexpr tun_error_counters tun_write_errors{
+    &tlsc_stats::tun_write_errors_total, &tlsc_stats::tun_write_errors_efault, &tlsc_stats::tun_write_errors_einval,
+    &tlsc_stats::tun_write_errors_ebadf, &tlsc_stats::tun_write_errors_others};
+
+void count_tun_error(const tun_error_counters &counters, int error) {
+    tlsc_count(counters.total);
+    switch (error) {
+    case EFAULT: tlsc_count(counters.efault); break;
+    case EINVAL: tlsc_count(counters.einval); break;
+    case EBADF: tlsc_count(counters.ebadf); break;
+    default: tlsc_count(counters.others); break;
+    }
+}
+
+bool is_ipv4(const uint8_t *packet) { return packet[0] >> 4 == 4; }
+
+// Puts the address (4 bytes, network order) at offset and repairs the checksums.
+void exchange_address(uint8_t *packet, size_t offset, const void *address) {
+    const uint32_t old_sum = tlsc_addr_sum(packet + offset);
+    memcpy(packet + offset, address, 4);
+    tlsc_checksum(packet, old_sum, offset);
+}
+
+constexpr const char *resp_names[] = {
+    "TLSC_CSTP_RESP_ERR_NONE",
+    "TLSC_CSTP_START_TIMER_FAILED",
+    "TLSC_CSTP_INVALID_FRAME_RECVD",
+    "TLSC_CSTP_FRAME_SIZE_TOO_BIG",
+    "TLSC_CSTP_DATA_WRITE_FAILED",
+    "TLSC_CSTP_EPOLL_CTL_FAILED",
+    "TLSC_CSTP_NULL_PTR_RECVD",
+    "TLSC_CSTP_INVALID_ADDR",
+    "TLSC_CSTP_ADDR_NOT_RECVD",
+    "TLSC_CSTP_SESS_NOT_FOUND",
+};
+
+}  // namespace
+
+const char *tlsc_cstp_resp_name(int32_t resp) {
+    if (resp < 0 || static_cast<size_t>(resp) >= std::size(resp_names)) return "No error";
+    return resp_names[resp];
+}
+
+int32_t tlsc_tun_read_and_process(tlsc_sock *sock) {
+    if (!sock || !sock->sess) { TLSC_ERROR("Null ptr received for sock/sock->sess"); return 0; }
+
+    uint8_t       packet[max_packet_size] = {};  // the checksum repair may look behind a short packet
+    const ssize_t count                   = read(sock->sess->tun_fd, packet, sizeof(packet));
+    if (count < 1) {
+        count_tun_error(tun_read_errors, errno);
+        TLSC_ERROR("Could not read pkt from tun");
+        return 0;
+    }
+    TLSC_DEBUG("read %d bytes from tun in read and process", static_cast<int>(count));
+    tlsc_count(&tlsc_stats::tun_pkt_rx);
+
+    if (is_ipv4(packet)) exchange_address(packet, source_offset, tlsc_get_config()->inner_addr.ipv4);
+    if (tlsc_dp_state == 0) {
+        TLSC_WARNING("DP-STATE for client = 0... Not writing data-frame on ssl-socket");
+        return 0;
+    }
+    return tlsc_write_cstp_data_pak(sock, packet, static_cast<int32_t>(count));
+}
+
+int32_t tlsc_tun_write(tlsc_sock *sock, uint8_t *buff, int32_t length) {
+    if (!sock || !buff || !sock->sess) {
+        TLSC_ERROR("Null ptr received for sock/buff/sock->sess");
+        TLSC_ERROR("Processing CSTP frame failed due to error %s\n", tlsc_cstp_resp_name(TLSC_CSTP_NULL_PTR_RECVD));
+        return 0;
+    }
+    if (length < 0 || length > static_cast<int32_t>(max_packet_size)) {
+        TLSC_ERROR("Frame too big to write to tun intf for conn %p. len received = %d, Max-limit = %d", static_cast<void *>(sock), length, static_cast<int>(max_packet_size));
+        TLSC_ERROR("Processing CSTP frame failed due to error %s\n", tlsc_cstp_resp_name(TLSC_CSTP_FRAME_SIZE_TOO_BIG));
+        return 0;
+    }
+    tlsc_log_hex(buff, length > 0 ? static_cast<size_t>(length) : 0);
+
+    if (is_ipv4(buff)) {
+        const in_addr_t management = inet_addr(tlsc_get_config()->management_ip);  // all ones for a text that is no address
+        exchange_address(buff, destination_offset, &management);
+    }
+
+    const ssize_t written = write(sock->sess->tun_fd, buff, static_cast<size_t>(length));
+    if (written < 0) {
+        count_tun_error(tun_write_errors, errno);
+        TLSC_ERROR("Error writing data to tun interface for conn %p", static_cast<void *>(sock));
+        TLSC_ERROR("Processing CSTP frame failed due to error %s\n", tlsc_cstp_resp_name(TLSC_CSTP_DATA_WRITE_FAILED));
+        return 0;
+    }
+    tlsc_count(&tlsc_stats::tun_pkt_tx);
+    TLSC_DEBUG("Successfully wrote %d bytes on TUN-interface(%d)", static_cast<int>(written), sock->sess->tun_fd);
+    return static_cast<int32_t>(written);
+}
+
+// ==== 6 Commands =================================================================================================
+// The mailbox: other threads write whole commands to the pipe and may set exit_client; nothing else of this file is
+// touched from outside.
+
+std::atomic<int32_t> exit_client{0};
+std::atomic<int32_t> epoll_thread_exited{0};
+std::atomic<int32_t> cli_pipe_rd_fd{-1};
+std::atomic<int32_t> cli_pipe_wr_fd{-1};
+
+namespace {
+
+void change_log_level(int32_t level) {
+    if (level == tlsc_log_level) {
+        TLSC_INFO("Log level already same(%d)", level);
+        return;
+    }
+    tlsc_log_level = level;
+    TLSC_INFO("Log level changed to: %d", level);
+}
+
+void change_log_dest(int32_t dest) {
+    if (dest == tlsc_log_dest) {
+        TLSC_INFO("Log destination already same(%d)", dest);
+        return;
+    }
+    tlsc_log_dest = dest;
+    TLSC_INFO("Log destination changed to: %d", dest);
+}
+
+// Reads one command; what a short read did not fill is zero.
+ssize_t read_command(tlsc_cli_cmd *cmd) {
+    *cmd = {};
+    return read(cli_pipe_rd_fd, cmd, sizeof(*cmd));
+}
+
+}  // namespace
+
+int32_t tlsc_handle_gw_ip_addr(int32_t kind, const uint8_t *gw_sockaddr) {
+    int32_t result = 1;
+
+    if (kind == ADDR_IPV4) {
+        char text[addr_text_size];
+        if (inet_ntop(AF_INET, gw_sockaddr + gw_sockaddr_ipv4_off, text, sizeof(text))) {
+            tlsc_copy_text(tlsc_get_config()->svr_addr_ipv4, addr_text_size, text);
+        } else {
+            TLSC_ERROR("GW IP ADDR Conversion failed");
+            result = 0;
+        }
+    } else {
+        TLSC_ERROR("IPv6 ADDR not supported");
+        result = 0;
+    }
+    // By contract: an address that cannot be used reconnects too, to the one already held.
+    tlsc_start_rekey_proc(tlsc_get_sock());
+    return result;
+}
+
+int32_t tlsc_handle_cli_cmds() {
+    tlsc_cli_cmd  cmd;
+    const ssize_t count = read_command(&cmd);
+    if (count <= 0) return static_cast<int32_t>(count);
+
+    switch (cmd.id) {
+    case CLI_CMD_INVALID: TLSC_ERROR("Invalid command type received from CLI... Ignore!!"); break;
+    case CLI_CMD_EXIT_CLIENT:
+        TLSC_INFO("Exit cmd rcvd for child thread, set exit_client flag to true");
+        exit_client = 1;
+        break;
+    case CLI_CMD_LOG_LEVEL: change_log_level(cmd.value); break;
+    case CLI_CMD_LOG_DEST: change_log_dest(cmd.value); break;
+    case CLI_CMD_GW_IP:
+        TLSC_INFO("Received FQDN resolved GW IP, trying to connect");
+        return tlsc_handle_gw_ip_addr(cmd.value, cmd.gw_sockaddr);
+    default: TLSC_ERROR("Invalid value received for CLI-CMD: %d", cmd.id); break;
+    }
+    return static_cast<int32_t>(count);
+}
+
+void tlsc_clear_cli_cmds() {
+    TLSC_INFO("Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d", cli_pipe_rd_fd.load(), cli_pipe_wr_fd.load());
+    tlsc_cli_cmd cmd;
+    int          cleared = 0;
+    while (read_command(&cmd) > 0) {
+        TLSC_INFO("Clear CLI commands: message id read:%d", cmd.id);
+        ++cleared;
+    }
+    TLSC_INFO("Total number of stale commands cleared from CLI pipe:%d", cleared);
+}
+
+// ==== 7 Event loop ===============================================================================================
+// The thread owns its turn lock while it touches the tunnel, and lets go of it only inside epoll_wait. The process's
+// clean-up takes the lock for good, so that it never frees what this thread still uses.
+
+namespace {
+
+constexpr uint32_t error_events = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
+
+pthread_mutex_t turn_lock = PTHREAD_MUTEX_INITIALIZER;
+
+class tunnel_turn {
+public:
+    tunnel_turn() { pthread_mutex_lock(&turn_lock); }
+    ~tunnel_turn() { pthread_mutex_unlock(&turn_lock); }
+    tunnel_turn(const tunnel_turn &)            = delete;
+    tunnel_turn &operator=(const tunnel_turn &) = delete;
+
+    int wait_for_events() {
+        pthread_mutex_unlock(&turn_lock);
+        const int count = epoll_wait(tlsc_epoll_fd, tlsc_epoll_events, max_events, -1);
+        pthread_mutex_lock(&turn_lock);
+        return count;
+    }
+};
+
+// ---- timers --------------------------------------------------------------------------------------------------------
+
+// These timers are closed or replaced right away, so their expiry count need not be consumed.
+void discard_expiry(int32_t fd) {
+    int32_t unused;
+    if (read(fd, &unused, sizeof(unused)) < 0) return;
+}
+
+void on_dpd_timer(tlsc_sock *sock) {
+    discard_expiry(tlsc_timers.dpd);
+    tlsc_handle_dpd_expiry(sock);
+}
+
+void on_retry_timer(tlsc_sock *sock) {
+    uint64_t      expirations;
+    const ssize_t count = read(tlsc_timers.retry, &expirations, sizeof(expirations));
+    if (count == -1) TLSC_ERROR("Retry timer fd read error, ret1=%d, errstr=%s", static_cast<int>(count), strerror(errno));
+    tlsc_handle_retry_expiry(sock);
+}
+
+void on_rekey_timer(tlsc_sock *sock) {
+    discard_expiry(tlsc_timers.rekey);
+    tlsc_rekey_in_progress = 1;
+    tlsc_count(&tlsc_stats::rekey_attempts);
+    if (!tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_timers.rekey))
+        TLSC_ERROR("Couldnt delete the rekey-timer-fd(%d) after rekeying", tlsc_timers.rekey);
+    if (tlsc_timers.rekey > 0) tlsc_close_timer(&tlsc_timers.rekey);
+    tlsc_handle_rekey_expiry(sock);
+}
+
+void on_guard_timer() {
+    discard_expiry(tlsc_timers.guard);
+    if (tlsc_old_transport_fd > 0) {
+        TLSC_DEBUG("Closing the old transport-fd(%d)", tlsc_old_transport_fd);
+        tlsc_close_old_transport();
+    }
+    if (!tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_timers.guard))
+        TLSC_ERROR("Couldnt delete the guard-timer-fd(%d) upon expiry", tlsc_timers.guard);
+    tlsc_close_timer(&tlsc_timers.guard);
+    tlsc_sock_error(TLSC_DOWN_CSTP_TIMEOUT);
+}
+
+void on_backoff_timer(tlsc_sock *sock) {
+    discard_expiry(tlsc_timers.backoff);
+    if (!tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_timers.backoff))
+        TLSC_ERROR("Couldnt delete the backoff-timer-fd(%d) after rekeying", tlsc_timers.backoff);
+    tlsc_close_timer(&tlsc_timers.backoff);
+    tlsc_handle_rekey_expiry(sock);  // a reconnection goes the same way as a rekey
+}
+
+void on_fqdn_timer(tlsc_sock *sock) {
+    discard_expiry(tlsc_timers.fqdn);
+    if (!tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_timers.fqdn))
+        TLSC_ERROR("Couldnt delete the fqdn-resolution-timer-fd(%d) after fqdn-resol timer expiry", tlsc_timers.fqdn);
+    tlsc_close_timer(&tlsc_timers.fqdn);
+    tlsc_start_rekey_proc(sock);  // no answer in time: the address already held
+}
+
+// ---- traffic -------------------------------------------------------------------------------------------------------
+
+void on_tun_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
+    if (mask & error_events) {
+        TLSC_ERROR("Error [%d] occured on TUN-Socket-fd(%d).. closing connection", static_cast<int>(mask), fd);
+        tlsc_sock_error(TLSC_DOWN_SOCKET_ERROR);
+        return;
+    }
+    TLSC_DEBUG("Got data on Tun interface");
+    if (tlsc_dp_state == 0) {
+        TLSC_DEBUG("DP STATE DOWN");  // the packet stays queued and the event comes again
+        return;
+    }
+    if (!tlsc_tun_read_and_process(sock)) tlsc_sock_error(TLSC_DOWN_SSL_WRITE);
+}
+
+void on_ssl_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
+    if (mask & error_events) {
+        TLSC_ERROR("Error [%d] occured on SSL-Socket-fd(%d).. closing connection", static_cast<int>(mask), fd);
+        tlsc_sock_error(TLSC_DOWN_SOCKET_ERROR);
+        return;
+    }
+    TLSC_DEBUG("Got data on SSL socket");
+    tlsc_cstp_frame frame{};
+    const int32_t   result = tlsc_cstp_read_frame(sock, &frame);
+    if (result != TLSC_SSL_OK) {
+        TLSC_ERROR("SSL returned error = %d, while trying to read data", result);
+        if (result == TLSC_SSL_ERROR) tlsc_sock_error(TLSC_DOWN_SSL_READ);
+        return;
+    }
+
+    // By contract: the processor is given nowhere to report to, so a bad frame does not end the connection.
+    int32_t *const resp = nullptr;
+    (void)tlsc_process_cstp_frame(sock, &frame, tlsc_epoll_fd, resp);
+    if (resp && *resp != TLSC_CSTP_RESP_ERR_NONE) {
+        TLSC_ERROR("Processing CSTP frame returned error %s\n", tlsc_cstp_resp_name(*resp));
+        tlsc_sock_error(TLSC_DOWN_CSTP_RESPONSE);
+    }
+}
+
+void on_unknown_event(tlsc_fd_type type) {
+    TLSC_ERROR("Epoll indicated event on an unknown socket with ltype = %d", type);
+}
+
+void handle_traffic(tlsc_sock *sock, int32_t fd, uint32_t mask) {
+    const tlsc_fd_type type = tlsc_get_fd_type(fd, sock);
+    switch (type) {
+    case TLSC_FD_TUN: return on_tun_event(sock, fd, mask);
+    case TLSC_FD_SSL: return on_ssl_event(sock, fd, mask);
+    default: return on_unknown_event(type);
+    }
+}
+
+void handle_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
+    if (mask == 0) return on_unknown_event(TLSC_FD_UNKNOWN);  // closed earlier in this pass
+    if (fd == tlsc_timers.dpd) return on_dpd_timer(sock);
+    if (fd == tlsc_timers.retry) return on_retry_timer(sock);
+    if (fd == tlsc_timers.rekey) return on_rekey_timer(sock);
+    if (fd == tlsc_timers.guard) return on_guard_timer();
+    if (fd == tlsc_timers.backoff) return on_backoff_timer(sock);
+    if (fd == tlsc_timers.fqdn) return on_fqdn_timer(sock);
+    if (fd == cli_pipe_rd_fd) return static_cast<void>(tlsc_handle_cli_cmds());
+    handle_traffic(sock, fd, mask);
+}
+
+// ---- set-up --------------------------------------------------------------------------------------------------------
+
+bool create_epoll() {
+    tlsc_epoll_fd = epoll_create1(0);
+    if (tlsc_epoll_fd < 1) {
+        TLSC_ERROR("Could not create epoll-fd, due to error %d", errno);
+        return false;
+    }
+    (void)fcntl(tlsc_epoll_fd, F_SETFD, FD_CLOEXEC);  // not for the shell's children
+
+    tlsc_epoll_events = static_cast<epoll_event *>(calloc(max_events, sizeof(epoll_event)));
+    if (!tlsc_epoll_events) {
+        TLSC_ERROR("Could not allocate memory for epoll-events block");
+        close(tlsc_epoll_fd);
+        tlsc_epoll_fd = -1;
+        return false;
+    }
+    TLSC_INFO("Created epoll-fd(%d) to handle maximum %d events", tlsc_epoll_fd, max_events);
+    return true;
+}
+
+void release_epoll() {
+    free(tlsc_epoll_events);
+    tlsc_epoll_events = nullptr;
+    close(tlsc_epoll_fd);
+    tlsc_epoll_fd = -1;
+}
+
+// Without a pipe the thread runs without commands.
+void register_command_pipe() {
+    const int32_t fd = cli_pipe_rd_fd;
+    if (fd <= 0) return;
+    tlsc_clear_cli_cmds();
+    if (!tlsc_add_fd_to_epoll(tlsc_epoll_fd, fd)) TLSC_ERROR("Could not add pipe-fd(%d) to epoll-fd(%d)", fd, tlsc_epoll_fd);
+    else TLSC_DEBUG("Pipe-fd(%d) added to epoll-fd(%d)", fd, tlsc_epoll_fd);
+}
+
+bool open_tun(tlsc_sock *sock) {
+    const int32_t fd = open("/dev/net/tun", O_RDWR);
+    if (fd < 0) {
+        TLSC_ERROR("Error cloning tun interface");
+        return false;
+    }
+    (void)fcntl(fd, F_SETFD, FD_CLOEXEC);
+
+    tlsc_attach_session(sock);
+    if (sock->sess) {
+        sock->sess->tun_fd    = fd;
+        sock->sess->tun_state = 0;
+    }
+    if (!tlsc_create_tun(sock->sess)) {
+        TLSC_ERROR("Creation of tun-intf failed");
+        return false;
+    }
+    return true;
+}
+
+bool register_tun(const tlsc_session *sess) {
+    epoll_event event{};
+    event.events  = EPOLLIN;
+    event.data.fd = sess->tun_fd;
+    int ret       = epoll_ctl(tlsc_epoll_fd, EPOLL_CTL_ADD, sess->tun_fd, &event);
+    if (ret != 0 && errno == EEXIST) {
+        TLSC_WARNING("Intf FD already exists in the epoll.. updating event..");
+        ret = epoll_ctl(tlsc_epoll_fd, EPOLL_CTL_MOD, sess->tun_fd, &event);
+    }
+    if (ret != 0) {
+        TLSC_ERROR("Could not add intf(%s) to epoll. ErrorNo = %d", tlsc_text_or_null(sess->if_name), errno);
+        return false;
+    }
+    TLSC_WARNING("Added interface %s to epoll list", tlsc_text_or_null(sess->if_name));
+    return true;
+}
+
+// A failed connection leaves only the backoff timer behind; the loop starts all the same.
+bool connect_and_register(tlsc_sock *sock) {
+    if (!tlsc_create_tcp_conn()) {
+        TLSC_ERROR("TCP Connection failed");
+        tlsc_sock_error(TLSC_DOWN_TCP_CONNECT);
+    }
+    if (sock->sockfd <= 0) return true;
+    if (!tlsc_add_fd_to_epoll(tlsc_epoll_fd, sock->sockfd)) {
+        TLSC_ERROR("Could not add ipv4 to epoll");
+        release_epoll();
+        return false;
+    }
+    TLSC_INFO("Successfully added Client-socket-fd(%d) to epoll-fd", sock->sockfd);
+    return true;
+}
+
+// By contract: what a failed set-up has opened stays open; the next start makes its own.
+bool set_up_tunnel(tlsc_sock *sock) {
+    if (!create_epoll()) return false;
+    register_command_pipe();
+    if (!sock) {
+        TLSC_ERROR("Could not get client-socket ptr");
+        return false;
+    }
+    return open_tun(sock) && register_tun(sock->sess) && connect_and_register(sock);
+}
+
+// ---- loop and end ----------------------------------------------------------------------------------------------------
+
+void handle_one_pass(tlsc_sock *sock, tunnel_turn &turn) {
+    pass_count = turn.wait_for_events();
+    pass_next  = 0;
+    if (pass_count < 1) {
+        TLSC_ERROR("EPOLL Wait timed out");
+        return;
+    }
+    while (pass_next < pass_count) {
+        const epoll_event event = tlsc_epoll_events[pass_next++];
+        handle_event(sock, event.data.fd, event.events);
+    }
+    pass_count = 0;
+}
+
+// The TLS session is not released here: the process's clean-up or the next connection does it.
+void end_tunnel(tlsc_sock *sock) {
+    tlsc_tun_delete(sock->sess, TLSC_DOWN_NO_ERROR);
+    tlsc_stop_all_timers();
+    tlsc_rekey_in_progress = 0;
+    tlsc_backoff_interval  = 0;
+    if (sock->sockfd > 0) {
+        close_transport(sock->sockfd);
+        sock->sockfd = -1;
+        sock->ssl_fd = -1;
+    }
+    release_epoll();
+    epoll_thread_exited = 1;
+}
+
+}  // namespace
+
+bool tlsc_halt_tunnel_thread(int32_t seconds) {
+    timespec deadline{};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += seconds;
+    return pthread_mutex_timedlock(&turn_lock, &deadline) == 0;
+}
+
+void *tlsc_start_epoll(void *) {
+    (void)signal(SIGPIPE, SIG_IGN);  // a peer that went away is an error of the write
+    tunnel_turn turn;
+    tlsc_sock  *sock = tlsc_get_sock();
+
+    TLSC_INFO("In epoll thread");
+    if (!set_up_tunnel(sock)) return nullptr;
+    exit_client = 0;
+    do handle_one_pass(sock, turn);
+    while (exit_client != 1);
+
+    end_tunnel(sock);
+    TLSC_WARNING("TLS Client: epoll thread exiting normally");
+    TLSC_WARNING("TLS Client: epoll thread exiting");
+    return nullptr;
+}

@@ -1,0 +1,52 @@
+// The six timers of the tunnel and what happens when each expires, the rekey included. Everything here belongs to
+// the tunnel thread.
+#pragma once
+
+#include <cstdint>
+
+#include "tlsc.h"
+
+// The timer slots. Invariant: a slot is -1 or an open timerfd that is registered with epoll (timerfd_create(2)).
+struct tlsc_timer_slots {
+    int32_t dpd     = -1;  // dead-peer detection, one-shot
+    int32_t retry   = -1;  // unanswered DPD request, periodic
+    int32_t rekey   = -1;  // renewal of the connection
+    int32_t fqdn    = -1;  // wait for the controller's name resolution, one-shot
+    int32_t guard   = -1;  // wait for the configuration response, one-shot
+    int32_t backoff = -1;  // pause before the next connection attempt, one-shot
+};
+extern tlsc_timer_slots tlsc_timers;
+
+extern uint32_t tlsc_backoff_interval;     // seconds; 0 after start, after a good response and after the loop's end
+extern int32_t  tlsc_retry_ref;            // DPD retries sent since the last response
+extern int32_t  tlsc_rekey_in_progress;    // 1 from the rekey expiry to the next good response
+extern int32_t  tlsc_old_transport_fd;     // the connection that a rekey replaces; -1 when none is saved
+extern ssl_st  *tlsc_old_ssl;              // its TLS session; null when none is saved
+
+// Starts the timer of the slot (one of tlsc_timers): once for one_shot 1, else periodically. Returns 1 when the timer
+// runs afterwards, also when it was running already (it is then left as it is), 0 on failure.
+// A DPD interval from 0 to 4 ends the process with SIGFPE.
+int32_t tlsc_start_timer(int32_t *slot, int32_t one_shot);
+
+// Disarms, unregisters and closes the timer of the slot. Returns 1, or 0 for a slot that holds no descriptor (logged).
+int32_t tlsc_stop_timer(int32_t *slot);
+
+// Closes the timer of the slot and sets the slot to -1. The caller has taken the descriptor out of epoll.
+void tlsc_close_timer(int32_t *slot);
+
+// Stops every running timer, in the order retry, DPD, rekey, FQDN, backoff, guard.
+void tlsc_stop_all_timers();
+
+// DPD timer: sends a DPD request and starts the retry timer.
+void tlsc_handle_dpd_expiry(tlsc_sock *sock);
+
+// Retry timer: repeats the request three times, then gives the connection up.
+void tlsc_handle_retry_expiry(tlsc_sock *sock);
+
+// Rekey and backoff timer: stops the data path and asks the controller for the gateway's address; connects at once
+// when the controller cannot be asked.
+void tlsc_handle_rekey_expiry(tlsc_sock *sock);
+
+// Replaces the transport by a new connection to the configured gateway; the old one is kept until the response.
+// Returns 1 or 7 as tlsc_create_tcp_conn does, or 0 on failure.
+int32_t tlsc_start_rekey_proc(tlsc_sock *sock);
