@@ -393,7 +393,7 @@ int32_t tlsc_write_dns_ip(tlsc_dns_list list) {
     for (int i = 0; i < list.count && i < max_dns_servers; ++i) {
         char text[INET_ADDRSTRLEN];
         if (list.servers[i].kind != ADDR_IPV4) continue;
-        if (inet_ntop(AF_INET, list.servers[i].ipv4, text, sizeof(text))) TLSC_DEBUG("%d: %s\n", i + 1, text);
+        if (inet_ntop(AF_INET, list.servers[i].ipv4, text, sizeof(text))) TLSC_DEBUG("%d: %s\n", i, text);
     }
     return tlscWlcPostCloudDnsSvrInfoUpdateMsg(&list);
 }

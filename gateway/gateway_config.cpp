@@ -1,0 +1,159 @@
+#include "gateway.h"
+
+#include <openssl/rand.h>
+
+#include <stdexcept>
+
+namespace gw {
+
+// The configuration exchange and dead-peer detection.
+
+namespace {
+
+constexpr size_t payload_limit = client_frame_limit - frame_header_size;  // of a response that we compose
+constexpr size_t cookie_bytes = 5;                                        // 10 characters, see below
+
+// By contract: a cookie has exactly 10 characters, because a client that gets a shorter one keeps the end of an earlier one behind it.
+std::string new_cookie() {
+    uint8_t random[cookie_bytes];
+    if (RAND_bytes(random, sizeof random) != 1) return "";
+    return to_hex(random);
+}
+
+Json text_or_null(const std::optional<std::string> &text) {
+    return text ? Json(*text) : Json(nullptr);
+}
+
+}  // namespace
+
+void Gateway::answer_dpd(Client &client) {
+    client.count(Counter::dpd_req);
+    bool answer = client.answers_dpd.value_or(lab.answers_dpd);
+    events.emit("dpd_req", client.id(), {{"answered", answer}});
+    if (!answer) return;
+    if (!client.send_frame(frame_dpd_response, {})) return client.count(Counter::drop_queue);
+    client.count(Counter::dpd_resp);
+    events.emit("dpd_resp_sent", client.id());
+}
+
+void Gateway::take_config_request(Client &client, ByteView payload) {
+    client.count(Counter::config_req);
+    std::string text(text_of(payload));
+    ConfigRequest request = parse_config_request(text);
+    client.device_id = request.device_id.value_or("");
+    client.name = request.name.value_or("");
+    client.serial = request.serial.value_or("");
+
+    Pool::Asker asker{client.identity, client.device_id, request.cookie.value_or(""), parse_ipv4(request.address.value_or(""))};
+    Lease *before = client.lease;
+    client.lease = pool_.acquire(asker);
+    if (before) pool_.release(*before);
+    bool cookie_known = client.lease && Pool::is_known_cookie(*client.lease, asker.cookie);
+    events.emit("config_req", client.id(), {
+        {"text", text},
+        {"hex", to_hex(payload)},
+        {"address", text_or_null(request.address)},
+        {"device_id", text_or_null(request.device_id)},
+        {"cookie", text_or_null(request.cookie)},
+        {"name", text_or_null(request.name)},
+        {"serial", text_or_null(request.serial)},
+        {"cookie_known", cookie_known},
+    });
+    respond_by_mode(client);
+}
+
+void Gateway::respond_by_mode(Client &client) {
+    ConfigMode mode = lab.config;
+    if (mode.once) lab.config = {};
+    client.withheld = false;
+    switch (mode.kind) {
+    case ConfigMode::Kind::normal: return respond(client, "normal");
+    case ConfigMode::Kind::hold:
+        client.withheld = true;
+        return withhold(client, "hold");
+    case ConfigMode::Kind::delay:
+        withhold(client, "delay");
+        loop_.cancel(client.delay_timer);
+        client.delay_timer = loop_.after(mode.delay, [this, &client] { respond(client, "delayed"); });  // cancelled when the client ends
+        return;
+    case ConfigMode::Kind::drop: return withhold(client, "drop");
+    case ConfigMode::Kind::replace: return send_response(client, text_of(mode.bytes), "replaced");
+    case ConfigMode::Kind::malform: return respond_malformed(client, mode.bytes);
+    }
+}
+
+void Gateway::withhold(Client &client, const char *why) {
+    events.emit("config_resp_withheld", client.id(), {{"why", why}});
+}
+
+void Gateway::respond(Client &client, const char *how) {
+    if (!client.lease) return withhold(client, "pool_exhausted");
+    Headers headers = response_headers(client);
+    lab.overrides.apply(headers);
+    lab.overrides.forget_once();
+    std::string text = config_response_text(headers);
+    if (text.size() > payload_limit) return withhold(client, "too_long");
+    send_response(client, text, how);
+}
+
+Headers Gateway::response_headers(Client &client) {
+    if (client.lease->own_cookie.empty()) client.lease->own_cookie = options_.cookie_auto ? new_cookie() : options_.cookie;
+
+    Headers headers;
+    auto add = [&](const char *name, const std::optional<std::string> &value) {
+        if (value) headers.emplace_back(name, *value);
+    };
+    add("X-CSTP-Address", options_.prefix);
+    add("X-CSTP-Prefix-Length", options_.prefix_length);
+    add("X-CSTP-DPD", options_.dpd);
+    add("X-CSTP-Address-Client", ipv4_text(client.lease->address));
+    add("X-CSTP-Retry-Time", options_.retry);
+    add("X-CSTP-Rekey-Time", options_.rekey);
+    if (!client.lease->own_cookie.empty()) add("X-CSTP-Cookie", client.lease->own_cookie);
+    for (const std::string &dns : options_.dns) add("X-CSTP-DNS", dns);
+    return headers;
+}
+
+void Gateway::send_response(Client &client, std::string_view text, const char *how) {
+    if (!options_.allow_fatal && has_fatal_dpd(text)) return withhold(client, "fatal_dpd");
+    if (!client.send_frame(frame_config_response, bytes_of(text))) return withhold(client, "not_sent");
+    client.count(Counter::config_resp);
+    assign(client, text);
+    events.emit("config_resp_sent", client.id(), {{"text", text}, {"inner", client.inner ? ipv4_text(client.inner) : ""}, {"device_id", client.device_id}, {"how", how}});
+}
+
+// What the response says is what the client will use, whoever wrote it.
+void Gateway::assign(Client &client, std::string_view response) {
+    auto cookie = response_value(response, "X-CSTP-Cookie");
+    if (client.lease && cookie) client.lease->cookie = *cookie;
+    auto inner = parse_ipv4(response_value(response, "X-CSTP-Address-Client").value_or(""));
+    if (!inner) return;
+    drop_route(client);
+    client.inner = *inner;
+    client.configured = true;
+    if (client.lease && client.lease->address != *inner) (void)pool_.move(*client.lease, *inner);
+    Client *&active = active_[*inner];
+    if (!active || active->id() <= client.id()) active = &client;
+}
+
+void Gateway::respond_malformed(Client &client, const Bytes &raw) {
+    try {
+        client.send_record(SSL3_RT_APPLICATION_DATA, raw);
+    } catch (const std::runtime_error &) {
+        return withhold(client, "not_sent");
+    }
+    events.emit("config_resp_sent", client.id(), {{"hex", to_hex(raw)}, {"inner", ""}, {"device_id", client.device_id}, {"how", "malformed"}});
+}
+
+size_t Gateway::release_withheld(Client *only) {
+    size_t released = 0;
+    for (Client *client : clients()) {
+        if (!client->withheld || (only && only != client)) continue;
+        client->withheld = false;
+        respond(*client, "released");
+        released++;
+    }
+    return released;
+}
+
+}  // namespace gw

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <memory>
+#include <string>
+
+#include "psk_file.h"
+
+namespace gw {
+
+struct TlsOptions {
+    std::string psk_file;
+    std::string psk_hint;
+    std::string cert;
+    std::string key;
+    std::string client_ca;
+    std::string crl;
+    std::string ciphers;  // empty: chosen by what is configured
+    std::string keylog;
+};
+
+// The TLS 1.2 server context from which every connection is made.
+class TlsContext {
+public:
+    explicit TlsContext(const TlsOptions &options);  // throws UsageError that names the file or list
+    ~TlsContext();
+    TlsContext(const TlsContext &) = delete;
+    TlsContext &operator=(const TlsContext &) = delete;
+
+    SSL_CTX *get() const { return context_.get(); }
+
+private:
+    struct Free {
+        void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
+    };
+
+    void use_psk(const TlsOptions &options);
+    void use_certificate(const TlsOptions &options);
+    void require_client_certificate(const TlsOptions &options);
+    void write_keys_to(const std::string &path);
+    static unsigned find_psk(SSL *ssl, const char *identity, unsigned char *key, unsigned limit);
+    static void write_key_line(const SSL *ssl, const char *line);
+
+    std::unique_ptr<SSL_CTX, Free> context_;
+    PskTable psks_;
+    int keylog_ = -1;
+};
+
+// Who the peer is: the PSK identity, or the certificate's subject (its common name if it has one), or "".
+std::string peer_identity(SSL *ssl);
+
+// The reason of the newest entry of OpenSSL's error queue, "unknown" if there is none; empties the queue.
+std::string take_openssl_error();
+
+}  // namespace gw
