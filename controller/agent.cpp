@@ -36,13 +36,13 @@ namespace wlcctl {
 
 namespace {
 
-constexpr double check_seconds = 1;          // between two looks whether the daemon's pipe has a reader
-constexpr double probe_delay = 0.5;          // seconds for the HELLO of a daemon that has just appeared
-constexpr double accept_seconds = 10;        // in which the daemon must accept a start: 2 poll, 3 restart, and reserve
-constexpr double answer_seconds = 6;         // in which the daemon must answer: 2 poll, 2 a start before it, and reserve
-constexpr double longest_wait = 86400;       // seconds
-constexpr size_t client_limit = 64;          // connections at once
-constexpr size_t output_limit = 16u << 20;   // bytes that a client may leave unread before it is cut off
+constexpr double check_seconds = 1;               // between two looks whether the daemon's pipe has a reader
+constexpr double probe_delay = 0.5;               // seconds for the HELLO of a daemon that has just appeared
+constexpr double accept_seconds = 10;             // in which the daemon must accept a start: 2 poll, 3 restart, and reserve
+constexpr double answer_seconds = 6;              // in which the daemon must answer: 2 poll, 2 a start before it, and reserve
+constexpr double longest_wait = 86400;            // seconds
+constexpr size_t client_limit = 64;               // connections at once
+constexpr size_t output_limit = 8u << 20;         // bytes that a client may leave unread before it is cut off; all events fit
 constexpr size_t pipe_batch = 126 * record_size;  // bytes of one read: whole records, as much as a pipe holds
 
 // --- 1 set-up of pipe and socket: every failure is told in one line, and the result is then an exit status above 0 ---------
@@ -52,21 +52,27 @@ int refuse(int status, const std::string &why) {
     return status;
 }
 
-std::string failure(const std::string &what, const std::string &path) { return "cannot " + what + " " + path + ": " + strerror(errno); }
+std::string failure(const std::string &what, const std::string &path) {
+    return "cannot " + what + " " + path + ": " + strerror(errno);
+}
 
 bool is_same_file(int fd, const std::string &path) {
     struct stat by_fd, by_path;
     return fstat(fd, &by_fd) == 0 && lstat(path.c_str(), &by_path) == 0 && by_fd.st_ino == by_path.st_ino && by_fd.st_dev == by_path.st_dev;
 }
 
-// True when somebody has the pipe open for reading.
-bool has_reader(const std::string &path) {
+// Who reads a pipe: somebody, nobody (or there is no such pipe), or we are not allowed to know.
+enum class reader { present,
+                    absent,
+                    hidden };
+
+reader reader_of(const std::string &path) {
     int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) return false;
+    if (fd < 0) return errno == EACCES || errno == EPERM ? reader::hidden : reader::absent;
     struct stat facts;
     bool is_pipe = fstat(fd, &facts) == 0 && S_ISFIFO(facts.st_mode);
     close(fd);
-    return is_pipe;
+    return is_pipe ? reader::present : reader::absent;
 }
 
 // Creates the pipe, makes sure that nobody else reads it, opens it read-write and locks it.
@@ -79,7 +85,7 @@ int open_own_pipe(const std::string &path, int &fd) {
     struct stat facts;
     if (lstat(path.c_str(), &facts) != 0 || !S_ISFIFO(facts.st_mode)) return refuse(exit_failed, path + " exists and is no pipe");
     if (facts.st_uid != geteuid()) return refuse(exit_failed, "the pipe " + path + " belongs to another user");
-    if (has_reader(path)) return refuse(exit_other_controller, "another controller reads " + path);
+    if (reader_of(path) == reader::present) return refuse(exit_other_controller, "another controller reads " + path);
 
     fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) return refuse(exit_failed, failure("open the pipe", path));
@@ -142,11 +148,11 @@ struct bad_request : std::runtime_error {
 struct client {
     uint64_t number;
     int fd;
-    std::string in;           // received, not yet a whole line
-    std::string out;          // to be sent
-    bool input_over = false;  // the client sends no more
-    bool is_dead = false;     // to be closed at the end of the pass
-    bool follows = false;     // gets each new event
+    std::string in;               // received, not yet a whole line
+    std::string out;              // to be sent
+    bool input_over = false;      // the client sends no more
+    bool is_dead = false;         // to be closed at the end of the pass
+    bool follows = false;         // gets each new event
     std::set<std::string> kinds;  // of events, empty: all
     uint64_t wanted = 0;          // events still to be sent, 0: no limit
     json follow_id;
@@ -185,7 +191,7 @@ private:
     void name_answer_failed(const std::string &error);
     void on_lookup_done();
     void run_triggers();
-    std::vector<std::string> hook_facts(const char *hook, uint64_t event) const;
+    std::vector<std::string> hook_facts(const char *hook, uint64_t number) const;
     void watch_process(int32_t pid);
     bool is_process_alive() const;
     void check_reader();
@@ -197,9 +203,9 @@ private:
     void handle_request(client &c, const json &request, const json &id);
     void write_client(client &c);
     void drop_dead_clients();
-    void on_event(const json &event);
-    void push_event(client &c, const json &event);
-    void print_event(const json &event);
+    void on_event(const event &e, const json &members);
+    void push_event(client &c, const event &e);
+    void print_event(const event &e, const json &members);
     void reply(client &c, const json &id, const std::string &verb, json answer);
 
     // 6 verbs
@@ -242,12 +248,12 @@ private:
     moment m_begun = m_now;
     bool m_stop = false;
     uint64_t m_next_client = 1;
-    double m_next_check = 0;          // when the pipe's reader is looked for next
-    double m_probe_at = 0;            // when the daemon is asked what it is; 0: not
-    std::string m_send_error;         // of the last send that failed
-    int m_process = -1;               // pidfd of the daemon; -1: not known, ended, or not ours to see
-    int32_t m_process_pid = 0;        // that it belongs to
-    double m_lookup_deadline = 0;     // of the lookup under way
+    double m_next_check = 0;       // when the pipe's reader is looked for next
+    double m_probe_at = 0;         // when the daemon is asked what it is; 0: not
+    std::string m_send_error;      // of the last send that failed
+    int m_process = -1;            // pidfd of the daemon; -1: not known, ended, or not ours to see
+    int32_t m_process_pid = 0;     // that it belongs to
+    double m_lookup_deadline = 0;  // of the lookup under way
     uint64_t m_names_answered = 0;
     uint64_t m_names_failed = 0;
     std::string m_last_name_answer;
@@ -263,10 +269,11 @@ uint32_t id_of(const record &r) {
 
 // Opens the daemon's pipe, writes one record, closes it; never blocks. members: what the event tells beside id and name.
 sent agent::send(const record &r, const json &members) {
-    json event = {{"id", id_of(r)}, {"name", message_name(id_of(r))}};
-    if (members.is_object()) event.update(members);
+    json told = {{"id", id_of(r)}, {"name", message_name(id_of(r))}};
+    if (members.is_object()) told.update(members);
 
-    int fd = has_reader(m_options.to_daemon) ? open(m_options.to_daemon.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW) : -1;
+    reader who = reader_of(m_options.to_daemon);
+    int fd = who != reader::absent ? open(m_options.to_daemon.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW) : -1;
     ssize_t n = fd >= 0 ? write(fd, r.data(), r.size()) : -1;
     int error = errno;
     if (fd >= 0) close(fd);
@@ -274,24 +281,26 @@ sent agent::send(const record &r, const json &members) {
     if (n == static_cast<ssize_t>(r.size())) {
         m_state.on_daemon_reader(true, m_now);
         m_state.on_sent(id_of(r), m_now);
-        m_log.add(m_now, "sent", event);
+        m_log.add(m_now, "sent", told);
         return sent::yes;
     }
-    if (fd < 0 || error == EPIPE) {
+    if (who == reader::absent || error == ENXIO || error == EPIPE) {
         m_send_error = "the daemon is not running: nobody reads " + m_options.to_daemon;
-        event["error"] = m_send_error;
-        m_log.add(m_now, "send_failed", event);
+        told["error"] = m_send_error;
+        m_log.add(m_now, "send_failed", told);
         m_state.on_daemon_reader(false, m_now);
         return sent::no_reader;
     }
     m_send_error = error == EAGAIN ? "the daemon does not read its messages: " + m_options.to_daemon + " is full"
                                    : "cannot write to " + m_options.to_daemon + ": " + strerror(error);
-    event["error"] = m_send_error;
-    m_log.add(m_now, "send_failed", event);
+    told["error"] = m_send_error;
+    m_log.add(m_now, "send_failed", told);
     return sent::failed;
 }
 
-sent agent::send_query() { return send(encode(msg_process_query)); }
+sent agent::send_query() {
+    return send(encode(msg_process_query));
+}
 
 // Learns what can be learnt from a daemon that one knows nothing of.
 void agent::probe() {
@@ -353,13 +362,15 @@ void agent::on_lookup_done() {
 
 void agent::run_triggers() {
     for (const trigger &due : m_state.take_triggers()) {
-        const char *name = due.kind == hook_kind::up ? "up" : due.kind == hook_kind::down ? "down" : "dns";
-        const std::string &command = due.kind == hook_kind::up ? m_options.on_up : due.kind == hook_kind::down ? m_options.on_down : m_options.on_dns;
+        const char *name = due.kind == hook_kind::up ? "up" : due.kind == hook_kind::down ? "down"
+                                                                                          : "dns";
+        const std::string &command = due.kind == hook_kind::up ? m_options.on_up : due.kind == hook_kind::down ? m_options.on_down
+                                                                                                               : m_options.on_dns;
         if (!command.empty()) m_hooks.run(name, command, hook_facts(name, due.event), due.event, m_now);
     }
 }
 
-std::vector<std::string> agent::hook_facts(const char *hook, uint64_t event) const {
+std::vector<std::string> agent::hook_facts(const char *hook, uint64_t number) const {
     std::string servers;
     for (const std::string &server : m_state.dns.value) servers += (servers.empty() ? "" : " ") + server;
     bool is_down = m_state.tun.is(tunnel::down);
@@ -374,7 +385,7 @@ std::vector<std::string> agent::hook_facts(const char *hook, uint64_t event) con
             "TLSC_MANAGEMENT_IP=" + conf_value(m_options.conf, "management_ip"),
             "TLSC_GATEWAY=" + conf_value(m_options.conf, "server_ip_address"),
             "TLSC_PID=" + (m_state.pid.known() ? std::to_string(m_state.pid.value) : ""),
-            "TLSC_EVENT_NUMBER=" + std::to_string(event)};
+            "TLSC_EVENT_NUMBER=" + std::to_string(number)};
 }
 
 // Watches the daemon's process, so that its end is seen at once. A process that cannot be seen from here is not watched.
@@ -393,9 +404,9 @@ bool agent::is_process_alive() const {
 void agent::check_reader() {
     m_next_check = m_now.mono + check_seconds;
     bool was_running = m_state.running.is(true);
-    bool is_running = has_reader(m_options.to_daemon);
-    m_state.on_daemon_reader(is_running, m_now);
-    if (is_running && !was_running && m_probe_at == 0) m_probe_at = m_now.mono + probe_delay;
+    reader who = reader_of(m_options.to_daemon);
+    if (who != reader::hidden) m_state.on_daemon_reader(who == reader::present, m_now);
+    if (who == reader::present && !was_running && m_probe_at == 0) m_probe_at = m_now.mono + probe_delay;
     run_triggers();
 }
 
@@ -483,26 +494,26 @@ void agent::drop_dead_clients() {
     }
 }
 
-void agent::on_event(const json &event) {
-    print_event(event);
+void agent::on_event(const event &e, const json &members) {
+    print_event(e, members);
     for (client &c : m_clients)
-        if (c.follows) push_event(c, event);
+        if (c.follows) push_event(c, e);
 }
 
-void agent::push_event(client &c, const json &event) {
-    if (!c.kinds.empty() && !c.kinds.contains(event["kind"].get<std::string>())) return;
-    c.out += json_line(event);
+void agent::push_event(client &c, const event &e) {
+    if (!c.kinds.empty() && !c.kinds.contains(e.kind)) return;
+    c.out += e.line;
     if (c.wanted == 0 || --c.wanted > 0) return;
     c.follows = false;
-    reply(c, c.follow_id, "events", {{"exit", exit_done}, {"last", event["event"]}});
+    reply(c, c.follow_id, "events", {{"exit", exit_done}, {"last", e.number}});
 }
 
 // A reader of standard output that does not read must not stop the agent: the line is lost then, the event is not.
-void agent::print_event(const json &event) {
+void agent::print_event(const event &e, const json &members) {
     if (m_options.quiet) return;
     pollfd out = {STDOUT_FILENO, POLLOUT, 0};
     if (poll(&out, 1, 0) != 1 || !(out.revents & POLLOUT)) return;
-    std::string line = m_options.as_json ? json_line(event) : event_text(event) + "\n";
+    std::string line = m_options.as_json ? e.line : event_text(members) + "\n";
     (void)write(STDOUT_FILENO, line.data(), line.size());  // nobody to tell
 }
 
@@ -580,7 +591,8 @@ json agent::status() const {
                            {"source", interface.empty() ? "unknown" : "inferred"},
                            {"note", "from " + m_options.conf}};
 
-    const char *mode = !m_options.resolve_address.empty() ? "fixed" : !m_options.resolve_name.empty() ? "name" : "none";
+    const char *mode = !m_options.resolve_address.empty() ? "fixed" : !m_options.resolve_name.empty() ? "name"
+                                                                                                      : "none";
     std::string value = m_options.resolve_address.empty() ? m_options.resolve_name : m_options.resolve_address;
     answer["name_queries"] = {{"mode", mode},
                               {"value", value.empty() ? json(nullptr) : json(value)},
@@ -710,19 +722,25 @@ std::optional<json> agent::do_events(const json &request, client &c, const json 
         c.kinds = kinds;
         c.wanted = count;
         c.follow_id = id;
-        m_log.each_since(since, [&](const json &event) {
-            push_event(c, event);
+        m_log.each_since(since, [&](const event &e) {
+            push_event(c, e);
             return c.follows;
         });
         return std::nullopt;
     }
 
-    json answer = {{"exit", exit_done}, {"events", json::array()}, {"last", m_log.last()}};
-    m_log.each_since(since, [&](const json &event) {
-        if (kinds.empty() || kinds.contains(event["kind"].get<std::string>())) answer["events"].push_back(event);
-        return count == 0 || answer["events"].size() < count;
+    // The kept lines go into the answer as they are: as a tree they would take ten times the memory.
+    std::string list;
+    uint64_t listed = 0;
+    m_log.each_since(since, [&](const event &e) {
+        if (!kinds.empty() && !kinds.contains(e.kind)) return true;
+        list += (listed == 0 ? "" : ",") + e.line.substr(0, e.line.size() - 1);
+        return ++listed != count;
     });
-    return answer;
+    reply(c, id, "events", {{"exit", exit_done}, {"last", m_log.last()}});
+    c.out.erase(c.out.size() - 2);  // the closing brace and the line end
+    c.out += ",\"events\":[" + list + "]}\n";
+    return std::nullopt;
 }
 
 json agent::statistics_answer(int exit, const std::string &error) const {
@@ -828,7 +846,7 @@ std::optional<json> agent::do_shutdown(const json &request, client &c, const jso
     wait_for(c, id, "shutdown", deadline, [=, this](const moment &now, double &) mutable -> std::optional<json> {
         if (m_state.pid.known()) pid = m_state.describe(now)["daemon_pid"];
         json answer = {{"exit", exit_done}, {"sent", true}, {"daemon_pid", pid}};
-        if (!is_process_alive() && !has_reader(m_options.to_daemon)) {
+        if (!is_process_alive() && reader_of(m_options.to_daemon) == reader::absent) {
             answer["note"] = "the daemon has ended";
             return answer;
         }
@@ -891,7 +909,7 @@ void agent::run_timers() {
 }
 
 int agent::run() {
-    m_log.on_event = [this](const json &event) { on_event(event); };
+    m_log.on_event = [this](const event &e, const json &members) { on_event(e, members); };
     m_log.add(m_now, "agent_started", {{"pid", getpid()}});
     check_reader();
 

@@ -18,7 +18,9 @@ namespace {
 
 volatile sig_atomic_t was_interrupted = 0;  // SIGINT or SIGTERM came while following
 
-void on_interrupt(int) { was_interrupted = 1; }
+void on_interrupt(int) {
+    was_interrupted = 1;
+}
 
 // No SA_RESTART: the wait for the next line must end.
 void catch_interrupts() {
@@ -94,8 +96,8 @@ int failed(const json &request, int exit, const std::string &why, const print_op
     return print_answer({{"ok", false}, {"exit", exit}, {"verb", request["verb"]}, {"error", why}}, options);
 }
 
-void print_event(const json &event, const print_options &options) {
-    std::string line = options.as_json ? json_line(event) : event_text(event) + "\n";
+void print_event(const json &e, const print_options &options) {
+    std::string line = options.as_json ? json_line(e) : event_text(e) + "\n";
     fwrite(line.data(), 1, line.size(), stdout);
     fflush(stdout);
 }

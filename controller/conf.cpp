@@ -35,8 +35,8 @@ constexpr size_t key_width = 63;     // characters of a key and a flag that the 
 constexpr size_t value_width = 511;  // of a value
 constexpr size_t line_width = 511;   // of a line; the rest of a longer one is a line of its own
 constexpr size_t file_limit = 1 << 20;
-constexpr int rewrite_waits = 30;             // times
-constexpr useconds_t rewrite_wait = 100000;   // microseconds; the daemon's rewriting takes a little over a second
+constexpr int rewrite_waits = 30;            // times
+constexpr useconds_t rewrite_wait = 100000;  // microseconds; the daemon's rewriting takes a little over a second
 constexpr int write_attempts = 3;
 
 bool is_ipv4(const std::string &text) {
@@ -44,7 +44,9 @@ bool is_ipv4(const std::string &text) {
     return inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
-bool is_plain(unsigned char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool is_plain(unsigned char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
 
 bool is_host_name(const std::string &text) {
     if (!is_plain(static_cast<unsigned char>(text.front())) || text.find("..") != std::string::npos) return false;
@@ -72,7 +74,8 @@ std::string check_gateway(const std::string &value, std::string &warning) {
     if (is_ipv4(value)) return "";
     if (!is_host_name(value)) return "server_ip_address must be an IPv4 address or a host name";
     warning = "server_ip_address is a name: the daemon looks up no names, so its first connection fails, and later ones "
-              "need an agent with --resolve " + value;
+              "need an agent with --resolve " +
+              value;
     return "";
 }
 
@@ -118,7 +121,9 @@ void wait_for_daemon(const std::string &path) {
     for (int i = 0; i < rewrite_waits && access(temp.c_str(), F_OK) == 0; i++) usleep(rewrite_wait);
 }
 
-std::string failure(const std::string &what, const std::string &path) { return "cannot " + what + " " + path + ": " + strerror(errno); }
+std::string failure(const std::string &what, const std::string &path) {
+    return "cannot " + what + " " + path + ": " + strerror(errno);
+}
 
 bool write_all(int fd, const std::string &content) {
     for (size_t at = 0; at < content.size();) {

@@ -20,9 +20,9 @@ struct conf_entry {
 // What each key is and may be.
 struct conf_key {
     const char *name;
-    size_t limit;         // characters that the daemon keeps
+    size_t limit;  // characters that the daemon keeps
     bool required;
-    const char *preset;   // value if none is given, or null
+    const char *preset;  // value if none is given, or null
     const char *help;
 };
 extern const std::vector<conf_key> conf_keys;  // all 13, in the order in which they are written

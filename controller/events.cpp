@@ -27,16 +27,16 @@ std::string json_line(const json &value) {
 }
 
 uint64_t event_log::add(const moment &now, const char *kind, const json &members) {
-    json event = {{"event", ++m_last},
+    json whole = {{"event", ++m_last},
                   {"time", wall_text(now.wall)},
                   {"mono", static_cast<double>(static_cast<int64_t>(now.mono * 1000)) / 1000},
                   {"kind", kind}};
     if (members.is_object())
-        for (const auto &[key, value] : members.items()) event[key] = value;
+        for (const auto &[key, value] : members.items()) whole[key] = value;
 
-    m_kept.push_back(event);
+    m_kept.push_back({m_last, kind, json_line(whole)});
     if (m_kept.size() > events_kept) m_kept.pop_front();
-    if (on_event) on_event(event);
+    if (on_event) on_event(m_kept.back(), whole);
     return m_last;
 }
 

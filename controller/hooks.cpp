@@ -58,12 +58,12 @@ int spawn(pid_t &pid, std::string command, std::vector<std::string> facts) {
 
 }  // namespace
 
-void hooks::run(const char *name, const std::string &command, std::vector<std::string> facts, uint64_t event, const moment &now) {
+void hooks::run(const char *name, const std::string &command, std::vector<std::string> facts, uint64_t cause, const moment &now) {
     if (m_waiting.size() >= waiting_limit) {
         m_log.add(now, "hook_failed", {{"hook", name}, {"error", "too many hooks are waiting"}});
         return;
     }
-    m_waiting.push_back({name, command, std::move(facts), event});
+    m_waiting.push_back({name, command, std::move(facts), cause});
     tick(now);
 }
 
@@ -115,7 +115,7 @@ void hooks::start_next(const moment &now) {
     m_name = next.name;
     m_started = now.mono;
     m_ended = false;
-    m_log.add(now, "hook_started", {{"hook", m_name}, {"pid", m_running}, {"for_event", next.event}});
+    m_log.add(now, "hook_started", {{"hook", m_name}, {"pid", m_running}, {"for_event", next.cause}});
 }
 
 void hooks::collect(const moment &now) {

@@ -24,7 +24,7 @@
 namespace wlcctl {
 namespace {
 
-constexpr double start_wait = 30;     // seconds of --wait without a number
+constexpr double start_wait = 30;  // seconds of --wait without a number
 constexpr double stop_wait = 10;
 constexpr double shutdown_wait = 15;
 constexpr double answer_wait = 6;     // of --timeout, for verbs that the daemon answers
@@ -49,6 +49,26 @@ CLI::App *add_verb(CLI::App &app, const char *name, const char *help, const char
     return verb;
 }
 
+// Seconds written with digits and a point: the parser alone would also take "nan" and "inf".
+CLI::Validator seconds_from(double lowest) {
+    return CLI::Validator(
+        [lowest](const std::string &text) {
+            bool is_plain = text.find_first_not_of("0123456789.") == std::string::npos;
+            return is_plain && CLI::Range(lowest, 86400.0)(text).empty() ? std::string() : text + " is no number of seconds up to 86400";
+        },
+        "");
+}
+
+// A whole number, not below `lowest`; the parser alone would let "-1" wrap around.
+CLI::Validator whole_number_from(uint64_t lowest) {
+    return CLI::Validator(
+        [lowest](const std::string &text) {
+            bool is_plain = !text.empty() && text.size() <= 18 && text.find_first_not_of("0123456789") == std::string::npos;
+            return is_plain && strtoull(text.c_str(), nullptr, 10) >= lowest ? std::string() : text + " is no whole number from " + std::to_string(lowest);
+        },
+        "");
+}
+
 // "--wait" with or without a number of seconds; the parser gives an empty text when there is no number.
 struct optional_seconds {
     std::string given;
@@ -56,7 +76,7 @@ struct optional_seconds {
 
     void add(CLI::App *verb, const char *name, const char *help) {
         option = verb->add_option(name, given, help)->expected(0, 1)->type_name("[SECONDS]");
-        option->check([](const std::string &text) { return text.empty() ? "" : CLI::Range(0.0, 86400.0)(text); });
+        option->check([](const std::string &text) { return text.empty() ? std::string() : seconds_from(0)(text); });
     }
     bool is_set() const { return option->count() > 0; }
     double value(double preset) const { return given.empty() ? preset : strtod(given.c_str(), nullptr); }
@@ -72,17 +92,17 @@ void add_agent(CLI::App &app, command_line &line) {
     auto options = std::make_shared<agent_options>();
     CLI::App *verb = add_verb(app, "agent", "The resident part: reads, remembers and answers what the daemon says",
                               "  wlcctl agent --resolve gw.example.net\n"
-                              "  wlcctl agent --resolve-to 192.0.2.1 --on-up 'ip route add 10.9.0.0/16 dev \"$TLSC_TUN\"'");
+                              "  wlcctl agent --resolve-to 192.0.2.1 --on-up 'ip route replace 10.9.0.0/16 dev \"$TLSC_TUN\"'");
     verb->add_option("--from-daemon", options->from_daemon, "Pipe that the agent creates and reads")->type_name("PATH")->capture_default_str();
     verb->add_option("--to-daemon", options->to_daemon, "Pipe that the daemon creates and reads")->type_name("PATH")->capture_default_str();
     verb->add_option("--conf", options->conf, "Configuration file, for the hooks' environment")->type_name("PATH")->capture_default_str();
     CLI::Option *name = verb->add_option("--resolve", options->resolve_name, "Answer name queries with a fresh lookup of NAME")->type_name("NAME");
     verb->add_option("--resolve-to", options->resolve_address, "Answer name queries with ADDRESS")->type_name("ADDRESS")->excludes(name);
-    verb->add_option("--resolve-timeout", options->resolve_timeout, "Give a lookup up after so many seconds")->check(CLI::Range(0.1, 3600.0))->type_name("SECONDS")->capture_default_str();
+    verb->add_option("--resolve-timeout", options->resolve_timeout, "Give a lookup up after so many seconds")->check(seconds_from(0.1))->type_name("SECONDS")->capture_default_str();
     verb->add_option("--on-up", options->on_up, "Command to run when the tunnel is up")->type_name("CMD");
     verb->add_option("--on-down", options->on_down, "Command to run when the tunnel is down")->type_name("CMD");
     verb->add_option("--on-dns", options->on_dns, "Command to run when the DNS servers changed")->type_name("CMD");
-    verb->add_option("--hook-timeout", options->hook_timeout, "End a hook after so many seconds")->check(CLI::Range(0.1, 86400.0))->type_name("SECONDS")->capture_default_str();
+    verb->add_option("--hook-timeout", options->hook_timeout, "End a hook after so many seconds")->check(seconds_from(0.1))->type_name("SECONDS")->capture_default_str();
     verb->add_flag("--quiet", options->quiet, "Print no events");
     verb->callback([&line, options] {
         uint8_t bytes[16];
@@ -125,7 +145,7 @@ void add_wait(CLI::App &app, command_line &line) {
     auto timeout = std::make_shared<double>(start_wait);
     CLI::App *verb = add_verb(app, "wait", "Waits until the tunnel is up, or down; sends nothing", "  wlcctl wait up --timeout 60");
     verb->add_option("state", *state, "up or down")->required()->check(CLI::IsMember({"up", "down"}))->type_name("STATE");
-    verb->add_option("--timeout", *timeout, "Seconds to wait")->check(CLI::Range(0.0, 86400.0))->type_name("SECONDS")->capture_default_str();
+    verb->add_option("--timeout", *timeout, "Seconds to wait")->check(seconds_from(0))->type_name("SECONDS")->capture_default_str();
     verb->callback([&line, state, timeout] {
         line.run = [&line, state, timeout] { return ask(line, {{"verb", "wait"}, {"state", *state}, {"timeout", *timeout}}, *timeout); };
     });
@@ -142,9 +162,9 @@ void add_events(CLI::App &app, command_line &line) {
     auto options = std::make_shared<events_options>();
     CLI::App *verb = add_verb(app, "events", "Shows what happened, numbered",
                               "  wlcctl events --since 120\n  wlcctl events --follow --kind tun_up --kind tun_down");
-    verb->add_option("--since", options->since, "Only events after number N")->type_name("N");
+    verb->add_option("--since", options->since, "Only events after number N")->check(whole_number_from(0))->type_name("N");
     verb->add_option("--kind", options->kinds, "Only events of this kind (may be repeated)")->type_name("KIND")->expected(1)->take_all();
-    verb->add_option("--count", options->count, "End after N events")->check(CLI::PositiveNumber)->type_name("N");
+    verb->add_option("--count", options->count, "End after N events")->check(whole_number_from(1))->type_name("N");
     verb->add_flag("--follow", options->follow, "Go on with new events until interrupted");
     verb->callback([&line, options] {
         line.run = [&line, options] {
@@ -162,7 +182,7 @@ void add_stats(CLI::App &app, command_line &line) {
     CLI::App *verb = add_verb(app, "stats", "Shows the statistics last reported", "  wlcctl stats\n  wlcctl stats --fresh --json");
     CLI::Option *fresh = verb->add_flag("--fresh", *is_fresh, "Ask the daemon for new ones");
     verb->add_flag("--clear", *is_clear, "Have them set to zero and reported")->excludes(fresh);
-    verb->add_option("--timeout", *timeout, "Seconds to wait for the daemon")->check(CLI::Range(0.0, 86400.0))->type_name("SECONDS")->capture_default_str();
+    verb->add_option("--timeout", *timeout, "Seconds to wait for the daemon")->check(seconds_from(0))->type_name("SECONDS")->capture_default_str();
     verb->callback([&line, is_fresh, is_clear, timeout] {
         line.run = [&line, is_fresh, is_clear, timeout] {
             return ask(line, {{"verb", "stats"}, {"fresh", *is_fresh}, {"clear", *is_clear}, {"timeout", *timeout}}, *timeout);
@@ -197,7 +217,7 @@ void add_resolve(CLI::App &app, command_line &line) {
 void add_query(CLI::App &app, command_line &line, const char *name, const char *help, const char *examples) {
     auto timeout = std::make_shared<double>(answer_wait);
     CLI::App *verb = add_verb(app, name, help, examples);
-    verb->add_option("--timeout", *timeout, "Seconds to wait for the daemon")->check(CLI::Range(0.0, 86400.0))->type_name("SECONDS")->capture_default_str();
+    verb->add_option("--timeout", *timeout, "Seconds to wait for the daemon")->check(seconds_from(0))->type_name("SECONDS")->capture_default_str();
     verb->callback([&line, timeout, name] {
         line.run = [&line, timeout, name] { return ask(line, {{"verb", name}, {"timeout", *timeout}}, *timeout); };
     });
@@ -286,7 +306,8 @@ void add_conf(CLI::App &app, command_line &line) {
         std::string dashed = key.name;
         for (char &c : dashed)
             if (c == '_') c = '-';
-        std::string help = key.help + std::string(key.required ? " (required)" : key.preset ? std::string(" (default ") + key.preset + ")" : "");
+        std::string help = key.help + std::string(key.required ? " (required)" : key.preset ? std::string(" (default ") + key.preset + ")"
+                                                                                            : "");
         init->add_option("--" + dashed + ",--" + key.name, options->values[key.name], help)->type_name("TEXT");
     }
     init->add_option("--psk-key-file,--psk_key_file", options->key_file, "File that holds the key, - is standard input")->type_name("PATH")->excludes(init->get_option("--psk_key"));

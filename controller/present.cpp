@@ -9,7 +9,9 @@ namespace {
 constexpr size_t label_width = 13;  // column of the values in `status`
 constexpr size_t value_width = 17;  // column of age and source
 
-json member(const json &object, const char *name) { return object.is_object() ? object.value(name, json(nullptr)) : json(nullptr); }
+json member(const json &object, const char *name) {
+    return object.is_object() ? object.value(name, json(nullptr)) : json(nullptr);
+}
 
 std::string text(const json &value) {
     if (value.is_string()) return value.get<std::string>();
@@ -20,7 +22,9 @@ std::string text(const json &value) {
     return list.empty() ? "none" : list;
 }
 
-std::string text(const json &object, const char *name) { return text(member(object, name)); }
+std::string text(const json &object, const char *name) {
+    return text(member(object, name));
+}
 
 double number(const json &object, const char *name) {
     json value = member(object, name);
@@ -32,16 +36,18 @@ std::string padded(std::string s, size_t width) {
     return s + " ";
 }
 
-std::string ago(double seconds) { return duration_text(seconds) + " ago"; }
+std::string ago(double seconds) {
+    return duration_text(seconds) + " ago";
+}
 
 // "reported 12 s ago", "inferred 3 s ago", "unknown", and the value of earlier times if that is all there is.
 std::string age_and_source(const json &fact) {
     std::string how = text(fact, "source");
     if (fact.contains("age")) return how + " " + ago(number(fact, "age"));
     if (!fact.contains("last")) return how == "unknown" ? "" : how;
-    json value = fact["last"]["value"];
+    json last = member(fact, "last"), value = member(last, "value");
     std::string was = value.is_object() ? "" : text(value) + ", ";
-    return "last known: " + was + ago(number(fact["last"], "age"));
+    return "last known: " + was + ago(number(last, "age"));
 }
 
 std::string line(const char *label, const std::string &value, const std::string &remark) {
@@ -56,13 +62,15 @@ std::string fact_line(const char *label, const json &fact, bool has_note, const 
     return line(label, value.is_null() ? "unknown" : text(value), remark);
 }
 
-// The hour and minute of an ISO time.
-std::string clock_of(const std::string &iso) { return iso.size() >= 19 ? iso.substr(11, 8) : iso; }
+// The time of day of an ISO time: 8 characters to the second, 12 to the millisecond.
+std::string clock_of(const std::string &iso, size_t length) {
+    return iso.size() >= 11 + length ? iso.substr(11, length) : iso;
+}
 
 std::string tunnel_line(const json &fact) {
     json shown = fact;
     if (text(fact, "value") == "in_progress") shown["value"] = "in progress";
-    std::string since = fact.contains("since") ? ", so since " + clock_of(text(fact, "since")) + " UTC" : "";
+    std::string since = fact.contains("since") ? ", so since " + clock_of(text(fact, "since"), 8) + " UTC" : "";
     return fact_line("Tunnel", shown, true, since);
 }
 
@@ -96,7 +104,8 @@ std::string command_line(const json &command) {
 
 std::string queries_line(const json &queries) {
     std::string mode = text(queries, "mode");
-    std::string how = mode == "none" ? "not answered" : mode == "fixed" ? "answered with " + text(queries, "value") : "answered by looking up " + text(queries, "value");
+    std::string how = mode == "none" ? "not answered" : mode == "fixed" ? "answered with " + text(queries, "value")
+                                                                        : "answered by looking up " + text(queries, "value");
     std::string asked = text(queries, "asked") + " asked, " + text(queries, "answered") + " answered";
     if (number(queries, "failed") > 0) asked += ", " + text(queries, "failed") + " failed";
     if (!member(queries, "last_asked_age").is_null()) asked += ", last " + ago(number(queries, "last_asked_age"));
@@ -104,8 +113,9 @@ std::string queries_line(const json &queries) {
 }
 
 std::string status_text(const json &answer) {
-    std::string all = tunnel_line(answer["tunnel"]);
-    if (!member(answer["cause"], "value").is_null()) all += fact_line("Last down", answer["cause"], false);
+    json cause = member(answer, "cause");
+    std::string all = tunnel_line(member(answer, "tunnel"));
+    if (!member(cause, "value").is_null()) all += fact_line("Last down", cause, false);
     all += daemon_line(answer);
     all += fact_line("Feature", member(answer, "feature"), true);
     all += fact_line("Inner IP", member(answer, "inner_ip"), false);
@@ -126,6 +136,7 @@ std::string statistics_text(const json &fact) {
 }
 
 std::string conf_text(const json &answer) {
+    if (!answer.contains("entries")) return "";
     std::string all = text(answer, "path") + "\n";
     for (const json &entry : member(answer, "entries"))
         all += "  " + padded(text(entry, "key"), 20) + padded(text(entry, "value"), 32) + (member(entry, "flag") == 0 ? "read by the daemon" : "not yet read") + "\n";
@@ -134,11 +145,12 @@ std::string conf_text(const json &answer) {
 }
 
 // All members that follow the four common ones, as "name=value".
-std::string members_text(const json &event) {
+std::string members_text(const json &e) {
     std::string all;
-    for (const auto &[name, value] : event.items()) {
+    for (const auto &[name, value] : e.items()) {
         if (name == "event" || name == "time" || name == "mono" || name == "kind") continue;
-        all += "  " + name + "=" + (value.is_string() ? "\"" + text(value) + "\"" : value.is_array() ? "[" + text(value) + "]" : value.dump());
+        all += "  " + name + "=" + (value.is_string() ? "\"" + text(value) + "\"" : value.is_array() ? "[" + text(value) + "]"
+                                                                                                     : value.dump());
     }
     return all;
 }
@@ -156,10 +168,10 @@ std::string duration_text(double seconds) {
     return out;
 }
 
-std::string event_text(const json &event) {
-    std::string all = clock_of(text(event, "time")) + text(event, "time").substr(19, 4) + "  #" + text(event, "event") + "  " + text(event, "kind");
-    if (text(event, "kind") != "stats") return all + members_text(event);
-    json counters = member(event, "statistics");
+std::string event_text(const json &e) {
+    std::string all = clock_of(text(e, "time"), 12) + "  #" + text(e, "event") + "  " + text(e, "kind");
+    if (text(e, "kind") != "stats") return all + members_text(e);
+    json counters = member(e, "statistics");
     return all + "  sent=" + text(counters, "Data Pkt Tx") + "  received=" + text(counters, "Data Pkt Rx");
 }
 
@@ -172,9 +184,9 @@ std::string answer_text(const json &answer) {
 
     std::string all;
     if (verb == "events")
-        for (const json &event : member(answer, "events")) all += event_text(event) + "\n";
+        for (const json &e : member(answer, "events")) all += event_text(e) + "\n";
     if (answer.contains("note") && member(answer, "sent") == true && member(answer, "tunnel").is_null()) return text(answer, "note") + "\n";
-    if (answer.contains("tunnel")) all += tunnel_line(answer["tunnel"]);
+    if (answer.contains("tunnel")) all += tunnel_line(member(answer, "tunnel"));
     if (answer.contains("note")) all += text(answer, "note") + "\n";
     return all;
 }

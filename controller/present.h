@@ -8,7 +8,7 @@
 namespace wlcctl {
 
 // One event as one line, without a line end.
-std::string event_text(const json &event);
+std::string event_text(const json &e);
 
 // What a verb says when it has done its work or knows why it has not, with line ends; may be empty.
 // The "error" of an answer is not part of it: that goes to standard error.

@@ -79,9 +79,13 @@ bool resolver::start(const std::string &name) {
     return true;
 }
 
-void resolver::abandon() { m_current.reset(); }
+void resolver::abandon() {
+    m_current.reset();
+}
 
-int resolver::descriptor() const { return m_current ? m_current->done : -1; }
+int resolver::descriptor() const {
+    return m_current ? m_current->done : -1;
+}
 
 resolver::result resolver::take() {
     result outcome = m_current->outcome;

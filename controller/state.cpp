@@ -13,9 +13,13 @@ constexpr double query_patience = 30;   // seconds after which a process query w
 constexpr double fresh_word = 5;        // seconds in which the daemon's last word still says that it runs
 
 // The two causes that answer a start: client init failed, tunnel start failed.
-bool is_refusal(int code) { return code == 1 || code == 2; }
+bool is_refusal(int code) {
+    return code == 1 || code == 2;
+}
 
-double rounded(double seconds) { return std::round(seconds * 1000) / 1000; }
+double rounded(double seconds) {
+    return std::round(seconds * 1000) / 1000;
+}
 
 template <class T>
 json describe_fact(const fact<T> &f, const json &value, const moment &now) {
@@ -46,18 +50,21 @@ json code_or_null(const std::string &cause) {
 }
 
 const char *command_name(uint32_t id) {
-    return id == msg_tun_start ? "start" : id == msg_tun_stop ? "stop" : "restart";
+    return id == msg_tun_start ? "start" : id == msg_tun_stop ? "stop"
+                                                              : "restart";
 }
 
 }  // namespace
 
 const char *source_name(source how) {
-    return how == source::reported ? "reported" : how == source::inferred ? "inferred" : "unknown";
+    return how == source::reported ? "reported" : how == source::inferred ? "inferred"
+                                                                          : "unknown";
 }
 
 const char *tunnel_name(const fact<tunnel> &state) {
     if (!state.known()) return "unknown";
-    return state.value == tunnel::up ? "up" : state.value == tunnel::down ? "down" : "in_progress";
+    return state.value == tunnel::up ? "up" : state.value == tunnel::down ? "down"
+                                                                          : "in_progress";
 }
 
 // --- what comes -----------------------------------------------------------------------------------------------------
@@ -139,12 +146,12 @@ void controller_state::on_down(const message &m, const moment &now) {
 }
 
 void controller_state::on_dns(const message &m, const moment &now) {
-    uint64_t event = m_log.add(now, "dns", {{"count", m.dns_count}, {"servers", m.servers}});
+    uint64_t number = m_log.add(now, "dns", {{"count", m.dns_count}, {"servers", m.servers}});
     dns.set(source::reported, m.servers, now);
     dns_count = m.dns_count;
     if (m_dns_of_last_hook == m.servers) return;
     m_dns_of_last_hook = m.servers;
-    m_triggers.push_back({hook_kind::dns, event});
+    m_triggers.push_back({hook_kind::dns, number});
 }
 
 void controller_state::on_statistics(const message &m, const moment &now) {
@@ -265,13 +272,13 @@ void controller_state::set_tunnel(tunnel to, source how, const moment &now, cons
 
     json members = {{"from", from}, {"to", tunnel_name(tun)}, {"source", source_name(how)}};
     if (to == tunnel::down && cause.known()) members["cause"] = cause.value;
-    uint64_t event = m_log.add(now, "tunnel", members);
+    uint64_t number = m_log.add(now, "tunnel", members);
 
-    if (to == tunnel::up) m_triggers.push_back({hook_kind::up, event});
+    if (to == tunnel::up) m_triggers.push_back({hook_kind::up, number});
     if (to != tunnel::down) return;
     m_dns_of_last_hook.reset();
     // That there is no tunnel when the agent begins and finds no daemon is no event for a hook.
-    if (was_known || how == source::reported) m_triggers.push_back({hook_kind::down, event});
+    if (was_known || how == source::reported) m_triggers.push_back({hook_kind::down, number});
 }
 
 // --- what is known --------------------------------------------------------------------------------------------------

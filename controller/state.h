@@ -89,7 +89,8 @@ struct command {
 class controller_state {
 public:
     // log: takes the events. is_daemon_alive: true when the process whose id was reported certainly still runs.
-    controller_state(event_log &log, std::function<bool()> is_daemon_alive) : m_log(log), m_is_daemon_alive(std::move(is_daemon_alive)) {}
+    controller_state(event_log &log, std::function<bool()> is_daemon_alive)
+        : m_log(log), m_is_daemon_alive(std::move(is_daemon_alive)) {}
 
     // A record came from the daemon.
     void on_message(const message &m, const moment &now);
@@ -167,12 +168,12 @@ private:
     std::deque<query> m_outstanding;  // process queries whose answer is awaited, oldest first
     uint64_t m_queries_sent = 0;
     uint64_t m_queries_answered = 0;  // number of the newest answered one
-    uint64_t m_stop_query = 0;   // answered: the daemon has read the stop; 0: none awaited
-    uint64_t m_probe_query = 0;  // answered: a request for statistics before it was handled; 0: none awaited
-    moment m_probe_at;           // when statistics were asked for
-    bool m_stats_asked = false;  // the next process query completes a probe
-    bool m_stop_sent = false;    // the next process query confirms a stop
-    bool m_start_sent = false;   // an accepted start enables the feature
+    uint64_t m_stop_query = 0;        // answered: the daemon has read the stop; 0: none awaited
+    uint64_t m_probe_query = 0;       // answered: a request for statistics before it was handled; 0: none awaited
+    moment m_probe_at;                // when statistics were asked for
+    bool m_stats_asked = false;       // the next process query completes a probe
+    bool m_stop_sent = false;         // the next process query confirms a stop
+    bool m_start_sent = false;        // an accepted start enables the feature
     moment m_hello_sent;
     unsigned m_hellos_expected = 0;
     uint64_t m_queries_at_start = 0;  // name queries up to the last accepted start

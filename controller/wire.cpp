@@ -31,7 +31,10 @@ constexpr uint32_t info_dns = 0;
 constexpr uint32_t info_inner_ip = 1;
 constexpr uint32_t info_statistics = 33;
 
-constexpr struct { uint32_t id; const char *name; } names[] = {
+constexpr struct {
+    uint32_t id;
+    const char *name;
+} names[] = {
     {msg_hello, "HELLO"},
     {msg_tun_start, "TUN_START"},
     {msg_tun_stop, "TUN_STOP"},
@@ -75,7 +78,9 @@ uint32_t read_word(const uint8_t *at) {
     return word;
 }
 
-void write_word(uint8_t *at, uint32_t word) { memcpy(at, &word, sizeof word); }
+void write_word(uint8_t *at, uint32_t word) {
+    memcpy(at, &word, sizeof word);
+}
 
 // Text up to its NUL or the record's end. Anything but printable ASCII becomes '?', so that it may go to a terminal, into
 // JSON and into a hook's environment.
@@ -211,7 +216,11 @@ int cause_code(const std::string &text) {
     return -1;
 }
 
-bool is_level_word(const std::string &word) { return is_one_of(word, level_words); }
-bool is_destination_word(const std::string &word) { return is_one_of(word, destination_words); }
+bool is_level_word(const std::string &word) {
+    return is_one_of(word, level_words);
+}
+bool is_destination_word(const std::string &word) {
+    return is_one_of(word, destination_words);
+}
 
 }  // namespace wlcctl

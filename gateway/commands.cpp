@@ -166,7 +166,6 @@ Json overrides_of(const Gateway &gateway) {
 
 Json show_status(Gateway &gateway, const Json &) {
     const Options &options = gateway.options();
-    static const auto start = Loop::Clock::now();
     return {
         {"pid", getpid()},
         {"listen", gateway.listen_text()},
@@ -179,7 +178,7 @@ Json show_status(Gateway &gateway, const Json &) {
         {"overrides", overrides_of(gateway)},
         {"clients", gateway.clients().size()},
         {"seq", gateway.events.last()},
-        {"uptime_ms", std::chrono::duration_cast<std::chrono::milliseconds>(Loop::Clock::now() - start).count()},
+        {"uptime_ms", gateway.uptime().count()},
     };
 }
 

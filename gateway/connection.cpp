@@ -395,7 +395,8 @@ void Connection::linger(std::chrono::milliseconds before_fin) {
         ssize_t count = recv(rest->socket.get(), scrap, sizeof scrap, 0);
         if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) rest->finish();
     });
-    rest->fin_timer = loop_.after(before_fin, [rest] { (void)shutdown(rest->socket.get(), SHUT_WR); });
+    if (before_fin.count() == 0) (void)shutdown(rest->socket.get(), SHUT_WR);
+    else rest->fin_timer = loop_.after(before_fin, [rest] { (void)shutdown(rest->socket.get(), SHUT_WR); });
     rest->end_timer = loop_.after(before_fin + linger_time, [rest] { rest->finish(); });
 }
 

@@ -212,6 +212,10 @@ void Gateway::shut_down(const std::string &reason) {
 
 // For the control protocol.
 
+std::chrono::milliseconds Gateway::uptime() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Loop::Clock::now() - born_);
+}
+
 std::vector<Client *> Gateway::clients() {
     std::vector<Client *> list;
     for (const auto &[id, client] : clients_) list.push_back(client.get());

@@ -66,12 +66,13 @@ public:
     Gateway &operator=(const Gateway &) = delete;
 
     void finish_batch();  // after every batch of events: writes what waits, buries the dead
-    void shut_down(const std::string &reason);
+    void shut_down(const std::string &reason);  // no new clients, close_notify and FIN to the others
 
     // For the control protocol (commands.cpp).
     Laboratory lab;
     EventLog events;
     const Options &options() const { return options_; }
+    std::chrono::milliseconds uptime() const;
     const Counters &totals() const { return totals_; }
     const Pool &pool() const { return pool_; }
     std::string listen_text() const;
@@ -131,6 +132,7 @@ private:
     uint64_t listen_watch_ = 0;
     uint16_t port_;               // the one in use, once listening
     uint64_t next_client_ = 1;
+    const Loop::Clock::time_point born_ = Loop::Clock::now();
     Counters totals_;
     std::map<uint64_t, std::unique_ptr<Client>> clients_;  // by number, so oldest first
     std::unordered_map<uint32_t, Client *> active_;

@@ -18,6 +18,9 @@ namespace gw {
 
 namespace {
 
+// Time in which clients answer our FIN: what they send into a closed socket would turn it into an RST.
+constexpr std::chrono::milliseconds farewell{100};
+
 void open_log(const Options &options) {
     std::shared_ptr<spdlog::logger> logger;
     try {
@@ -76,8 +79,10 @@ void serve(const Options &options) {
     loop.watch(signals.get(), EPOLLIN, [&](uint32_t) {
         signalfd_siginfo info{};
         if (read(signals.get(), &info, sizeof info) != sizeof info) return;
+        bool alone = gateway.clients().empty();
         gateway.shut_down(info.ssi_signo == SIGTERM ? "SIGTERM" : "SIGINT");
-        loop.stop();
+        if (alone) return loop.stop();
+        loop.after(farewell, [&loop] { loop.stop(); });
     });
     spdlog::info("ready listen={} tun={} pool={}", gateway.listen_text(), options.use_tun ? options.tun : "none", options.pool_text);
     loop.run([&] {

@@ -10,14 +10,14 @@
 namespace gw {
 
 struct TlsOptions {
-    std::string psk_file;
-    std::string psk_hint;
-    std::string cert;
-    std::string key;
-    std::string client_ca;
-    std::string crl;
-    std::string ciphers;  // empty: chosen by what is configured
-    std::string keylog;
+    std::string psk_file{};
+    std::string psk_hint{};
+    std::string cert{};
+    std::string key{};
+    std::string client_ca{};
+    std::string crl{};
+    std::string ciphers{};  // empty: chosen by what is configured
+    std::string keylog{};
 };
 
 // The TLS 1.2 server context from which every connection is made.

@@ -62,7 +62,7 @@ constexpr size_t param_text_size   = 64;   // one value of the parameter block: 
 
 // All settings of the tunnel client; one static instance, see tlsc_get_config().
 struct tlsc_config {
-    char      svr_addr_ipv4[addr_text_size];       // gateway, dotted IPv4 or a host name
+    char      svr_addr_ipv4[addr_text_size];       // gateway, dotted IPv4; a name stands for 0.0.0.0
     tlsc_addr inner_addr;                          // assigned by the gateway
     char      device_id[id_text_size];
     char      device_name[name_text_size];

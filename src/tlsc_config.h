@@ -1,5 +1,5 @@
 // The configuration record with its defaults, the pre-shared key buffers, and the local configuration file's loader.
-// The record has no lock: tlsc_init writes it while no tunnel is negotiated, the tunnel thread afterwards.
+// The record has no lock: the tunnel thread writes it, and tlsc_init while that thread stands still or does not run.
 #pragma once
 
 #include <cstdint>

@@ -12,7 +12,7 @@
 enum tlsc_log_level_value : int32_t {
     LOG_ERRORS    = 0,
     LOG_WARNINGS  = 1,
-    LOG_INFO      = 2,  // the default; an unknown configured level falls back to it
+    LOG_INFO      = 2,  // the default
     LOG_DEBUG     = 3,
     LOG_SSL_DBG   = 4,
     LOG_BUF_PRINT = 5,

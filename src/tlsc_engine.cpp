@@ -813,8 +813,8 @@ void tlsc_clear_cli_cmds() {
 }
 
 // ==== 7 Event loop ===============================================================================================
-// The thread owns its turn lock while it touches the tunnel, and lets go of it only inside epoll_wait. The process's
-// clean-up takes the lock for good, so that it never frees what this thread still uses.
+// The thread owns its turn lock while it touches the tunnel, and lets go of it only inside epoll_wait. A new reading
+// of the configuration takes the lock for its time, the process's clean-up for good.
 
 namespace {
 
@@ -839,7 +839,7 @@ public:
 
 // ---- timers --------------------------------------------------------------------------------------------------------
 
-// These timers are closed or replaced right away, so their expiry count need not be consumed.
+// The handlers of these timers close them, so their expiry count need not be consumed.
 void discard_expiry(int32_t fd) {
     int32_t unused;
     if (read(fd, &unused, sizeof(unused)) < 0) return;
@@ -1100,6 +1100,8 @@ bool tlsc_halt_tunnel_thread(int32_t seconds) {
     deadline.tv_sec += seconds;
     return pthread_mutex_timedlock(&turn_lock, &deadline) == 0;
 }
+
+void tlsc_resume_tunnel_thread() { pthread_mutex_unlock(&turn_lock); }
 
 void *tlsc_start_epoll(void *) {
     (void)signal(SIGPIPE, SIG_IGN);  // a peer that went away is an error of the write

@@ -12,8 +12,8 @@ struct x509_store_ctx_st;
 
 // ---- the tunnel thread's mailbox: what other threads may touch ---------------------------------------------------
 
-extern std::atomic<int32_t> exit_client;          // 1 ends the loop after its current pass
-extern std::atomic<int32_t> epoll_thread_exited;  // 1 after an orderly end; the monitor restarts the thread while it is 0
+extern std::atomic<int32_t> exit_client;          // 1 ends the loop after its current pass; cleared when the loop starts
+extern std::atomic<int32_t> epoll_thread_exited;  // 1 after an orderly end, 0 before it and after a failed set-up
 extern std::atomic<int32_t> cli_pipe_rd_fd;       // command pipe, read end, non-blocking; -1 when closed
 extern std::atomic<int32_t> cli_pipe_wr_fd;       // command pipe, write end, blocking; -1 when closed
 
@@ -26,9 +26,12 @@ extern ssl_ctx_st *tlsc_ssl_ctx;   // the process's TLS context; null when none
 // The address of the one connection context; never null. Any thread.
 tlsc_sock *tlsc_get_sock();
 
-// Keeps the tunnel thread from touching the tunnel again: waits at most the given seconds for its current pass or
-// connection attempt to end. Returns true when it did; the thread then stands still for good. Main thread, at exit.
+// Keeps the tunnel thread from touching the tunnel: waits at most the given seconds for its current pass or connection
+// attempt to end. Returns true when it did; the thread then stands still until it is resumed. Main thread.
 bool tlsc_halt_tunnel_thread(int32_t seconds);
+
+// Lets a halted tunnel thread go on. Main thread, only after a successful halt.
+void tlsc_resume_tunnel_thread();
 
 // ---- TLS set-up (main thread, but for the callbacks) ---------------------------------------------------------------
 

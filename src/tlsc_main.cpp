@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tlsc_config.h"
@@ -103,6 +104,14 @@ void clear_assigned_fields(tlsc_config *conf) {
     conf->cookie[0]       = '\0';
 }
 
+constexpr int32_t reconfigure_wait_seconds = 3;  // a connection attempt may hold the tunnel thread longer
+
+// What the packets of a tunnel that goes on under the new settings need: its address and its interface.
+void keep_tunnel_fields(tlsc_config *conf, const tlsc_config *earlier) {
+    memcpy(conf->inner_addr.ipv4, earlier->inner_addr.ipv4, sizeof(conf->inner_addr.ipv4));
+    memcpy(conf->tun_interface_name, earlier->tun_interface_name, sizeof(conf->tun_interface_name));
+}
+
 }  // namespace
 
 #define LOG_ALL_SETTINGS(conf)                                                                                               \
@@ -116,6 +125,8 @@ int32_t tlsc_init() {
     if (tlsc_initialized) {
         TLSC_INFO("tlsc_init called again... Reading configuration again.");
         tlscWlcSetDebugParams();
+        const bool        halted  = tlsc_halt_tunnel_thread(reconfigure_wait_seconds);
+        const tlsc_config earlier = *conf;
         tlsc_set_config_defaults(conf);
         clear_assigned_fields(conf);
         TLSC_INFO("%s() - Invoking config set APIs", __func__);
@@ -124,6 +135,8 @@ int32_t tlsc_init() {
             TLSC_ERROR("-------- %s() ERROR: Setting the configuration", __func__);
         }
         LOG_ALL_SETTINGS(conf);
+        if (tlsc_client_is_running()) keep_tunnel_fields(conf, &earlier);
+        if (halted) tlsc_resume_tunnel_thread();
         return 1;
     }
 
@@ -191,6 +204,7 @@ int main() {
     occupy_standard_descriptors();
     tlsc_log_lock_create();
     (void)signal(SIGPIPE, SIG_IGN);  // a reader that went away is an error of the write
+    (void)umask(077);                // the log's archive is for root's eyes, as the log is
     if (tlscWlcBootupDbgFlagPresent()) tlscWlcSetBootupDbgFlags(1);
     ANNOUNCE(" In TLS Client process");
     if (getuid() != 0) {

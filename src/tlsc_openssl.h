@@ -20,10 +20,11 @@
 
 #define TLSC_OPENSSL_1_0 (OPENSSL_VERSION_NUMBER < 0x10100000L)
 
-// Keeps 3.0 from reading openssl.cnf and the environment; must come before any other call.
+// Keeps 3.0 from reading openssl.cnf and the environment, and from cleaning up behind a thread that still connects
+// while the process ends; must come before any other call.
 inline void tlsc_ossl_early_init() {
 #if !TLSC_OPENSSL_1_0
-    OPENSSL_init_ssl(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
+    OPENSSL_init_ssl(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT, nullptr);
 #endif
 }
 

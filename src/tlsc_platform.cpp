@@ -25,7 +25,8 @@
 #include "tlsc_wlc.h"   // reports to the controller, its parameter block
 
 // ==== 1 Client start and stop, monitor thread ====================================================================
-// At most one monitor thread and one tunnel thread live at any time. Invariants, under monitor_lock:
+// At most one monitor thread and one tunnel thread live at any time. Invariants, changed under monitor_lock (but for
+// the tunnel thread, which sets stop_posted when it ends itself):
 // - monitor_alive: the monitor thread exists and has not yet decided to end.
 // - stop_posted: while it lives, the running tunnel thread was told to end.
 // - run_wanted: a start came after that stop; the monitor runs the client once more instead of ending.
@@ -37,7 +38,7 @@ constexpr unsigned retry_pause_seconds = 10;  // before a tunnel thread that end
 
 pthread_mutex_t monitor_lock = PTHREAD_MUTEX_INITIALIZER;
 bool            monitor_alive;
-bool            stop_posted;
+std::atomic<bool> stop_posted{false};
 bool            run_wanted;
 
 const pthread_t no_thread = static_cast<pthread_t>(-1);
@@ -184,9 +185,14 @@ int32_t tlsc_start_epoll_mon_thread() {
     return 1;
 }
 
+bool tlsc_client_is_running() {
+    monitor_guard guard;
+    return monitor_alive && !stop_posted;
+}
+
 void tlsc_restart_client() {
     TLSC_DEBUG("Main function should kill the child thread\n");
-    note_stop();
+    stop_posted = true;
     exit_client = 1;
 }
 

@@ -22,6 +22,9 @@ int32_t tlsc_start_epoll_mon_thread();
 // Body of the monitor thread: runs the tunnel thread and restarts it 10 seconds after an abnormal end. Returns null.
 void *tlsc_epoll_mon_thread(void *);
 
+// True while a client is started and was not told to stop.
+bool tlsc_client_is_running();
+
 // Makes the tunnel thread leave its loop at its next turn. Tunnel thread.
 void tlsc_restart_client();
 

@@ -213,7 +213,7 @@ int32_t tlsc_start_rekey_proc(tlsc_sock *sock) {
             TLSC_ERROR("Could not add the new client-sock-fd(%d) to epoll(%d) after rekey timeout", sock->sockfd, tlsc_epoll_fd);
         TLSC_INFO("TCP connection established after rekey timeout, client-sock-fd = %d", sock->sockfd);
     }
-    // It stays open for the gateway's sake; nothing more is read from it.
+    // It stays open until the response; what the gateway still sends on it is lost.
     if (tlsc_old_transport_fd != -1 && !tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_old_transport_fd))
         TLSC_ERROR("Could not delete the old-transport-fd(%d) from epoll-list", tlsc_old_transport_fd);
     return result;

@@ -122,22 +122,16 @@ bool request_flags(const char *name, unsigned long code, ifreq *request, int32_t
     return true;
 }
 
-// Issues the address request for the IPv4 address of addr. Returns 1 or 0 (logged).
-int32_t set_ipv4_addr(int32_t sock, const char *name, const tlsc_addr *addr) {
+// The request that assigns the IPv4 address of addr.
+ifreq make_addr_request(const char *name, const tlsc_addr *addr) {
     sockaddr_in ipv4{};
     ipv4.sin_family = AF_INET;
     memcpy(&ipv4.sin_addr, addr->ipv4, sizeof(ipv4.sin_addr));
-    ifreq request = make_request(name);
-    memcpy(&request.ifr_addr, &ipv4, sizeof(ipv4));
 
-    if (ioctl(sock, SIOCSIFADDR, &request) < 0) {
-        tlsc_ioctl_errno = errno;
-        TLSC_ERROR("Failed to set intf addr(%xu)", ipv4.sin_addr.s_addr);
-        return 0;
-    }
-    // By contract: no netmask is set; the one that is printed is fixed text.
-    TLSC_INFO("Successfully changed addr and netmask for Interface(%s). Addr = %xu, Netmask: %s", name, ipv4.sin_addr.s_addr, netmask_text);
-    return 1;
+    ifreq request = make_request(name);
+    static_assert(sizeof(request.ifr_addr) == sizeof(ipv4));
+    memcpy(&request.ifr_addr, &ipv4, sizeof(ipv4));
+    return request;
 }
 
 }  // namespace
@@ -223,7 +217,17 @@ int32_t tlsc_add_tun_addr(const char *name, const tlsc_addr *addr, uint32_t pref
         TLSC_ERROR("Invalid Prefix length received: %d, which is greater than 32", static_cast<int>(prefix_len));
         result = 0;
     } else if (addr->kind == ADDR_IPV4) {
-        result = set_ipv4_addr(sock, name, addr);
+        uint32_t stored;  // the address as its four bytes stand in memory
+        memcpy(&stored, addr->ipv4, sizeof(stored));
+        ifreq request = make_addr_request(name, addr);
+        if (ioctl(sock, SIOCSIFADDR, &request) < 0) {
+            tlsc_ioctl_errno = errno;
+            TLSC_ERROR("Failed to set intf addr(%xu)", stored);
+            result = 0;
+        } else {
+            // By contract: no netmask is set; the one that is printed is fixed text.
+            TLSC_INFO("Successfully changed addr and netmask for Interface(%s). Addr = %xu, Netmask: %s", name, stored, netmask_text);
+        }
     } else if (addr->kind == ADDR_IPV6) {
         TLSC_ERROR("IPv6 address assignment to interface not supported yet.");
     } else {
@@ -276,20 +280,11 @@ namespace {
 constexpr int32_t      max_create_attempts = 5;
 constexpr unsigned int retry_pause_seconds = 1;
 
-// Opens the clone device; a negative result is logged.
+// Opens the clone device for reading and writing; negative on failure, with errno.
 int32_t open_clone_device() {
     int32_t fd = open("/dev/net/tun", O_RDWR);
-    if (fd < 0) TLSC_ERROR("Error cloning tun interface, errno:%d", errno);
-    else        (void)fcntl(fd, F_SETFD, FD_CLOEXEC);  // It cannot fail on a descriptor just opened.
+    if (fd >= 0) (void)fcntl(fd, F_SETFD, FD_CLOEXEC);  // It cannot fail on a descriptor just opened.
     return fd;
-}
-
-// Gives up the descriptor that could not be attached and stores a fresh one, also when there is none.
-void prepare_next_attempt(tlsc_session *session, const char *name) {
-    tlsc_tun_delete(session, TLSC_DOWN_NO_ERROR);
-    session->if_name = name;  // The deletion has cleared it.
-    sleep(retry_pause_seconds);
-    session->tun_fd = open_clone_device();
 }
 
 }  // namespace
@@ -305,7 +300,11 @@ int32_t tlsc_create_tun(tlsc_session *session) {
     while (attempt++ < max_create_attempts) {
         if (tlsc_tun_alloc(name, session->tun_fd)) break;
         TLSC_WARNING("Failed to create interface for session %p, Retrying to create interface...", static_cast<void *>(session));
-        prepare_next_attempt(session, name);
+        tlsc_tun_delete(session, TLSC_DOWN_NO_ERROR);
+        session->if_name = name;  // The deletion has cleared it.
+        sleep(retry_pause_seconds);
+        session->tun_fd = open_clone_device();
+        if (session->tun_fd < 0) TLSC_ERROR("Error cloning tun interface, errno:%d", errno);
     }
     // By contract: an interface obtained on the fifth attempt still counts as a failure, and stays.
     if (attempt >= max_create_attempts) {
