@@ -141,7 +141,7 @@ void Gateway::on_tls_failed(Connection &connection, const std::string &reason) {
 }
 
 void Gateway::on_alert(Connection &connection, int level, int code) {
-    events.emit("alert_rx", connection.id(), {{"level", level}, {"code", code}, {"text", SSL_alert_desc_string_long(code)}});
+    events.emit("alert_rx", connection.id(), {{"level", level}, {"code", code}, {"alert", SSL_alert_desc_string_long(code)}});
 }
 
 void Gateway::on_frame(Connection &connection, const Frame &frame) {

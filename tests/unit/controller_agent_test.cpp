@@ -1,0 +1,495 @@
+// The agent as a process of its own; this test plays the daemon at its pipes and the verbs at its socket.
+#include "agent.h"
+#include "events.h"
+#include "state.h"
+#include "wire.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace wlcctl;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int patience = 5000;  // milliseconds until something that must come is missed
+
+// One connection to the agent.
+class connection {
+public:
+    explicit connection(const std::string &path) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        memcpy(address.sun_path, path.data(), path.size());
+        m_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        m_is_open = connect(m_fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    }
+    ~connection() { close(m_fd); }
+
+    bool is_open() const { return m_is_open; }
+    void say(const std::string &line) { (void)!send(m_fd, line.data(), line.size(), MSG_NOSIGNAL); }
+    void say(const json &request) { say(json_line(request)); }
+    void end_input() { shutdown(m_fd, SHUT_WR); }
+
+    // The next line; null when the agent closed the connection or says nothing.
+    json hear() {
+        for (;;) {
+            if (size_t end = m_in.find('\n'); end != std::string::npos) {
+                std::string line = m_in.substr(0, end);
+                m_in.erase(0, end + 1);
+                return json::parse(line);
+            }
+            pollfd state = {m_fd, POLLIN, 0};
+            char bytes[65536];
+            ssize_t n = poll(&state, 1, patience) == 1 ? recv(m_fd, bytes, sizeof bytes, 0) : 0;
+            if (n <= 0) return nullptr;
+            m_in.append(bytes, static_cast<size_t>(n));
+        }
+    }
+    json ask(const json &request) {
+        say(request);
+        return hear();
+    }
+
+private:
+    int m_fd;
+    bool m_is_open;
+    std::string m_in;
+};
+
+class controller_agent : public ::testing::Test {
+protected:
+    controller_agent() {
+        char name[] = "/tmp/controller_agent_XXXXXX";
+        directory = mkdtemp(name);
+        options.socket = directory / "socket";
+        options.from_daemon = directory / "from";
+        options.to_daemon = directory / "to";
+        options.conf = directory / "conf";
+        options.as_json = true;
+    }
+    ~controller_agent() override {
+        if (agent > 0) {
+            EXPECT_EQ(end_agent(SIGTERM), 0);  // sanitizers speak through the exit status
+        }
+        if (daemon_fd >= 0) close(daemon_fd);
+        fs::remove_all(directory);
+    }
+
+    pid_t launch(const agent_options &with) {
+        pid_t pid = fork();
+        if (pid != 0) return pid;
+        if (daemon_fd >= 0) close(daemon_fd);  // the daemon's, not the agent's
+        int out = open((directory / "out").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        dup2(out, STDOUT_FILENO);
+        dup2(out, STDERR_FILENO);
+        int status = run_agent(with);
+        exit(status);
+    }
+    void start_agent() {
+        agent = launch(options);
+        for (int i = 0; i < patience / 10 && !connection(options.socket).is_open(); i++) usleep(10000);
+    }
+    int end_agent(int signal_number) {
+        kill(agent, signal_number);
+        return ended(std::exchange(agent, 0));
+    }
+    static int ended(pid_t pid) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+    }
+
+    void start_daemon() {
+        mkfifo(options.to_daemon.c_str(), 0620);
+        daemon_fd = open(options.to_daemon.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    }
+    void report_bytes(const void *bytes, size_t n) {
+        int fd = open(options.from_daemon.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        EXPECT_EQ(write(fd, bytes, n), static_cast<ssize_t>(n));
+        close(fd);
+    }
+    void report(const record &r) { report_bytes(r.data(), r.size()); }
+    void report_pid(int32_t pid) {
+        record r = encode(msg_process_info);
+        memcpy(r.data() + 8, &pid, sizeof pid);
+        report(r);
+    }
+    // Ids that the agent writes from now on, up to and with `last`; ends with 0 when that does not come.
+    std::vector<uint32_t> ids_until(uint32_t last, record *found = nullptr) {
+        std::vector<uint32_t> ids;
+        for (int i = 0; i < patience / 10; i++) {
+            record r;
+            ssize_t n;
+            while ((n = read(daemon_fd, r.data(), r.size())) > 0) {
+                EXPECT_EQ(n, 520);
+                uint32_t id;
+                memcpy(&id, r.data(), sizeof id);
+                ids.push_back(id);
+                if (id != last) continue;
+                if (found) *found = r;
+                return ids;
+            }
+            usleep(10000);
+        }
+        ids.push_back(0);
+        return ids;
+    }
+    bool comes(uint32_t id, record *found = nullptr) { return ids_until(id, found).back() == id; }
+
+    // The first event of the kind after number `since`, waited for.
+    json event_of(const std::string &kind, uint64_t since = 0) {
+        connection c(options.socket);
+        return c.ask({{"verb", "events"}, {"follow", true}, {"kinds", {kind}}, {"since", since}, {"count", 1}});
+    }
+    json ask(const json &request) { return connection(options.socket).ask(request); }
+    std::string content(const char *name) {
+        std::ifstream in(directory / name);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    mode_t mode_of(const std::string &path) {
+        struct stat facts {};
+        lstat(path.c_str(), &facts);
+        return facts.st_mode;
+    }
+
+    agent_options options;
+    fs::path directory;
+    pid_t agent = 0;
+    int daemon_fd = -1;
+};
+
+}  // namespace
+
+TEST_F(controller_agent, makes_its_pipe_and_socket_and_removes_them_at_its_end) {
+    start_agent();
+    EXPECT_EQ(mode_of(options.from_daemon), S_IFIFO | 0620u);
+    EXPECT_EQ(mode_of(options.socket), S_IFSOCK | 0600u);
+    EXPECT_EQ(end_agent(SIGTERM), 0);
+    EXPECT_EQ(mode_of(options.from_daemon), 0u);
+    EXPECT_EQ(mode_of(options.socket), 0u);
+}
+
+TEST_F(controller_agent, ends_with_7_beside_another_agent_or_any_other_reader) {
+    start_agent();
+    EXPECT_EQ(ended(launch(options)), 7);
+    EXPECT_EQ(ask({{"verb", "status"}})["exit"], 4);
+    end_agent(SIGTERM);
+
+    mkfifo(options.from_daemon.c_str(), 0620);
+    int reader = open(options.from_daemon.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_EQ(ended(launch(options)), 7);
+    close(reader);
+}
+
+TEST_F(controller_agent, takes_over_what_a_killed_agent_left) {
+    start_agent();
+    end_agent(SIGKILL);
+    EXPECT_NE(mode_of(options.socket), 0u);
+    start_agent();
+    EXPECT_EQ(ask({{"verb", "status"}})["exit"], 4);
+}
+
+TEST_F(controller_agent, refuses_a_pipe_or_socket_that_is_something_else_and_leaves_it_alone) {
+    std::ofstream(options.from_daemon) << "mine";
+    EXPECT_EQ(ended(launch(options)), 1);
+    EXPECT_EQ(content("from"), "mine");
+    fs::remove(options.from_daemon);
+    std::ofstream(options.socket) << "mine";
+    EXPECT_EQ(ended(launch(options)), 1);
+    EXPECT_EQ(content("socket"), "mine");
+}
+
+TEST_F(controller_agent, writes_nothing_into_a_file_that_lies_in_the_pipes_place) {
+    std::ofstream(options.to_daemon) << "mine";
+    start_agent();
+    EXPECT_EQ(ask({{"verb", "start"}})["exit"], 4);
+    EXPECT_EQ(content("to"), "mine");
+}
+
+TEST_F(controller_agent, answers_every_malformed_line_and_lives) {
+    start_agent();
+    connection c(options.socket);
+    for (const char *line : {"x", "[]", "17", "null", "\"status\"", "{", "{}", "{\"verb\":1}", "{\"verb\":\"none\"}", "{\"verb\":\"start\",\"wait\":\"x\"}",
+                             "{\"verb\":\"start\",\"wait\":-1}", "{\"verb\":\"start\",\"wait\":1e300}", "{\"verb\":\"wait\"}", "{\"verb\":\"wait\",\"state\":\"sideways\"}",
+                             "{\"verb\":\"events\",\"since\":-1}", "{\"verb\":\"events\",\"kinds\":[1]}", "{\"verb\":\"events\",\"follow\":1}",
+                             "{\"verb\":\"stats\",\"fresh\":true,\"clear\":true}", "{\"verb\":\"debug\"}", "{\"verb\":\"debug\",\"category\":\"level\",\"value\":\"error\"}",
+                             "{\"verb\":\"resolve\",\"address\":\"gw\"}", "\xff\xfe\x01", "{\"verb\":\"\xff\"}"}) {
+        c.say(std::string(line) + "\n");
+        json answer = c.hear();
+        ASSERT_TRUE(answer.is_object()) << line;
+        EXPECT_EQ(answer["exit"], 2) << line;
+        EXPECT_EQ(answer["ok"], false) << line;
+        EXPECT_TRUE(answer["error"].is_string()) << line;
+    }
+    EXPECT_EQ(c.ask({{"verb", "status"}, {"id", {1, 2}}})["id"], json({1, 2}));
+}
+
+TEST_F(controller_agent, ends_a_connection_whose_line_has_no_end) {
+    start_agent();
+    connection c(options.socket);
+    c.say(std::string(request_limit + 20000, 'x'));
+    EXPECT_EQ(c.hear()["exit"], 2);
+    EXPECT_TRUE(c.hear().is_null());
+    EXPECT_EQ(ask({{"verb", "status"}})["exit"], 4);
+}
+
+TEST_F(controller_agent, drops_garbage_in_its_pipe_and_understands_what_comes_after) {
+    start_daemon();
+    start_agent();
+    report_bytes("garbage", 7);
+    EXPECT_EQ(event_of("garbage")["bytes"], 7);
+    report(encode(99));
+    EXPECT_EQ(event_of("unknown_message")["id"], 99);
+    report(encode(msg_tun_up));
+    EXPECT_EQ(event_of("tunnel")["to"], "up");
+}
+
+TEST_F(controller_agent, asks_a_daemon_that_it_finds_for_what_can_be_known) {
+    start_daemon();
+    start_agent();
+    EXPECT_EQ(ids_until(msg_process_query), (std::vector<uint32_t>{msg_stats_request, msg_process_query}));
+    report_pid(getpid());
+    EXPECT_EQ(event_of("process")["pid"], getpid());
+    json status = ask({{"verb", "status"}});
+    EXPECT_EQ(status["feature"]["value"], "disabled");
+    EXPECT_EQ(status["tunnel"]["source"], "unknown");
+    EXPECT_EQ(status["exit"], 8);
+}
+
+TEST_F(controller_agent, answers_a_hello_with_a_process_query_and_never_with_hello) {
+    start_daemon();
+    start_agent();
+    report(encode(msg_hello));
+    event_of("hello");
+    EXPECT_TRUE(comes(msg_process_query));
+    report(encode(msg_hello));
+    event_of("hello", event_of("hello")["event"].get<uint64_t>());
+    for (uint32_t id : ids_until(msg_process_query)) EXPECT_NE(id, static_cast<uint32_t>(msg_hello));
+}
+
+TEST_F(controller_agent, answers_each_name_query_with_the_given_address) {
+    options.resolve_address = "192.0.2.9";
+    start_daemon();
+    start_agent();
+    for (int i = 0; i < 2; i++) {
+        record answer{};
+        report(encode(msg_name_query));
+        ASSERT_TRUE(comes(msg_name_answer, &answer));
+        EXPECT_EQ(answer, encode_text(msg_name_answer, "192.0.2.9"));
+    }
+    EXPECT_EQ(ask({{"verb", "status"}})["name_queries"]["answered"], 2);
+}
+
+TEST_F(controller_agent, looks_a_name_up_for_each_query) {
+    options.resolve_name = "localhost";
+    start_daemon();
+    start_agent();
+    for (int i = 0; i < 2; i++) {
+        record answer{};
+        report(encode(msg_name_query));
+        ASSERT_TRUE(comes(msg_name_answer, &answer));
+        EXPECT_EQ(answer, encode_text(msg_name_answer, "127.0.0.1"));
+    }
+}
+
+TEST_F(controller_agent, leaves_a_query_unanswered_when_the_lookup_fails) {
+    options.resolve_name = "no-such-name.invalid";
+    start_daemon();
+    start_agent();
+    report(encode(msg_name_query));
+    EXPECT_TRUE(event_of("name_answer_failed")["error"].is_string());
+    json queries = ask({{"verb", "status"}})["name_queries"];
+    EXPECT_EQ(queries["asked"], 1);
+    EXPECT_EQ(queries["answered"], 0);
+    EXPECT_EQ(queries["failed"], 1);
+}
+
+TEST_F(controller_agent, runs_hooks_in_order_one_at_a_time_with_the_facts) {
+    std::ofstream(options.conf) << "tun_interface_name;tls0;1\nmanagement_ip;10.1.1.1;1\n";
+    std::string log = directory / "log";
+    options.on_up = "echo begin $TLSC_EVENT >>" + log + "; sleep 0.3; echo $TLSC_STATE $TLSC_SOURCE $TLSC_INNER_IP $TLSC_TUN $TLSC_MANAGEMENT_IP >>" + log;
+    options.on_down = "echo $TLSC_EVENT $TLSC_CAUSE >>" + log;
+    start_daemon();
+    start_agent();
+    record inner = encode(msg_info_update);
+    inner[8] = 1;
+    memcpy(inner.data() + 16, "10.8.0.2", 8);
+    report(inner);
+    report(encode(msg_tun_up));
+    report(encode_text(msg_tun_down, "No Error"));
+    // Each hook sees what was known when its cause came, however late it runs.
+    uint64_t first = event_of("hook_ended")["event"].get<uint64_t>();
+    EXPECT_EQ(event_of("hook_ended", first)["hook"], "down");
+    EXPECT_EQ(content("log"), "begin up\nup reported 10.8.0.2 tls0 10.1.1.1\ndown No Error\n");
+}
+
+TEST_F(controller_agent, ends_a_hook_that_takes_too_long_with_all_its_children) {
+    options.hook_timeout = 0.2;
+    options.on_up = "sleep 1000 & echo $! >" + (directory / "pid").string() + "; wait";
+    start_daemon();
+    start_agent();
+    report(encode(msg_tun_up));
+    json ended_event = event_of("hook_ended");
+    EXPECT_EQ(ended_event["timed_out"], true);
+    EXPECT_EQ(ended_event["signal"], SIGTERM);
+    usleep(50000);
+    // The child may be a zombie when nobody collects orphans here; running it must not be.
+    std::ifstream stat_file("/proc/" + std::to_string(std::stoi(content("pid"))) + "/stat");
+    std::string pid, name, state = "gone";
+    stat_file >> pid >> name >> state;
+    EXPECT_TRUE(state == "gone" || state == "Z") << state;
+}
+
+TEST_F(controller_agent, ends_the_running_hook_at_its_own_end) {
+    options.on_up = "sleep 1000";
+    start_daemon();
+    start_agent();
+    report(encode(msg_tun_up));
+    pid_t hook = event_of("hook_started")["pid"].get<pid_t>();
+    EXPECT_EQ(end_agent(SIGTERM), 0);
+    EXPECT_NE(kill(hook, 0), 0);
+}
+
+TEST_F(controller_agent, serves_others_while_a_verb_waits) {
+    start_daemon();
+    start_agent();
+    connection c(options.socket);
+    c.say({{"verb", "start"}, {"wait", 5}, {"id", "slow"}});
+    EXPECT_EQ(c.ask({{"verb", "status"}, {"id", "quick"}})["id"], "quick");
+    ASSERT_TRUE(comes(msg_tun_start));
+    report(encode(msg_tun_in_prog));
+    report(encode(msg_tun_up));
+    json answer = c.hear();
+    EXPECT_EQ(answer["id"], "slow");
+    EXPECT_EQ(answer["exit"], 0);
+    EXPECT_EQ(answer["tunnel"]["value"], "up");
+}
+
+TEST_F(controller_agent, tells_a_start_not_accepted_from_one_that_does_not_come_up) {
+    start_daemon();
+    start_agent();
+    EXPECT_EQ(ask({{"verb", "start"}, {"wait", 0.2}})["exit"], 5);
+    ids_until(msg_tun_start);
+    connection c(options.socket);
+    c.say({{"verb", "start"}, {"wait", 0.5}});
+    ids_until(msg_tun_start);
+    report(encode(msg_tun_in_prog));
+    EXPECT_EQ(c.hear()["exit"], 3);
+    c.say({{"verb", "start"}, {"wait", 5}});
+    ids_until(msg_tun_start);
+    report(encode_text(msg_tun_down, "Tunnel start failed"));
+    EXPECT_EQ(c.hear()["exit"], 1);
+}
+
+TEST_F(controller_agent, an_up_before_the_start_was_accepted_does_not_count) {
+    start_daemon();
+    start_agent();
+    connection c(options.socket);
+    c.say({{"verb", "restart"}, {"wait", 0.5}});
+    ASSERT_TRUE(comes(msg_tun_restart));
+    report(encode(msg_tun_up));
+    report(encode(msg_tun_in_prog));
+    EXPECT_EQ(c.hear()["exit"], 3);
+}
+
+TEST_F(controller_agent, statistics_are_fresh_disabled_or_unanswered) {
+    start_daemon();
+    start_agent();
+    ids_until(msg_process_query);
+    report_pid(getpid());
+    event_of("process");
+
+    connection c(options.socket);
+    EXPECT_EQ(c.ask({{"verb", "stats"}, {"fresh", true}, {"timeout", 0.2}})["exit"], 5);
+    EXPECT_EQ(ids_until(msg_process_query), (std::vector<uint32_t>{msg_stats_request, msg_process_query}));
+    report_pid(getpid());
+
+    c.say({{"verb", "stats"}, {"clear", true}});
+    EXPECT_EQ(ids_until(msg_process_query), (std::vector<uint32_t>{msg_stats_clear, msg_process_query}));
+    report_pid(getpid());
+    EXPECT_EQ(c.hear()["exit"], 8);
+
+    c.say({{"verb", "stats"}, {"fresh", true}});
+    ids_until(msg_process_query);
+    record statistics = encode(msg_info_update);
+    statistics[8] = 33;
+    statistics[24] = 7;
+    report(statistics);
+    report_pid(getpid());
+    json answer = c.hear();
+    EXPECT_EQ(answer["exit"], 0);
+    EXPECT_EQ(answer["statistics"]["value"]["Data Pkt Tx"], 7);
+}
+
+TEST_F(controller_agent, shutdown_waits_for_the_end_of_the_process_not_of_its_pipe) {
+    start_daemon();
+    start_agent();
+    pid_t process = fork();
+    if (process == 0) {
+        close(daemon_fd);
+        pause();
+        _exit(0);
+    }
+    ids_until(msg_process_query);
+    report_pid(process);
+    event_of("process");
+    connection c(options.socket);
+    c.say({{"verb", "shutdown"}, {"wait", 5}});
+    EXPECT_TRUE(comes(msg_exit));
+    close(std::exchange(daemon_fd, -1));
+    event_of("daemon_gone");
+    EXPECT_EQ(ask({{"verb", "status"}})["exit"], 4);
+    kill(process, SIGKILL);
+    EXPECT_EQ(c.hear()["exit"], 0);
+    ended(process);
+}
+
+TEST_F(controller_agent, a_full_pipe_is_a_failure_and_blocks_nothing) {
+    start_daemon();
+    start_agent();
+    connection c(options.socket);
+    json answer;
+    for (int i = 0; i < 200; i++)
+        if (answer = c.ask({{"verb", "debug"}, {"category", "level"}, {"value", "info"}}); answer["exit"] != 0) break;
+    EXPECT_EQ(answer["exit"], 1);
+    EXPECT_EQ(answer["sent"], false);
+}
+
+TEST_F(controller_agent, a_client_that_sends_no_more_still_gets_its_answer) {
+    start_daemon();
+    start_agent();
+    connection c(options.socket);
+    c.say({{"verb", "info"}, {"timeout", 5}});
+    c.end_input();
+    ids_until(msg_process_query);
+    ids_until(msg_process_query);
+    report_pid(getpid());
+    report_pid(getpid());
+    EXPECT_EQ(c.hear()["daemon_pid"]["value"], getpid());
+    EXPECT_TRUE(c.hear().is_null());
+}
+
+TEST_F(controller_agent, followed_events_begin_with_the_kept_ones_and_end_at_the_count) {
+    start_daemon();
+    start_agent();
+    connection c(options.socket);
+    c.say({{"verb", "events"}, {"follow", true}, {"count", 2}, {"kinds", {"agent_started", "tun_up"}}, {"id", 5}});
+    EXPECT_EQ(c.hear()["event"], 1);
+    report(encode(msg_tun_up));
+    EXPECT_EQ(c.hear()["kind"], "tun_up");
+    json end = c.hear();
+    EXPECT_EQ(end["ok"], true);
+    EXPECT_EQ(end["id"], 5);
+}

@@ -1,0 +1,923 @@
+// The tunnel thread as a whole: real epoll, timers, TUN interface and TLS, against a small gateway on the loopback.
+// Time is in the test's hand; system calls of the set-up fail on demand.
+
+#include <atomic>
+#include <csignal>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+
+#include "tlsc_main.h"
+#include "tlsc_session.h"
+
+#include "hand_clock.h"
+#include "tls_peer.h"
+#include "tunnel_fixture.h"
+
+// ---- stand-ins ------------------------------------------------------------------------------------------------------
+
+namespace {
+
+std::atomic<bool>     epoll_create_fails;
+std::atomic<bool>     calloc_fails;
+std::atomic<bool>     tun_open_fails;
+std::atomic<int>      create_tun_result{-2};  // what the interface creation returns; -2 for the real one
+std::atomic<int>      add_failure;            // adding the n-th descriptor to epoll fails
+std::atomic<int>      adds;
+std::atomic<int>      forced_add_errno;
+std::atomic<int>      mods;
+std::atomic<int>      max_events_asked;
+std::atomic<int>      timeout_asked;
+std::atomic<int>      wait_failures;          // so many waits return -1
+std::atomic<bool>     hold_wait;              // no wait returns while this is set
+std::atomic<int>      next_class{-1};         // what SSL_get_error says
+std::atomic<int>      resolution_result;      // of the question to the controller
+std::atomic<int>      resolutions;
+std::atomic<uint32_t> tun_events;             // the mask that the TUN descriptor was registered with
+std::mutex            state_mutex;
+std::vector<std::string> states;              // what the controller was told of the interface
+std::atomic<bool>     retry_read_fails;
+std::atomic<int>      first_in_pass{-1};      // its event is put in front of the others of a pass
+
+}  // namespace
+
+extern "C" int __real_epoll_create1(int flags);
+extern "C" int __wrap_epoll_create1(int flags) {
+    EXPECT_EQ(flags, 0);
+    return epoll_create_fails ? -1 : __real_epoll_create1(flags);
+}
+
+extern "C" void *__real_calloc(size_t count, size_t size);
+extern "C" void *__wrap_calloc(size_t count, size_t size) { return calloc_fails && count == 80 ? nullptr : __real_calloc(count, size); }
+
+extern "C" int __real_open(const char *path, int flags, unsigned mode);
+extern "C" int __wrap_open(const char *path, int flags, unsigned mode) {
+    if (tun_open_fails && strcmp(path, "/dev/net/tun") == 0) return -1;
+    return __real_open(path, flags, mode);
+}
+
+extern "C" int32_t __real__Z15tlsc_create_tunP12tlsc_session(tlsc_session *session);
+extern "C" int32_t __wrap__Z15tlsc_create_tunP12tlsc_session(tlsc_session *session) {
+    const int32_t result = create_tun_result;
+    if (result == 0) return 0;
+    const int32_t real = __real__Z15tlsc_create_tunP12tlsc_session(session);
+    return result == -2 ? real : result;
+}
+
+extern "C" int __real_epoll_ctl(int epoll_fd, int operation, int fd, epoll_event *event);
+extern "C" int __wrap_epoll_ctl(int epoll_fd, int operation, int fd, epoll_event *event) {
+    if (operation == EPOLL_CTL_ADD) {
+        if (tlsc_get_sock()->sess && fd == tlsc_get_sock()->sess->tun_fd) tun_events = event->events;
+        if (++adds == add_failure) {
+            if (forced_add_errno == EEXIST) (void)__real_epoll_ctl(epoll_fd, operation, fd, event);
+            errno = forced_add_errno;
+            return -1;
+        }
+    }
+    mods += operation == EPOLL_CTL_MOD;
+    return __real_epoll_ctl(epoll_fd, operation, fd, event);
+}
+
+extern "C" int __real_epoll_wait(int epoll_fd, epoll_event *events, int max, int timeout);
+extern "C" int __wrap_epoll_wait(int epoll_fd, epoll_event *events, int max, int timeout) {
+    max_events_asked = max;
+    timeout_asked    = timeout;
+    if (wait_failures > 0) {
+        --wait_failures;
+        errno = EINTR;
+        return -1;
+    }
+    const int count = __real_epoll_wait(epoll_fd, events, max, timeout);
+    while (hold_wait) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (count < 1) return count;
+    // Once more, so that what became ready in between comes in the same pass.
+    const int again = __real_epoll_wait(epoll_fd, events, max, 0);
+    for (int i = 1; i < again; ++i)
+        if (events[i].data.fd == first_in_pass) std::swap(events[0], events[i]);
+    return again;
+}
+
+extern "C" int __real_SSL_get_error(const SSL *ssl, int ret);
+extern "C" int __wrap_SSL_get_error(const SSL *ssl, int ret) {
+    const int forced = next_class.exchange(-1);
+    return forced >= 0 ? forced : __real_SSL_get_error(ssl, ret);
+}
+
+extern "C" int32_t __wrap__Z31tlsc_request_gw_name_resolutionv() {
+    ++resolutions;
+    return resolution_result;
+}
+
+extern "C" int32_t __wrap__Z25tlsc_write_tun_intf_stateii(int32_t state, int32_t cause) {
+    const std::lock_guard<std::mutex> guard(state_mutex);
+    states.push_back(text_of("%d/%d", state, cause));
+    return 1;
+}
+
+extern "C" ssize_t __real_read(int fd, void *buffer, size_t size);
+extern "C" ssize_t __wrap_read(int fd, void *buffer, size_t size) {
+    if (retry_read_fails && fd == tlsc_timers.retry) {
+        errno = EIO;
+        return -1;
+    }
+    return __real_read(fd, buffer, size);
+}
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+const std::string request   = "X-CSTP-Device-ID:device\n";
+const std::string good      = "X-CSTP-Address:10.99.0.0\nX-CSTP-Prefix-Length:24\nX-CSTP-DPD:100\nX-CSTP-Address-Client:10.99.0.7\nX-CSTP-Retry-Time:20\n"
+                              "X-CSTP-Rekey-Time:600\nX-CSTP-Cookie:oatmeal\n";
+const std::string data_mark = "tunnel payload mark";
+
+std::string udp_packet(const char *from, const char *to) {
+    std::string packet(28, '\0');
+    packet += data_mark;
+    packet[0] = 0x45;
+    packet[3] = static_cast<char>(packet.size());
+    packet[8] = 64;
+    packet[9] = 17;
+    inet_pton(AF_INET, from, packet.data() + 12);
+    inet_pton(AF_INET, to, packet.data() + 16);
+    packet[25] = static_cast<char>(packet.size() - 20);
+    return packet;
+}
+
+std::string dotted(const std::string &packet, size_t offset) {
+    char text[INET_ADDRSTRLEN] = "";
+    if (packet.size() >= offset + 4) inet_ntop(AF_INET, packet.data() + offset, text, sizeof(text));
+    return text;
+}
+
+class engine_loop : public tunnel_test {
+protected:
+    void SetUp() override {
+        if (!getenv("PRIVATE_WORLD")) GTEST_SKIP() << "needs root: run through tools/private-world";
+        static const bool once = [] {
+            tlsc_log_lock_create();
+            // The interface's own IPv6 chatter would come between the packets of the tests.
+            if (FILE *file = fopen("/proc/sys/net/ipv6/conf/default/disable_ipv6", "w")) {
+                fputs("1", file);
+                fclose(file);
+            }
+            return true;
+        }();
+        (void)once;
+        hand_clock::forget();
+        epoll_create_fails = calloc_fails = tun_open_fails = hold_wait = retry_read_fails = false;
+        create_tun_result = -2;
+        add_failure = adds = forced_add_errno = mods = wait_failures = resolution_result = resolutions = 0;
+        next_class = first_in_pass = -1;
+        states.clear();
+        text(conf->svr_addr_ipv4, "127.0.0.1");
+        text(conf->cipher_algo, peer_cipher);
+        text(conf->tun_interface_name, "loop0");
+        text(conf->management_ip, "192.168.1.5");
+        text(conf->device_id, "device");
+        text(psk_identity, "identity");
+        text(psk_key, peer_key);
+        conf->ssl_auth_mech = SSL_AUTH_PSK;
+        epoll_thread_exited = 0;
+        ASSERT_EQ(tlsc_init_ssl_config(), 1);
+        ASSERT_EQ(tlsc_create_pipe_for_cli_cmds(), 1);
+        ASSERT_NE(tlsc_init_session(), nullptr);
+        log.clear();
+    }
+    void TearDown() override {
+        stop();
+        tlsc_ssl_cleanup(sock->ssl);
+        if (tlsc_old_transport_fd > 0) tlsc_close_old_transport();
+        sock->ssl  = nullptr;
+        sock->sess = nullptr;
+        tlsc_free_session();
+        tlsc_close_cli_pipe();
+        SSL_CTX_free(tlsc_ssl_ctx);
+        tlsc_ssl_ctx = nullptr;
+    }
+
+    static void text(char *field, const char *value) { strcpy(field, value); }
+
+    void start() {
+        thread_ = std::thread([] { tlsc_start_epoll(nullptr); });
+    }
+    void stop() {
+        hold_wait = false;
+        if (!thread_.joinable()) return;
+        (void)tlsc_send_exit_client_req();
+        thread_.join();
+    }
+    // Behind a run, for another one in the same test.
+    void start_afresh() {
+        tlsc_ssl_cleanup(sock->ssl);
+        sock->ssl = nullptr;
+        if (tlsc_old_transport_fd > 0) tlsc_close_old_transport();
+        conf->inner_addr.kind = ADDR_NONE;
+        conf->cookie[0]       = '\0';
+        tlsc_dp_state         = 1;
+        hand_clock::forget();
+        log.clear();
+    }
+    // The thread must end by itself, with an early return.
+    void expect_early_end() {
+        start();
+        thread_.join();
+        EXPECT_EQ(epoll_thread_exited, 0);
+        EXPECT_FALSE(log.contains("exiting"));
+    }
+
+    // Starts the thread and brings the tunnel up against the gateway.
+    void bring_up(tls_peer &peer, const std::string &response = good) {
+        conf->server_port = peer.port();
+        start();
+        ASSERT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_CONFIG_REQ, request));
+        answer(peer, 0, response);
+    }
+    // Sends the response on this connection and waits until it is taken.
+    void answer(tls_peer &peer, size_t number, const std::string &response = good) {
+        const size_t before = hand_clock::count("dpd");
+        ASSERT_TRUE(peer.connection(number).write(wire_frame(CSTP_CONFIG_RESPONSE, response)));
+        ASSERT_TRUE(hand_clock::wait_for("dpd", before + 1));
+    }
+    bool   logged(const std::string &message) { return eventually([&] { return position(message) >= 0; }); }
+    size_t teardowns() { return log.count("ERROR", engine_file, "tlsc_sock_error", "Closing connection and bringing down tun interface"); }
+    bool   torn_down(size_t times = 1) { return hand_clock::wait_for("backoff", times) && eventually([&] { return teardowns() >= times; }); }
+
+    strings reported_states() {
+        const std::lock_guard<std::mutex> guard(state_mutex);
+        return states;
+    }
+
+    // The device's side of the interface.
+    int open_packet_socket() {
+        const int   fd = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, htons(ETH_P_IP));
+        place_            = {};
+        place_.sll_family = AF_PACKET;
+        place_.sll_protocol = htons(ETH_P_IP);
+        place_.sll_ifindex  = static_cast<int>(if_nametoindex("loop0"));
+        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&place_), sizeof(place_)), 0) << strerror(errno);
+        const timeval patience{5, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+        return fd;
+    }
+    void emit(int packets, const std::string &packet) {
+        ASSERT_EQ(sendto(packets, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&place_), sizeof(place_)), static_cast<ssize_t>(packet.size()));
+    }
+    static bool interface_exists() { return if_nametoindex("loop0") != 0; }
+
+    std::thread thread_;
+    sockaddr_ll place_{};
+};
+
+// ---- set-up -----------------------------------------------------------------------------------------------------------------
+
+TEST_F(engine_loop, a_run_goes_from_connection_to_orderly_end) {
+    const int before = open_descriptors();
+    {
+        tls_peer peer;
+        bring_up(peer);
+        ASSERT_TRUE(logged("TUN-INTF is UP!!"));
+        EXPECT_EQ(max_events_asked, 80);
+        EXPECT_EQ(timeout_asked, -1);
+        EXPECT_EQ(tun_events, static_cast<uint32_t>(EPOLLIN));
+        EXPECT_TRUE(interface_exists());
+        stop();
+        EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+    }
+    EXPECT_FALSE(interface_exists());
+    EXPECT_EQ(epoll_thread_exited, 1);
+    EXPECT_EQ(exit_client, 1);
+    EXPECT_EQ(tlsc_epoll_fd, -1);
+    EXPECT_EQ(sock->sockfd, -1);
+    EXPECT_EQ(sock->ssl_fd, -1);
+    EXPECT_NE(sock->ssl, nullptr);  // released by the clean-up
+    EXPECT_EQ(SSL_get_fd(sock->ssl), -1);
+    EXPECT_EQ(tlsc_rekey_in_progress, 0);
+    EXPECT_EQ(tlsc_backoff_interval, 0u);
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(reported_states(), (strings{"1/0", "0/0"}));
+    EXPECT_EQ(hand_clock::sleeps(), (std::vector<unsigned>{2}));
+
+    const strings order = {"In epoll thread",
+                           text_of("Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d", cli_pipe_rd_fd.load(), cli_pipe_wr_fd.load()),
+                           "Added interface loop0 to epoll list",
+                           "Successfully enabled SSL/TLS session to: 127.0.0.1.",
+                           "Building CSTP-CONFIG-REQ",
+                           "Got data on SSL socket",
+                           "TUN-INTF is UP!!",
+                           "Exit cmd rcvd for child thread, set exit_client flag to true",
+                           "TLS Client: epoll thread exiting normally",
+                           "TLS Client: epoll thread exiting"};
+    for (size_t i = 0; i < order.size(); ++i) {
+        EXPECT_GE(position(order[i]), 0) << order[i];
+        if (i > 0) { EXPECT_LT(position(order[i - 1]), position(order[i])) << order[i]; }
+    }
+    EXPECT_TRUE(log.has("WARNING", engine_file, "register_tun", "Added interface loop0 to epoll list"));
+    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_start_epoll", "TLS Client: epoll thread exiting normally"));
+    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_start_epoll", "TLS Client: epoll thread exiting"));
+    EXPECT_TRUE(std::regex_search(log.text(), std::regex(R"(Created epoll-fd\(\d+\) to handle maximum 80 events)")));
+    EXPECT_TRUE(std::regex_search(log.text(), std::regex(R"(Successfully added Client-socket-fd\(\d+\) to epoll-fd)")));
+    expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}, {"tun_alloc", 1}, {"tun_freed", 1}});
+}
+
+TEST_F(engine_loop, an_epoll_instance_that_cannot_be_made_ends_the_thread) {
+    epoll_create_fails = true;
+    expect_early_end();
+    EXPECT_TRUE(std::regex_search(log.text(), std::regex(R"(Could not create epoll-fd, due to error \d+)")));
+}
+
+TEST_F(engine_loop, an_events_block_that_cannot_be_allocated_closes_epoll_and_ends_the_thread) {
+    calloc_fails     = true;
+    const int before = open_descriptors();
+    expect_early_end();
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(tlsc_epoll_fd, -1);
+    EXPECT_TRUE(log.contains("Could not allocate memory for epoll-events block"));
+}
+
+TEST_F(engine_loop, what_a_failed_set_up_has_opened_stays_open) {
+    tun_open_fails   = true;
+    const int before = open_descriptors();
+    expect_early_end();
+    EXPECT_TRUE(log.contains("Error cloning tun interface"));
+    EXPECT_EQ(open_descriptors(), before + 1);
+    const int first = tlsc_epoll_fd;
+    EXPECT_GT(first, 0);
+    expect_early_end();
+    EXPECT_NE(tlsc_epoll_fd, first);  // the next start makes its own
+    close(first);
+}
+
+TEST_F(engine_loop, an_interface_that_cannot_be_created_ends_the_thread) {
+    create_tun_result = 0;
+    expect_early_end();
+    EXPECT_TRUE(log.contains("Creation of tun-intf failed"));
+    EXPECT_EQ(teardowns(), 0u);
+    close(sock->sess->tun_fd);
+}
+
+TEST_F(engine_loop, a_missing_session_ends_the_thread_without_a_crash) {
+    tlsc_free_session();
+    const int free_number = dup(0);
+    close(free_number);
+    expect_early_end();
+    EXPECT_TRUE(log.contains("Session is Null"));
+    EXPECT_TRUE(log.contains("Creation of tun-intf failed"));
+    for (int fd = free_number; is_open(fd); ++fd) close(fd);
+    tlsc_epoll_fd = -1;
+}
+
+TEST_F(engine_loop, an_error_of_the_mtu_setter_does_not_end_the_thread) {
+    create_tun_result = EINVAL;
+    tls_peer peer;
+    bring_up(peer);
+    EXPECT_TRUE(logged("TUN-INTF is UP!!"));
+}
+
+TEST_F(engine_loop, an_interface_that_epoll_refuses_ends_the_thread) {
+    add_failure      = 2;  // behind the command pipe
+    forced_add_errno = ENOMEM;
+    expect_early_end();
+    EXPECT_TRUE(log.has("ERROR", engine_file, "register_tun", text_of("Could not add intf(loop0) to epoll. ErrorNo = %d", ENOMEM)));
+    close(sock->sess->tun_fd);
+}
+
+TEST_F(engine_loop, an_interface_that_epoll_knows_already_is_updated) {
+    add_failure      = 2;
+    forced_add_errno = EEXIST;
+    tls_peer peer;
+    bring_up(peer);
+    EXPECT_EQ(mods, 1);
+    EXPECT_TRUE(log.has("WARNING", engine_file, "register_tun", "Intf FD already exists in the epoll.. updating event.."));
+    EXPECT_TRUE(log.contains("Added interface loop0 to epoll list"));
+}
+
+TEST_F(engine_loop, a_command_pipe_that_epoll_refuses_leaves_the_thread_without_commands) {
+    add_failure      = 1;
+    forced_add_errno = ENOMEM;
+    tls_peer peer;
+    bring_up(peer);
+    EXPECT_TRUE(std::regex_search(log.text(), std::regex(R"(Could not add pipe-fd\(\d+\) to epoll-fd\(\d+\))")));
+    exit_client = 1;
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
+    thread_.join();
+    EXPECT_EQ(epoll_thread_exited, 1);
+}
+
+TEST_F(engine_loop, without_a_pipe_the_thread_runs_without_commands) {
+    tlsc_close_cli_pipe();
+    tls_peer peer;
+    bring_up(peer);
+    EXPECT_FALSE(log.contains("stale commands"));
+    exit_client = 1;
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
+    thread_.join();
+    EXPECT_EQ(epoll_thread_exited, 1);
+}
+
+TEST_F(engine_loop, a_transport_that_epoll_refuses_frees_epoll_and_ends_the_thread) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    add_failure       = 4;  // pipe, interface, guard timer, transport
+    forced_add_errno  = ENOMEM;
+    expect_early_end();
+    EXPECT_TRUE(log.contains("Could not add ipv4 to epoll"));
+    EXPECT_EQ(tlsc_epoll_fd, -1);
+    EXPECT_TRUE(interface_exists());  // left as it is
+    close(sock->sess->tun_fd);
+    close(sock->sockfd);
+    SSL_set_fd(sock->ssl, -1);
+    sock->sockfd = -1;
+    close(tlsc_timers.guard);
+    tlsc_timers.guard = -1;
+}
+
+TEST_F(engine_loop, a_command_written_while_no_thread_ran_is_dropped) {
+    ASSERT_EQ(tlsc_send_exit_client_req(), 1);
+    exit_client = 1;  // set too early as well
+    tls_peer peer;
+    bring_up(peer);
+    EXPECT_TRUE(log.contains("Total number of stale commands cleared from CLI pipe:1"));
+    EXPECT_EQ(exit_client, 0);
+}
+
+TEST_F(engine_loop, with_the_gateway_unreachable_the_loop_is_entered_and_waits_for_the_backoff) {
+    uint16_t port;
+    {
+        tls_peer gone;
+        port = gone.port();
+    }
+    conf->server_port = port;
+    start();
+    ASSERT_TRUE(torn_down(2));  // the connection's own and the start's
+    EXPECT_TRUE(logged("TCP Connection failed"));
+    EXPECT_TRUE(interface_exists());
+    EXPECT_GE(hand_clock::seconds("backoff"), 10);
+    EXPECT_LE(hand_clock::seconds("backoff"), 11);
+    EXPECT_EQ(reported_states(), strings{});
+
+    for (size_t failure = 3; failure < 8; ++failure) {  // it never ends because of the network
+        hand_clock::expire("backoff");
+        ASSERT_TRUE(torn_down(failure));
+    }
+    EXPECT_EQ(log.count("ERROR", timer_file, "tlsc_start_rekey_proc", "TCP connection failed!!!"), 5u);
+    stop();
+    EXPECT_EQ(epoll_thread_exited, 1);
+    expect_counters({{"tun_alloc", 1}, {"tun_freed", 1}});
+}
+
+TEST_F(engine_loop, a_failed_handshake_at_the_start_is_not_called_a_failed_tcp_connection) {
+    tls_peer peer(nullptr, "another key");
+    conf->server_port = peer.port();
+    start();
+    ASSERT_TRUE(torn_down());
+    stop();
+    EXPECT_EQ(teardowns(), 1u);
+    EXPECT_FALSE(log.contains("TCP Connection failed"));
+}
+
+TEST_F(engine_loop, a_failed_wait_is_logged_and_the_next_pass_follows) {
+    wait_failures = 3;
+    tls_peer peer;
+    bring_up(peer);
+    EXPECT_EQ(log.count("ERROR", engine_file, "handle_one_pass", "EPOLL Wait timed out"), 3u);
+}
+
+TEST_F(engine_loop, the_data_path_state_is_not_reset_when_a_thread_starts) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    tlsc_dp_state     = 0;
+    start();
+    ASSERT_NE(peer.connection(0).read_record(), "");
+    stop();
+    EXPECT_EQ(tlsc_dp_state, 0);
+}
+
+TEST_F(engine_loop, a_peer_that_goes_away_does_not_kill_the_process) {
+    signal(SIGPIPE, SIG_DFL);
+    tls_peer peer;
+    bring_up(peer);
+    EXPECT_EQ(signal(SIGPIPE, SIG_IGN), SIG_IGN);
+}
+
+// ---- traffic --------------------------------------------------------------------------------------------------------------------
+
+TEST_F(engine_loop, packets_go_both_ways_with_their_addresses_exchanged) {
+    tls_peer peer;
+    bring_up(peer);
+    const int packets = open_packet_socket();
+    emit(packets, udp_packet("192.168.1.5", "8.8.8.8"));
+    const std::string frame = peer.connection(0).read_record();
+    ASSERT_EQ(frame.size(), 8 + 28 + data_mark.size());
+    EXPECT_EQ(frame.substr(0, 8), wire_frame(CSTP_DATA, frame.substr(8)).substr(0, 8));
+    EXPECT_EQ(dotted(frame, 8 + 12), "10.99.0.7");
+    EXPECT_EQ(frame.substr(8 + 28), data_mark);
+
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DATA, udp_packet("8.8.8.8", "10.99.0.7"))));
+    char    bytes[2000];
+    ssize_t count;
+    do count = recv(packets, bytes, sizeof(bytes), 0);
+    while (count > 0 && dotted(std::string(bytes, static_cast<size_t>(count)), 12) != "8.8.8.8");
+    ASSERT_GT(count, 0);
+    EXPECT_EQ(dotted(std::string(bytes, static_cast<size_t>(count)), 16), "192.168.1.5");
+    close(packets);
+    stop();
+    expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}, {"tun_alloc", 1}, {"tun_freed", 1}, {"data_pkt_tx", 1}, {"data_pkt_rx", 1}, {"tun_pkt_rx", 1}, {"tun_pkt_tx", 1}});
+}
+
+TEST_F(engine_loop, packets_stay_queued_while_the_data_path_is_down) {
+    tls_peer peer;
+    resolution_result = 1;
+    bring_up(peer);
+    const int packets = open_packet_socket();
+    hand_clock::expire("rekey");  // stops the data path while the controller is asked
+    ASSERT_TRUE(hand_clock::wait_for("fqdn"));
+    emit(packets, udp_packet("192.168.1.5", "8.8.8.8"));
+    ASSERT_TRUE(eventually([&] { return log.count("DEBUG", engine_file, "on_tun_event", "DP STATE DOWN") >= 3; }));  // at every wakeup
+    EXPECT_EQ(tlsc_stats_record.tun_pkt_rx, 0u);
+    tlsc_log_level = LOG_INFO;  // it logs at every turn
+    hand_clock::expire("fqdn");
+    const std::string second = peer.connection(1).read_record();
+    EXPECT_EQ(second.substr(6, 1), "\x01");
+    answer(peer, 1);
+    const std::string frame = peer.connection(1).read_record();
+    EXPECT_EQ(frame.substr(frame.size() - data_mark.size()), data_mark);
+    close(packets);
+}
+
+TEST_F(engine_loop, two_frames_in_two_records_of_one_segment_are_both_handled) {
+    tls_peer peer;
+    bring_up(peer);
+    hold_wait = true;
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));
+    hold_wait = false;
+    EXPECT_TRUE(eventually([] { return tlsc_stats_record.invalid_rx == 2; }));
+    stop();
+    EXPECT_EQ(teardowns(), 0u);
+}
+
+TEST_F(engine_loop, the_processor_is_given_nowhere_to_report_to_so_a_bad_frame_does_not_end_the_connection) {
+    tls_peer peer;
+    bring_up(peer);
+    for (const std::string &bad : {wire_frame(1, "x"), wire_frame(77, ""), wire_frame(CSTP_CONFIG_RESPONSE, "no address"), std::string("S"), std::string("STF\x01\xff\xff\x00\x00", 8)})
+        ASSERT_TRUE(peer.connection(0).write(bad));
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
+    EXPECT_TRUE(eventually([] { return tlsc_stats_record.dpd_rsp_rx == 1; }));
+    EXPECT_EQ(teardowns(), 0u);
+    EXPECT_TRUE(peer.connection(0).is_still_open());
+    EXPECT_FALSE(log.contains("Processing CSTP frame returned error"));
+}
+
+TEST_F(engine_loop, a_record_of_more_than_one_read_is_taken_in_pieces_without_a_crash) {
+    tls_peer peer;
+    bring_up(peer);
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(9, std::string(15000, '\x09'))));
+    EXPECT_TRUE(eventually([] { return tlsc_stats_record.invalid_rx >= 1; }));
+    EXPECT_EQ(teardowns(), 0u);
+}
+
+TEST_F(engine_loop, a_read_result_of_2_or_3_keeps_the_connection) {
+    for (int error : {SSL_ERROR_WANT_READ, SSL_ERROR_WANT_WRITE}) {
+        tls_peer peer;
+        bring_up(peer);
+        next_class = error;
+        peer.connection(0).send_raw(std::string("\x17\x03\x03\x00\x01x", 6));  // a record that cannot be read
+        ASSERT_TRUE(logged(text_of("SSL returned error = %d, while trying to read data", error)));
+        hand_clock::expire("rekey");  // the loop goes on
+        EXPECT_NE(peer.connection(1).read_record(), "");
+        EXPECT_EQ(teardowns(), 0u);
+        stop();
+        start_afresh();
+    }
+}
+
+TEST_F(engine_loop, a_broken_record_tears_down) {
+    tls_peer peer;
+    bring_up(peer);
+    peer.connection(0).send_raw(std::string("\x17\x03\x03\x00\x01x", 6));
+    ASSERT_TRUE(torn_down());
+    EXPECT_TRUE(log.contains("SSL returned error = 0, while trying to read data"));
+    EXPECT_TRUE(eventually([&] { return reported_states() == strings{"1/0", "0/0"}; }));
+    EXPECT_TRUE(interface_exists());
+}
+
+TEST_F(engine_loop, a_hang_up_tears_down_before_any_read) {
+    tls_peer peer;
+    bring_up(peer);
+    hold_wait = true;
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "lost")));
+    peer.connection(0).send_fin();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    hold_wait = false;
+    ASSERT_TRUE(torn_down());
+    EXPECT_TRUE(std::regex_search(log.text(), std::regex(R"(Error \[8193\] occured on SSL-Socket-fd\(\d+\)\.\. closing connection)")));
+    EXPECT_EQ(tlsc_stats_record.invalid_rx, 0u);
+    EXPECT_FALSE(log.contains("SSL Read error"));
+}
+
+TEST_F(engine_loop, a_reset_tears_down) {
+    tls_peer peer;
+    bring_up(peer);
+    peer.connection(0).reset();
+    ASSERT_TRUE(torn_down());
+    EXPECT_TRUE(std::regex_search(log.text(), std::regex(R"(Error \[\d+\] occured on SSL-Socket-fd\(\d+\)\.\. closing connection)")));
+}
+
+TEST_F(engine_loop, a_packet_that_cannot_be_sent_tears_down) {
+    tls_peer peer;
+    bring_up(peer);
+    const int packets = open_packet_socket();
+    sock->ssl_up      = 0;  // the write of the frame fails
+    emit(packets, udp_packet("192.168.1.5", "8.8.8.8"));
+    ASSERT_TRUE(torn_down());
+    EXPECT_TRUE(log.contains("Null ptr received for sock/buffer/sock->ssl_up"));
+    close(packets);
+}
+
+TEST_F(engine_loop, a_later_event_of_a_closed_descriptor_is_only_logged_even_when_its_number_is_used_again) {
+    tls_peer peer;
+    bring_up(peer);
+    // The command reconnects to a port where nobody listens; the teardown closes the transport and the backoff timer
+    // takes its number. The transport's own event of the same pass comes after that.
+    uint16_t dead;
+    {
+        tls_peer gone;
+        dead = gone.port();
+    }
+    conf->server_port = dead;
+    first_in_pass     = cli_pipe_rd_fd.load();
+    hold_wait         = true;
+    tlsc_gw_addr gw{};
+    gw.kind = ADDR_IPV4;
+    inet_pton(AF_INET, "127.0.0.1", gw.ipv4);
+    ASSERT_EQ(tlsc_send_gw_ip(gw), 1);
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    hold_wait = false;
+    ASSERT_TRUE(torn_down());
+    EXPECT_TRUE(logged("Epoll indicated event on an unknown socket with ltype = 0"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(teardowns(), 1u);
+    EXPECT_EQ(resolutions, 0);  // no backoff expiry was handled
+    EXPECT_EQ(hand_clock::count("backoff"), 1u);
+}
+
+// ---- timers in the loop ---------------------------------------------------------------------------------------------------------------
+
+TEST_F(engine_loop, dead_peer_detection_asks_four_times_and_then_gives_up) {
+    tls_peer peer;
+    bring_up(peer);
+    const std::string dpd = wire_frame(CSTP_DPD_REQ, "");
+    hand_clock::expire("dpd");
+    EXPECT_EQ(peer.connection(0).read_record(), dpd);
+    ASSERT_TRUE(hand_clock::wait_for("retry"));
+    EXPECT_EQ(hand_clock::seconds("retry"), 20);
+    for (int retry = 1; retry <= 3; ++retry) {
+        hand_clock::expire("retry");
+        EXPECT_EQ(peer.connection(0).read_record(), dpd);
+    }
+    hand_clock::expire("retry");
+    ASSERT_TRUE(torn_down());
+    EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+    EXPECT_TRUE(log.contains("Retry count exceeded"));
+    EXPECT_EQ(tlsc_stats_record.dpd_req_tx, 4u);
+}
+
+TEST_F(engine_loop, a_dpd_response_keeps_the_connection_and_arms_the_timer_again) {
+    tls_peer peer;
+    bring_up(peer);
+    for (size_t round = 1; round <= 3; ++round) {
+        hand_clock::expire("dpd");
+        EXPECT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_DPD_REQ, ""));
+        ASSERT_TRUE(hand_clock::wait_for("retry", round));
+        hand_clock::expire("retry");
+        EXPECT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_DPD_REQ, ""));
+        ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
+        ASSERT_TRUE(hand_clock::wait_for("dpd", round + 1));
+        ASSERT_TRUE(eventually([&] { return tlsc_stats_record.dpd_rsp_rx == round; }));
+    }
+    EXPECT_EQ(teardowns(), 0u);
+    EXPECT_EQ(tlsc_retry_ref, 0);
+}
+
+TEST_F(engine_loop, a_retry_timer_that_cannot_be_read_is_handled_all_the_same) {
+    tls_peer peer;
+    bring_up(peer);
+    hand_clock::expire("dpd");
+    (void)peer.connection(0).read_record();
+    ASSERT_TRUE(hand_clock::wait_for("retry"));
+    retry_read_fails = true;
+    hand_clock::expire("retry");
+    EXPECT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_DPD_REQ, ""));
+    retry_read_fails = false;
+    EXPECT_TRUE(log.has("ERROR", engine_file, "on_retry_timer", text_of("Retry timer fd read error, ret1=-1, errstr=%s", strerror(EIO))));
+}
+
+TEST_F(engine_loop, a_rekey_builds_a_new_connection_and_closes_the_old_one_with_the_response) {
+    tls_peer peer;
+    bring_up(peer);
+    hand_clock::expire("rekey");
+    EXPECT_EQ(peer.connection(1).read_record(),
+              wire_frame(CSTP_CONFIG_REQ, "X-CSTP-Address:10.99.0.7\nX-CSTP-Device-ID:device\nX-CSTP-Cookie:oatmeal\n"));
+    EXPECT_TRUE(log.contains("FQDN Resoln failed, try rekeying with previous GW IP"));
+    EXPECT_TRUE(peer.connection(0).is_still_open());
+    EXPECT_EQ(tlsc_stats_record.rekey_attempts, 1u);
+    EXPECT_EQ(tlsc_stats_record.rekey_success, 0u);
+    answer(peer, 1);
+    EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+    EXPECT_EQ(tlsc_stats_record.rekey_success, 1u);
+    EXPECT_EQ(reported_states(), (strings{"1/0"}));  // the interface stayed up
+    EXPECT_EQ(teardowns(), 0u);
+    hand_clock::expire("rekey");  // and once more on the new one
+    EXPECT_NE(peer.connection(2).read_record(), "");
+    answer(peer, 2);
+    EXPECT_TRUE(peer.connection(1).is_closed_by_client());
+    stop();
+    EXPECT_EQ(tlsc_stats_record.rekey_success, 2u);
+}
+
+TEST_F(engine_loop, a_rekey_waits_for_the_controllers_answer_and_takes_its_address) {
+    tls_peer peer;
+    resolution_result = 1;
+    bring_up(peer);
+    hand_clock::expire("rekey");
+    ASSERT_TRUE(hand_clock::wait_for("fqdn"));
+    EXPECT_EQ(hand_clock::seconds("fqdn"), 30);
+    EXPECT_EQ(peer.connections(), 1u);
+    tlsc_gw_addr gw{};
+    gw.kind = ADDR_IPV4;
+    inet_pton(AF_INET, "127.0.0.1", gw.ipv4);
+    strcpy(conf->svr_addr_ipv4, "192.0.2.1");
+    ASSERT_EQ(tlsc_send_gw_ip(gw), 1);
+    EXPECT_NE(peer.connection(1).read_record(), "");
+    answer(peer, 1);
+    EXPECT_STREQ(conf->svr_addr_ipv4, "127.0.0.1");
+    EXPECT_EQ(tlsc_stats_record.rekey_success, 1u);
+}
+
+TEST_F(engine_loop, an_unanswered_question_goes_on_with_the_previous_address) {
+    tls_peer peer;
+    resolution_result = 1;
+    bring_up(peer);
+    hand_clock::expire("rekey");
+    ASSERT_TRUE(hand_clock::wait_for("fqdn"));
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));  // the old connection still serves
+    EXPECT_TRUE(eventually([] { return tlsc_stats_record.invalid_rx == 1; }));
+    hand_clock::expire("fqdn");
+    EXPECT_NE(peer.connection(1).read_record(), "");
+    answer(peer, 1);
+    EXPECT_EQ(tlsc_stats_record.rekey_success, 1u);
+}
+
+TEST_F(engine_loop, an_ipv6_answer_triggers_the_new_transport_to_the_previous_address) {
+    tls_peer peer;
+    resolution_result = 1;
+    bring_up(peer);
+    hand_clock::expire("rekey");
+    ASSERT_TRUE(hand_clock::wait_for("fqdn"));
+    tlsc_gw_addr gw{};
+    gw.kind = ADDR_IPV6;
+    ASSERT_EQ(tlsc_send_gw_ip(gw), 1);
+    EXPECT_NE(peer.connection(1).read_record(), "");
+    EXPECT_TRUE(log.contains("IPv6 ADDR not supported"));
+}
+
+TEST_F(engine_loop, the_guard_gives_up_a_connection_without_a_response) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    start();
+    (void)peer.connection(0).read_record();
+    ASSERT_TRUE(hand_clock::wait_for("guard"));
+    EXPECT_EQ(hand_clock::seconds("guard"), 10);
+    hand_clock::expire("guard");
+    ASSERT_TRUE(torn_down());
+    EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+    EXPECT_EQ(tlsc_stats_record.rekey_attempts, 0u);
+
+    hand_clock::expire("backoff");  // and it comes back
+    EXPECT_NE(peer.connection(1).read_record(), "");
+    answer(peer, 1);
+    EXPECT_EQ(tlsc_stats_record.rekey_success, 0u);
+    EXPECT_EQ(tlsc_backoff_interval, 0u);
+}
+
+TEST_F(engine_loop, the_guard_of_a_rekey_closes_both_connections) {
+    tls_peer peer;
+    bring_up(peer);
+    hand_clock::expire("rekey");
+    (void)peer.connection(1).read_record();
+    ASSERT_TRUE(hand_clock::wait_for("guard", 2));
+    hand_clock::expire("guard");
+    ASSERT_TRUE(torn_down());
+    EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+    EXPECT_TRUE(peer.connection(1).is_closed_by_client());
+    EXPECT_TRUE(std::regex_search(log.text(), std::regex(R"(DEBUG \[tlsc_engine\.c:\d+\] \[on_guard_timer\] Closing the old transport-fd\(\d+\))")));
+    EXPECT_EQ(tlsc_old_transport_fd, -1);
+    EXPECT_EQ(tlsc_timers.guard, -1);
+}
+
+TEST_F(engine_loop, a_reconnection_after_a_backoff_asks_the_controller_but_is_no_rekey) {
+    tls_peer peer;
+    bring_up(peer);
+    peer.connection(0).reset();
+    ASSERT_TRUE(torn_down());
+    hand_clock::expire("backoff");
+    EXPECT_EQ(peer.connection(1).read_record(), wire_frame(CSTP_CONFIG_REQ, "X-CSTP-Address:10.99.0.7\nX-CSTP-Device-ID:device\n"));  // no cookie
+    answer(peer, 1);
+    EXPECT_EQ(resolutions, 1);
+    EXPECT_EQ(tlsc_stats_record.rekey_attempts, 0u);
+    EXPECT_EQ(tlsc_stats_record.rekey_success, 0u);
+    EXPECT_EQ(reported_states(), (strings{"1/0", "0/0", "1/0"}));
+    peer.connection(1).reset();
+    ASSERT_TRUE(torn_down(2));
+    EXPECT_EQ(hand_clock::seconds("backoff"), 10);  // a good response starts it anew
+}
+
+TEST_F(engine_loop, a_rekey_whose_connection_fails_ends_in_the_backoff_and_succeeds_later) {
+    tls_peer peer;
+    bring_up(peer);
+    peer.meet_with(tls_peer::manner::hang_up);
+    hand_clock::expire("rekey");
+    ASSERT_TRUE(torn_down());
+    EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+    (void)peer.connection(1);
+    EXPECT_EQ(tlsc_rekey_in_progress, 1);
+    peer.meet_with(tls_peer::manner::handshake);
+    hand_clock::expire("backoff");
+    EXPECT_NE(peer.connection(2).read_record(), "");
+    answer(peer, 2);
+    EXPECT_EQ(tlsc_stats_record.rekey_success, 1u);  // the flag outlived the failure
+}
+
+TEST_F(engine_loop, events_of_one_pass_are_handled_in_the_order_epoll_gives_them) {
+    tls_peer peer;
+    bring_up(peer);
+    for (size_t round = 1; round <= 2; ++round) {
+        const bool socket_first = round == 1;
+        first_in_pass           = socket_first ? sock->sockfd : tlsc_timers.dpd;
+        log.clear();
+        hold_wait = true;
+        ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));
+        hand_clock::expire("dpd");
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        hold_wait = false;
+        EXPECT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_DPD_REQ, ""));
+        ASSERT_TRUE(eventually([&] { return log.contains("Receieved invalid cstp frame(9)"); }));
+        EXPECT_EQ(log.text().find("Receieved invalid cstp frame(9)") < log.text().find("DPD timer expiry event"), socket_first);
+        ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
+        ASSERT_TRUE(hand_clock::wait_for("dpd", round + 1));
+    }
+}
+
+TEST_F(engine_loop, nothing_is_left_open_after_many_failures_and_rekeys) {
+    tls_peer peer;
+    bring_up(peer);
+    size_t number = 0;
+    int    before = -1;
+    for (int round = 0; round < 10; ++round) {
+        hand_clock::expire("rekey");
+        ++number;
+        ASSERT_NE(peer.connection(number).read_record(), "");
+        answer(peer, number);
+        ASSERT_TRUE(peer.connection(number - 1).is_closed_by_client());
+        peer.connection(number - 1).hang_up();
+        peer.connection(number).reset();
+        ASSERT_TRUE(torn_down(static_cast<size_t>(round) + 1));
+        hand_clock::expire("backoff");
+        ++number;
+        ASSERT_NE(peer.connection(number).read_record(), "");
+        answer(peer, number);
+        if (round == 0) before = open_descriptors();
+    }
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+// ---- standing still -------------------------------------------------------------------------------------------------------------------------
+
+TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_that_connects_cannot) {
+    // In a process of its own: the halt is for good.
+    EXPECT_EXIT(
+        {
+            tls_peer peer;
+            peer.meet_with(tls_peer::manner::nothing);
+            conf->server_port = peer.port();
+            std::thread([] { tlsc_start_epoll(nullptr); }).detach();
+            (void)peer.connection(0);
+            if (tlsc_halt_tunnel_thread(0)) _exit(1);
+            peer.meet_with(tls_peer::manner::handshake);
+            peer.connection(0).hang_up();
+            if (!hand_clock::wait_for("backoff")) _exit(2);
+            if (!tlsc_halt_tunnel_thread(5)) _exit(3);
+            hand_clock::expire("backoff");
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            _exit(peer.connections() == 1 ? 0 : 4);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace

@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+
+#include "pool.h"
+#include "tun.h"
+
+using namespace gw;
+
+namespace {
+
+uint32_t address(const char *text) { return *parse_ipv4(text); }
+
+// Five addresses, of which .1 is the gateway's own.
+Pool small_pool() { return Pool({address("10.0.0.1"), address("10.0.0.5")}, {address("10.0.0.1")}); }
+
+Pool::Asker asker(const char *device, std::optional<uint32_t> wanted = {}, const char *cookie = "", const char *identity = "id") {
+    return {identity, device, cookie, wanted};
+}
+
+}  // namespace
+
+TEST(gateway_pool, first_address_is_the_first_that_is_not_excluded) {
+    Pool pool = small_pool();
+    EXPECT_EQ(ipv4_text(pool.acquire(asker("a"))->address), "10.0.0.2");
+    EXPECT_EQ(ipv4_text(pool.acquire(asker("b"))->address), "10.0.0.3");
+}
+
+TEST(gateway_pool, a_device_keeps_its_address_while_it_is_away) {
+    Pool pool = small_pool();
+    Lease *lease = pool.acquire(asker("a"));
+    pool.release(*lease);
+    (void)pool.acquire(asker("b"));
+    EXPECT_EQ(pool.acquire(asker("a")), lease);
+}
+
+TEST(gateway_pool, the_same_device_id_under_another_identity_is_another_device) {
+    Pool pool = small_pool();
+    EXPECT_NE(pool.acquire(asker("a", {}, "", "one"))->address, pool.acquire(asker("a", {}, "", "two"))->address);
+}
+
+TEST(gateway_pool, an_address_asked_for_is_granted_when_it_is_free) {
+    Pool pool = small_pool();
+    EXPECT_EQ(ipv4_text(pool.acquire(asker("a", address("10.0.0.4")))->address), "10.0.0.4");
+}
+
+TEST(gateway_pool, an_address_outside_the_pool_or_excluded_is_not_granted) {
+    Pool pool = small_pool();
+    EXPECT_EQ(ipv4_text(pool.acquire(asker("a", address("10.0.0.6")))->address), "10.0.0.2");
+    EXPECT_EQ(ipv4_text(pool.acquire(asker("b", address("10.0.0.1")))->address), "10.0.0.3");
+}
+
+TEST(gateway_pool, an_address_of_a_connected_device_is_not_granted_and_of_an_absent_one_is) {
+    Pool pool = small_pool();
+    Lease *held = pool.acquire(asker("a", address("10.0.0.4")));
+    EXPECT_NE(ipv4_text(pool.acquire(asker("b", address("10.0.0.4")))->address), "10.0.0.4");
+    pool.release(*held);
+    EXPECT_EQ(ipv4_text(pool.acquire(asker("c", address("10.0.0.4")))->address), "10.0.0.4");
+}
+
+TEST(gateway_pool, a_full_pool_gives_away_the_address_of_the_device_absent_for_longest) {
+    Pool pool = small_pool();
+    Lease *leases[4];
+    const char *names[4] = {"a", "b", "c", "d"};
+    for (int i = 0; i < 4; i++) leases[i] = pool.acquire(asker(names[i]));
+    EXPECT_EQ(pool.acquire(asker("e")), nullptr);
+    uint32_t first_gone = leases[2]->address;
+    pool.release(*leases[2]);
+    pool.release(*leases[1]);
+    EXPECT_EQ(pool.acquire(asker("e"))->address, first_gone);
+    EXPECT_EQ(pool.leases().size(), 4u);
+}
+
+TEST(gateway_pool, a_second_connection_of_a_device_shares_the_lease) {
+    Pool pool = small_pool();
+    Lease *lease = pool.acquire(asker("a"));
+    EXPECT_EQ(pool.acquire(asker("a", lease->address)), lease);
+    EXPECT_EQ(lease->connections, 2u);
+    pool.release(*lease);
+    EXPECT_EQ(lease->connections, 1u);
+}
+
+TEST(gateway_pool, devices_without_an_id_are_told_apart_by_address_and_cookie) {
+    Pool pool = small_pool();
+    Lease *first = pool.acquire(asker(""));
+    Lease *second = pool.acquire(asker(""));
+    EXPECT_NE(first, second);
+    EXPECT_EQ(pool.acquire(asker("", second->address)), second);
+    first->cookie = "0123456789";
+    EXPECT_EQ(pool.acquire(asker("", {}, "0123456789")), first);
+}
+
+TEST(gateway_pool, a_device_without_an_id_gets_the_lease_of_an_absent_one) {
+    Pool pool = small_pool();
+    Lease *first = pool.acquire(asker(""));
+    pool.release(*first);
+    EXPECT_EQ(pool.acquire(asker("")), first);
+}
+
+TEST(gateway_pool, a_cookie_is_known_by_its_first_ten_characters_and_with_an_old_tail) {
+    Lease lease;
+    EXPECT_FALSE(Pool::is_known_cookie(lease, ""));
+    lease.cookie = "0123456789abc";
+    EXPECT_TRUE(Pool::is_known_cookie(lease, "0123456789"));
+    EXPECT_FALSE(Pool::is_known_cookie(lease, "012345678"));
+    lease.cookie = "xyz";
+    EXPECT_TRUE(Pool::is_known_cookie(lease, "xyz3456789"));
+}
+
+TEST(gateway_pool, a_lease_moves_only_to_an_address_that_no_connected_device_holds) {
+    Pool pool = small_pool();
+    Lease *a = pool.acquire(asker("a"));
+    Lease *b = pool.acquire(asker("b"));
+    EXPECT_FALSE(pool.move(*a, b->address));
+    EXPECT_FALSE(pool.move(*a, address("10.0.0.9")));
+    EXPECT_TRUE(pool.move(*a, address("10.0.0.5")));
+    EXPECT_EQ(ipv4_text(a->address), "10.0.0.5");
+}
+
+TEST(gateway_pool, a_range_is_covered_exactly_by_its_networks) {
+    auto networks = networks_of({address("10.0.0.1"), address("10.0.0.6")});
+    uint64_t covered = 0;
+    for (const Cidr &network : networks) {
+        EXPECT_GE(network.network(), address("10.0.0.1"));
+        EXPECT_LE(network.broadcast(), address("10.0.0.6"));
+        covered += network.broadcast() - network.network() + 1;
+    }
+    EXPECT_EQ(covered, 6u);
+    EXPECT_EQ(networks.size(), 4u);  // .1/32 .2/31 .4/31 .6/32
+    EXPECT_EQ(networks_of({0, 0xffffffff}).size(), 1u);
+    EXPECT_EQ(cidr_text(networks_of({address("10.1.0.0"), address("10.1.255.255")})[0]), "10.1.0.0/16");
+}

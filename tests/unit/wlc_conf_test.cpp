@@ -1,0 +1,533 @@
+// The secure-tunnel configuration file and the parameter block.
+
+#include "tlsc_wlc.h"
+
+#include <functional>
+#include <map>
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include "capture.h"
+#include "wlc_controller.h"
+
+namespace {
+
+constexpr char source[]      = "tlsc_wlc.c";
+constexpr char plain_path[]  = "../wlc/tlsc_wlc.c";
+constexpr char read_all[]    = "wlcSecTunReadAllConf";
+constexpr char process_one[] = "wlcSecTunProcessConf";
+constexpr char update_one[]  = "wlcSecTunUpdateConf";
+constexpr char read_one[]    = "wlcSecTunReadConf";
+
+std::vector<unsigned> sleeps;    // seconds of each sleep
+std::function<void()> on_sleep;  // runs instead of sleeping
+
+}  // namespace
+
+extern "C" unsigned __wrap_sleep(unsigned seconds) {
+    sleeps.push_back(seconds);
+    if (on_sleep) on_sleep();
+    return 0;
+}
+
+class wlc_conf : public controller_test {
+protected:
+    void SetUp() override {
+        controller_test::SetUp();
+        sleeps.clear();
+        on_sleep = nullptr;
+        for (const char *key : {"serial_num", "system_name"}) wlcSecTunProcessConf(key, "");
+        tlscWlcClearCfgParams();
+    }
+    void TearDown() override {
+        tlscWlcSetBootupDbgFlags(0);
+        controller_test::TearDown();
+    }
+};
+
+// ---- reading all --------------------------------------------------------------------------------------------------
+
+TEST_F(wlc_conf, port_entry_sets_the_port_and_is_marked_as_consumed) {
+    write_file(conf_file, "server_port;8443;1\n");
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_EQ(tlscWlcGetServerPort(), 8443);
+    EXPECT_EQ(read_file(conf_file), "server_port;8443;0\n");
+    EXPECT_FALSE(exists(temp_conf_file));
+}
+
+TEST_F(wlc_conf, every_key_fills_its_own_field) {
+    write_file(conf_file, "server_ip_address;gw.example;1\nserver_port;443;1\nmanagement_ip;10.0.0.2;1\ninner_ip;1.1.1.1;1\n"
+                          "tun_interface_name;tun7;1\ncipher_algo;PSK-AES;1\npsk_identity;me;1\npsk_key;hush;1\n"
+                          "log_level;debug;1\nlog_dest;both;1\ndevice_id;D1;1\nserial_num;S1;1\nsystem_name;N1;1\n");
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_STREQ(tlscWlcGetServerIpAddress(), "gw.example");
+    EXPECT_EQ(tlscWlcGetServerPort(), 443);
+    EXPECT_STREQ(tlscWlcGetManagementIp(), "10.0.0.2");
+    EXPECT_STREQ(tlscWlcGetTunInterfaceName(), "tun7");
+    EXPECT_STREQ(tlscWlcGetCipherAlgo(), "PSK-AES");
+    EXPECT_STREQ(tlscWlcGetPskIdentity(), "me");
+    EXPECT_STREQ(tlscWlcGetPskKey(), "hush");
+    EXPECT_STREQ(tlscWlcGetDeviceId(), "D1");
+    EXPECT_STREQ(tlscWlcGetSerialNum(), "S1");
+    EXPECT_STREQ(tlscWlcGetSystemName(), "N1");
+    EXPECT_EQ(read_file(conf_file), "server_ip_address;gw.example;0\nserver_port;443;0\nmanagement_ip;10.0.0.2;0\ninner_ip;1.1.1.1;0\n"
+                                    "tun_interface_name;tun7;0\ncipher_algo;PSK-AES;0\npsk_identity;me;0\npsk_key;hush;0\n"
+                                    "log_level;debug;0\nlog_dest;both;0\ndevice_id;D1;0\nserial_num;S1;0\nsystem_name;N1;0\n");
+}
+
+TEST_F(wlc_conf, lines_that_are_no_entry_are_named_and_dropped) {
+    write_file(conf_file, "\n# a comment\n#device_id;no;1\n;;;\nlonely\ndevice_id;two-fields\nsystem_name;;1\ndevice_id;yes;1\n");
+    log_capture log;
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    const std::vector<std::string> expected = {
+        "wlcSecTunReadAllConf - TLS Client process, reading all the configuration",
+        "continue 1",
+        "continue 1",
+        "continue 1",
+        "continue 3",  // the newline is the only field of ";;;"
+        "continue 3",
+        "continue 4",
+        "continue 4",  // a run of separators counts once
+        "wlcSecTunProcessConf() - On TLS Client received key value pair Key:device_id,value:yes",
+    };
+    EXPECT_EQ(log.messages(), expected);
+    EXPECT_TRUE(log.has("DEBUG", source, read_all, "continue 4"));
+    EXPECT_EQ(read_file(conf_file), "device_id;yes;0\n");
+    EXPECT_STREQ(tlscWlcGetDeviceId(), "yes");
+    EXPECT_STREQ(tlscWlcGetSystemName(), "");
+}
+
+TEST_F(wlc_conf, last_line_of_separators_without_a_line_end_has_no_key) {
+    write_file(conf_file, ";;;");
+    log_capture log;
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_EQ(log.count("DEBUG", source, read_all, "continue 2"), 1u);
+    EXPECT_EQ(read_file(conf_file), "");
+}
+
+TEST_F(wlc_conf, last_line_without_a_line_end_is_an_entry) {
+    write_file(conf_file, "device_id;D9;1");
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_STREQ(tlscWlcGetDeviceId(), "D9");
+    EXPECT_EQ(read_file(conf_file), "device_id;D9;0\n");
+}
+
+TEST_F(wlc_conf, value_of_63_characters_is_kept_and_the_64th_is_cut) {
+    write_file(conf_file, "management_ip;" + std::string(63, 'm') + ";1\ncipher_algo;" + std::string(64, 'c') + ";1\n");
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_EQ(tlscWlcGetManagementIp(), std::string(63, 'm'));
+    EXPECT_EQ(tlscWlcGetCipherAlgo(), std::string(63, 'c'));
+}
+
+TEST_F(wlc_conf, value_of_100_characters_is_cut_in_the_block_and_whole_in_the_file) {
+    const std::string value(100, 'v');
+    write_file(conf_file, "management_ip;" + value + ";1\n");
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_EQ(tlscWlcGetManagementIp(), std::string(63, 'v'));
+    EXPECT_EQ(read_file(conf_file), "management_ip;" + value + ";0\n");
+}
+
+TEST_F(wlc_conf, unknown_key_is_named_not_stored_and_rewritten) {
+    write_file(conf_file, "Server_Port;99;1\n");
+    log_capture log;
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_TRUE(log.has("DEBUG", source, process_one, "Got invalid keystr:Server_Port value:99"));
+    EXPECT_EQ(tlscWlcGetServerPort(), 0);
+    EXPECT_EQ(read_file(conf_file), "Server_Port;99;0\n");
+}
+
+TEST_F(wlc_conf, key_is_matched_whole_and_kept_up_to_63_characters) {
+    const std::string key(80, 'k');
+    write_file(conf_file, "device;a;1\ndevice_id2;b;1\n" + key + ";c;1\n");
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_STREQ(tlscWlcGetDeviceId(), "");
+    EXPECT_EQ(read_file(conf_file), "device;a;0\ndevice_id2;b;0\n" + std::string(63, 'k') + ";c;0\n");
+}
+
+TEST_F(wlc_conf, value_with_a_separator_is_cut_at_it) {
+    write_file(conf_file, "cipher_algo;AES;SHA;1\n");
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_STREQ(tlscWlcGetCipherAlgo(), "AES");
+    EXPECT_EQ(read_file(conf_file), "cipher_algo;AES;0\n");
+}
+
+TEST_F(wlc_conf, port_that_is_no_number_is_zero) {
+    write_file(conf_file, "server_port;https;1\n");
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_EQ(tlscWlcGetServerPort(), 0);
+}
+
+TEST_F(wlc_conf, line_of_511_characters_is_read_whole_and_a_longer_one_in_pieces) {
+    const std::string head = "device_id;";
+    const std::string tail = ";1";
+    const std::string fits(511 - head.size() - tail.size(), 'a');  // 511 characters, then the line end
+    const std::string spills(512 - head.size() - tail.size(), 'b');
+    write_file(conf_file, head + fits + tail + "\n" + head + spills + tail + "\n");
+    log_capture log;
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    // The first line's own end is a blank line. The second one loses its flag, which then stands alone.
+    const std::vector<std::string> all = log.messages();
+    ASSERT_EQ(all.size(), 5u);
+    EXPECT_EQ(all[2], "continue 1");
+    EXPECT_EQ(all[3], "continue 4");
+    EXPECT_EQ(all[4], "continue 3");
+    EXPECT_EQ(read_file(conf_file), head + fits + ";0\n");
+}
+
+TEST_F(wlc_conf, missing_file_ends_the_read_and_leaves_the_block) {
+    wlcSecTunProcessConf("device_id", "kept");
+    log_capture log;
+    EXPECT_EQ(wlcSecTunReadAllConf(), 0);
+    EXPECT_TRUE(log.has("ERROR", source, read_all,
+                        "wlcSecTunReadAllConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+    EXPECT_STREQ(tlscWlcGetDeviceId(), "kept");
+    EXPECT_FALSE(exists(temp_conf_file));
+    EXPECT_TRUE(sleeps.empty());
+}
+
+TEST_F(wlc_conf, temporary_file_that_cannot_be_opened_ends_the_read) {
+    write_file(conf_file, "device_id;D1;1\n");
+    ASSERT_EQ(mkdir(temp_conf_file, 0700), 0);
+    log_capture log;
+    EXPECT_EQ(wlcSecTunReadAllConf(), 0);
+    EXPECT_TRUE(log.has("ERROR", source, read_all,
+                        "wlcSecTunReadAllConf - Temp File open failed to read, returning, filename:/storage/application/wlc/wlc-sec-tun-temp.conf"));
+    EXPECT_EQ(read_file(conf_file), "device_id;D1;1\n");
+    EXPECT_STREQ(tlscWlcGetDeviceId(), "");
+}
+
+TEST_F(wlc_conf, temporary_file_that_is_a_link_is_not_followed) {
+    write_file(conf_file, "device_id;D1;1\n");
+    write_file("/tmp/elsewhere", "untouched");
+    ASSERT_EQ(symlink("/tmp/elsewhere", temp_conf_file), 0);
+    EXPECT_EQ(wlcSecTunReadAllConf(), 0);
+    EXPECT_EQ(read_file("/tmp/elsewhere"), "untouched");
+    unlink("/tmp/elsewhere");
+}
+
+// ---- the rewrite --------------------------------------------------------------------------------------------------
+
+TEST_F(wlc_conf, rewrite_waits_one_second_before_it_replaces_the_file) {
+    write_file(conf_file, "device_id;D1;1\n");
+    std::string conf_meanwhile, temp_meanwhile;
+    on_sleep = [&] {
+        conf_meanwhile = read_file(conf_file);
+        temp_meanwhile = read_file(temp_conf_file);
+    };
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_EQ(sleeps, std::vector<unsigned>{1});
+    EXPECT_EQ(conf_meanwhile, "device_id;D1;1\n");
+    EXPECT_EQ(temp_meanwhile, "device_id;D1;0\n");
+}
+
+TEST_F(wlc_conf, failed_rename_is_logged_counts_as_success_and_leaves_the_temporary_file) {
+    write_file(conf_file, "device_id;D1;1\n");
+    on_sleep = [] {
+        unlink(conf_file);
+        mkdir(conf_file, 0700);
+    };
+    log_capture log;
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_TRUE(log.has("ERROR", source, read_all,
+                        "wlcSecTunReadAllConf() - Error [Is a directory] while Renaming file "
+                        "/storage/application/wlc/wlc-sec-tun-temp.conf to /storage/application/wlc/wlc-sec-tun.conf"));
+    EXPECT_EQ(read_file(temp_conf_file), "device_id;D1;0\n");
+}
+
+TEST_F(wlc_conf, leftover_temporary_file_is_appended_to) {
+    write_file(temp_conf_file, "device_id;old;0\n");
+    write_file(conf_file, "device_id;new;1\n");
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_EQ(read_file(conf_file), "device_id;old;0\ndevice_id;new;0\n");
+    EXPECT_STREQ(tlscWlcGetDeviceId(), "new");
+}
+
+TEST_F(wlc_conf, leftover_line_that_was_cut_short_swallows_no_entry) {
+    write_file(temp_conf_file, "device_id;ol");
+    write_file(conf_file, "device_id;new;1\n");
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_EQ(read_file(conf_file), "device_id;ol\ndevice_id;new;0\n");
+}
+
+TEST_F(wlc_conf, rewritten_file_keeps_mode_and_owner) {
+    for (const mode_t mode : {0600, 0640, 0666}) {
+        for (const mode_t mask : {0000, 0077}) {
+            write_file(conf_file, "psk_key;hush;1\n");
+            ASSERT_EQ(chown(conf_file, 1234, 2345), 0);
+            ASSERT_EQ(chmod(conf_file, mode), 0);
+            const mode_t old_mask = umask(mask);
+            EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+            umask(old_mask);
+
+            struct stat st {};
+            ASSERT_EQ(stat(conf_file, &st), 0);
+            EXPECT_EQ(st.st_mode & 07777, mode);
+            EXPECT_EQ(st.st_uid, 1234u);
+            EXPECT_EQ(st.st_gid, 2345u);
+        }
+    }
+}
+
+TEST_F(wlc_conf, leftover_readable_by_all_does_not_expose_the_key) {
+    write_file(temp_conf_file, "");
+    ASSERT_EQ(chmod(temp_conf_file, 0666), 0);
+    write_file(conf_file, "psk_key;hush;1\n");
+    ASSERT_EQ(chmod(conf_file, 0600), 0);
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    struct stat st {};
+    ASSERT_EQ(stat(conf_file, &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+}
+
+TEST_F(wlc_conf, full_disk_loses_no_entry) {
+    ASSERT_EQ(mount("small", "/storage/application/wlc", "tmpfs", 0, "size=12k"), 0) << strerror(errno);
+    std::string content;
+    for (int i = 0; i < 200; ++i) content += "entry_" + std::to_string(1000 + i) + ";value of some length;1\n";  // 6800 bytes
+    write_file(conf_file, content);
+    ASSERT_EQ(read_file(conf_file), content);
+    {
+        log_capture log;
+        EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+        EXPECT_TRUE(log.has("ERROR", source, read_all,
+                            "wlcSecTunReadAllConf() - Error [No space left on device] while Renaming file "
+                            "/storage/application/wlc/wlc-sec-tun-temp.conf to /storage/application/wlc/wlc-sec-tun.conf"));
+        EXPECT_EQ(read_file(conf_file), content);
+        EXPECT_EQ(read_file(temp_conf_file), "");
+        EXPECT_EQ(sleeps, std::vector<unsigned>{1});
+    }
+    EXPECT_EQ(umount("/storage/application/wlc"), 0);
+}
+
+TEST_F(wlc_conf, no_descriptor_is_left_open) {
+    const auto open_descriptors = [] {
+        int n = 0;
+        for (int fd = 0; fd < 256; ++fd) n += fcntl(fd, F_GETFD) != -1;
+        return n;
+    };
+    char      value[512];
+    const int before = open_descriptors();
+    (void)wlcSecTunReadAllConf();
+    write_file(conf_file, "device_id;D1;1\n");
+    (void)wlcSecTunReadAllConf();
+    (void)wlcSecTunUpdateConf("device_id", "D2");
+    (void)wlcSecTunReadConf("device_id", value);
+    ASSERT_EQ(mkdir(temp_conf_file, 0700), 0);
+    (void)wlcSecTunReadAllConf();
+    (void)wlcSecTunUpdateConf("device_id", "D2");
+    (void)wlcSecTunReadConf("device_id", value);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+// ---- one key ------------------------------------------------------------------------------------------------------
+
+TEST_F(wlc_conf, process_refuses_a_null_key_and_a_null_value) {
+    log_capture log;
+    EXPECT_EQ(wlcSecTunProcessConf(nullptr, "v"), 0);
+    EXPECT_EQ(wlcSecTunProcessConf("device_id", nullptr), 0);
+    EXPECT_EQ(log.count("ERROR", source, process_one, "wlcSecTunProcessConf() - Input parm NULL"), 2u);
+}
+
+TEST_F(wlc_conf, process_flushes_standard_output) {
+    log_capture log(LOG_ERRORS);
+    printf("waiting in the buffer");
+    EXPECT_EQ(wlcSecTunProcessConf("no_such_key", "v"), 1);
+    struct stat st {};
+    ASSERT_EQ(fstat(STDOUT_FILENO, &st), 0);
+    EXPECT_EQ(st.st_size, 21);
+}
+
+TEST_F(wlc_conf, update_sets_value_and_flag_of_its_entry_and_keeps_the_others) {
+    write_file(conf_file, "device_id;D1;0\nserver_port;443;0\nother;x;7\n");
+    log_capture log;
+    EXPECT_EQ(wlcSecTunUpdateConf("server_port", "8443"), 1);
+    EXPECT_EQ(read_file(conf_file), "device_id;D1;0\nserver_port;8443;1\nother;x;7\n");
+    const std::vector<std::string> expected = {
+        "wlcSecTunUpdateConf() - Updating the Secure tunnel conf file, for the key:server_port, data:8443",
+        "Config line read:device_id;D1;0\n",
+        "Config line read:server_port;443;0\n",
+        "wlcSecTunUpdateConf() - entry updated for key:server_port, data:8443",
+        "Config line read:other;x;7\n",
+    };
+    EXPECT_EQ(log.messages(), expected);
+    EXPECT_TRUE(log.has("DEBUG", source, update_one, expected[3]));
+    EXPECT_EQ(tlscWlcGetServerPort(), 0);
+    EXPECT_EQ(sleeps, std::vector<unsigned>{1});
+}
+
+TEST_F(wlc_conf, update_of_a_missing_key_appends_it) {
+    write_file(conf_file, "# dropped\ndevice_id;D1;0\n");
+    log_capture log;
+    EXPECT_EQ(wlcSecTunUpdateConf("server_port", "8443"), 1);
+    EXPECT_EQ(read_file(conf_file), "device_id;D1;0\nserver_port;8443;1\n");
+    EXPECT_TRUE(log.has("DEBUG", source, update_one, "continue 1"));
+    EXPECT_TRUE(log.has("DEBUG", source, update_one, "wlcSecTunUpdateConf() - new entry added for key:server_port, data:8443"));
+}
+
+TEST_F(wlc_conf, update_takes_every_entry_whose_key_begins_with_the_given_one) {
+    write_file(conf_file, "server_ip_address;1.1.1.1;0\nserver_port;443;0\nserver_ip;x;0\n");
+    EXPECT_EQ(wlcSecTunUpdateConf("server_ip", "2.2.2.2"), 1);
+    EXPECT_EQ(read_file(conf_file), "server_ip;2.2.2.2;1\nserver_port;443;0\nserver_ip;2.2.2.2;1\n");
+}
+
+TEST_F(wlc_conf, update_and_read_of_one_key_report_files_that_do_not_open) {
+    char        value[512] = "untouched";
+    log_capture log;
+    EXPECT_EQ(wlcSecTunUpdateConf("device_id", "D1"), 0);
+    EXPECT_EQ(wlcSecTunReadConf("device_id", value), 0);
+    EXPECT_TRUE(log.has("ERROR", source, update_one, "wlcSecTunUpdateConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+    EXPECT_TRUE(log.has("ERROR", source, read_one, "wlcSecTunReadConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+
+    write_file(conf_file, "device_id;D0;0\n");
+    ASSERT_EQ(mkdir(temp_conf_file, 0700), 0);
+    EXPECT_EQ(wlcSecTunUpdateConf("device_id", "D1"), 0);
+    EXPECT_EQ(wlcSecTunReadConf("device_id", value), 0);
+    EXPECT_TRUE(log.has("ERROR", source, update_one,
+                        "wlcSecTunUpdateConf - Temp File open failed to read, returning, filename:/storage/application/wlc/wlc-sec-tun-temp.conf"));
+    EXPECT_TRUE(log.has("ERROR", source, read_one,
+                        "wlcSecTunReadConf - Temp File open failed to read, returning, filename:/storage/application/wlc/wlc-sec-tun-temp.conf"));
+    EXPECT_STREQ(value, "untouched");
+    EXPECT_EQ(read_file(conf_file), "device_id;D0;0\n");
+}
+
+TEST_F(wlc_conf, update_and_read_of_one_key_log_a_failed_rename) {
+    char value[512];
+    write_file(conf_file, "device_id;D0;0\n");
+    on_sleep = [] { unlink(temp_conf_file); };
+    log_capture log;
+    EXPECT_EQ(wlcSecTunUpdateConf("device_id", "D1"), 1);
+    EXPECT_EQ(wlcSecTunReadConf("device_id", value), 1);
+    const std::string rest = "() - Error [No such file or directory] while Renaming file "
+                             "/storage/application/wlc/wlc-sec-tun-temp.conf to /storage/application/wlc/wlc-sec-tun.conf";
+    EXPECT_TRUE(log.has("ERROR", source, update_one, update_one + rest));
+    EXPECT_TRUE(log.has("ERROR", source, read_one, read_one + rest));
+    EXPECT_EQ(read_file(conf_file), "device_id;D0;0\n");
+}
+
+TEST_F(wlc_conf, read_of_one_key_returns_its_value_and_marks_it_as_consumed) {
+    char value[512];
+    write_file(conf_file, "device_id;D1;1\nserver_port;443;1\n");
+    log_capture log;
+    EXPECT_EQ(wlcSecTunReadConf("server_port", value), 1);
+    EXPECT_STREQ(value, "443");
+    EXPECT_EQ(read_file(conf_file), "device_id;D1;1\nserver_port;443;0\n");
+    EXPECT_TRUE(log.has("DEBUG", source, read_one,
+                        "wlcSecTunReadConf() - Updating the Secure tunnel conf file, for the key:server_port, data:"));
+    EXPECT_TRUE(log.has("DEBUG", source, read_one, "Config line read:device_id;D1;1\n"));
+    EXPECT_EQ(sleeps, std::vector<unsigned>{1});
+}
+
+TEST_F(wlc_conf, read_of_one_key_returns_the_last_of_several_matches) {
+    char value[512];
+    write_file(conf_file, "server_ip_address;1.1.1.1;1\nserver_ip;2.2.2.2;1\n");
+    EXPECT_EQ(wlcSecTunReadConf("server_ip", value), 1);
+    EXPECT_STREQ(value, "2.2.2.2");
+    EXPECT_EQ(read_file(conf_file), "server_ip_address;1.1.1.1;0\nserver_ip;2.2.2.2;0\n");
+}
+
+TEST_F(wlc_conf, read_of_one_key_without_a_match_leaves_the_buffer) {
+    char value[512] = "untouched";
+    write_file(conf_file, "device_id;D1;1\n");
+    EXPECT_EQ(wlcSecTunReadConf("server_port", value), 1);
+    EXPECT_STREQ(value, "untouched");
+    EXPECT_EQ(read_file(conf_file), "device_id;D1;1\n");
+}
+
+TEST_F(wlc_conf, read_of_one_key_fits_a_value_of_a_whole_line_into_512_bytes) {
+    char              value[512];
+    const std::string longest(511 - strlen("k;") - strlen(";1"), 'v');
+    write_file(conf_file, "k;" + longest + ";1\n");
+    EXPECT_EQ(wlcSecTunReadConf("k", value), 1);
+    EXPECT_EQ(value, longest);
+}
+
+TEST_F(wlc_conf, update_and_read_of_one_key_refuse_null_arguments) {
+    char        value[512];
+    log_capture log;
+    EXPECT_EQ(wlcSecTunUpdateConf(nullptr, "v"), 0);
+    EXPECT_EQ(wlcSecTunUpdateConf("k", nullptr), 0);
+    EXPECT_EQ(wlcSecTunReadConf(nullptr, value), 0);
+    EXPECT_EQ(wlcSecTunReadConf("k", nullptr), 0);
+    EXPECT_EQ(log.count("ERROR", source, update_one, "wlcSecTunUpdateConf() - Input parm NULL"), 2u);
+    EXPECT_EQ(log.count("ERROR", source, read_one, "wlcSecTunReadConf() - Input parm NULL"), 2u);
+}
+
+// ---- the parameter block ------------------------------------------------------------------------------------------
+
+TEST_F(wlc_conf, clear_keeps_serial_number_and_system_name_only) {
+    for (const char *key : {"server_ip_address", "management_ip", "inner_ip", "tun_interface_name", "cipher_algo", "psk_identity",
+                            "psk_key", "log_level", "log_dest", "device_id", "serial_num", "system_name"})
+        wlcSecTunProcessConf(key, "set");
+    wlcSecTunProcessConf("server_port", "1");
+    log_capture log;
+    EXPECT_EQ(tlscWlcClearCfgParams(), 1);
+    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcClearCfgParams", "tlscWlcClearCfgParams - clearing all config params"));
+    for (const char *value : {tlscWlcGetServerIpAddress(), tlscWlcGetManagementIp(), tlscWlcGetTunInterfaceName(), tlscWlcGetCipherAlgo(),
+                              tlscWlcGetPskIdentity(), tlscWlcGetPskKey(), tlscWlcGetDeviceId()})
+        EXPECT_STREQ(value, "");
+    EXPECT_EQ(tlscWlcGetServerPort(), 0);
+    EXPECT_STREQ(tlscWlcGetSerialNum(), "set");
+    EXPECT_STREQ(tlscWlcGetSystemName(), "set");
+    // Level and destination have no getter; the text that announces them shows both.
+    log.clear();
+    tlscWlcSetDebugParams();
+    EXPECT_EQ(log.messages(), std::vector<std::string>{"tlscWlcSetDebugParams() - On TLS Client, setting TLSC debug parameters message, level:, destination:"});
+}
+
+// ---- the secret ---------------------------------------------------------------------------------------------------
+
+TEST_F(wlc_conf, key_text_is_never_printed) {
+    const std::string long_key(600, 'h');
+    for (const int flags : {0, 1}) {
+        tlscWlcSetBootupDbgFlags(flags);
+        log_capture log(LOG_BUF_PRINT);
+        char        value[512];
+        const auto  fresh_file = [&] {
+            write_file(conf_file, "# psk_key;hush-comment;0\npsk_key;hush-file;1\npsk_key;hush-short\n psk_key;hush-blank;1\npsk_key;" + long_key + ";1\n");
+        };
+        fresh_file();
+        EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+        EXPECT_STREQ(tlscWlcGetPskKey(), "hush-file");
+        EXPECT_TRUE(log.contains("wlcSecTunProcessConf() - On TLS Client received key value pair Key:psk_key,value:***"));
+        for (const char *key : {"psk_key", "psk", "p", "", "psk_key_x", "device_id"}) {
+            fresh_file();
+            EXPECT_EQ(wlcSecTunReadConf(key, value), 1);
+            fresh_file();
+            EXPECT_EQ(wlcSecTunUpdateConf(key, strcmp(key, "device_id") == 0 ? "D1" : "hush-update"), 1);
+        }
+        EXPECT_TRUE(log.contains("Config line read:# psk_key;***"));
+        EXPECT_TRUE(log.contains("Config line read:psk_key;***"));
+        EXPECT_TRUE(log.contains("wlcSecTunUpdateConf() - entry updated for key:psk, data:***"));
+        EXPECT_TRUE(log.contains("wlcSecTunUpdateConf() - entry updated for key:device_id, data:D1") ||
+                    log.contains("wlcSecTunUpdateConf() - new entry added for key:device_id, data:D1"));
+        EXPECT_FALSE(log.contains("hush"));
+        EXPECT_FALSE(log.contains("hhhh"));
+    }
+}
+
+TEST_F(wlc_conf, identity_and_other_values_are_printed) {
+    write_file(conf_file, "psk_identity;me;1\n");
+    log_capture log;
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_TRUE(log.has("DEBUG", source, process_one,
+                        "wlcSecTunProcessConf() - On TLS Client received key value pair Key:psk_identity,value:me"));
+}
+
+// ---- the plain path -----------------------------------------------------------------------------------------------
+
+TEST_F(wlc_conf, lines_follow_the_two_transport_flags) {
+    write_file(conf_file, "device_id;D1;1\n");
+    tlscWlcIpcEventDbg = 1;
+    log_capture log(LOG_ERRORS);
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_EQ(log.count_plain("EVENT", plain_path, "wlcSecTunReadAllConf - TLS Client process, reading all the configuration"), 1u);
+    unlink(conf_file);
+    EXPECT_EQ(wlcSecTunReadAllConf(), 0);
+    EXPECT_TRUE(log.has("ERROR", source, read_all, "wlcSecTunReadAllConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+    log.clear();
+    tlscWlcIpcEventDbg = 0;
+    tlscWlcIpcErrDbg   = 1;
+    EXPECT_EQ(wlcSecTunReadAllConf(), 0);
+    ASSERT_EQ(log.entries().size(), 1u);
+    EXPECT_EQ(log.count_plain("ERROR", plain_path, "wlcSecTunReadAllConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"), 1u);
+}
