@@ -46,7 +46,8 @@ class FrameRing {
 public:
     static constexpr size_t slot_size = 1600;  // the largest data frame, header included
 
-    explicit FrameRing(size_t slots) : slots_(slots) {}
+    explicit FrameRing(size_t slots)
+        : slots_(slots) {}
 
     bool empty() const { return count_ == 0; }
     size_t size() const { return count_; }

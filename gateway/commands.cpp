@@ -12,11 +12,11 @@ namespace gw {
 
 namespace {
 
-constexpr size_t largest_record = 16384;           // plaintext, RFC 5246
+constexpr size_t largest_record = 16384;  // plaintext, RFC 5246
 constexpr size_t largest_payload = largest_record - frame_header_size;
 constexpr size_t largest_packet = FrameRing::slot_size - frame_header_size;
-constexpr uint64_t largest_count = 100000;         // of packets in one request
-constexpr uint64_t longest_delay = 3600 * 1000;    // milliseconds
+constexpr uint64_t largest_count = 100000;       // of packets in one request
+constexpr uint64_t longest_delay = 3600 * 1000;  // milliseconds
 
 }  // namespace
 

@@ -31,8 +31,10 @@ public:
     virtual void on_alert(Connection &connection, int level, int code) = 0;
     virtual void on_frame(Connection &connection, const Frame &frame) = 0;
     virtual void on_bad_stream(Connection &connection, FrameParser::Result reason, ByteView bytes) = 0;
-    virtual void on_output(Connection &connection) = 0;  // something waits: call flush() when the batch is over
-    virtual void on_ended(Connection &connection, const Ending &ending) = 0;  // destroy it later, not in this call
+    // Something waits: call flush() when the batch is over.
+    virtual void on_output(Connection &connection) = 0;
+    // Destroy it later, not in this call.
+    virtual void on_ended(Connection &connection, const Ending &ending) = 0;
 };
 
 // One client connection: TCP, TLS, frames, and the bounded queue of packets for a client that reads slowly. Never blocks.
@@ -75,9 +77,9 @@ public:
     // Sends `first` bytes of what waits now, and the rest after `gap`.
     void interrupt_output(size_t first, std::chrono::milliseconds gap);
 
-    void flush();                // writes to the socket what it takes
+    void flush();                  // writes to the socket what it takes
     void set_silent(bool silent);  // neither read nor write; the peer's end is still noticed
-    void shut_sending();         // FIN, but go on reading
+    void shut_sending();           // FIN, but go on reading
 
     // Ends by the gateway. Output that the socket does not take at once is lost.
     void end_with_fin(const std::string &detail);
@@ -137,20 +139,20 @@ private:
     State state_ = State::stalled;
     SSL *ssl_ = nullptr;
     uint64_t watch_ = 0;
-    uint32_t interest_ = 0;          // epoll events asked for
+    uint32_t interest_ = 0;  // epoll events asked for
     uint64_t handshake_timer_ = 0;
     uint64_t gap_timer_ = 0;
-    bool reading_ = true;            // false: stalled without reading
+    bool reading_ = true;  // false: stalled without reading
     bool silent_ = false;
     bool half_shut_ = false;
-    bool blocked_ = false;           // the socket took less than offered: wait for EPOLLOUT
-    ByteView input_;                 // received bytes that OpenSSL has not taken yet; only during receive()
+    bool blocked_ = false;  // the socket took less than offered: wait for EPOLLOUT
+    ByteView input_;        // received bytes that OpenSSL has not taken yet; only during receive()
     FrameParser parser_;
-    ByteQueue out_;                  // encrypted bytes for the socket
-    size_t sendable_ = SIZE_MAX;     // how many of them may go out now, see interrupt_output
-    FrameRing queue_;                // data frames that wait until out_ has drained
-    uint64_t records_written_ = 0;   // since the ChangeCipherSpec, the Finished included
-    int alert_level_ = 0;            // last alert received
+    ByteQueue out_;                 // encrypted bytes for the socket
+    size_t sendable_ = SIZE_MAX;    // how many of them may go out now, see interrupt_output
+    FrameRing queue_;               // data frames that wait until out_ has drained
+    uint64_t records_written_ = 0;  // since the ChangeCipherSpec, the Finished included
+    int alert_level_ = 0;           // last alert received
     int alert_code_ = -1;
     Counters counters_;
     Counters &totals_;

@@ -14,10 +14,10 @@ namespace gw {
 
 namespace {
 
-constexpr size_t line_limit = 4 * 1024 * 1024;      // bytes of a request
-constexpr size_t out_limit = 64 * 1024 * 1024;      // bytes for a controller that does not read
-constexpr uint64_t longest_wait = 3600 * 1000;      // milliseconds
-constexpr uint64_t standard_wait = 10 * 1000;       // milliseconds
+constexpr size_t line_limit = 4 * 1024 * 1024;  // bytes of a request
+constexpr size_t out_limit = 64 * 1024 * 1024;  // bytes for a controller that does not read
+constexpr uint64_t longest_wait = 3600 * 1000;  // milliseconds
+constexpr uint64_t standard_wait = 10 * 1000;   // milliseconds
 constexpr int listen_backlog = 16;
 
 sockaddr_un socket_address(const std::string &path) {

@@ -33,8 +33,8 @@ private:
         uint64_t watch = 0;
         std::string in;
         std::string out;
-        bool blocked = false;    // out waits for EPOLLOUT
-        bool no_more_in = false; // the controller has shut its sending side
+        bool blocked = false;     // out waits for EPOLLOUT
+        bool no_more_in = false;  // the controller has shut its sending side
         bool dead = false;
         bool subscribed = false;
         std::set<std::string> kinds;  // of events; empty: all but data

@@ -6,6 +6,8 @@
 
 namespace gw {
 
+// clang-format off
+
 // What is counted, per connection and in total, in the order in which it is shown.
 enum class Counter {
     frames_rx, frames_tx, bytes_rx, bytes_tx,
@@ -27,6 +29,8 @@ constexpr std::array<const char *, counter_count> counter_names = {
     "drop_queue", "drop_source", "drop_v6_rs", "drop_v6", "drop_malformed", "drop_early", "drop_tun",
     "accepted", "refused", "tls_up", "tls_failed", "closed", "tun_rx", "tun_no_route", "tun_not_ipv4",
 };
+
+// clang-format on
 
 class Counters {
 public:

@@ -111,7 +111,9 @@ void Gateway::pause_accepting() {
 
 void Gateway::take_connection(UniqueFd socket, const std::string &peer) {
     totals_.add(Counter::accepted);
-    const char *refused = lab.accept == AcceptMode::reset ? "reset" : clients_.size() >= options_.max_clients ? "max_clients" : nullptr;
+    const char *refused = nullptr;
+    if (lab.accept == AcceptMode::reset) refused = "reset";
+    else if (clients_.size() >= options_.max_clients) refused = "max_clients";
     if (refused) {
         totals_.add(Counter::refused);
         events.emit("accept_refused", 0, {{"peer", peer}, {"why", refused}});

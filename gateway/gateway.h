@@ -19,15 +19,15 @@ class Client final : public Connection {
 public:
     using Connection::Connection;
 
-    std::string identity;    // known from tls_up on
+    std::string identity;  // known from tls_up on
     std::string cipher;
-    std::string device_id;   // these three from the last configuration request
+    std::string device_id;  // these three from the last configuration request
     std::string name;
     std::string serial;
-    Lease *lease = nullptr;  // from the first configuration request on
-    uint32_t inner = 0;      // address that the response assigned, host order; 0 before
-    bool configured = false; // a configuration response was sent
-    bool withheld = false;   // a request waits for config release
+    Lease *lease = nullptr;   // from the first configuration request on
+    uint32_t inner = 0;       // address that the response assigned, host order; 0 before
+    bool configured = false;  // a configuration response was sent
+    bool withheld = false;    // a request waits for config release
     uint64_t delay_timer = 0;
     std::optional<bool> answers_dpd;  // unset: as all others
 };
@@ -38,7 +38,7 @@ struct ConfigMode {
     enum class Kind { normal, hold, delay, drop, replace, malform };
     Kind kind = Kind::normal;
     std::chrono::milliseconds delay{0};
-    Bytes bytes;        // payload of replace, raw bytes of malform
+    Bytes bytes;  // payload of replace, raw bytes of malform
     bool once = false;
 };
 
@@ -65,7 +65,7 @@ public:
     Gateway(const Gateway &) = delete;
     Gateway &operator=(const Gateway &) = delete;
 
-    void finish_batch();  // after every batch of events: writes what waits, buries the dead
+    void finish_batch();                        // after every batch of events: writes what waits, buries the dead
     void shut_down(const std::string &reason);  // no new clients, close_notify and FIN to the others
 
     // For the control protocol (commands.cpp).
@@ -130,7 +130,7 @@ private:
     uint64_t tun_watch_ = 0;
     UniqueFd listener_;
     uint64_t listen_watch_ = 0;
-    uint16_t port_;               // the one in use, once listening
+    uint16_t port_;  // the one in use, once listening
     uint64_t next_client_ = 1;
     const Loop::Clock::time_point born_ = Loop::Clock::now();
     Counters totals_;

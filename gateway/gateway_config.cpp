@@ -49,7 +49,7 @@ void Gateway::take_config_request(Client &client, ByteView payload) {
     client.lease = pool_.acquire(asker);
     if (before) pool_.release(*before);
     bool cookie_known = client.lease && Pool::is_known_cookie(*client.lease, asker.cookie);
-    events.emit("config_req", client.id(), {
+    Json report = {
         {"text", text},
         {"hex", to_hex(payload)},
         {"address", text_or_null(request.address)},
@@ -58,7 +58,8 @@ void Gateway::take_config_request(Client &client, ByteView payload) {
         {"name", text_or_null(request.name)},
         {"serial", text_or_null(request.serial)},
         {"cookie_known", cookie_known},
-    });
+    };
+    events.emit("config_req", client.id(), report);
     respond_by_mode(client);
 }
 

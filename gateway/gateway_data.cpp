@@ -8,7 +8,7 @@ namespace gw {
 
 namespace {
 
-constexpr int packets_per_batch = 64;      // read from the interface before clients get their turn
+constexpr int packets_per_batch = 64;  // read from the interface before clients get their turn
 constexpr size_t ipv4_header_size = 20;
 constexpr size_t ipv6_header_size = 40;
 constexpr uint8_t protocol_icmpv6 = 58;
@@ -18,9 +18,15 @@ uint32_t read_u32(ByteView bytes, size_t at) {
     return uint32_t{bytes[at]} << 24 | uint32_t{bytes[at + 1]} << 16 | uint32_t{bytes[at + 2]} << 8 | bytes[at + 3];
 }
 
-unsigned ip_version(ByteView packet) { return packet.empty() ? 0 : packet[0] >> 4; }
-uint32_t source_of(ByteView packet) { return read_u32(packet, 12); }
-uint32_t destination_of(ByteView packet) { return read_u32(packet, 16); }
+unsigned ip_version(ByteView packet) {
+    return packet.empty() ? 0 : packet[0] >> 4;
+}
+uint32_t source_of(ByteView packet) {
+    return read_u32(packet, 12);
+}
+uint32_t destination_of(ByteView packet) {
+    return read_u32(packet, 16);
+}
 
 bool is_whole_ipv4(ByteView packet) {
     if (packet.size() < ipv4_header_size || ip_version(packet) != 4) return false;

@@ -7,7 +7,8 @@
 
 namespace gw {
 
-Loop::Loop() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
+Loop::Loop()
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
     if (!epoll_) throw RuntimeFailure(std::string("cannot create an epoll instance: ") + strerror(errno));
 }
 

@@ -50,7 +50,8 @@ UniqueFd block_signals() {
 // Exists while the gateway accepts clients.
 class ReadyFile {
 public:
-    ReadyFile(const std::string &path, const std::string &listen) : path_(path) {
+    ReadyFile(const std::string &path, const std::string &listen)
+        : path_(path) {
         if (path_.empty()) return;
         std::string text = "pid=" + std::to_string(getpid()) + " listen=" + listen + "\n";
         std::string fresh = path_ + ".new";  // renamed, so that it is never seen half written

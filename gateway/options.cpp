@@ -12,8 +12,8 @@ namespace gw {
 namespace {
 
 constexpr const char *version = "tlsc-gateway 1.0";
-constexpr size_t cookie_limit = 10;        // characters that a client keeps
-constexpr unsigned long least_dpd = 5;     // seconds; a client dies of less
+constexpr size_t cookie_limit = 10;     // characters that a client keeps
+constexpr unsigned long least_dpd = 5;  // seconds; a client dies of less
 constexpr unsigned long longest = 2147483647;
 constexpr size_t interface_name_limit = 15;
 

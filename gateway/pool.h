@@ -11,9 +11,9 @@ namespace gw {
 
 // What the gateway remembers of a device: who it is, which address it holds, which cookie it was given.
 struct Lease {
-    std::string identity;   // of the TLS handshake
-    std::string device_id;  // of the configuration request, may be empty
-    uint32_t address = 0;   // host order
+    std::string identity;      // of the TLS handshake
+    std::string device_id;     // of the configuration request, may be empty
+    uint32_t address = 0;      // host order
     std::string own_cookie{};  // made for the device, empty until the first response
     std::string cookie{};      // what the last response handed out, empty for none
     unsigned connections = 0;
@@ -27,11 +27,12 @@ public:
     struct Asker {
         std::string identity;
         std::string device_id;
-        std::string cookie;                // empty when none was shown
-        std::optional<uint32_t> address;   // asked for
+        std::string cookie;               // empty when none was shown
+        std::optional<uint32_t> address;  // asked for
     };
 
-    Pool(AddressRange range, std::set<uint32_t> excluded) : range_(range), excluded_(std::move(excluded)), next_(range.first) {}
+    Pool(AddressRange range, std::set<uint32_t> excluded)
+        : range_(range), excluded_(std::move(excluded)), next_(range.first) {}
 
     // The device's lease, an old one or a new one, with one more connection. The address asked for is granted when it lies in
     // the pool and no other connected device holds it. Null when every address is held by a connected device.
@@ -60,8 +61,8 @@ private:
 
     AddressRange range_;
     std::set<uint32_t> excluded_;
-    uint32_t next_;                            // where the search for a free address starts
-    std::list<Lease> leases_;                  // addresses of elements stay valid
+    uint32_t next_;            // where the search for a free address starts
+    std::list<Lease> leases_;  // addresses of elements stay valid
     std::map<uint32_t, Lease *> by_address_;
     uint64_t uses_ = 0;
 };

@@ -18,15 +18,17 @@ namespace gw {
 namespace {
 
 constexpr size_t record_header_size = 5;
-constexpr size_t tag_size = 16;             // GCM and Poly1305
-constexpr size_t explicit_nonce_size = 8;   // GCM
-constexpr size_t block_size = 16;           // AES-CBC
+constexpr size_t tag_size = 16;            // GCM and Poly1305
+constexpr size_t explicit_nonce_size = 8;  // GCM
+constexpr size_t block_size = 16;          // AES-CBC
 
 void check(bool good, const char *what) {
     if (!good) throw std::runtime_error(std::string("cannot craft a record: ") + what);
 }
 
-void append(Bytes &to, ByteView bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
+void append(Bytes &to, ByteView bytes) {
+    to.insert(to.end(), bytes.begin(), bytes.end());
+}
 
 void append_u16(Bytes &to, size_t value) {
     to.push_back(static_cast<uint8_t>(value >> 8));

@@ -51,7 +51,11 @@ std::string to_hex(ByteView bytes);
 std::optional<Bytes> from_hex(std::string_view text);
 
 // The bytes of a text, and back.
-inline ByteView bytes_of(std::string_view text) { return {reinterpret_cast<const uint8_t *>(text.data()), text.size()}; }
-inline std::string_view text_of(ByteView bytes) { return {reinterpret_cast<const char *>(bytes.data()), bytes.size()}; }
+inline ByteView bytes_of(std::string_view text) {
+    return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
+}
+inline std::string_view text_of(ByteView bytes) {
+    return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
+}
 
 }  // namespace gw

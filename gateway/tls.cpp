@@ -42,7 +42,8 @@ std::string take_openssl_error() {
     return text;
 }
 
-TlsContext::TlsContext(const TlsOptions &options) : context_(SSL_CTX_new(TLS_server_method())) {
+TlsContext::TlsContext(const TlsOptions &options)
+    : context_(SSL_CTX_new(TLS_server_method())) {
     if (!context_) fail("cannot create a TLS context");
     SSL_CTX *context = context_.get();
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);

@@ -9,9 +9,11 @@ namespace gw {
 // Owner of one descriptor; -1 means none.
 class UniqueFd {
 public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
+    explicit UniqueFd(int fd = -1)
+        : fd_(fd) {}
     ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd(UniqueFd &&other) noexcept
+        : fd_(std::exchange(other.fd_, -1)) {}
     UniqueFd &operator=(UniqueFd &&other) noexcept {
         if (this != &other) reset(std::exchange(other.fd_, -1));
         return *this;

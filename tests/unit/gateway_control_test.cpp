@@ -24,7 +24,11 @@ TEST(gateway_control, garbage_is_answered_and_changes_nothing) {
 TEST(gateway_control, answers_repeat_the_id_and_keep_the_order) {
     TestGateway gateway;
     auto controller = gateway.controller();
-    controller.send_line(R"({"cmd":"status","id":1})" "\n" R"({"cmd":"none","id":{"a":[2]}})" "\n\n" R"({"cmd":"counters"})");
+    controller.send_line(R"({"cmd":"status","id":1})"
+                         "\n"
+                         R"({"cmd":"none","id":{"a":[2]}})"
+                         "\n\n"
+                         R"({"cmd":"counters"})");
     EXPECT_EQ(controller.next()["id"], 1);
     EXPECT_EQ(controller.next()["id"], (Json{{"a", {2}}}));
     EXPECT_FALSE(controller.next().contains("id"));

@@ -62,7 +62,8 @@ inline gw::Options options_from(std::vector<std::string> words) {
 // The controller's end of the control socket.
 class Controller {
 public:
-    explicit Controller(const std::string &path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit Controller(const std::string &path)
+        : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -130,7 +131,8 @@ private:
 // The gateway in its thread. Listens on a free loopback port.
 class TestGateway {
 public:
-    explicit TestGateway(std::vector<std::string> words = {}, bool with_psk = true) : stop_(eventfd(0, EFD_CLOEXEC)) {
+    explicit TestGateway(std::vector<std::string> words = {}, bool with_psk = true)
+        : stop_(eventfd(0, EFD_CLOEXEC)) {
         spdlog::set_level(spdlog::level::off);
         std::vector<std::string> all = {"--listen", "127.0.0.1:0"};
         if (with_psk) all.insert(all.end(), {"--psk-file", dir.write("psk", "dev:0123456789abcdef\nsecond:key of two\n")});
@@ -194,8 +196,10 @@ public:
         std::string text() const { return std::string(gw::text_of(bytes)); }
     };
 
-    explicit TestClient(uint16_t port) : TestClient(port, Settings()) {}
-    TestClient(uint16_t port, const Settings &settings) : settings_(settings), fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit TestClient(uint16_t port)
+        : TestClient(port, Settings()) {}
+    TestClient(uint16_t port, const Settings &settings)
+        : settings_(settings), fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(port);

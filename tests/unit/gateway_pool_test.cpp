@@ -7,10 +7,14 @@ using namespace gw;
 
 namespace {
 
-uint32_t address(const char *text) { return *parse_ipv4(text); }
+uint32_t address(const char *text) {
+    return *parse_ipv4(text);
+}
 
 // Five addresses, of which .1 is the gateway's own.
-Pool small_pool() { return Pool({address("10.0.0.1"), address("10.0.0.5")}, {address("10.0.0.1")}); }
+Pool small_pool() {
+    return Pool({address("10.0.0.1"), address("10.0.0.5")}, {address("10.0.0.1")});
+}
 
 Pool::Asker asker(const char *device, std::optional<uint32_t> wanted = {}, const char *cookie = "", const char *identity = "id") {
     return {identity, device, cookie, wanted};

@@ -12,13 +12,16 @@ const std::string site = "10.9.0.1";
 
 // A configured client; `inner` is the address it was given.
 struct Up {
-    explicit Up(TestGateway &gateway, const std::string &request = "X-CSTP-Device-ID:d1\n") : client(gateway.port()), response(client.configure(request)), inner(line_of(response, "X-CSTP-Address-Client")) {}
+    explicit Up(TestGateway &gateway, const std::string &request = "X-CSTP-Device-ID:d1\n")
+        : client(gateway.port()), response(client.configure(request)), inner(line_of(response, "X-CSTP-Address-Client")) {}
     TestClient client;
     std::string response;
     std::string inner;
 };
 
-std::string hex(const std::string &text) { return to_hex(bytes_of(text)); }
+std::string hex(const std::string &text) {
+    return to_hex(bytes_of(text));
+}
 
 std::string record_request(const std::string &hex_or_list, const std::string &more = "") {
     return R"({"cmd":"send_record","hex":)" + hex_or_list + more + "}";
