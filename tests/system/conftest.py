@@ -1,17 +1,18 @@
 """Fixtures of the system tests. Each test has a world of its own; see harness/world.py.
 
     TLSC_BUILD      build directory with bin/tlsc and bin/tlsc-gateway (default: build/ of the project)
-    TLSC_SAN_BUILD  the same, built with sanitizers: its daemon runs in the pass -m sanitizer
+    TLSC_SAN_BUILD  the same, built with sanitizers; when given, tests marked `sanitizer` run once more with that daemon
 
     /usr/bin/python3 -m pytest -n 4 tests/system                    the usual run
     /usr/bin/python3 -m pytest -n 4 tests/system -m slow            what takes longer than a minute
-    /usr/bin/python3 -m pytest -n 4 tests/system -m sanitizer       a hundred exits and a choice of tests with the sanitizers' daemon
+    /usr/bin/python3 -m pytest -n 4 tests/system -k sanitizers      only what runs with that daemon: a hundred exits and a choice of tests
     /usr/bin/python3 -m pytest tests/system -m bulk                 a gigabyte each way, system calls per packet
 """
 
 import os
 import subprocess
 import sys
+import tempfile
 from pathlib import Path
 
 import pytest
@@ -24,22 +25,34 @@ from harness.gateway import Gateway  # noqa: E402
 from harness.world import BUILD, GATEWAY_IP, World  # noqa: E402
 
 
-OPT_IN = ("slow", "bulk", "sanitizer_only")
+OPT_IN = ("slow", "bulk")
+SANITIZER_BUILD = Path(os.environ["TLSC_SAN_BUILD"]).resolve() if "TLSC_SAN_BUILD" in os.environ else None
 
 
 def pytest_collection_modifyitems(config, items):
-    """Without -m, what is slow, bulky, or made for the sanitizers is left out."""
+    """Without -m, what is slow or bulky is left out."""
     chosen = config.getoption("-m")
-    if "sanitizer" in chosen and "TLSC_SAN_BUILD" not in os.environ:
-        raise pytest.UsageError("-m sanitizer needs TLSC_SAN_BUILD")
-    missing = [name for name in ("tlsc", "tlsc-gateway") if not (BUILD / "bin" / name).exists()]
+    wanted = [BUILD / "bin/tlsc", BUILD / "bin/tlsc-gateway"] + ([SANITIZER_BUILD / "bin/tlsc"] if SANITIZER_BUILD else [])
+    missing = [str(path) for path in wanted if not path.exists()]
     if missing:
-        raise pytest.UsageError(f"not built: {', '.join(missing)} in {BUILD}/bin (see TLSC_BUILD)")
+        raise pytest.UsageError(f"not built: {', '.join(missing)} (see TLSC_BUILD and TLSC_SAN_BUILD)")
     for item in items:
         if os.getuid() != 0:
             item.add_marker(pytest.mark.skip(reason="needs root (mount and network namespaces, TUN)"))
         elif not chosen and any(item.get_closest_marker(name) for name in OPT_IN):
             item.add_marker(pytest.mark.skip(reason=f"only with -m {' or -m '.join(OPT_IN)}"))
+        elif item.get_closest_marker("sanitizer_only") and SANITIZER_BUILD is None:
+            item.add_marker(pytest.mark.skip(reason="needs TLSC_SAN_BUILD"))
+
+
+def pytest_generate_tests(metafunc):
+    """The choice made for the sanitizers runs with both daemons, or with theirs alone."""
+    if SANITIZER_BUILD is None or "build" not in metafunc.fixturenames:
+        return
+    if metafunc.definition.get_closest_marker("sanitizer_only"):
+        metafunc.parametrize("build", ["sanitizers"])
+    elif metafunc.definition.get_closest_marker("sanitizer"):
+        metafunc.parametrize("build", ["release", "sanitizers"])
 
 
 class Bench:
@@ -100,13 +113,11 @@ class Bench:
 
 
 def fast_clock():
-    """The library that shortens the daemon's waits, compiled once per test run."""
+    """The library that shortens the daemon's waits, compiled once per test process."""
     target = Path(os.environ["TLSC_FASTER"])
-    source = Path(__file__).with_name("faster.c")
     if not target.exists():
-        scratch = target.with_suffix(f".{os.getpid()}")
-        subprocess.run(["cc", "-shared", "-fPIC", "-O2", "-Wall", "-Wextra", "-Werror", "-o", scratch, source, "-ldl"], check=True)
-        scratch.rename(target)
+        source = Path(__file__).with_name("faster.c")
+        subprocess.run(["cc", "-shared", "-fPIC", "-O2", "-Wall", "-Wextra", "-Werror", "-o", target, source, "-ldl"], check=True)
     return target
 
 
@@ -134,20 +145,26 @@ def pytest_runtest_makereport(item, call):
         report.sections.append(("the world", bench.report()))
 
 
-@pytest.fixture(scope="session", autouse=True)
-def fast_clock_place(tmp_path_factory):
-    os.environ.setdefault("TLSC_FASTER", str(tmp_path_factory.mktemp("clock") / "faster.so"))
+@pytest.fixture(scope="session")
+def fast_clock_place():
+    with tempfile.TemporaryDirectory(prefix="tlsc-system-tests-") as place:
+        os.environ["TLSC_FASTER"] = f"{place}/faster.so"
+        yield
 
 
 @pytest.fixture
-def bench(fast_clock_place, request):
+def build():
+    """Which daemon runs: "release" or "sanitizers"."""
+    return "release"
+
+
+@pytest.fixture
+def bench(fast_clock_place, build):
     """A world with nothing in it yet."""
-    in_sanitizer_pass = "sanitizer" in request.config.getoption("-m")
-    bench = Bench(Path(os.environ["TLSC_SAN_BUILD"]) if in_sanitizer_pass else None)
+    bench = Bench(SANITIZER_BUILD if build == "sanitizers" else None)
     yield bench
     bench.close()
-    if in_sanitizer_pass:
-        assert bench.sanitizer_reports == []
+    assert bench.sanitizer_reports == []
 
 
 @pytest.fixture

@@ -2,6 +2,8 @@
 
 import os
 
+import pytest
+
 from harness import records
 from harness.daemon import CONF_FILE, PSK_KEY, SETTINGS, TEMP_CONF_FILE, conf_text
 from harness.world import wait_until
@@ -46,6 +48,7 @@ def test_values_are_cut_to_what_their_fields_hold(bench):
     assert (request["device_id"], request["name"], request["serial"]) == ("D" * 16, "N" * 50, "S" * 16)
 
 
+@pytest.mark.sanitizer
 def test_lines_of_any_length_do_no_harm(bench):
     text = "junk;" + "x" * 5000 + ";1\n" + conf_text() + "k" * 700 + ";v;1\n" + "\x00\x01binary;\xff;1\n"
     daemon, _ = start_and_read_back(bench, text)

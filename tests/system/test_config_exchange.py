@@ -46,6 +46,7 @@ REFUSED = {
 }
 
 
+@pytest.mark.sanitizer
 def test_a_response_without_a_usable_address_is_refused_and_the_connection_stays_idle(bench):
     gateway = bench.make_gateway()
     daemon = bench.make_daemon(env=bench.preload_fast_clock(10))
@@ -83,6 +84,7 @@ def test_raw_bytes_in_place_of_the_response_frame(bench):
     bench.controller.wait_for(records.TUN_UP, 10)
 
 
+@pytest.mark.sanitizer
 def test_every_header_of_the_response_is_taken(bench):
     gateway = bench.make_gateway()
     daemon = bench.make_daemon(env=bench.preload_fast_clock(4))
@@ -131,6 +133,7 @@ def test_every_header_of_the_response_is_taken(bench):
     assert request["cookie"] is None
 
 
+@pytest.mark.sanitizer
 @pytest.mark.parametrize(
     "header, value, message",
     [

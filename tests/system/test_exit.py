@@ -185,10 +185,9 @@ def exit_from(bench, state, **more):
 def test_the_exit_ends_the_process_with_status_1(bench, state):
     bench.make_controller()
     bench.make_gateway()
-    exit_from(bench, state)
+    exit_from(bench, state, env=bench.preload_fast_clock(3))
 
 
-@pytest.mark.sanitizer
 @pytest.mark.sanitizer_only
 @pytest.mark.parametrize("part", range(10))
 def test_ten_exits_in_random_states(bench, part, record_property):

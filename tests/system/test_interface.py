@@ -27,6 +27,7 @@ def hold_interface(world, name):
     return holder
 
 
+@pytest.mark.sanitizer
 def test_an_interface_held_by_another_process_is_deleted_and_made_again(bench):
     bench.make_gateway()
     bench.world.ip("device", f"tuntap add dev {TUN_NAME} mode tun")
@@ -102,6 +103,7 @@ def test_five_failed_attempts_end_the_thread_and_the_monitor_starts_it_after_ten
     assert daemon.exit() == 1
 
 
+@pytest.mark.sanitizer
 def test_a_restart_with_a_corrected_name_brings_the_tunnel_up(bench):
     bench.make_gateway()
     daemon = bench.make_daemon(conf=conf_text(tun_interface_name="wan0"), env=bench.preload_fast_clock(FAST))

@@ -12,6 +12,7 @@ from harness.world import DEVICE_IP, GATEWAY_IP
 REQUEST = "X-CSTP-Device-ID:dev-0001\nX-CSTP-Device-Name:branch-router\nX-CSTP-Device-SerialNo:SN-4711\n"
 
 
+@pytest.mark.sanitizer
 def test_every_record_of_a_session_is_the_documented_one(bench):
     bench.make_gateway(dns=("10.9.0.1", "192.0.2.53"))
     daemon = bench.make_daemon()

@@ -67,6 +67,7 @@ def test_a_text_that_is_no_address_leads_to_0_0_0_0_and_the_next_answer_back(fas
     controller.wait_for(records.TUN_UP, 10, since)
 
 
+@pytest.mark.sanitizer
 def test_a_version_6_address_is_refused_and_the_old_one_tried(fast_tunnel):
     daemon, controller = fast_tunnel.daemon, fast_tunnel.controller
     controller.resolve = "2001:db8::1"
@@ -91,6 +92,7 @@ def test_an_answer_that_nobody_asked_for_makes_a_new_connection_at_once(fast_tun
     assert controller.all(records.TUN_DOWN, since) == []
 
 
+@pytest.mark.sanitizer
 def test_two_answers_in_a_row_leave_one_connection(fast_tunnel):
     daemon, controller, gateway = fast_tunnel.daemon, fast_tunnel.controller, fast_tunnel.gateway
     descriptors = len(daemon.descriptors())

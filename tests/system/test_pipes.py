@@ -4,6 +4,8 @@ import os
 import stat
 import time
 
+import pytest
+
 from harness import records
 from harness.controller import FROM_DAEMON, TO_DAEMON, Controller
 from harness.world import wait_until
@@ -32,6 +34,7 @@ def test_a_foreign_message_is_named_logged_and_dropped(tunnel):
     assert controller.kinds(since) == ["36"]
 
 
+@pytest.mark.sanitizer
 def test_texts_without_an_end_are_cut_at_the_end_of_the_record(tunnel):
     daemon, controller = tunnel.daemon, tunnel.controller
     place = daemon.log.position

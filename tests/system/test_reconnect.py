@@ -37,6 +37,7 @@ def wrong_record_type(bench):
     bench.gateway.ask("send_record", hex="00", type=99)
 
 
+@pytest.mark.sanitizer
 @pytest.mark.parametrize(
     "lose",
     [

@@ -6,6 +6,8 @@ import socket
 import threading
 import time
 
+import pytest
+
 from harness import records
 from harness.daemon import TUN_NAME
 from harness.world import MANAGEMENT_IP, SITE_IP, wait_until
@@ -130,6 +132,7 @@ def test_the_old_connection_still_delivers_while_the_new_one_is_asked_for(bench)
     assert gateway.client() != old
 
 
+@pytest.mark.sanitizer
 def test_a_rekey_without_a_response_ends_both_connections_and_comes_back(bench):
     # 24 s of rekey interval at six times the speed: the session has four seconds, the guard less than two.
     bench.make_tunnel("--rekey", "24", env=bench.preload_fast_clock(6))
@@ -152,6 +155,7 @@ def test_a_rekey_without_a_response_ends_both_connections_and_comes_back(bench):
     assert counters["rekey_success"] >= 1
 
 
+@pytest.mark.sanitizer
 def test_a_rekey_that_cannot_connect_leaves_no_descriptor_behind(bench):
     bench.make_tunnel("--rekey", "24", env=bench.preload_fast_clock(6))
     gateway, controller, daemon = bench.gateway, bench.controller, bench.daemon

@@ -35,12 +35,14 @@ def assert_one_tunnel(bench):
     assert not bench.world.has_interface("device", TUN_NAME)
 
 
+@pytest.mark.sanitizer
 @pytest.mark.parametrize("first", ORDERS)
 @pytest.mark.parametrize("apart", [0, 0.1, 0.5], ids=lambda seconds: f"{seconds}s apart")
-def test_orders_in_every_sequence(bench, first, apart):
+def test_orders_in_every_sequence(bench, build, first, apart):
     bench.make_gateway()
     daemon = bench.make_daemon(env=bench.preload_fast_clock(FAST))
-    for second, third in itertools.product(ORDERS, repeat=2):
+    pairs = list(itertools.product(ORDERS, repeat=2))
+    for second, third in pairs[:: 2 if build == "sanitizers" else 1]:
         for order in (first, second, third):
             daemon.order(ORDERS[order])
             time.sleep(apart)

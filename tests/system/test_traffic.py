@@ -5,8 +5,10 @@ import random
 import socket
 import threading
 
+import pytest
+
 from harness import records
-from harness.packets import IP, TCP, UDP, Raw, TunPort, fragment, is_ip4, raw, with_address
+from harness.packets import IP, TCP, UDP, Raw, TunPort, fragment, raw, with_address
 from harness.world import MANAGEMENT_IP, SITE_IP, wait_until
 from scapy.layers.inet import ICMP, IPOption_NOP
 from scapy.layers.inet6 import ICMPv6EchoRequest, IPv6
@@ -93,6 +95,7 @@ def expected_first_fragment(whole, first, **address):
     return fragment(whole_after, len(first) - 20)[0]
 
 
+@pytest.mark.sanitizer
 def test_outbound_packets_carry_the_inner_address_and_right_checksums(tunnel):
     crossing = Crossing(tunnel)
     rng = random.Random(20)
@@ -100,6 +103,7 @@ def test_outbound_packets_carry_the_inner_address_and_right_checksums(tunnel):
     assert crossing.up(packets) == [with_address(p, src=crossing.inner) for p in packets]
 
 
+@pytest.mark.sanitizer
 def test_inbound_packets_carry_the_management_address_and_right_checksums(tunnel):
     crossing = Crossing(tunnel)
     rng = random.Random(21)
@@ -216,6 +220,7 @@ def transfer(world, data, server_ns, server_address, client_ns, bind_to=None):
     return hashes
 
 
+@pytest.mark.sanitizer
 def test_tcp_in_both_directions_at_once_and_from_both_sides(tunnel):
     data = random.Random(22).randbytes(4 << 20)
     expected = hashlib.sha256(data).hexdigest()

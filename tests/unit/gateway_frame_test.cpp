@@ -60,7 +60,9 @@ TEST(gateway_frame, longest_payload_is_taken_whole) {
     FrameParser parser;
     Seen seen;
     std::string big(65535, 'x');
-    feed(parser, std::string("STF\1\xff\xff\0\0", 8) + big, seen);
+    std::string frame("STF\1\xff\xff\0\0", 8);
+    frame += big;
+    feed(parser, frame, seen);
     ASSERT_EQ(seen.frames.size(), 1u);
     EXPECT_EQ(seen.frames[0].second, big);
 }

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -48,6 +47,20 @@ inline std::string wire_frame(int type, const std::string &payload) {
     bytes += static_cast<char>(type);
     bytes += '\0';
     return bytes + payload;
+}
+
+// True when the text begins with the pattern: '~' stands for a number, '*' for anything on the same line.
+inline bool begins_like(const char *text, const char *pattern) {
+    if (*pattern == '\0') return true;
+    if (*pattern == '*') {
+        do
+            if (begins_like(text, pattern + 1)) return true;
+        while (*text != '\n' && *text++ != '\0');
+        return false;
+    }
+    if (*pattern != '~') return *text == *pattern && begins_like(text + 1, pattern + 1);
+    const size_t digits = strspn(text, "0123456789");
+    return digits > 0 && begins_like(text + digits, pattern + 1);
 }
 
 inline bool is_open(int fd) { return fcntl(fd, F_GETFD) >= 0; }
@@ -147,6 +160,13 @@ protected:
         for (const log_line &line : log.entries())
             if (line.file == file) found.push_back(line.message);
         return found;
+    }
+
+    // True when a captured message from this function, with this severity, is like the pattern, as a whole.
+    bool logged_like(const char *severity, const char *function, const std::string &pattern) const {
+        for (const log_line &line : log.entries())
+            if (line.severity == severity && line.function == function && begins_like((line.message + '\x01').c_str(), (pattern + '\x01').c_str())) return true;
+        return false;
     }
 
     // The position of the first captured message with this text, or -1; for "this comes before that".

@@ -1,11 +1,12 @@
 """The daemon under test and its configuration file."""
 
+import errno
 import os
 
 from . import records
 from .controller import TO_DAEMON
 from .log import Log
-from .world import BUILD, BLACK_HOLE_IP, DEVICE_IP, GATEWAY_IP, MANAGEMENT_IP, SITE_IP, wait_until  # noqa: F401 (re-exported)
+from .world import BUILD, GATEWAY_IP, MANAGEMENT_IP, wait_until
 
 CONF_FILE = "/storage/application/wlc/wlc-sec-tun.conf"
 TEMP_CONF_FILE = "/storage/application/wlc/wlc-sec-tun-temp.conf"
@@ -37,7 +38,7 @@ def conf_text(**changes):
 
 
 class Daemon:
-    def __init__(self, world, controller, binary=None, env=None, conf=None, wait=True):
+    def __init__(self, world, controller, binary=None, env=None, conf=None):
         """Starts the daemon. conf: text of its configuration file (None: the file is left as it is)."""
         self.world = world
         self.controller = controller
@@ -53,8 +54,17 @@ class Daemon:
             stdout="/tmp/daemon.out",
             stderr="/tmp/daemon.err",
         )
-        if wait:
-            wait_until(lambda: world.exists(TO_DAEMON), 5, "the daemon's pipe")
+        wait_until(self._reads, 5, lambda: f"the daemon at its pipe: {self.errors()}")
+
+    def _reads(self):
+        """True when the daemon has its pipe open; one left by an earlier daemon may exist before."""
+        try:
+            os.close(os.open(self.world.path(TO_DAEMON), os.O_WRONLY | os.O_NONBLOCK))
+            return True
+        except OSError as error:
+            if error.errno in (errno.ENOENT, errno.ENXIO):
+                return False
+            raise
 
     def order(self, msg_id):
         self.controller.order(msg_id)

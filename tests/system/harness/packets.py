@@ -9,7 +9,7 @@ import time
 logging.getLogger("scapy").setLevel(logging.ERROR)
 
 from scapy.layers.inet import IP, TCP, UDP  # noqa: E402
-from scapy.packet import NoPayload, Raw, raw  # noqa: E402
+from scapy.packet import Raw, raw  # noqa: E402
 
 from .daemon import TUN_NAME  # noqa: E402
 
@@ -94,4 +94,4 @@ def is_ip4(packet):
     return packet[0] >> 4 == 4
 
 
-__all__ = ["IP", "TCP", "UDP", "Raw", "NoPayload", "raw", "TunPort", "with_address", "fragment", "internet_checksum", "is_ip4"]
+__all__ = ["IP", "TCP", "UDP", "Raw", "raw", "TunPort", "with_address", "fragment", "internet_checksum", "is_ip4"]

@@ -1,0 +1,44 @@
+# Toolchain for 32-bit ARM (Debian's armhf): Debian's cross compiler and C library, OpenSSL and GoogleTest from the
+# sysroot that tools/armhf-sysroot makes, and qemu-arm to run what was built.
+#
+# TLSC_ARMHF_SYSROOT, in the environment: a sysroot elsewhere than in build/armhf-sysroot.
+
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+
+if(DEFINED ENV{TLSC_ARMHF_SYSROOT})
+    set(TLSC_ARMHF_SYSROOT $ENV{TLSC_ARMHF_SYSROOT})
+else()
+    get_filename_component(TLSC_ARMHF_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/armhf-sysroot ABSOLUTE)
+endif()
+if(NOT EXISTS ${TLSC_ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf/libssl.so)
+    message(FATAL_ERROR "${TLSC_ARMHF_SYSROOT} holds no armhf OpenSSL: run tools/armhf-sysroot")
+endif()
+
+find_program(TLSC_ARMHF_CXX arm-linux-gnueabihf-g++)
+find_program(TLSC_ARMHF_QEMU NAMES qemu-arm qemu-arm-static)
+if(NOT TLSC_ARMHF_CXX)
+    message(FATAL_ERROR "no arm-linux-gnueabihf-g++: install g++-arm-linux-gnueabihf")
+endif()
+if(NOT TLSC_ARMHF_QEMU)
+    message(FATAL_ERROR "no qemu-arm: install qemu-user")
+endif()
+set(CMAKE_CXX_COMPILER ${TLSC_ARMHF_CXX})
+
+# Not as --sysroot: the C library lies with the compiler. The second directory holds OpenSSL's configuration.
+set(CMAKE_FIND_ROOT_PATH ${TLSC_ARMHF_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_CXX_FLAGS_INIT "-isystem ${TLSC_ARMHF_SYSROOT}/usr/include/arm-linux-gnueabihf")
+
+# What the build makes is fit for a device: it names no directory of this machine. The emulator looks into the sysroot
+# before it looks into the machine's root, and finds loader, C library and OpenSSL there.
+set(CMAKE_SKIP_RPATH TRUE)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${TLSC_ARMHF_QEMU} -L ${TLSC_ARMHF_SYSROOT})
+
+# The programs are for every core of the architecture. The tests' copy of the daemon is for one that divides in hardware,
+# where a division by zero gives 0: what the runtime's division would raise by itself is missed there.
+set(TLSC_TEST_OPTIONS -march=armv7ve+fp)

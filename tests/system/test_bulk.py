@@ -1,0 +1,90 @@
+"""The weight of the packet path: a gigabyte each way, and the system calls that a packet costs. Run with -m bulk."""
+
+import json
+import os
+import re
+import signal
+import socket
+import time
+
+import pytest
+
+from harness.daemon import conf_text
+from harness.world import MANAGEMENT_IP, PROJECT, SITE_IP, wait_until
+
+pytestmark = pytest.mark.bulk
+
+BULK = str(PROJECT / "tools/bulk.py")
+GIGABYTE = 1 << 30
+
+
+def transfer(world, size, receiver_ns, receiver_address, sender_ns, sender_address, target):
+    """Sends size bytes from one namespace to the other; what the receiver and the sender report."""
+    receiver = world.spawn(["/usr/bin/python3", BULK, "receive", receiver_address, "9000"], ns=receiver_ns, stdout="/tmp/receiver.out")
+    wait_until(lambda: world.exists("/tmp/receiver.out") and b"ready" in world.read("/tmp/receiver.out"), 10, "the receiver")
+    words = ["/usr/bin/python3", BULK, "send", target, "9000", "--from", sender_address, "--bytes", str(size)]
+    sent = json.loads(world.run(words, ns=sender_ns, timeout=300)["out"])
+    assert receiver.wait(20) == 0
+    received = json.loads(world.read("/tmp/receiver.out").decode().split("ready\n")[1])
+    return received, sent
+
+
+@pytest.mark.parametrize("direction", ["up", "down"])
+def test_a_gigabyte_arrives_with_its_hash(bench, direction):
+    bench.make_tunnel()
+    if direction == "up":
+        received, sent = transfer(bench.world, GIGABYTE, "gateway", SITE_IP, "device", MANAGEMENT_IP, SITE_IP)
+    else:
+        received, sent = transfer(bench.world, GIGABYTE, "device", MANAGEMENT_IP, "gateway", SITE_IP, bench.gateway.inner())
+    assert received["bytes"] == sent["bytes"] == GIGABYTE
+    assert received["sha256"] == sent["sha256"]
+    print(f"{direction}: {GIGABYTE * 8 / received['seconds'] / 1e6:.0f} Mbit/s")
+
+
+def calls_per_packet(bench, counter, direction):
+    """System calls of the tunnel thread per packet while one small packet after the other crosses, by name."""
+    daemon, world = bench.daemon, bench.world
+    with world.inside("device"):
+        inside = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    with world.inside("gateway"):
+        outside = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    inside.bind((MANAGEMENT_IP, 9000))
+    outside.bind((SITE_IP, 9000))
+    sender, target = (inside, (SITE_IP, 9000)) if direction == "up" else (outside, (bench.gateway.inner(), 9000))
+    tunnel_thread = max(int(t) for t in os.listdir(daemon.process.proc("task")))
+    before = daemon.statistics()[counter]
+    tracer = world.spawn(["strace", "-c", "-f", "-o", "/tmp/strace.out", "-p", str(tunnel_thread)], stderr="/tmp/strace.err")
+    wait_until(lambda: b"attached" in world.read("/tmp/strace.err"), 10, "strace")
+    for _ in range(2000):
+        sender.sendto(b"x" * 200, target)
+        time.sleep(0.001)
+    wait_until(lambda: daemon.statistics()[counter] - before >= 2000, 10, "two thousand packets", pause=0.5)
+    packets = daemon.statistics()[counter] - before
+    tracer.signal(signal.SIGINT)
+    tracer.wait(5)
+    calls = {m[2]: int(m[1]) for m in re.finditer(r"^ *[\d.]+ +[\d.]+ +\d+ +(\d+) +(?:\d+ +)?(\w+)$", world.read("/tmp/strace.out").decode(), re.M)}
+    calls.pop("total", None)
+    return {name: count / packets for name, count in calls.items()}
+
+
+# A CBC record needs random bytes, for which OpenSSL asks for the process's number: one more call per packet out.
+CALLS_OUT = {"PSK-AES256-GCM-SHA384": {}, "PSK-AES256-CBC-SHA": {"getpid": 1.0}}
+
+
+@pytest.mark.parametrize("cipher", CALLS_OUT)
+def test_a_packet_out_costs_three_calls(bench, cipher):
+    bench.make_tunnel(conf=conf_text(cipher_algo=cipher))
+    costs = calls_per_packet(bench, "data_tx", "up")
+    assert {name: round(cost, 1) for name, cost in costs.items() if cost > 0.04} == {
+        "epoll_wait": 1.0,
+        "read": 1.0,
+        "write": 1.0,
+        **CALLS_OUT[cipher],
+    }
+
+
+@pytest.mark.parametrize("cipher", CALLS_OUT)
+def test_a_packet_in_costs_four_calls(bench, cipher):
+    bench.make_tunnel(conf=conf_text(cipher_algo=cipher))
+    costs = calls_per_packet(bench, "data_rx", "down")
+    assert {name: round(cost, 1) for name, cost in costs.items() if cost > 0.04} == {"epoll_wait": 1.0, "read": 2.0, "write": 1.0}

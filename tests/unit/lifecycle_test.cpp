@@ -1,0 +1,468 @@
+// Start, supervision, stop and clean-up of the client. The tunnel thread is a stand-in that reads the real command
+// pipe; sleeps last as long as the test says.
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+#include <pthread.h>
+
+#include "tlsc_main.h"
+#include "tlsc_openssl.h"
+#include "tlsc_session.h"
+
+#include "in_child.h"
+#include "tls_peer.h"
+#include "tunnel_fixture.h"
+
+// ---- stand-ins ------------------------------------------------------------------------------------------------------
+
+// The address sanitizer takes the stack of a cancelled thread for damaged when it gives its signal stack back.
+extern "C" const char *__asan_default_options();
+extern "C" const char *__asan_default_options() { return "use_sigaltstack=0"; }
+
+namespace {
+
+std::mutex            sleep_mutex;
+std::vector<unsigned> slept;
+std::atomic<bool>     hold_long_sleeps;   // sleeps of 10 seconds last while this is set
+std::atomic<int>      tunnel_failures;    // so many runs of the tunnel thread end early
+std::atomic<bool>     hold_before_drain;  // a run waits here, before it drains the pipe
+std::atomic<bool>     hold_connecting;    // and here, behind the drain
+std::atomic<int>      runs;               // of the tunnel thread so far
+std::atomic<int>      alive;              // tunnel threads at this moment
+std::atomic<int>      most_alive;
+std::atomic<int>      tunnel_creations_to_fail;
+std::atomic<bool>     monitor_creation_fails;
+std::atomic<bool>     halt_fails;
+std::vector<std::string> steps;           // of the clean-up
+
+void wait_while(const std::atomic<bool> &condition) {
+    while (condition) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+}  // namespace
+
+extern "C" unsigned __wrap_sleep(unsigned seconds) {
+    {
+        const std::lock_guard<std::mutex> guard(sleep_mutex);
+        slept.push_back(seconds);
+    }
+    const timespec moment{0, 1000000};
+    while (seconds == 10 && hold_long_sleeps) nanosleep(&moment, nullptr);  // can be cancelled, as the real one
+    return 0;
+}
+
+// The tunnel thread: drains the pipe, connects, serves commands until it is told to end.
+extern "C" void *__wrap__Z16tlsc_start_epollPv(void *) {
+    ++runs;
+    if (++alive > most_alive) most_alive = alive.load();
+    wait_while(hold_before_drain);
+    if (tunnel_failures > 0) {
+        --tunnel_failures;
+        --alive;
+        return nullptr;
+    }
+    tlsc_clear_cli_cmds();
+    wait_while(hold_connecting);
+    exit_client = 0;
+    while (exit_client != 1) {
+        (void)tlsc_handle_cli_cmds();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    epoll_thread_exited = 1;
+    --alive;
+    return nullptr;
+}
+
+extern "C" int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument);
+extern "C" int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument) {
+    EXPECT_EQ(attributes, nullptr);
+    EXPECT_EQ(argument, nullptr);
+    if (body == tlsc_epoll_mon_thread) return monitor_creation_fails ? EAGAIN : __real_pthread_create(thread, attributes, body, argument);
+    if (tunnel_creations_to_fail > 0) {
+        --tunnel_creations_to_fail;
+        return ENOMEM;
+    }
+    return __real_pthread_create(thread, attributes, body, argument);
+}
+
+extern "C" bool __wrap__Z23tlsc_halt_tunnel_threadi(int32_t seconds) {
+    EXPECT_EQ(seconds, 3);
+    return !halt_fails;
+}
+
+#define RECORD_STEP(name, symbol)        \
+    extern "C" void __real_##symbol();   \
+    extern "C" void __wrap_##symbol() {  \
+        steps.push_back(name);           \
+        __real_##symbol();               \
+    }
+RECORD_STEP("free session", _Z17tlsc_free_sessionv)
+RECORD_STEP("destroy locks", _Z18tlsc_destroy_locksv)
+RECORD_STEP("close pipe", _Z19tlsc_close_cli_pipev)
+
+extern "C" void __wrap__Z15tlsc_tun_deleteP12tlsc_sessioni(tlsc_session *, int32_t cause) { steps.push_back(text_of("delete interface %d", cause)); }
+
+extern "C" void __real__Z16tlsc_ssl_cleanupP6ssl_st(ssl_st *ssl);
+extern "C" void __wrap__Z16tlsc_ssl_cleanupP6ssl_st(ssl_st *ssl) {
+    steps.push_back("release tls");
+    __real__Z16tlsc_ssl_cleanupP6ssl_st(ssl);
+}
+
+extern "C" void __real_SSL_CTX_free(SSL_CTX *ctx);
+extern "C" void __wrap_SSL_CTX_free(SSL_CTX *ctx) {
+    steps.push_back("free context");
+    __real_SSL_CTX_free(ctx);
+}
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+class lifecycle : public tunnel_test {
+protected:
+    lifecycle() {
+        static const bool once = [] {
+            tlsc_log_lock_create();
+            return true;
+        }();
+        (void)once;
+        slept.clear();
+        steps.clear();
+        hold_long_sleeps = hold_before_drain = hold_connecting = monitor_creation_fails = halt_fails = false;
+        tunnel_failures = runs = alive = most_alive = tunnel_creations_to_fail = 0;
+        epoll_thread_exited = 0;
+        EXPECT_EQ(tlsc_create_pipe_for_cli_cmds(), 1);
+        steps.clear();
+        log.clear();
+    }
+    ~lifecycle() override {
+        hold_long_sleeps = hold_before_drain = hold_connecting = false;
+        tlsc_close_cli_pipe();
+    }
+
+    static std::vector<unsigned> sleeps() {
+        const std::lock_guard<std::mutex> guard(sleep_mutex);
+        return slept;
+    }
+    size_t ends_of_monitors() { return log.count("WARNING", platform_file, "tlsc_epoll_mon_thread", "epoll monitor thread exiting!!"); }
+    bool   running(int number) {
+        return eventually([number] { return runs == number && alive == 1; });
+    }
+    // Orders the end of the client and waits for the monitor's.
+    void end(size_t monitor_ends = 1) {
+        ASSERT_TRUE(eventually([&] {
+            (void)tlsc_stop_client();  // an order that was drained is given again
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            return ends_of_monitors() >= monitor_ends;
+        }));
+        ASSERT_TRUE(eventually([] { return alive == 0; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+};
+
+// ---- clean-up ------------------------------------------------------------------------------------------------------------
+// First, while this process has no second thread that the processes of these tests would lack.
+
+TEST_F(lifecycle, a_clean_up_without_any_start_skips_what_is_not_there) {
+    EXPECT_EQ(in_child([&] {
+                  tlsc_cleanup_context();
+                  EXPECT_EQ(steps, (strings{"close pipe", "free session", "release tls", "destroy locks"}));
+                  return 0;
+              }),
+              0);
+    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_ssl_cleanup", "SSL-handle is NULL"));
+    EXPECT_FALSE(log.contains("Freeing up SSL-ctx"));
+    EXPECT_TRUE(log.contains("Destroyed the crypto lock array"));
+}
+
+TEST_F(lifecycle, a_clean_up_releases_everything_in_its_order) {
+    EXPECT_EQ(in_child([&] {
+                  tlsc_init_openssl();
+                  strcpy(conf->cipher_algo, peer_cipher);
+                  strcpy(psk_key, "secret");
+                  conf->ssl_auth_mech = SSL_AUTH_PSK;
+                  EXPECT_EQ(tlsc_init_ssl_config(), 1);
+                  EXPECT_NE(tlsc_init_session(), nullptr);
+                  tlsc_attach_session(sock);
+                  sock->ssl = SSL_new(tlsc_ssl_ctx);
+                  tlsc_count(&tlsc_stats::invalid_rx);
+                  const int32_t ends[] = {cli_pipe_rd_fd, cli_pipe_wr_fd};
+                  tlsc_cleanup_context();
+                  EXPECT_EQ(steps, (strings{"close pipe", "delete interface 0", "free session", "release tls", "free context", "destroy locks"}));
+                  for (int32_t fd : ends) EXPECT_FALSE(is_open(fd));
+                  EXPECT_EQ(cli_pipe_rd_fd, -1);
+                  EXPECT_EQ(cli_pipe_wr_fd, -1);
+                  EXPECT_EQ(sock->ssl, nullptr);
+                  EXPECT_EQ(tlsc_ssl_ctx, nullptr);
+                  EXPECT_EQ(tlsc_stats_record.invalid_rx, 0u);
+                  EXPECT_EQ(std::string(psk_key, psk_key_size), std::string(psk_key_size, '\0'));
+                  return 0;
+              }),
+              0);
+    EXPECT_TRUE(log.has("WARNING", platform_file, "tlsc_cleanup_context", "Cleaning up Tls-session and SSL context"));
+    EXPECT_TRUE(log.has("DEBUG", platform_file, "tlsc_cleanup_context", "Freeing up SSL-ctx"));
+    EXPECT_LT(position("Cleaning up Tls-session and SSL context"), position("SSL-handle and Engine cleanup"));
+    EXPECT_LT(position("SSL-handle and Engine cleanup"), position("Freeing up SSL-ctx"));
+}
+
+TEST_F(lifecycle, a_clean_up_cancels_a_monitor_that_sleeps_and_one_that_waits_for_the_tunnel) {
+    EXPECT_EQ(in_child([&] {
+                  tunnel_failures  = 1;
+                  hold_long_sleeps = true;
+                  EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+                  EXPECT_TRUE(eventually([] { return sleeps().size() == 2; }));
+                  tlsc_cleanup_context();
+                  hold_long_sleeps = false;
+                  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+                  EXPECT_EQ(runs, 1);
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(in_child([&] {
+                  EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+                  EXPECT_TRUE(running(1));
+                  std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                  tlsc_cleanup_context();
+                  exit_client = 1;
+                  EXPECT_TRUE(eventually([] { return alive == 0; }));
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(ends_of_monitors(), 0u);
+}
+
+TEST_F(lifecycle, the_log_still_works_behind_a_cancelled_monitor) {
+    // The monitor logs all the time while it is cancelled: it must never take the log's lock with it.
+    for (int round = 0; round < 20; ++round)
+        ASSERT_EQ(in_child([&] {
+                      tunnel_failures = 1 << 30;
+                      EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+                      std::this_thread::sleep_for(std::chrono::microseconds(500 * round));
+                      tlsc_cleanup_context();
+                      TLSC_WARNING("still alive %d", round);
+                      return 0;
+                  }),
+                  0);
+    EXPECT_TRUE(log.contains("still alive 19"));
+}
+
+TEST_F(lifecycle, a_tunnel_thread_that_cannot_be_halted_keeps_what_it_uses) {
+    EXPECT_EQ(in_child([&] {
+                  halt_fails = true;
+                  EXPECT_NE(tlsc_init_session(), nullptr);
+                  tlsc_attach_session(sock);
+                  tlsc_cleanup_context();
+                  EXPECT_EQ(steps, (strings{"close pipe"}));
+                  EXPECT_NE(sock->sess, nullptr);
+                  return 0;
+              }),
+              0);
+    EXPECT_TRUE(log.contains("Cleaning up Tls-session and SSL context"));
+}
+
+// ---- starting and stopping -----------------------------------------------------------------------------------------------
+
+TEST_F(lifecycle, a_client_starts_runs_and_ends_with_its_monitor_on_the_exit_command) {
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(1));
+    EXPECT_TRUE(eventually([&] { return position("Started the epoll thread, wait for thread to be up..") >= 0; }));
+    EXPECT_EQ(epoll_thread_exited, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_NE(tlsc_stop_client(), 0);
+    ASSERT_TRUE(eventually([&] { return ends_of_monitors() == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(runs, 1);  // no restart follows
+    EXPECT_EQ(sleeps(), (std::vector<unsigned>{1}));
+    EXPECT_FALSE(log.contains("exited abnormally"));
+    EXPECT_TRUE(log.has("INFO", platform_file, "tlsc_start_epoll_mon_thread", "Started the epoll monitor thread successfully"));
+    EXPECT_TRUE(log.has("INFO", platform_file, "tlsc_epoll_mon_thread", "In TLS Client epoll monitor thread"));
+    EXPECT_TRUE(log.has("INFO", platform_file, "tlsc_start_client", "Starting epoll thread"));
+    EXPECT_TRUE(log.has("INFO", platform_file, "tlsc_stop_client", "Posting message to stop TLS Client..."));
+}
+
+TEST_F(lifecycle, a_tunnel_thread_that_fails_is_started_again_after_exactly_10_seconds_for_ever) {
+    tunnel_failures = 6;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(7));
+    EXPECT_EQ(sleeps(), (std::vector<unsigned>{1, 10, 10, 10, 10, 10, 10}));
+    EXPECT_EQ(log.count("WARNING", platform_file, "tlsc_epoll_mon_thread", "TLSC Client exited abnormally"), 6u);
+    EXPECT_EQ(log.count("INFO", platform_file, "tlsc_epoll_mon_thread", "Retrying tlsc-start-client after sleep 10"), 6u);
+    end();
+    EXPECT_EQ(runs, 7);
+    EXPECT_EQ(most_alive, 1);
+}
+
+TEST_F(lifecycle, a_thread_that_cannot_be_created_counts_as_an_abnormal_end) {
+    tunnel_creations_to_fail = 2;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(1));
+    EXPECT_EQ(sleeps(), (std::vector<unsigned>{1, 10, 10}));
+    EXPECT_EQ(log.count("ERROR", platform_file, "tlsc_start_client", text_of("epollthread creation failed, ret:%d", ENOMEM)), 2u);
+    end();
+}
+
+TEST_F(lifecycle, a_monitor_that_cannot_be_created_is_reported_and_can_be_started_later) {
+    monitor_creation_fails = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 0);
+    EXPECT_TRUE(log.has("ERROR", platform_file, "tlsc_start_epoll_mon_thread", text_of("epoll monitor thread creation failed,ret:%d ", EAGAIN)));
+    monitor_creation_fails = false;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(1));
+    end();
+}
+
+TEST_F(lifecycle, starting_clears_the_mark_of_the_last_orderly_end) {
+    epoll_thread_exited = 1;
+    tunnel_failures     = 1;
+    hold_long_sleeps    = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    EXPECT_TRUE(eventually([&] { return log.contains("TLSC Client exited abnormally"); }));
+    hold_long_sleeps = false;
+    ASSERT_TRUE(running(2));
+    end();
+}
+
+TEST_F(lifecycle, without_a_pipe_a_stop_is_printed_as_failed) {
+    tlsc_close_cli_pipe();
+    tlsc_log_level = -1;
+    log.clear();
+    EXPECT_EQ(tlsc_stop_client(), 0);
+    EXPECT_EQ(log.text(), "Failed to post a msg to stop the TLS Client");
+}
+
+TEST_F(lifecycle, restart_client_only_sets_the_exit_flag) {
+    tlsc_restart_client();
+    EXPECT_EQ(exit_client, 1);
+    EXPECT_EQ(log.messages(), (strings{"Main function should kill the child thread\n"}));
+    EXPECT_EQ(log.entries().front().severity, "DEBUG");
+    EXPECT_EQ(runs, 0);
+}
+
+TEST_F(lifecycle, after_restart_client_tunnel_and_monitor_end_and_a_start_begins_anew) {
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    tlsc_restart_client();
+    ASSERT_TRUE(eventually([&] { return ends_of_monitors() == 1; }));
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(2));
+    end(2);
+}
+
+// ---- one of each thread --------------------------------------------------------------------------------------------------------
+
+TEST_F(lifecycle, a_second_start_creates_nothing) {
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(1));
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(runs, 1);
+    EXPECT_EQ(log.count("INFO", platform_file, "tlsc_epoll_mon_thread", "In TLS Client epoll monitor thread"), 1u);
+    end();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(runs, 1);
+}
+
+TEST_F(lifecycle, a_client_counts_as_running_from_its_start_to_the_order_to_end) {
+    EXPECT_FALSE(tlsc_client_is_running());
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    EXPECT_TRUE(tlsc_client_is_running());
+    ASSERT_TRUE(running(1));
+    EXPECT_TRUE(tlsc_client_is_running());
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    EXPECT_FALSE(tlsc_client_is_running());
+    end();
+    EXPECT_FALSE(tlsc_client_is_running());
+}
+
+TEST_F(lifecycle, a_start_behind_a_stop_runs_the_client_once_more_and_never_two_at_a_time) {
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    for (int round = 2; round <= 10; ++round) {
+        EXPECT_EQ(tlsc_stop_client(), 1);
+        EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+        ASSERT_TRUE(running(round)) << round;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(most_alive, 1);
+    end(10);
+    EXPECT_EQ(runs, 10);
+}
+
+TEST_F(lifecycle, a_restart_while_the_tunnel_connects_ends_that_run_and_begins_another) {
+    hold_connecting = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(1));
+    ASSERT_TRUE(eventually([&] { return log.contains("Total number of stale commands"); }));
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(runs, 1);  // the connection attempt is not cut short
+    hold_connecting = false;
+    ASSERT_TRUE(running(2));
+    EXPECT_EQ(most_alive, 1);
+    end(2);
+}
+
+TEST_F(lifecycle, a_restart_before_the_tunnel_drains_its_pipe_is_not_lost) {
+    hold_before_drain = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(eventually([] { return runs == 1; }));
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    hold_before_drain = false;
+    ASSERT_TRUE(eventually([&] { return log.contains("Clear CLI commands: message id read:1"); }));  // the order is dropped
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(2));
+    end(2);
+}
+
+TEST_F(lifecycle, a_stop_behind_a_restart_leaves_no_client) {
+    hold_connecting = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(1));
+    ASSERT_TRUE(eventually([&] { return log.contains("Total number of stale commands"); }));
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    hold_connecting = false;
+    ASSERT_TRUE(eventually([&] { return ends_of_monitors() == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(runs, 1);
+    EXPECT_EQ(alive, 0);
+}
+
+TEST_F(lifecycle, a_stop_during_the_monitors_pause_does_not_stop_the_restart) {
+    tunnel_failures  = 1;
+    hold_long_sleeps = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(eventually([] { return sleeps().size() == 2; }));
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    hold_long_sleeps = false;
+    ASSERT_TRUE(running(2));
+    ASSERT_TRUE(eventually([&] { return log.contains("Clear CLI commands: message id read:1"); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(alive, 1);
+    end();
+}
+
+TEST_F(lifecycle, a_restart_during_the_monitors_pause_runs_the_client_once) {
+    tunnel_failures  = 1;
+    hold_long_sleeps = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(eventually([] { return sleeps().size() == 2; }));
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    hold_long_sleeps = false;
+    ASSERT_TRUE(running(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(runs, 2);
+    EXPECT_EQ(most_alive, 1);
+    end(2);
+}
+
+}  // namespace
