@@ -1,17 +1,18 @@
 # Toolchain for 32-bit ARM (Debian's armhf): Debian's cross compiler and C library, OpenSSL and GoogleTest from the
 # sysroot that tools/armhf-sysroot makes, and qemu-arm to run what was built.
 #
-# TLSC_ARMHF_SYSROOT, in the environment: a sysroot elsewhere than in build/armhf-sysroot.
+# TLSC_ARMHF_SYSROOT (of CMake, or in the environment): a sysroot elsewhere than in build/armhf-sysroot.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 
+get_filename_component(sysroot ${CMAKE_CURRENT_LIST_DIR}/../build/armhf-sysroot ABSOLUTE)
 if(DEFINED ENV{TLSC_ARMHF_SYSROOT})
-    set(TLSC_ARMHF_SYSROOT $ENV{TLSC_ARMHF_SYSROOT})
-else()
-    get_filename_component(TLSC_ARMHF_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/armhf-sysroot ABSOLUTE)
+    set(sysroot $ENV{TLSC_ARMHF_SYSROOT})
 endif()
+set(TLSC_ARMHF_SYSROOT ${sysroot} CACHE PATH "What tools/armhf-sysroot has made")
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES TLSC_ARMHF_SYSROOT)
 if(NOT EXISTS ${TLSC_ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf/libssl.so)
     message(FATAL_ERROR "${TLSC_ARMHF_SYSROOT} holds no armhf OpenSSL: run tools/armhf-sysroot")
 endif()
@@ -39,6 +40,7 @@ set(CMAKE_CXX_FLAGS_INIT "-isystem ${TLSC_ARMHF_SYSROOT}/usr/include/arm-linux-g
 set(CMAKE_SKIP_RPATH TRUE)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${TLSC_ARMHF_QEMU} -L ${TLSC_ARMHF_SYSROOT})
 
-# The programs are for every core of the architecture. The tests' copy of the daemon is for one that divides in hardware,
-# where a division by zero gives 0: what the runtime's division would raise by itself is missed there.
+# The programs are built for the architecture's baseline, which divides in software, and that answers a division by zero
+# with a signal. The tests' copy of the daemon is built for a core that divides in hardware and gets 0: it must raise the
+# signal itself.
 set(TLSC_TEST_OPTIONS -march=armv7ve+fp)

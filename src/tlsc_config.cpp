@@ -67,9 +67,6 @@ bool extract_value(const char *line, char *value_out) {
     return true;
 }
 
-// atoi, but defined for numbers of any size: the low 32 bits count.
-int32_t to_number(const char *text) { return static_cast<int32_t>(strtoll(text, nullptr, 10)); }
-
 }  // namespace
 
 // By contract: the key counts wherever it stands in a line, also in one that begins with "#"; the last line wins.
@@ -142,7 +139,7 @@ int32_t load_server_port(tlsc_config *conf) {
         return 1;
     }
 
-    conf->server_port = static_cast<uint16_t>(to_number(value));
+    conf->server_port = static_cast<uint16_t>(tlsc_decimal(value));
     TLSC_DEBUG("Server port set from config file");
     return 1;
 }
@@ -319,7 +316,7 @@ int32_t load_log_level() {
         return 1;
     }
 
-    int32_t level = to_number(value);
+    int32_t level = tlsc_decimal(value);
     if (level < LOG_ERRORS || level > LOG_BUF_PRINT) {
         TLSC_WARNING("Invalid log level received in config file... Setting to default level INFO(%d)", LOG_INFO);
         tlsc_log_level = LOG_INFO;

@@ -199,9 +199,6 @@ const char *copy_value(const char *value, char (&out)[value_text_size]) {
     return value + length;
 }
 
-// Decimal conversion as atoi does it on this system, without its undefined overflow.
-int32_t decimal(const char *value) { return static_cast<int32_t>(strtoll(value, nullptr, 10)); }
-
 bool convert_ipv4(const char *text, tlsc_addr *addr) { return inet_pton(AF_INET, text, addr->ipv4) == 1; }
 
 // By contract: the terminator goes to position 10, not behind the last character, so a shorter cookie keeps the tail
@@ -232,11 +229,11 @@ int32_t tlsc_parse_config_resp(tlsc_sock *sock, const char *buff) {
         }
     }
     if (const char *value = find_value(buff, "X-CSTP-Prefix-Length:")) {
-        conf->prefix_length = static_cast<uint8_t>(decimal(value));
+        conf->prefix_length = static_cast<uint8_t>(tlsc_decimal(value));
         TLSC_DEBUG("Prefix len received in config-resp: %d %d", conf->prefix_length, static_cast<unsigned char>(value[0]));
     }
     if (const char *value = find_value(buff, "X-CSTP-DPD:")) {
-        conf->dpd_interval = decimal(value);
+        conf->dpd_interval = tlsc_decimal(value);
         TLSC_DEBUG("DPD interval received in config-resp: %d", conf->dpd_interval);
     }
 
@@ -253,12 +250,12 @@ int32_t tlsc_parse_config_resp(tlsc_sock *sock, const char *buff) {
     TLSC_DEBUG("Received CSTP IPv4 client addr in config-resp: %s for conn: %p", client_text, shown(sock));
 
     if (const char *value = find_value(buff, "X-CSTP-Retry-Time:")) {
-        conf->retry_interval = decimal(value);
+        conf->retry_interval = tlsc_decimal(value);
         TLSC_DEBUG("Retry interval received in config-resp: %d", conf->retry_interval);
     }
     const char *rekey_value = find_value(buff, "X-CSTP-Rekey-Time:");
     if (rekey_value) {
-        conf->rekey_interval = decimal(rekey_value);
+        conf->rekey_interval = tlsc_decimal(rekey_value);
         TLSC_DEBUG("Rekey interval received in cofig-resp: %d", conf->rekey_interval);
     }
     if (!rekey_value || conf->rekey_interval == 0) {

@@ -17,6 +17,8 @@ void tlsc_copy_text(char *field, size_t size, const char *text) {
     if (text) memcpy(field, text, strnlen(text, size - 1));
 }
 
+int32_t tlsc_decimal(const char *text) { return static_cast<int32_t>(strtoll(text, nullptr, 10)); }
+
 // ---- checksum repair ------------------------------------------------------------------------------------------------
 // Ones' complement sums do not care for the byte order of their words as long as all of them are loaded alike, so the
 // words are taken as they are stored.

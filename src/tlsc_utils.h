@@ -13,6 +13,10 @@ void tlsc_copy_text(char *field, size_t size, const char *text);
 // The text, or "(null)" for a null one, so that a %s never meets a null pointer.
 inline const char *tlsc_text_or_null(const char *text) { return text ? text : "(null)"; }
 
+// Decimal conversion as atoi(3) does it on the systems where long has 64 bits, without its undefined overflow: the low
+// 32 bits count. Any thread.
+int32_t tlsc_decimal(const char *text);
+
 // Repairs the IPv4 header checksum and the TCP or UDP checksum after the address at byte offset (12 source,
 // 16 destination) was overwritten, by incremental update (RFC 1624). old_sum is the plain sum of the two 16-bit
 // halves of the old address as they stood in the packet. The packet is IPv4 and lies in a buffer of at least

@@ -195,7 +195,7 @@ int split_line(char *line, conf_entry *entry) {
     tlsc_copy_text(entry->key, sizeof(entry->key), key);
     tlsc_copy_text(entry->value, sizeof(entry->value), value);
     tlsc_copy_text(flag_text, sizeof(flag_text), flag);
-    entry->flag = atoi(flag_text);
+    entry->flag = tlsc_decimal(flag_text);
     return 0;
 }
 
@@ -243,7 +243,7 @@ int32_t wlcSecTunProcessConf(const char *key, const char *value) {
     else if (field)
         tlsc_copy_text(params.*field, param_text_size, value);
     else if (id == conf_key_server_port)
-        params.server_port = atoi(value);
+        params.server_port = tlsc_decimal(value);
     else
         WLC_IPC_EVENT("Unknown, key value not processed keystr:%s value:%s", key, printable_value(key, value));
 

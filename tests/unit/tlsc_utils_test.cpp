@@ -138,6 +138,15 @@ TEST(tlsc_utils, text_of_width_minus_one_is_kept_whole_and_one_more_is_cut) {
     EXPECT_STREQ(field, "1234567");
 }
 
+TEST(tlsc_utils, decimal_keeps_the_low_32_bits_of_a_number_of_any_size) {
+    EXPECT_EQ(tlsc_decimal("8443"), 8443);
+    EXPECT_EQ(tlsc_decimal("  -7 seconds"), -7);
+    EXPECT_EQ(tlsc_decimal("text"), 0);
+    EXPECT_EQ(tlsc_decimal(""), 0);
+    EXPECT_EQ(tlsc_decimal("2147483647"), 2147483647);
+    EXPECT_EQ(tlsc_decimal("4294967297"), 1);
+}
+
 TEST(tlsc_utils, text_copy_clears_the_rest_of_the_field) {
     char field[8];
     memset(field, 'x', sizeof(field));

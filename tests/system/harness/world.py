@@ -214,5 +214,5 @@ class World:
 
 def world_binds():
     """Directories outside the project that a world must show: the builds."""
-    builds = [BUILD] + [Path(os.environ[name]).resolve() for name in ("TLSC_SAN_BUILD", "TLSC_FASTER") if name in os.environ]
+    builds = [BUILD] + [Path(os.environ[name]).resolve() for name in ("TLSC_SAN_BUILD", "TLSC_FASTER", "TLSC_ARMHF_BUILD", "TLSC_ARMHF_SYSROOT") if name in os.environ]
     return [str(build if build.is_dir() else build.parent) for build in builds]
