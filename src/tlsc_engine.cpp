@@ -1,4 +1,4 @@
-// Contents: 1 TLS set-up  2 connection and TLS I/O  3 registry and state  4 teardown  5 data path  6 commands  7 event loop
+// Contents: 0 the thread's turn  1 TLS set-up  2 connection and TLS I/O  3 registry and state  4 teardown  5 data path  6 commands  7 event loop
 //
 // Out: handle_event -> on_tun_event -> tlsc_tun_read_and_process -> tlsc_write_cstp_data_pak -> tlsc_ssl_write
 // In:  handle_event -> on_ssl_event -> tlsc_cstp_read_frame -> tlsc_process_cstp_frame -> tlsc_tun_write
@@ -34,6 +34,72 @@
 #include "tlsc_tun_intf.h"  // interface creation, state, deletion
 
 #include "tlsc_platform.h"  // counters, client restart
+
+// ==== 0 The thread's turn ========================================================================================
+// This thread owns its turn lock while it touches the tunnel, and lets go of it only while it waits for something
+// outside: for events, for a connection, for the pause behind a handshake. A new reading of the configuration takes the
+// lock for its time, the process's clean-up for good. Invariant: turn_held is true in the thread that has the lock.
+
+namespace {
+
+pthread_mutex_t   turn_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t   turn_gate = PTHREAD_MUTEX_INITIALIZER;  // held by who wants to halt this thread, until it got its wish
+std::atomic<bool> halt_wanted{false};
+thread_local bool turn_held;
+
+void take_turn() {
+    if (halt_wanted) {  // without this the lock would be taken again before the waiting thread wakes up
+        pthread_mutex_lock(&turn_gate);
+        pthread_mutex_unlock(&turn_gate);
+    }
+    pthread_mutex_lock(&turn_lock);
+    turn_held = true;
+}
+
+void give_turn_up() {
+    turn_held = false;
+    pthread_mutex_unlock(&turn_lock);
+}
+
+struct tunnel_turn {
+    tunnel_turn() { take_turn(); }
+    ~tunnel_turn() { give_turn_up(); }
+    tunnel_turn(const tunnel_turn &)            = delete;
+    tunnel_turn &operator=(const tunnel_turn &) = delete;
+};
+
+// Around a wait. Without effect in a thread that does not have the turn.
+class turn_pause {
+public:
+    turn_pause() : had_turn_(turn_held) {
+        if (had_turn_) give_turn_up();
+    }
+    ~turn_pause() {
+        if (had_turn_) take_turn();
+    }
+    turn_pause(const turn_pause &)            = delete;
+    turn_pause &operator=(const turn_pause &) = delete;
+
+private:
+    const bool had_turn_;
+};
+
+}  // namespace
+
+bool tlsc_halt_tunnel_thread(int32_t seconds) {
+    timespec deadline{};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += seconds;
+
+    pthread_mutex_lock(&turn_gate);
+    halt_wanted       = true;
+    const bool halted = pthread_mutex_timedlock(&turn_lock, &deadline) == 0;
+    halt_wanted       = false;
+    pthread_mutex_unlock(&turn_gate);
+    return halted;
+}
+
+void tlsc_resume_tunnel_thread() { pthread_mutex_unlock(&turn_lock); }
 
 // ==== 1 TLS set-up ===============================================================================================
 // The context is built once per process, on the main thread. The verification and PSK callbacks run on the thread
@@ -292,6 +358,16 @@ sockaddr_in server_address(const char *text, uint16_t port) {
     return address;
 }
 
+bool connect_to(int32_t fd, const sockaddr_in &address) {
+    turn_pause pause;
+    return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
+}
+
+void pause_before_request() {
+    turn_pause pause;
+    sleep(request_pause_seconds);
+}
+
 // Closes a transport descriptor under its own name. The TLS session that still holds the number forgets it, so that
 // its later release cannot close what another thread has opened under that number.
 void close_transport(int32_t fd) {
@@ -358,7 +434,7 @@ int32_t tlsc_create_tcp_conn() {
 
     const sockaddr_in address = server_address(server, sock->svr_port);
     TLSC_INFO("Server port = %d, Server IP(%s) = %u", address.sin_port, server, address.sin_addr.s_addr);
-    if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+    if (!connect_to(fd, address)) {
         TLSC_ERROR("TCP connection failed to server");
         tlsc_sock_error(TLSC_DOWN_TCP_CONNECT);
         close(fd);  // not yet known to the teardown
@@ -376,7 +452,7 @@ int32_t tlsc_create_tcp_conn() {
         TLSC_INFO("Successfully enabled SSL/TLS session to: %s.", server);
         sock->ssl_up = 1;
         TLSC_DEBUG("Sleeping for 2 seconds, before sending config request to server");
-        sleep(request_pause_seconds);
+        pause_before_request();
         int32_t cause = TLSC_DOWN_NO_ERROR;
         if (!tlsc_send_config_req(sock, &cause)) tlsc_sock_error(cause);
         return conn_up;
@@ -813,29 +889,11 @@ void tlsc_clear_cli_cmds() {
 }
 
 // ==== 7 Event loop ===============================================================================================
-// The thread owns its turn lock while it touches the tunnel, and lets go of it only inside epoll_wait. A new reading
-// of the configuration takes the lock for its time, the process's clean-up for good.
+// The loop body is one line per event, the dispatch one line per descriptor.
 
 namespace {
 
 constexpr uint32_t error_events = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
-
-pthread_mutex_t turn_lock = PTHREAD_MUTEX_INITIALIZER;
-
-class tunnel_turn {
-public:
-    tunnel_turn() { pthread_mutex_lock(&turn_lock); }
-    ~tunnel_turn() { pthread_mutex_unlock(&turn_lock); }
-    tunnel_turn(const tunnel_turn &)            = delete;
-    tunnel_turn &operator=(const tunnel_turn &) = delete;
-
-    int wait_for_events() {
-        pthread_mutex_unlock(&turn_lock);
-        const int count = epoll_wait(tlsc_epoll_fd, tlsc_epoll_events, max_events, -1);
-        pthread_mutex_lock(&turn_lock);
-        return count;
-    }
-};
 
 // ---- timers --------------------------------------------------------------------------------------------------------
 
@@ -1063,8 +1121,13 @@ bool set_up_tunnel(tlsc_sock *sock) {
 
 // ---- loop and end ----------------------------------------------------------------------------------------------------
 
-void handle_one_pass(tlsc_sock *sock, tunnel_turn &turn) {
-    pass_count = turn.wait_for_events();
+int wait_for_events() {
+    turn_pause pause;
+    return epoll_wait(tlsc_epoll_fd, tlsc_epoll_events, max_events, -1);
+}
+
+void handle_one_pass(tlsc_sock *sock) {
+    pass_count = wait_for_events();
     pass_next  = 0;
     if (pass_count < 1) {
         TLSC_ERROR("EPOLL Wait timed out");
@@ -1094,15 +1157,6 @@ void end_tunnel(tlsc_sock *sock) {
 
 }  // namespace
 
-bool tlsc_halt_tunnel_thread(int32_t seconds) {
-    timespec deadline{};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += seconds;
-    return pthread_mutex_timedlock(&turn_lock, &deadline) == 0;
-}
-
-void tlsc_resume_tunnel_thread() { pthread_mutex_unlock(&turn_lock); }
-
 void *tlsc_start_epoll(void *) {
     (void)signal(SIGPIPE, SIG_IGN);  // a peer that went away is an error of the write
     tunnel_turn turn;
@@ -1111,7 +1165,7 @@ void *tlsc_start_epoll(void *) {
     TLSC_INFO("In epoll thread");
     if (!set_up_tunnel(sock)) return nullptr;
     exit_client = 0;
-    do handle_one_pass(sock, turn);
+    do handle_one_pass(sock);
     while (exit_client != 1);
 
     end_tunnel(sock);

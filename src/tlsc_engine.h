@@ -26,8 +26,8 @@ extern ssl_ctx_st *tlsc_ssl_ctx;   // the process's TLS context; null when none
 // The address of the one connection context; never null. Any thread.
 tlsc_sock *tlsc_get_sock();
 
-// Keeps the tunnel thread from touching the tunnel: waits at most the given seconds for its current pass or connection
-// attempt to end. Returns true when it did; the thread then stands still until it is resumed. Main thread.
+// Keeps the tunnel thread from touching the tunnel: waits at most the given seconds until it waits for something itself
+// (events, a connection, the pause behind a handshake). Returns true when it did; the thread then stands still until it is resumed. Main thread.
 bool tlsc_halt_tunnel_thread(int32_t seconds);
 
 // Lets a halted tunnel thread go on. Main thread, only after a successful halt.

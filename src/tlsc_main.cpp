@@ -104,7 +104,7 @@ void clear_assigned_fields(tlsc_config *conf) {
     conf->cookie[0]       = '\0';
 }
 
-constexpr int32_t reconfigure_wait_seconds = 3;  // a connection attempt may hold the tunnel thread longer
+constexpr int32_t reconfigure_wait_seconds = 3;  // a handshake may hold the tunnel thread longer
 
 // What the packets of a tunnel that goes on under the new settings need: its address and its interface.
 void keep_tunnel_fields(tlsc_config *conf, const tlsc_config *earlier) {

@@ -200,7 +200,7 @@ void tlsc_restart_client() {
 
 namespace {
 
-constexpr int32_t halt_seconds = 3;  // a connection attempt may hold the tunnel thread longer; the process ends anyway
+constexpr int32_t halt_seconds = 3;  // a handshake may hold the tunnel thread longer; the process ends anyway
 
 void release_connection() {
     tlsc_sock *sock = tlsc_get_sock();
@@ -228,7 +228,7 @@ void tlsc_cleanup_context() {
 
     tlsc_close_cli_pipe();
     TLSC_WARNING("Cleaning up Tls-session and SSL context");
-    // What a tunnel thread still uses inside a connection attempt is left to the end of the process.
+    // What a tunnel thread still uses inside a handshake is left to the end of the process.
     if (halted) {
         release_connection();
         release_openssl();

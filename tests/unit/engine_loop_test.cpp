@@ -943,7 +943,7 @@ TEST_F(engine_loop, a_halted_thread_goes_on_when_it_is_resumed) {
     EXPECT_TRUE(eventually([] { return tlsc_stats_record.invalid_rx == 1; }));
 }
 
-TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_that_connects_cannot) {
+TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_in_a_handshake_cannot) {
     // In a process of its own: the halt is for good.
     EXPECT_EXIT(
         {
@@ -952,6 +952,7 @@ TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_that_connects_cann
             conf->server_port = peer.port();
             std::thread([] { tlsc_start_epoll(nullptr); }).detach();
             (void)peer.connection(0);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the thread goes on from connect to the handshake
             if (tlsc_halt_tunnel_thread(0)) _exit(1);
             peer.meet_with(tls_peer::manner::handshake);
             peer.connection(0).hang_up();
