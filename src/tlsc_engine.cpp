@@ -378,6 +378,11 @@ void close_transport(int32_t fd) {
     ERR_clear_error();
 }
 
+// A stale entry of the error queue would colour the class of the next error. Looking costs less than clearing.
+void drop_stale_errors() {
+    if (ERR_peek_error() != 0) ERR_clear_error();
+}
+
 int32_t translate_ssl_error(int error) {
     switch (error) {
     case SSL_ERROR_WANT_READ: return TLSC_SSL_WANT_READ;
@@ -477,7 +482,7 @@ int32_t tlsc_ssl_write(tlsc_sock *sock, const void *buff, int32_t length, int32_
     }
 
     tlsc_log_hex(buff, length > 0 ? static_cast<size_t>(length) : 0);
-    ERR_clear_error();  // a stale entry would colour the class of an error below
+    drop_stale_errors();
     const int written = SSL_write(sock->ssl, buff, length);
     if (written < 1) {
         const int     saved_errno = errno;
@@ -495,7 +500,7 @@ int32_t tlsc_ssl_write(tlsc_sock *sock, const void *buff, int32_t length, int32_
 int32_t tlsc_ssl_read(tlsc_sock *sock, void *buff, int32_t length, int32_t *result) {
     if (!sock || !buff || !sock->ssl) { TLSC_ERROR("Null ptr received for sock/buff"); return 0; }
 
-    ERR_clear_error();
+    drop_stale_errors();
     const int count = SSL_read(sock->ssl, buff, length);
     if (count < 1) {
         const int     error      = tlsc_ossl_get_error(sock->ssl, count);
