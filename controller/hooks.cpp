@@ -20,6 +20,7 @@ constexpr double kill_delay = 2;      // seconds between SIGTERM and SIGKILL
 // The agent's environment plus the facts. Facts come first, so that they win.
 std::vector<char *> make_environment(std::vector<std::string> &facts) {
     std::vector<char *> list;
+    list.reserve(facts.size());
     for (std::string &fact : facts) list.push_back(fact.data());
     for (char **entry = environ; *entry; entry++)
         if (strncmp(*entry, "TLSC_", 5) != 0) list.push_back(*entry);

@@ -1,5 +1,6 @@
 #include "present.h"
 
+#include <cmath>
 #include <cstdio>
 
 namespace wlcctl {
@@ -159,7 +160,7 @@ std::string members_text(const json &e) {
 
 std::string duration_text(double seconds) {
     char out[64];
-    long whole = static_cast<long>(seconds + 0.5);
+    long whole = std::lround(seconds);
     if (seconds < 9.95) snprintf(out, sizeof out, "%.1f s", seconds < 0 ? 0 : seconds);
     else if (whole < 60) snprintf(out, sizeof out, "%ld s", whole);
     else if (whole < 3600) snprintf(out, sizeof out, "%ld min %ld s", whole / 60, whole % 60);

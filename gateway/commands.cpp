@@ -352,7 +352,7 @@ Json set_data_events(Gateway &gateway, const Json &request) {
 
 // 4 Sending and closing.
 
-Json report_sent(Gateway &gateway, Client &client, const char *what, size_t bytes) {
+Json report_sent(Gateway &gateway, const Client &client, const char *what, size_t bytes) {
     gateway.events.emit("sent", client.id(), {{"what", what}, {"bytes", bytes}});
     return {{"client", client.id()}, {"sent", bytes}};
 }

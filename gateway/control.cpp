@@ -58,7 +58,7 @@ Control::Control(const std::string &path, Gateway &gateway, Loop &loop)
 
 Control::~Control() {
     gateway_.events.on_event(nullptr);
-    for (auto &controller : controllers_) {
+    for (const auto &controller : controllers_) {
         flush(*controller);
         for (const auto &[number, wait] : controller->waits) loop_.cancel(wait.timer);
         loop_.forget(controller->watch);
@@ -220,7 +220,7 @@ void Control::flush(Controller &controller) {
 }
 
 void Control::finish_batch() {
-    for (auto &controller : controllers_) {
+    for (const auto &controller : controllers_) {
         if (!controller->out.empty()) flush(*controller);
         bool done = controller->no_more_in && controller->out.empty() && controller->waits.empty() && !controller->subscribed;
         if (!controller->dead && !done) continue;

@@ -82,7 +82,7 @@ double mono_milliseconds() {
 
 }  // namespace
 
-void EventLog::emit(const char *kind, uint64_t client, Json fields) {
+void EventLog::emit(const char *kind, uint64_t client, const Json &fields) {
     Json event = {
         {"event", kind},
         {"seq", ++last_},

@@ -18,7 +18,7 @@ public:
     using Event = std::shared_ptr<const Json>;
 
     // Adds one event. `client` is the connection's number, 0 for none; `fields` is an object.
-    void emit(const char *kind, uint64_t client, Json fields = Json::object());
+    void emit(const char *kind, uint64_t client, const Json &fields = Json::object());
 
     // Called for every event as it happens.
     void on_event(std::function<void(const Json &)> listener) { listener_ = std::move(listener); }

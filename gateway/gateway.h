@@ -81,7 +81,7 @@ public:
     Client *find_client(uint64_t id);
     bool is_active(const Client &client) const;
     void set_accept(AcceptMode mode);  // throws RuntimeFailure when listening again fails
-    size_t release_withheld(Client *only);
+    size_t release_withheld(const Client *only);
     void forget_dpd_choices();
 
     // A packet from the site, wrapped into a data frame for `to`, or for the holder of its destination. Null: nobody has that address.
@@ -110,7 +110,7 @@ private:
     void respond(Client &client, const char *how);
     void respond_malformed(Client &client, const Bytes &raw);
     void send_response(Client &client, std::string_view text, const char *how);
-    void withhold(Client &client, const char *why);
+    void withhold(const Client &client, const char *why);
     Headers response_headers(Client &client);
     void assign(Client &client, std::string_view response);
 

@@ -83,7 +83,7 @@ void Gateway::respond_by_mode(Client &client) {
     }
 }
 
-void Gateway::withhold(Client &client, const char *why) {
+void Gateway::withhold(const Client &client, const char *why) {
     events.emit("config_resp_withheld", client.id(), {{"why", why}});
 }
 
@@ -146,7 +146,7 @@ void Gateway::respond_malformed(Client &client, const Bytes &raw) {
     events.emit("config_resp_sent", client.id(), {{"hex", to_hex(raw)}, {"inner", ""}, {"device_id", client.device_id}, {"how", "malformed"}});
 }
 
-size_t Gateway::release_withheld(Client *only) {
+size_t Gateway::release_withheld(const Client *only) {
     size_t released = 0;
     for (Client *client : clients()) {
         if (!client->withheld || (only && only != client)) continue;

@@ -220,13 +220,16 @@ struct verification {
     X509_STORE *store = X509_STORE_new();
     FILE       *file  = nullptr;
 
-    void close_file() {
-        if (file) (void)fclose(file);
-        file = nullptr;
-    }
+    verification()                                = default;
+    verification(const verification &)            = delete;
+    verification &operator=(const verification &) = delete;
     ~verification() {
         close_file();
         X509_STORE_free(store);
+    }
+    void close_file() {
+        if (file) (void)fclose(file);
+        file = nullptr;
     }
 };
 
@@ -234,11 +237,11 @@ struct verification {
 
 // By contract: OpenSSL's own verdict is ignored; every certificate of the chain must verify directly against the first
 // certificate of the bundle.
-int tlsc_verify_cert_cb(int, X509_STORE_CTX *outer) {
+int tlsc_verify_cert_cb(int, X509_STORE_CTX *store) {
     TLSC_INFO("tlsc_verify_cert_cb received...");
     tlsc_config *conf = tlsc_get_config();
     if (!conf) { TLSC_ERROR("Null ptr received for conf"); return 0; }
-    X509 *cert = X509_STORE_CTX_get_current_cert(outer);
+    X509 *cert = X509_STORE_CTX_get_current_cert(store);
     if (!cert) { TLSC_ERROR("Could not fetch the current certificate \n"); return 0; }
 
     verification v;
@@ -256,7 +259,7 @@ int tlsc_verify_cert_cb(int, X509_STORE_CTX *outer) {
     v.close_file();
 
     const verdict result = verify_alone(v.store, cert);
-    X509_STORE_CTX_set_error(outer, result.error);  // decides the alert that the peer gets
+    X509_STORE_CTX_set_error(store, result.error);  // decides the alert that the peer gets
     ERR_clear_error();                              // reading PEM files to their end queues an error
     if (result.error == X509_V_OK) {
         TLSC_DEBUG("Verification passed for cert");
@@ -283,7 +286,7 @@ unsigned tlsc_psk_client_cb(SSL *, const char *hint, char *identity, unsigned ma
 
     // By contract: the key is the configured text itself, byte for byte, not decoded from hexadecimal.
     const size_t key_length = strlen(psk_key);
-    memcpy(psk, psk_key, key_length);
+    memcpy(psk, psk_key, key_length);  // NOLINT(bugprone-not-null-terminated-result): bytes, no text
     TLSC_INFO("created PSK of len = %ld", static_cast<long>(key_length));
     return static_cast<unsigned>(key_length);
 }

@@ -92,7 +92,7 @@ void delete_stale_interface(const char *name) {
     if (!is_plain_name(name)) return;
 
     char command[command_size];
-    snprintf(command, sizeof(command), "ip link delete %s  type tun", name);
+    (void)snprintf(command, sizeof(command), "ip link delete %s  type tun", name);
     [[maybe_unused]] int status = system(command);  // The next attempt shows whether it helped.
 }
 

@@ -68,7 +68,7 @@ void tlsc_checksum(uint8_t *packet, uint32_t old_sum, size_t offset) {
 
     if (is_later_fragment(packet)) return;  // It carries no transport header.
 
-    uint8_t *transport = packet + (packet[0] & 0x0F) * 4;
+    uint8_t *transport = packet + static_cast<size_t>(packet[0] & 0x0F) * 4;
     switch (packet[proto_off]) {
     case IPPROTO_TCP:
         repair_checksum(transport + tcp_checksum_off, new_addr, negated_old_addr);

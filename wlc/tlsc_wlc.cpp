@@ -142,7 +142,7 @@ bool open_temp(conf_pass *pass) {
     }
     if (!pass->temp) {
         if (fd != -1) close(fd);
-        fclose(pass->conf);
+        (void)fclose(pass->conf);
         return false;
     }
 
@@ -171,7 +171,7 @@ const char *printable_line(const conf_pass *pass) {
     if (!pass->line_is_secret) return pass->line;
     const char  *name = strstr(pass->line, secret_key);
     const size_t kept = name ? static_cast<size_t>(name - pass->line) + strlen(secret_key) : 0;
-    snprintf(shown, sizeof(shown), "%.*s%s%s", static_cast<int>(kept), pass->line, name ? ";" : "", masked_text);
+    (void)snprintf(shown, sizeof(shown), "%.*s%s%s", static_cast<int>(kept), pass->line, name ? ";" : "", masked_text);
     return shown;
 }
 
