@@ -321,7 +321,7 @@ void Connection::update_interest() {
 
 void Connection::send_record(uint8_t type, ByteView plain) {
     if (!can_send()) throw std::runtime_error("the connection cannot send");
-    if (plain.size() > crafted_record_limit) throw std::runtime_error("a record of more than 18000 bytes");
+    if (plain.size() > crafted_record_limit) throw std::runtime_error("a record of more than " + std::to_string(crafted_record_limit) + " bytes");
     if (type == SSL3_RT_APPLICATION_DATA && !plain.empty() && plain.size() <= largest_record) (void)write_record(plain);
     else craft_record(type, plain);
     owner_.on_output(*this);

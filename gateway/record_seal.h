@@ -7,7 +7,7 @@
 namespace gw {
 
 // The most plaintext that a crafted record may hold: above the 16384 that TLS allows, so that a client can be shown too much.
-constexpr size_t crafted_record_limit = 18000;
+constexpr size_t crafted_record_limit = 60000;
 
 // True when the connection's cipher is covered: AES-GCM, AES-CBC with either order of MAC and cipher, ChaCha20-Poly1305.
 bool can_seal_record(SSL *ssl);

@@ -126,9 +126,10 @@ pthread_mutex_t *crypto_locks;  // CRYPTO_num_locks() mutexes, null before the s
 }  // namespace
 
 void tlsc_init_locks() {
-    const int count = CRYPTO_num_locks();
+    const int    count = CRYPTO_num_locks();
+    const size_t size  = static_cast<size_t>(count) * sizeof(pthread_mutex_t);
 
-    crypto_locks = static_cast<pthread_mutex_t *>(OPENSSL_malloc(static_cast<size_t>(count) * sizeof(pthread_mutex_t)));
+    crypto_locks = static_cast<pthread_mutex_t *>(OPENSSL_malloc(size));
     for (int i = 0; crypto_locks && i < count; ++i) pthread_mutex_init(&crypto_locks[i], nullptr);
     TLSC_DEBUG("Initialized the crypto lock array with no. of locks = %d", count);
     CRYPTO_set_id_callback(thread_id_callback);

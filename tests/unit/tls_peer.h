@@ -19,7 +19,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tlsc_openssl.h"
+#include "openssl_names.h"
 
 constexpr int  peer_patience_ms = 5000;  // before a missing connection or frame fails the test
 constexpr char peer_key[]       = "abcd1234";
@@ -99,6 +99,7 @@ public:
     explicit tls_peer(const std::function<void(SSL_CTX *)> &prepare = nullptr, std::string key = peer_key) : key_(std::move(key)) {
         ctx_ = SSL_CTX_new(TLS_server_method());
         SSL_CTX_set_max_proto_version(ctx_, TLS1_2_VERSION);
+        EXPECT_EQ(SSL_CTX_set_ecdh_auto(ctx_, 1), 1);
         SSL_CTX_set_app_data(ctx_, this);
         SSL_CTX_set_psk_server_callback(ctx_, give_key);
         EXPECT_EQ(SSL_CTX_set_cipher_list(ctx_, "ALL"), 1);
