@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <pthread.h>
+#include <semaphore.h>
 #include <unistd.h>
 
 #include "tlsc_openssl.h"
@@ -44,6 +45,7 @@ bool            run_wanted;
 const pthread_t no_thread = static_cast<pthread_t>(-1);
 
 pthread_t epoll_thread       = no_thread;  // monitor thread only
+sem_t     tunnel_ended;                    // posted by the tunnel thread as its last act
 pthread_t epoll_mon_thread   = no_thread;  // main thread only
 bool      monitor_unjoined   = false;      // epoll_mon_thread names a thread to join; main thread only
 
@@ -89,10 +91,18 @@ void cancellable_sleep(unsigned seconds) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
 }
 
+// The wait is not in the join itself: the thread sanitizer loses track of a thread that is cancelled there.
 void cancellable_join(pthread_t thread) {
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    pthread_join(thread, nullptr);
+    while (sem_wait(&tunnel_ended) != 0) {}  // a signal may interrupt it
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    pthread_join(thread, nullptr);
+}
+
+void *run_tunnel(void *) {
+    (void)tlsc_start_epoll(nullptr);
+    sem_post(&tunnel_ended);
+    return nullptr;
 }
 
 void join_monitor() {
@@ -113,7 +123,8 @@ void cancel_monitor() {
 int32_t tlsc_start_client() {
     TLSC_INFO("Starting epoll thread");
     epoll_thread_exited = 0;
-    const int ret       = pthread_create(&epoll_thread, nullptr, tlsc_start_epoll, nullptr);
+    sem_init(&tunnel_ended, 0, 0);  // no tunnel thread lives now
+    const int ret = pthread_create(&epoll_thread, nullptr, run_tunnel, nullptr);
     if (ret != 0) {
         TLSC_ERROR("epollthread creation failed, ret:%d", ret);
         epoll_thread = no_thread;
@@ -514,6 +525,8 @@ void tlsc_stats_init() {
 }
 
 void tlsc_stats_get(tlsc_stats *out) {
+    if (!out) { TLSC_ERROR("Null ptr received for stats"); return; }
+
     pthread_mutex_lock(&stats_lock);
     for (auto counter : all_counters) out->*counter = std::atomic_ref<uint64_t>(tlsc_stats_record.*counter).load(std::memory_order_relaxed);
     pthread_mutex_unlock(&stats_lock);

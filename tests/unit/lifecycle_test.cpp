@@ -21,6 +21,9 @@
 // The address sanitizer takes the stack of a cancelled thread for damaged when it gives its signal stack back.
 extern "C" const char *__asan_default_options();
 extern "C" const char *__asan_default_options() { return "use_sigaltstack=0"; }
+// The clean-up cancels the monitor in its wait for the tunnel thread, which nobody joins then.
+extern "C" const char *__tsan_default_options();
+extern "C" const char *__tsan_default_options() { return "report_thread_leaks=0"; }
 
 namespace {
 
@@ -37,6 +40,23 @@ std::atomic<int>      tunnel_creations_to_fail;
 std::atomic<bool>     monitor_creation_fails;
 std::atomic<bool>     halt_fails;
 std::vector<std::string> steps;           // of the clean-up
+std::mutex               turn;            // the tunnel thread has it while it touches the pipe, who halted it for good
+std::atomic<bool>        monitor_gone;
+bool                     monitor_gone_at_last_step;  // when the clean-up destroyed the locks
+
+// Notes the end of the thread that has one.
+struct farewell {
+    ~farewell() { monitor_gone = true; }
+};
+
+bool                     print_steps;           // among the log lines, to see what comes before what
+
+void note_step(const std::string &step) {
+    steps.push_back(step);
+    if (!print_steps) return;
+    printf("\n<%s>", step.c_str());
+    fflush(stdout);  // the log does not wait for it
+}
 
 void wait_while(const std::atomic<bool> &condition) {
     while (condition) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -44,7 +64,10 @@ void wait_while(const std::atomic<bool> &condition) {
 
 }  // namespace
 
+// Only the monitor sleeps.
 extern "C" unsigned __wrap_sleep(unsigned seconds) {
+    static thread_local const farewell end_of_monitor;
+    (void)end_of_monitor;
     {
         const std::lock_guard<std::mutex> guard(sleep_mutex);
         slept.push_back(seconds);
@@ -64,11 +87,17 @@ extern "C" void *__wrap__Z16tlsc_start_epollPv(void *) {
         --alive;
         return nullptr;
     }
-    tlsc_clear_cli_cmds();
+    {
+        const std::lock_guard<std::mutex> my_turn(turn);
+        tlsc_clear_cli_cmds();
+    }
     wait_while(hold_connecting);
     exit_client = 0;
     while (exit_client != 1) {
-        (void)tlsc_handle_cli_cmds();
+        {
+            const std::lock_guard<std::mutex> my_turn(turn);
+            (void)tlsc_handle_cli_cmds();
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     epoll_thread_exited = 1;
@@ -90,30 +119,37 @@ extern "C" int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *at
 
 extern "C" bool __wrap__Z23tlsc_halt_tunnel_threadi(int32_t seconds) {
     EXPECT_EQ(seconds, 3);
+    if (!halt_fails) turn.lock();
     return !halt_fails;
 }
 
 #define RECORD_STEP(name, symbol)        \
     extern "C" void __real_##symbol();   \
     extern "C" void __wrap_##symbol() {  \
-        steps.push_back(name);           \
+        note_step(name);                 \
         __real_##symbol();               \
     }
 RECORD_STEP("free session", _Z17tlsc_free_sessionv)
-RECORD_STEP("destroy locks", _Z18tlsc_destroy_locksv)
 RECORD_STEP("close pipe", _Z19tlsc_close_cli_pipev)
 
-extern "C" void __wrap__Z15tlsc_tun_deleteP12tlsc_sessioni(tlsc_session *, int32_t cause) { steps.push_back(text_of("delete interface %d", cause)); }
+extern "C" void __real__Z18tlsc_destroy_locksv();
+extern "C" void __wrap__Z18tlsc_destroy_locksv() {
+    monitor_gone_at_last_step = monitor_gone;
+    note_step("destroy locks");
+    __real__Z18tlsc_destroy_locksv();
+}
+
+extern "C" void __wrap__Z15tlsc_tun_deleteP12tlsc_sessioni(tlsc_session *, int32_t cause) { note_step(text_of("delete interface %d", cause)); }
 
 extern "C" void __real__Z16tlsc_ssl_cleanupP6ssl_st(ssl_st *ssl);
 extern "C" void __wrap__Z16tlsc_ssl_cleanupP6ssl_st(ssl_st *ssl) {
-    steps.push_back("release tls");
+    note_step("release tls");
     __real__Z16tlsc_ssl_cleanupP6ssl_st(ssl);
 }
 
 extern "C" void __real_SSL_CTX_free(SSL_CTX *ctx);
 extern "C" void __wrap_SSL_CTX_free(SSL_CTX *ctx) {
-    steps.push_back("free context");
+    note_step("free context");
     __real_SSL_CTX_free(ctx);
 }
 
@@ -131,6 +167,7 @@ protected:
         (void)once;
         slept.clear();
         steps.clear();
+        print_steps      = false;
         hold_long_sleeps = hold_before_drain = hold_connecting = monitor_creation_fails = halt_fails = false;
         tunnel_failures = runs = alive = most_alive = tunnel_creations_to_fail = 0;
         epoll_thread_exited = 0;
@@ -140,6 +177,9 @@ protected:
     }
     ~lifecycle() override {
         hold_long_sleeps = hold_before_drain = hold_connecting = false;
+        // A start joins the monitor that has ended; this one begins no other.
+        monitor_creation_fails = true;
+        (void)tlsc_start_epoll_mon_thread();
         tlsc_close_cli_pipe();
     }
 
@@ -198,7 +238,8 @@ TEST_F(lifecycle, a_clean_up_releases_everything_in_its_order) {
                   EXPECT_EQ(sock->ssl, nullptr);
                   EXPECT_EQ(tlsc_ssl_ctx, nullptr);
                   EXPECT_EQ(tlsc_stats_record.invalid_rx, 0u);
-                  EXPECT_EQ(std::string(psk_key, psk_key_size), std::string(psk_key_size, '\0'));
+                  // The 1.0 series overwrites a secret with anything, 3.0 with zeroes.
+                  EXPECT_EQ(std::string(psk_key, psk_key_size).find("secret"), std::string::npos);
                   return 0;
               }),
               0);
@@ -206,6 +247,25 @@ TEST_F(lifecycle, a_clean_up_releases_everything_in_its_order) {
     EXPECT_TRUE(log.has("DEBUG", platform_file, "tlsc_cleanup_context", "Freeing up SSL-ctx"));
     EXPECT_LT(position("Cleaning up Tls-session and SSL context"), position("SSL-handle and Engine cleanup"));
     EXPECT_LT(position("SSL-handle and Engine cleanup"), position("Freeing up SSL-ctx"));
+}
+
+TEST_F(lifecycle, a_clean_up_says_so_between_the_pipe_and_the_rest) {
+    EXPECT_EQ(in_child([&] {
+                  strcpy(conf->cipher_algo, peer_cipher);
+                  conf->ssl_auth_mech = SSL_AUTH_PSK;
+                  EXPECT_EQ(tlsc_init_ssl_config(), 1);
+                  EXPECT_NE(tlsc_init_session(), nullptr);
+                  tlsc_attach_session(sock);
+                  log.clear();
+                  print_steps = true;
+                  tlsc_cleanup_context();
+                  EXPECT_EQ(log.text().find("\n<close pipe>\nTLSC["), 0u);
+                  EXPECT_EQ(log.messages(), (strings{"Cleaning up Tls-session and SSL context\n<delete interface 0>\n<free session>\n<release tls>",
+                                                     "SSL-handle is NULL", "Freeing up SSL-ctx\n<free context>\n<destroy locks>",
+                                                     text_of("Destroyed the crypto lock array with no. of locks = %d", CRYPTO_num_locks())}));
+                  return 0;
+              }),
+              0);
 }
 
 TEST_F(lifecycle, a_clean_up_cancels_a_monitor_that_sleeps_and_one_that_waits_for_the_tunnel) {
@@ -227,11 +287,26 @@ TEST_F(lifecycle, a_clean_up_cancels_a_monitor_that_sleeps_and_one_that_waits_fo
                   std::this_thread::sleep_for(std::chrono::milliseconds(10));
                   tlsc_cleanup_context();
                   exit_client = 1;
+                  turn.unlock();
                   EXPECT_TRUE(eventually([] { return alive == 0; }));
                   return 0;
               }),
               0);
     EXPECT_EQ(ends_of_monitors(), 0u);
+}
+
+TEST_F(lifecycle, a_clean_up_cancels_the_monitor_last) {
+    EXPECT_EQ(in_child([&] {
+                  tunnel_failures  = 1;
+                  hold_long_sleeps = true;
+                  EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+                  EXPECT_TRUE(eventually([] { return sleeps().size() == 2; }));
+                  tlsc_cleanup_context();
+                  EXPECT_FALSE(monitor_gone_at_last_step);
+                  EXPECT_TRUE(monitor_gone);
+                  return 0;
+              }),
+              0);
 }
 
 TEST_F(lifecycle, the_log_still_works_behind_a_cancelled_monitor) {
@@ -295,6 +370,42 @@ TEST_F(lifecycle, a_tunnel_thread_that_fails_is_started_again_after_exactly_10_s
     EXPECT_EQ(most_alive, 1);
 }
 
+TEST_F(lifecycle, the_monitors_lines_tell_start_failure_pause_and_next_start_in_order) {
+    tunnel_failures  = 1;
+    hold_long_sleeps = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    const auto lines = [&] {
+        strings found;
+        for (const std::string &line : lines_from(platform_file))
+            if (line.find("tlsc_start_epoll_mon_thread") == std::string::npos && line.find("tlsc_stop_client") == std::string::npos)
+                found.push_back(line);  // not one of the main thread's
+        return found;
+    };
+    ASSERT_TRUE(eventually([] { return sleeps().size() == 2; }));
+    const strings before_the_pause = {"INFO tlsc_epoll_mon_thread: In TLS Client epoll monitor thread", "INFO tlsc_start_client: Starting epoll thread",
+                                      "INFO tlsc_start_client: Started the epoll thread, wait for thread to be up..",
+                                      "WARNING tlsc_epoll_mon_thread: TLSC Client exited abnormally",
+                                      "INFO tlsc_epoll_mon_thread: Retrying tlsc-start-client after sleep 10"};
+    EXPECT_EQ(lines(), before_the_pause);
+    hold_long_sleeps = false;
+    ASSERT_TRUE(running(2));
+    end();
+    strings all = before_the_pause;
+    all.insert(all.end(), {"INFO tlsc_start_client: Starting epoll thread", "INFO tlsc_start_client: Started the epoll thread, wait for thread to be up.."});
+    const strings found = lines();
+    ASSERT_GT(found.size(), all.size());
+    EXPECT_EQ(strings(found.begin(), found.begin() + static_cast<long>(all.size())), all);
+    EXPECT_EQ(found.back(), "WARNING tlsc_epoll_mon_thread: epoll monitor thread exiting!!");
+}
+
+TEST_F(lifecycle, the_first_start_is_followed_by_a_pause_of_1_second_whether_the_tunnel_runs_or_not) {
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(1));
+    EXPECT_TRUE(eventually([] { return sleeps() == std::vector<unsigned>{1}; }));
+    EXPECT_EQ(alive, 1);
+    end();
+}
+
 TEST_F(lifecycle, a_thread_that_cannot_be_created_counts_as_an_abnormal_end) {
     tunnel_creations_to_fail = 2;
     EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
@@ -336,7 +447,7 @@ TEST_F(lifecycle, without_a_pipe_a_stop_is_printed_as_failed) {
 TEST_F(lifecycle, restart_client_only_sets_the_exit_flag) {
     tlsc_restart_client();
     EXPECT_EQ(exit_client, 1);
-    EXPECT_EQ(log.messages(), (strings{"Main function should kill the child thread\n"}));
+    EXPECT_EQ(lines_from(platform_file), (strings{"DEBUG tlsc_restart_client: Main function should kill the child thread\n"}));
     EXPECT_EQ(log.entries().front().severity, "DEBUG");
     EXPECT_EQ(runs, 0);
 }
@@ -447,6 +558,7 @@ TEST_F(lifecycle, a_stop_during_the_monitors_pause_does_not_stop_the_restart) {
     ASSERT_TRUE(eventually([&] { return log.contains("Clear CLI commands: message id read:1"); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(alive, 1);
+    EXPECT_TRUE(tlsc_client_is_running());
     end();
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include <arpa/inet.h>
+#include <pthread.h>
 
 #include "tlsc_wlc.h"
 
@@ -13,7 +14,8 @@
 
 namespace {
 
-std::vector<std::string> reports;  // what the controller interface was given
+std::vector<std::string> reports;     // what the controller interface was given
+std::string              lock_calls;  // with "(0)" while the counter of invalid frames stands at zero
 tlsc_dns_list            dns_list;
 int                      report_result = 1;
 
@@ -39,6 +41,35 @@ extern "C" int __wrap__Z33tlscWlcMsgSendTlsGwFqdnResolveReqv() {
     reports.push_back("resolve");
     return report_result;
 }
+
+// The only mutex in use here is the one of the statistics: the log's is not created.
+extern "C" {
+
+int __real_pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes);
+int __wrap_pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes) {
+    lock_calls += "create ";
+    return __real_pthread_mutex_init(mutex, attributes);
+}
+
+int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
+int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
+    lock_calls += tlsc_stats_record.invalid_rx == 0 ? "take(0) " : "take ";
+    return __real_pthread_mutex_lock(mutex);
+}
+
+int __real_pthread_mutex_unlock(pthread_mutex_t *mutex);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex) {
+    lock_calls += tlsc_stats_record.invalid_rx == 0 ? "give(0) " : "give ";
+    return __real_pthread_mutex_unlock(mutex);
+}
+
+int __real_pthread_mutex_destroy(pthread_mutex_t *mutex);
+int __wrap_pthread_mutex_destroy(pthread_mutex_t *mutex) {
+    lock_calls += "destroy ";
+    return __real_pthread_mutex_destroy(mutex);
+}
+
+}  // extern "C"
 
 namespace {
 
@@ -112,6 +143,16 @@ TEST_F(tlsc_platform, the_server_setter_stores_address_and_port) {
     EXPECT_TRUE(log.has("ERROR", platform_file, "tlsc_set_config_server_ip_port", "tlsc_set_config_server_ip_port() - Input parm NULL"));
 }
 
+TEST_F(tlsc_platform, a_new_server_address_leaves_nothing_of_the_old_one) {
+    memset(conf->svr_addr_ipv4, 'z', sizeof(conf->svr_addr_ipv4));
+    EXPECT_EQ(tlsc_set_config_server_ip_port("10.1.2.3", 70000 - 65536), 0);
+    EXPECT_EQ(std::string(conf->svr_addr_ipv4, 50), "10.1.2.3" + std::string(42, '\0'));
+    for (const auto &[port, kept] : std::vector<std::pair<int, uint16_t>>{{-1, 65535}, {0, 0}, {65535, 65535}, {65536, 0}, {INT32_MAX, 65535}, {INT32_MIN, 0}}) {
+        EXPECT_EQ(tlsc_set_config_server_ip_port("10.1.2.3", port), 0);
+        EXPECT_EQ(conf->server_port, kept) << port;
+    }
+}
+
 TEST_F(tlsc_platform, the_inner_address_is_accepted_and_ignored) {
     const tlsc_config before = *conf;
     EXPECT_EQ(tlsc_set_config_inner_ip("10.0.0.1"), 0);
@@ -150,6 +191,10 @@ TEST_F(tlsc_platform, the_log_level_word_is_compared_by_its_beginning_and_case) 
         EXPECT_EQ(tlsc_log_level, c.level) << c.word;
         EXPECT_EQ(log.contains("Invalid value for param log_level in cfg file"), c.invalid) << c.word;
         EXPECT_EQ(log.contains("Setting log_level as false"), c.invalid) << c.word;
+        EXPECT_EQ(lines_from(platform_file).size(), c.invalid ? 2u : 0u);  // the new level hides the last line
+        if (!c.invalid) continue;
+        EXPECT_EQ(lines_from(platform_file), (strings{"INFO tlsc_set_config_log_level: Invalid value for param log_level in cfg file",
+                                                      "INFO tlsc_set_config_log_level: Setting log_level as false"}));
     }
     tlsc_log_level = LOG_DEBUG;
     EXPECT_EQ(tlsc_set_config_log_level(nullptr), -1);
@@ -181,6 +226,11 @@ TEST_F(tlsc_platform, set_all_takes_every_value_from_the_parameter_block_in_its_
                        "tlsc_set_config_tun_interface_name() - tun_interface_name:tun7", "tlsc_set_config_tun_cipher_algo() - cipher_algo:PSK-AES256-CBC-SHA",
                        "tlsc_set_config_psk_identify() - psk_identity:me", "tlsc_set_config_psk_key() - psk_key:***",
                        "tlsc_set_config_serial_num() - serial_no:SN1", "tlsc_set_config_device_name() - device_name:a device", "SSL auth-mech set to PSK"}));
+    for (const log_line &line : log.entries()) {
+        const bool is_mechanism = line.message == "SSL auth-mech set to PSK";
+        EXPECT_EQ(line.severity, is_mechanism ? "DEBUG" : "INFO") << line.message;
+        EXPECT_EQ(line.function, is_mechanism ? "tlsc_set_config_ssl_auth_mech" : line.message.substr(0, line.message.find('('))) << line.message;
+    }
     EXPECT_EQ(conf->ssl_auth_mech, 2);
     EXPECT_EQ(conf->inner_addr.kind, 0);
     EXPECT_EQ(tlsc_log_level, LOG_DEBUG);
@@ -216,9 +266,9 @@ TEST_F(tlsc_platform, a_tunnel_state_is_logged_and_passed_on) {
     EXPECT_EQ(tlsc_write_tun_intf_state(1, 0), 77);
     EXPECT_EQ(tlsc_write_tun_intf_state(0, 11), 77);
     EXPECT_EQ(reports, (strings{"state 1 0", "state 0 11"}));
-    EXPECT_EQ(log.messages(), (strings{"TUN State changed to 1, error cause:0", "TUN State changed to 0, error cause:11"}));
-    EXPECT_EQ(log.entries().front().severity, "INFO");
-    EXPECT_EQ(log.entries().front().function, "tlsc_write_tun_intf_state");
+    ASSERT_EQ(log.entries().size(), 2u);
+    EXPECT_TRUE(log.has("INFO", platform_file, "tlsc_write_tun_intf_state", "TUN State changed to 1, error cause:0"));
+    EXPECT_TRUE(log.has("INFO", platform_file, "tlsc_write_tun_intf_state", "TUN State changed to 0, error cause:11"));
 }
 
 TEST_F(tlsc_platform, an_inner_address_goes_up_as_dotted_text) {
@@ -227,8 +277,8 @@ TEST_F(tlsc_platform, an_inner_address_goes_up_as_dotted_text) {
     inet_pton(AF_INET, "10.99.0.254", addr.ipv4);
     EXPECT_EQ(tlsc_write_inner_ip(addr), 1);
     EXPECT_EQ(reports, (strings{"inner 10.99.0.254"}));
-    EXPECT_EQ(log.messages(), (strings{"Client inner IP received 10.99.0.254"}));
-    EXPECT_EQ(log.entries().front().severity, "INFO");
+    ASSERT_EQ(log.entries().size(), 1u);
+    EXPECT_TRUE(log.has("INFO", platform_file, "tlsc_write_inner_ip", "Client inner IP received 10.99.0.254"));
 }
 
 TEST_F(tlsc_platform, dns_servers_are_logged_when_they_are_ipv4_and_passed_on_whole) {
@@ -242,12 +292,8 @@ TEST_F(tlsc_platform, dns_servers_are_logged_when_they_are_ipv4_and_passed_on_wh
     EXPECT_EQ(tlsc_write_dns_ip(list), 0);
     EXPECT_EQ(dns_list.count, 3);
     EXPECT_EQ(memcmp(&dns_list, &list, sizeof(list)), 0);
-    const strings messages = log.messages();
-    ASSERT_EQ(messages.size(), 3u);
-    EXPECT_EQ(messages[0], "No. of DNS server 3\n");
-    EXPECT_NE(messages[1].find(": 1.1.1.1\n"), std::string::npos);
-    EXPECT_NE(messages[2].find(": 3.3.3.3\n"), std::string::npos);
-    for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "DEBUG");
+    EXPECT_EQ(log.messages(), (strings{"No. of DNS server 3\n", "0: 1.1.1.1\n", "2: 3.3.3.3\n"}));
+    for (const std::string &message : log.messages()) EXPECT_TRUE(log.has("DEBUG", platform_file, "tlsc_write_dns_ip", message));
 }
 
 TEST_F(tlsc_platform, a_count_beyond_the_entries_is_passed_on_and_only_the_entries_are_shown) {
@@ -294,6 +340,12 @@ TEST_F(tlsc_platform, every_counter_counts_by_one_and_the_snapshot_holds_all_31)
     EXPECT_EQ(numbers(snapshot), std::vector<uint64_t>(stats_counters, 0));
 }
 
+TEST_F(tlsc_platform, a_snapshot_without_a_place_to_go_is_refused) {
+    tlsc_stats_get(nullptr);
+    ASSERT_EQ(log.entries().size(), 1u);
+    EXPECT_TRUE(log.has("ERROR", platform_file, "tlsc_stats_get", "Null ptr received for stats"));
+}
+
 TEST_F(tlsc_platform, initialising_and_destroying_zero_the_record_and_it_stays_usable) {
     tlsc_count(&tlsc_stats::invalid_rx);
     tlsc_stats_init();
@@ -304,6 +356,21 @@ TEST_F(tlsc_platform, initialising_and_destroying_zero_the_record_and_it_stays_u
     tlsc_stats_init();
     tlsc_count(&tlsc_stats::invalid_rx);
     expect_counters({{"invalid_rx", 1}});
+}
+
+TEST_F(tlsc_platform, the_statistics_lock_guards_snapshot_clear_and_initialisation_and_no_count) {
+    const auto locks_of = [](void (*operation)()) {
+        tlsc_stats_record.invalid_rx = 5;
+        lock_calls.clear();
+        operation();
+        return lock_calls;
+    };
+    EXPECT_EQ(locks_of([] { tlsc_count(&tlsc_stats::invalid_rx); }), "");
+    EXPECT_EQ(locks_of([] { tlsc_stats copy; tlsc_stats_get(&copy); }), "take give ");
+    EXPECT_EQ(locks_of(tlsc_stats_clear), "take give(0) ");
+    EXPECT_EQ(locks_of(tlsc_stats_init), "create take give(0) ");
+    EXPECT_EQ(locks_of(tlsc_stats_destroy), "take give(0) destroy ");
+    tlsc_stats_init();
 }
 
 TEST_F(tlsc_platform, the_record_is_printed_under_nine_headings) {
