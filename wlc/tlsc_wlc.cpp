@@ -100,6 +100,7 @@ struct conf_pass {
     char  line[conf_line_size];  // the current line, its newline included
     bool  line_is_cut;           // the line goes on in the next piece
     bool  line_is_secret;        // the line names the secret key, or goes on from a piece that does
+    bool  line_is_secret_rest;   // the latter
 };
 
 struct conf_entry {
@@ -159,8 +160,9 @@ bool read_line(conf_pass *pass) {
         if (ferror(pass->conf)) note_error(pass);
         return false;
     }
-    pass->line_is_cut    = strchr(pass->line, '\n') == nullptr;
-    pass->line_is_secret = strstr(pass->line, secret_key) || (goes_on && pass->line_is_secret);
+    pass->line_is_cut         = strchr(pass->line, '\n') == nullptr;
+    pass->line_is_secret_rest = goes_on && pass->line_is_secret;
+    pass->line_is_secret      = strstr(pass->line, secret_key) || (goes_on && pass->line_is_secret);
     return true;
 }
 
@@ -197,6 +199,13 @@ int split_line(char *line, conf_entry *entry) {
     tlsc_copy_text(flag_text, sizeof(flag_text), flag);
     entry->flag = tlsc_decimal(flag_text);
     return 0;
+}
+
+// The same for the current line. What is left of a line with the secret key is never an entry: a part of the secret
+// would become a name, which is printed and kept.
+int split_current_line(conf_pass *pass, conf_entry *entry) {
+    const int skipped = split_line(pass->line, entry);
+    return skipped == 0 && pass->line_is_secret_rest ? 4 : skipped;
 }
 
 void write_entry(conf_pass *pass, const char *key, const char *value, int flag) {
@@ -266,7 +275,7 @@ int32_t wlcSecTunReadAllConf() {
 
     while (read_line(&pass)) {
         conf_entry entry;
-        const int  skipped = split_line(pass.line, &entry);
+        const int  skipped = split_current_line(&pass, &entry);
         if (skipped) {
             WLC_IPC_EVENT("%s", skip_texts[skipped]);
             continue;
@@ -302,7 +311,7 @@ int32_t wlcSecTunUpdateConf(const char *key, const char *value) {
     while (read_line(&pass)) {
         conf_entry entry;
         WLC_IPC_EVENT("Config line read:%s", printable_line(&pass));
-        const int skipped = split_line(pass.line, &entry);
+        const int skipped = split_current_line(&pass, &entry);
         if (skipped) {
             WLC_IPC_EVENT("%s", skip_texts[skipped]);
             continue;
@@ -347,7 +356,7 @@ int32_t wlcSecTunReadConf(const char *key, char *value_out) {
     while (read_line(&pass)) {
         conf_entry entry;
         WLC_IPC_EVENT("Config line read:%s", printable_line(&pass));
-        const int skipped = split_line(pass.line, &entry);
+        const int skipped = split_current_line(&pass, &entry);
         if (skipped) {
             WLC_IPC_EVENT("%s", skip_texts[skipped]);
             continue;

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include "capture.h"
+#include "tlsc_config.h"
 #include "wlc_controller.h"
 
 namespace {
@@ -92,6 +93,7 @@ TEST_F(wlc_conf, lines_that_are_no_entry_are_named_and_dropped) {
         "wlcSecTunProcessConf() - On TLS Client received key value pair Key:device_id,value:yes",
     };
     EXPECT_EQ(log.messages(), expected);
+    for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "DEBUG") << line.message;
     EXPECT_TRUE(log.has("DEBUG", source, read_all, "continue 4"));
     EXPECT_EQ(read_file(conf_file), "device_id;yes;0\n");
     EXPECT_STREQ(tlscWlcGetDeviceId(), "yes");
@@ -204,6 +206,84 @@ TEST_F(wlc_conf, temporary_file_that_is_a_link_is_not_followed) {
     EXPECT_EQ(wlcSecTunReadAllConf(), 0);
     EXPECT_EQ(read_file("/tmp/elsewhere"), "untouched");
     unlink("/tmp/elsewhere");
+}
+
+TEST_F(wlc_conf, numbers_of_the_file_are_read_up_to_what_is_no_digit) {
+    const std::vector<std::pair<const char *, int32_t>> table{{" 8443x", 8443}, {"-1", -1}, {"+7", 7}, {"0x10", 0}, {"010", 10}, {"4294967297", 1}, {"\t9\t", 9}};
+    for (const auto &[text, port] : table) {
+        write_file(conf_file, std::string("server_port;") + text + ";1\n");
+        EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+        EXPECT_EQ(tlscWlcGetServerPort(), port) << text;
+    }
+}
+
+TEST_F(wlc_conf, malformed_files_harm_nothing_and_show_no_key) {
+    const std::string good = "device_id;D1;1\n";
+    // What is left of each in the file.
+    const std::vector<std::pair<std::string, std::string>> table{
+        {"", ""},
+        {std::string(100000, '\n'), ""},
+        {std::string(100000, ';'), ""},
+        {std::string(100000, '\0'), ""},
+        {std::string(100000, 'x'), ""},
+        {std::string("\0device_id;D2;1\n", 16) + good, "device_id;D1;0\n"},
+        {"\r\n" + good, "device_id;D1;0\n"},
+        {" device_id;D2;1\n" + good, " device_id;D2;0\ndevice_id;D1;0\n"},  // a blank makes it another key
+        {"device_id;D1;1\r\n", "device_id;D1;0\n"},
+        {";;;device_id;;;D1;;;1;;;\n", "device_id;D1;0\n"},
+        {"device_id;D1;\n", "device_id;D1;0\n"},  // the line's end is the flag
+        {"device_id;D1;", ""},
+        {"device_id;%s%n%x;1\n" + good, "device_id;%s%n%x;0\ndevice_id;D1;0\n"},
+        {std::string("k\xff\x01;\xfe;\x80\n") + good, "k\xff\x01;\xfe;0\ndevice_id;D1;0\n"},
+        {std::string(511, ' ') + good, "device_id;D1;0\n"},
+        {std::string(510, '#') + "\n" + good, "device_id;D1;0\n"},
+        {std::string(511, '#') + "#" + good + good, "device_id;D1;0\n"},
+        {"psk_key;" + std::string(600, 'h') + ";1;more\n" + good, "device_id;D1;0\n"},  // the rest of such a line is no entry
+        {"psk_key;" + std::string(1100, 'h') + ";hhhhhh;hhhhhh;1\n" + good, "device_id;D1;0\n"},
+        {"psk_key;" + std::string(503, 'h') + "hhhhhh;2;1\n" + good, "device_id;D1;0\n"},
+        {"unknown;" + std::string(503, 'u') + "tail;2;1\n" + good, "tail;2;0\ndevice_id;D1;0\n"},  // that of any other is
+    };
+    for (size_t i = 0; i < table.size(); ++i) {
+        log_capture log(LOG_BUF_PRINT);
+        char        value[512];
+        (void)tlscWlcClearCfgParams();
+        write_file(conf_file, table[i].first);
+        EXPECT_EQ(wlcSecTunReadAllConf(), 1) << i;
+        EXPECT_EQ(read_file(conf_file), table[i].second) << i;
+        EXPECT_STREQ(tlscWlcGetDeviceId(), table[i].second.empty() ? "" : "D1") << i;
+        write_file(conf_file, table[i].first);
+        EXPECT_EQ(wlcSecTunReadConf("server_port", value), 1) << i;
+        write_file(conf_file, table[i].first);
+        EXPECT_EQ(wlcSecTunUpdateConf("server_port", "1"), 1) << i;
+        EXPECT_EQ(wlcSecTunReadConf("server_port", value), 1) << i;
+        EXPECT_STREQ(value, "1") << i;
+        EXPECT_FALSE(log.contains("hhhhhh")) << i;
+    }
+}
+
+TEST_F(wlc_conf, no_bytes_in_the_file_harm_the_client) {
+    log_capture log(LOG_ERRORS);
+    uint32_t    state = 4711;
+    for (int round = 0; round < 300; ++round) {
+        std::string text;
+        for (int i = 0; i < 1500; ++i) {
+            const char pool[] = {';', ';', '\n', '\0', '\xff', '#', '1', 'a'};
+            state             = state * 1664525u + 1013904223u;
+            text += pool[(state >> 16) % sizeof(pool)];
+            if ((state >> 8) % 37 == 0) text += "psk_key;";
+            if ((state >> 8) % 41 == 0) text += "server_ip_address;";
+            if ((state >> 8) % 43 == 0) text += "\nserver_port;";
+            if ((state >> 8) % 47 == 0) text += "\nserver_ip_address;" + std::string(60 + (state >> 20) % 10, 'v') + ";1\n";
+        }
+        char value[512] = "";
+        write_file(conf_file, text);
+        EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+        EXPECT_LT(strnlen(tlscWlcGetServerIpAddress(), 64), 64u);
+        EXPECT_LT(strnlen(tlscWlcGetPskKey(), 64), 64u);
+        EXPECT_EQ(wlcSecTunUpdateConf("psk", "v"), 1);
+        EXPECT_EQ(wlcSecTunReadConf("psk", value), 1);
+        EXPECT_STREQ(value, "v");
+    }
 }
 
 // ---- the rewrite --------------------------------------------------------------------------------------------------
@@ -350,9 +430,53 @@ TEST_F(wlc_conf, update_sets_value_and_flag_of_its_entry_and_keeps_the_others) {
         "Config line read:other;x;7\n",
     };
     EXPECT_EQ(log.messages(), expected);
+    for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "DEBUG") << line.message;
     EXPECT_TRUE(log.has("DEBUG", source, update_one, expected[3]));
     EXPECT_EQ(tlscWlcGetServerPort(), 0);
     EXPECT_EQ(sleeps, std::vector<unsigned>{1});
+}
+
+TEST_F(wlc_conf, the_passes_for_one_key_name_and_drop_the_lines_that_are_no_entry_too) {
+    const std::string bad = "\n# a comment\n;;;\nlonely\ndevice_id;two-fields\nserver_port;7;1\n;;;";
+    char              value[512];
+    for (const char *function : {update_one, read_one}) {
+        write_file(conf_file, bad);
+        log_capture log;
+        EXPECT_EQ(function == update_one ? wlcSecTunUpdateConf("server_port", "8") : wlcSecTunReadConf("server_port", value), 1);
+        EXPECT_EQ(log.count("DEBUG", source, function, "continue 1"), 2u);
+        EXPECT_EQ(log.count("DEBUG", source, function, "continue 2"), 1u);
+        EXPECT_EQ(log.count("DEBUG", source, function, "continue 3"), 2u);
+        EXPECT_EQ(log.count("DEBUG", source, function, "continue 4"), 1u);
+        EXPECT_TRUE(log.has("DEBUG", source, function, "Config line read:\n"));  // skipped or not, it is shown
+        EXPECT_EQ(read_file(conf_file), function == update_one ? "server_port;8;1\n" : "server_port;7;0\n");
+    }
+}
+
+TEST_F(wlc_conf, flags_of_other_entries_are_written_back_as_numbers) {
+    write_file(conf_file, "a;1;7\nb;2;-3\nc;3;yes\nd;4; 12 \ne;5;" + std::string(62, '0') + "1\nf;6;" + std::string(63, '0') + "1\n");
+    EXPECT_EQ(wlcSecTunUpdateConf("key", "v"), 1);
+    EXPECT_EQ(read_file(conf_file), "a;1;7\nb;2;-3\nc;3;0\nd;4;12\ne;5;1\nf;6;0\nkey;v;1\n");  // 63 characters of a flag count
+}
+
+TEST_F(wlc_conf, the_passes_for_one_key_need_a_file_that_can_be_written) {
+    char value[512] = "untouched";
+    write_file(conf_file, "device_id;D1;1\n");
+    ASSERT_EQ(mount(conf_file, conf_file, "none", MS_BIND, nullptr), 0) << strerror(errno);
+    ASSERT_EQ(mount("none", conf_file, "none", MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0) << strerror(errno);
+    {
+        log_capture log;
+        EXPECT_EQ(wlcSecTunUpdateConf("device_id", "D2"), 0);
+        EXPECT_EQ(wlcSecTunReadConf("device_id", value), 0);
+        EXPECT_TRUE(log.has("ERROR", source, update_one, "wlcSecTunUpdateConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+        EXPECT_TRUE(log.has("ERROR", source, read_one, "wlcSecTunReadConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+        EXPECT_EQ(wlcSecTunReadAllConf(), 1);  // opens it for reading; only the rename fails
+        EXPECT_TRUE(log.has("ERROR", source, read_all,
+                            "wlcSecTunReadAllConf() - Error [Device or resource busy] while Renaming file "
+                            "/storage/application/wlc/wlc-sec-tun-temp.conf to /storage/application/wlc/wlc-sec-tun.conf"));
+    }
+    EXPECT_EQ(umount(conf_file), 0);
+    EXPECT_STREQ(value, "untouched");
+    EXPECT_STREQ(tlscWlcGetDeviceId(), "D1");
 }
 
 TEST_F(wlc_conf, update_of_a_missing_key_appends_it) {
@@ -406,7 +530,7 @@ TEST_F(wlc_conf, update_and_read_of_one_key_log_a_failed_rename) {
 
 TEST_F(wlc_conf, read_of_one_key_returns_its_value_and_marks_it_as_consumed) {
     char value[512];
-    write_file(conf_file, "device_id;D1;1\nserver_port;443;1\n");
+    write_file(conf_file, "device_id;D1;1\n# a comment\nserver_port;443;1\n");
     log_capture log;
     EXPECT_EQ(wlcSecTunReadConf("server_port", value), 1);
     EXPECT_STREQ(value, "443");
@@ -414,6 +538,7 @@ TEST_F(wlc_conf, read_of_one_key_returns_its_value_and_marks_it_as_consumed) {
     EXPECT_TRUE(log.has("DEBUG", source, read_one,
                         "wlcSecTunReadConf() - Updating the Secure tunnel conf file, for the key:server_port, data:"));
     EXPECT_TRUE(log.has("DEBUG", source, read_one, "Config line read:device_id;D1;1\n"));
+    EXPECT_EQ(log.count("DEBUG", source, read_one, "continue 1"), 1u);
     EXPECT_EQ(sleeps, std::vector<unsigned>{1});
 }
 
@@ -472,6 +597,16 @@ TEST_F(wlc_conf, clear_keeps_serial_number_and_system_name_only) {
     log.clear();
     tlscWlcSetDebugParams();
     EXPECT_EQ(log.messages(), std::vector<std::string>{"tlscWlcSetDebugParams() - On TLS Client, setting TLSC debug parameters message, level:, destination:"});
+}
+
+TEST_F(wlc_conf, defaults_of_the_configuration_record_leave_the_block_alone) {
+    wlcSecTunProcessConf("device_id", "D1");
+    wlcSecTunProcessConf("server_port", "8443");
+    tlsc_config conf;
+    log_capture log;
+    tlsc_set_config_defaults(&conf);
+    EXPECT_STREQ(tlscWlcGetDeviceId(), "D1");
+    EXPECT_EQ(tlscWlcGetServerPort(), 8443);
 }
 
 // ---- the secret ---------------------------------------------------------------------------------------------------
