@@ -162,3 +162,22 @@ def test_it_needs_no_open_standard_descriptors(bench):
     assert all(process.descriptors()[number].endswith("/dev/null") for number in (0, 1, 2))
     bench.controller.order(records.EXIT)
     assert process.wait(8) == 1
+
+
+def test_arguments_and_environment_change_nothing(bench):
+    bench.make_gateway()
+    bench.make_controller()
+    bench.world.write("/storage/application/wlc/wlc-sec-tun.conf", conf_text())
+    strange = {"server_ip_address": "192.0.2.99", "server_port": "1", "log_level": "buf-print", "LOG_DEST": "console", "DEBUG": "1"}
+    process = bench.world.spawn(
+        [f"{BUILD}/bin/tlsc", "--help", "-d", "server_port=1", "/tmp/another.conf"],
+        ns="device",
+        env={**bench.preload_fast_clock(FAST), **strange},
+        stdout="/tmp/daemon.out",
+    )
+    bench.controller.wait_for(records.HELLO, 5)
+    bench.controller.order(records.TUN_START)
+    bench.controller.wait_for(records.TUN_UP, 10)
+    bench.controller.order(records.EXIT)
+    assert process.wait(8) == 1
+    assert bench.world.read("/tmp/daemon.out") == b"Shutting down TLS Client...\n"

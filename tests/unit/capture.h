@@ -169,17 +169,11 @@ struct log_capture {
 
     // The log lines, each with the whole of its message, line ends included; text without a header (a hex dump, a
     // plain printf) counts to the line before it.
-    std::vector<log_line> entries() const {
-        std::vector<log_line> found;
-        const std::string     all  = text();
-        size_t                from = next_header(all, 0);
-        while (from != std::string::npos) {
-            const size_t to = next_header(all, from + 1);
-            log_line     line;
-            if (parse_log_line(all.substr(from + 1, to == std::string::npos ? to : to - from - 1), &line)) found.push_back(line);
-            from = to;
-        }
-        return found;
+    std::vector<log_line> entries() const { return entries_of(text()); }
+    // The same from the start on, whatever was cleared.
+    std::vector<log_line> all_entries() const {
+        fflush(stdout);
+        return entries_of(read_memory(0));
     }
 
     // The messages of the log lines, in order.
@@ -224,11 +218,22 @@ private:
         if (got != static_cast<ssize_t>(all.size())) abort();
         return all;
     }
+    static std::vector<log_line> entries_of(const std::string &all) {
+        std::vector<log_line> found;
+        size_t                from = next_header(all, 0);
+        while (from != std::string::npos) {
+            const size_t to = next_header(all, from + 1);
+            log_line     line;
+            if (parse_log_line(all.substr(from + 1, to == std::string::npos ? to : to - from - 1), &line)) found.push_back(line);
+            from = to;
+        }
+        return found;
+    }
     // The position of the line end before the next header.
     static size_t next_header(const std::string &all, size_t from) {
-        const size_t service = all.find("\nTLSC[", from);
-        const size_t plain   = all.find("\nTLSC-WLC: ", from);
-        return service < plain ? service : plain;
+        for (from = all.find("\nTLSC", from); from != std::string::npos; from = all.find("\nTLSC", from + 1))
+            if (all.compare(from + 5, 1, "[") == 0 || all.compare(from + 5, 6, "-WLC: ") == 0) return from;
+        return std::string::npos;
     }
 
     int     memory_ = -1;

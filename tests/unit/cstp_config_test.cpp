@@ -137,11 +137,13 @@ TEST_F(cstp_config, a_rekey_request_carries_all_five_lines_in_their_order) {
                              "X-CSTP-Device-Name:name with blanks\n"
                              "X-CSTP-Device-SerialNo:SER\n";
     EXPECT_EQ(written, wire_frame(1, text));
-    EXPECT_EQ(messages_from(cstp_file),
-              (strings{"Building CSTP-CONFIG-REQ", "Internal IP: 10.20.30.40", "Device ID: 0123456789abcdef", "Cookie: 0123456789",
-                       "Device Name: name with blanks", "Serial No.: SER",
-                       text_of("Config Request msg = [index = %zu] \n%s", text.size(), text.c_str()),
-                       text_of("Successfully wrote %zu bytes of config-resq for conn %s", text.size() + 8, conn().c_str())}));
+    const std::string info  = "INFO tlsc_send_config_req: ";
+    const std::string debug = "DEBUG tlsc_send_config_req: ";
+    EXPECT_EQ(lines_from(cstp_file),
+              (strings{info + "Building CSTP-CONFIG-REQ", debug + "Internal IP: 10.20.30.40", debug + "Device ID: 0123456789abcdef",
+                       debug + "Cookie: 0123456789", debug + "Device Name: name with blanks", debug + "Serial No.: SER",
+                       info + text_of("Config Request msg = [index = %zu] \n%s", text.size(), text.c_str()),
+                       info + text_of("Successfully wrote %zu bytes of config-resq for conn %s", text.size() + 8, conn().c_str())}));
     expect_counters({{"ctrl_pkt_tx", 1}});
 }
 
@@ -203,10 +205,12 @@ TEST_F(cstp_config, a_guard_timer_that_cannot_start_reports_13_without_a_line_of
 // ---- response: the whole ----------------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, a_full_response_sets_everything_and_logs_each_value) {
+    const std::string prefix_before = address(conf->prefix);
     EXPECT_EQ(parse("X-CSTP-Address:10.20.30.0\nX-CSTP-Prefix-Length:24\nX-CSTP-DPD:30\nX-CSTP-Address-Client:10.20.30.40\n"
                     "X-CSTP-Retry-Time:7\nX-CSTP-Rekey-Time:600\nX-CSTP-Cookie:cookie\nX-CSTP-DNS:9.9.9.9\nX-CSTP-DNS:1.1.1.1\n"),
               1);
     EXPECT_EQ(address(session_prefix), "1 10.20.30.0");
+    EXPECT_EQ(address(conf->prefix), prefix_before);  // only the session gets it
     EXPECT_EQ(conf->prefix_length, 24);
     EXPECT_EQ(conf->dpd_interval, 30);
     EXPECT_EQ(conf->retry_interval, 7);
@@ -220,13 +224,15 @@ TEST_F(cstp_config, a_full_response_sets_everything_and_logs_each_value) {
     EXPECT_EQ(dns_reported.count, 2);
     EXPECT_EQ(address(dns_reported.servers[1]), "1 1.1.1.1");
     EXPECT_EQ(address(inner_reported), "1 10.20.30.40");
-    EXPECT_EQ(messages_from(cstp_file),
-              (strings{"Parsing CSTP-CONFIG-RESPONSE msg", "Received CSTP prefix-addr in config-resp: 10.20.30.0 for conn: " + conn(),
-                       "Prefix len received in config-resp: 24 50", "DPD interval received in config-resp: 30",
-                       "Received CSTP IPv4 client addr in config-resp: 10.20.30.40 for conn: " + conn(), "Retry interval received in config-resp: 7",
-                       "Rekey interval received in cofig-resp: 600", "Cookie received in cofig-resp: cookie",
-                       "Received CSTP DNS-addr in config-resp: 9.9.9.9 for conn: " + conn(),
-                       "Received CSTP DNS-addr in config-resp: 1.1.1.1 for conn: " + conn(), "Rekey interval is set, start the timer"}));
+    const std::string info  = "INFO tlsc_parse_config_resp: ";
+    const std::string debug = "DEBUG tlsc_parse_config_resp: ";
+    EXPECT_EQ(lines_from(cstp_file),
+              (strings{info + "Parsing CSTP-CONFIG-RESPONSE msg", debug + "Received CSTP prefix-addr in config-resp: 10.20.30.0 for conn: " + conn(),
+                       debug + "Prefix len received in config-resp: 24 50", debug + "DPD interval received in config-resp: 30",
+                       debug + "Received CSTP IPv4 client addr in config-resp: 10.20.30.40 for conn: " + conn(),
+                       debug + "Retry interval received in config-resp: 7", debug + "Rekey interval received in cofig-resp: 600",
+                       debug + "Cookie received in cofig-resp: cookie", debug + "Received CSTP DNS-addr in config-resp: 9.9.9.9 for conn: " + conn(),
+                       debug + "Received CSTP DNS-addr in config-resp: 1.1.1.1 for conn: " + conn(), info + "Rekey interval is set, start the timer"}));
     ASSERT_GT(tlsc_timers.rekey, 0);
     EXPECT_EQ(seconds_left(tlsc_timers.rekey), 600);
     EXPECT_EQ(period(tlsc_timers.rekey), 600);
@@ -327,6 +333,14 @@ TEST_F(cstp_config, an_unchanged_inner_address_is_not_reported_again) {
     EXPECT_EQ(parse("X-CSTP-Address-Client:10.20.30.41\n"), 1);
     EXPECT_EQ(events, (strings{"inner", "session"}));
     EXPECT_EQ(address(inner_reported), "1 10.20.30.41");
+}
+
+TEST_F(cstp_config, an_address_that_a_bad_response_has_taken_away_is_reported_when_it_comes_back) {
+    EXPECT_EQ(parse(client), 1);
+    EXPECT_EQ(parse("X-CSTP-Address-Client:bad\n"), 0);
+    events.clear();
+    EXPECT_EQ(parse(client), 1);
+    EXPECT_EQ(events, (strings{"inner", "session"}));
 }
 
 // ---- response: prefix -----------------------------------------------------------------------------------------------------
@@ -430,6 +444,22 @@ TEST_F(cstp_config, dns_servers_are_reported_with_every_response) {
     EXPECT_EQ(parse(client + "X-CSTP-DNS:1.1.1.1\n"), 1);
     EXPECT_EQ(parse(client + "X-CSTP-DNS:1.1.1.1\n"), 1);
     EXPECT_EQ(events, (strings{"dns", "inner", "session", "dns", "session"}));
+}
+
+TEST_F(cstp_config, the_report_carries_the_count_and_the_whole_list) {
+    EXPECT_EQ(parse(client + "X-CSTP-DNS:1.1.1.1\nX-CSTP-DNS:2.2.2.2\nX-CSTP-DNS:3.3.3.3\nX-CSTP-DNS:4.4.4.4\n"), 1);
+    EXPECT_EQ(parse(client + "X-CSTP-DNS:9.9.9.9\n"), 1);
+    EXPECT_EQ(dns_reported.count, 1);
+    strings reported;
+    for (const tlsc_addr &server : dns_reported.servers) reported.push_back(address(server));
+    EXPECT_EQ(reported, (strings{"1 9.9.9.9", "1 2.2.2.2", "1 3.3.3.3", "1 4.4.4.4"}));
+}
+
+TEST_F(cstp_config, the_search_for_the_next_dns_line_starts_behind_the_value) {
+    EXPECT_EQ(parse(client + "X-CSTP-DNS:X-CSTP-DNS:1.1.1.1\nX-CSTP-DNS:2.2.2.2\n"), 1);
+    EXPECT_EQ(conf->dns_count, 1);
+    EXPECT_EQ(address(conf->dns_servers[0]), "1 2.2.2.2");
+    EXPECT_EQ(log.count("ERROR", cstp_file, "tlsc_parse_config_resp", "Invalid DNS Ip received for conn " + conn()), 1u);
 }
 
 TEST_F(cstp_config, a_hundred_dns_lines_end_the_search_at_the_fourth_good_one) {
@@ -542,11 +572,20 @@ TEST_F(cstp_config, the_old_transport_is_closed_before_the_null_check_and_whatev
     EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_process_config_resp", "Null pointer received for sock/buff"));
 }
 
+TEST_F(cstp_config, descriptor_0_is_no_old_transport) {
+    tlsc_old_transport_fd = 0;
+    EXPECT_EQ(tlsc_process_config_resp(sock, client.c_str()), 1);
+    EXPECT_EQ(tlsc_old_transport_fd, 0);
+    EXPECT_TRUE(is_open(0));
+    EXPECT_FALSE(log.contains("Closing the old transport-fd"));
+}
+
 // ---- the response frame -----------------------------------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, a_response_frame_stops_the_guard_and_arms_the_dpd_timer) {
     EXPECT_EQ(tlsc_send_config_req(sock, nullptr), 1);
-    ASSERT_GT(tlsc_timers.guard, 0);
+    const int32_t guard = tlsc_timers.guard;
+    ASSERT_GT(guard, 0);
     log.clear();
     EXPECT_EQ(receive("X-CSTP-DPD:100\n" + client), 1);
     EXPECT_EQ(tlsc_timers.guard, -1);
@@ -554,7 +593,10 @@ TEST_F(cstp_config, a_response_frame_stops_the_guard_and_arms_the_dpd_timer) {
     EXPECT_GE(seconds_left(tlsc_timers.dpd), 80);
     EXPECT_LE(seconds_left(tlsc_timers.dpd), 99);
     EXPECT_EQ(period(tlsc_timers.dpd), 0);
-    EXPECT_TRUE(log.contains("Got CSTP config resp frame of len 49 for conn " + conn()));
+    const std::string got = "Got CSTP config resp frame of len 49 for conn " + conn();
+    EXPECT_TRUE(log.has("DEBUG", cstp_file, "process_response_frame", got));
+    EXPECT_LT(position(text_of("Successfully deleted fd = %d, to epoll-event", guard)), position(got));  // the guard is stopped first
+    EXPECT_LT(position(got), position("Process CSTP-CONFIG-RESPONSE"));
     expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}});
 }
 
@@ -563,7 +605,7 @@ TEST_F(cstp_config, a_response_that_cannot_be_parsed_has_stopped_the_guard_and_i
     EXPECT_EQ(receive("nothing of use"), 0);
     EXPECT_EQ(tlsc_timers.guard, -1);
     EXPECT_EQ(tlsc_timers.dpd, -1);
-    EXPECT_TRUE(log.contains("Could not process config resp for conn " + conn() + ". Error = "));
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_response_frame", "Could not process config resp for conn " + conn() + ". Error = TLSC_CSTP_RESP_ERR_NONE"));
     EXPECT_FALSE(log.contains("Closing connection and bringing down tun interface"));
     expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}});
 }
@@ -577,8 +619,8 @@ TEST_F(cstp_config, a_dpd_timer_that_cannot_start_fails_the_frame) {
     ASSERT_EQ(tlsc_start_timer(&tlsc_timers.rekey, 0), 1);  // runs already, so only the DPD timer fails
     timers_fail = true;
     EXPECT_EQ(receive(client), 0);
-    EXPECT_TRUE(log.contains("Could not start DPD timer for conn " + conn()));
-    EXPECT_TRUE(log.contains("Processing CSTP frame failed due to error TLSC_CSTP_START_TIMER_FAILED\n"));
+    EXPECT_TRUE(log.has("WARNING", cstp_file, "process_response_frame", "Could not start DPD timer for conn " + conn()));
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_response_frame", "Processing CSTP frame failed due to error TLSC_CSTP_START_TIMER_FAILED\n"));
     EXPECT_EQ(tlsc_dp_state, 1);
 }
 

@@ -5,6 +5,10 @@
 #include <chrono>
 #include <thread>
 
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+
 #include "tlsc_main.h"
 
 #include "tunnel_fixture.h"
@@ -18,6 +22,10 @@ bool pipe_fails;
 bool nonblock_fails;
 int  short_fd = -2;    // writes to it take short_count bytes
 int  short_count;
+int  pipe_writes;      // calls, not bytes
+bool conversion_fails;
+
+std::vector<int32_t> closed;
 
 }  // namespace
 
@@ -31,7 +39,21 @@ extern "C" int __real_pipe(int *ends);
 extern "C" int __wrap_pipe(int *ends) { return pipe_fails ? -1 : __real_pipe(ends); }
 
 extern "C" ssize_t __real_write(int fd, const void *buffer, size_t size);
-extern "C" ssize_t __wrap_write(int fd, const void *buffer, size_t size) { return fd == short_fd ? short_count : __real_write(fd, buffer, size); }
+extern "C" ssize_t __wrap_write(int fd, const void *buffer, size_t size) {
+    pipe_writes += fd == cli_pipe_wr_fd;
+    return fd == short_fd ? short_count : __real_write(fd, buffer, size);
+}
+
+extern "C" int __real_close(int fd);
+extern "C" int __wrap_close(int fd) {
+    closed.push_back(fd);
+    return __real_close(fd);
+}
+
+extern "C" const char *__real_inet_ntop(int family, const void *address, char *text, socklen_t size);
+extern "C" const char *__wrap_inet_ntop(int family, const void *address, char *text, socklen_t size) {
+    return conversion_fails ? nullptr : __real_inet_ntop(family, address, text, size);
+}
 
 extern "C" int32_t __real__Z25tlsc_set_sock_nonblockingi(int32_t fd);
 extern "C" int32_t __wrap__Z25tlsc_set_sock_nonblockingi(int32_t fd) { return nonblock_fails ? 0 : __real__Z25tlsc_set_sock_nonblockingi(fd); }
@@ -63,11 +85,17 @@ tlsc_gw_addr gateway(int32_t kind, const std::string &address) {
 class engine_commands : public tunnel_test {
 protected:
     engine_commands() {
+        static const bool once = [] {
+            tlsc_log_lock_create();  // some tests have a second thread
+            return true;
+        }();
+        (void)once;
         rekeys         = 0;
         pipe_fails     = false;
         nonblock_fails = false;
         short_fd       = -2;
         short_count    = 5;
+        conversion_fails = false;
         EXPECT_EQ(tlsc_create_pipe_for_cli_cmds(), 1);
         tlsc_log_level = LOG_DEBUG;
         log.clear();
@@ -121,6 +149,14 @@ TEST_F(engine_commands, closing_sets_both_ends_to_minus_1_and_leaves_closed_ones
     EXPECT_TRUE(is_open(0));
     EXPECT_EQ(cli_pipe_rd_fd, 0);
     cli_pipe_rd_fd = -1;
+}
+
+TEST_F(engine_commands, closing_takes_the_write_end_first_and_then_the_read_end) {
+    const int32_t rd = cli_pipe_rd_fd;
+    const int32_t wr = cli_pipe_wr_fd;
+    closed.clear();
+    tlsc_close_cli_pipe();
+    EXPECT_EQ(closed, (std::vector<int32_t>{wr, rd}));
 }
 
 TEST_F(engine_commands, without_a_pipe_every_sender_fails) {
@@ -178,6 +214,41 @@ TEST_F(engine_commands, messages_follow_each_other_whole) {
     EXPECT_EQ(tlsc_send_log_lvl_chg_req(1), 1);
     EXPECT_EQ(tlsc_send_exit_client_req(), 1);
     EXPECT_EQ(read_pipe(), message(2, 1) + message(1));
+}
+
+TEST_F(engine_commands, every_command_is_one_write_so_that_those_of_two_threads_never_mix) {
+    pipe_writes = 0;
+    EXPECT_EQ(tlsc_send_exit_client_req(), 1);
+    EXPECT_EQ(pipe_writes, 1);
+    EXPECT_EQ(tlsc_send_log_lvl_chg_req(1), 1);
+    EXPECT_EQ(pipe_writes, 2);
+    EXPECT_EQ(tlsc_send_log_dest_chg_req(1), 1);
+    EXPECT_EQ(pipe_writes, 3);
+    EXPECT_EQ(tlsc_send_gw_ip(gateway(ADDR_IPV4, "\x01\x02\x03\x04")), 1);
+    EXPECT_EQ(pipe_writes, 4);
+}
+
+TEST_F(engine_commands, a_sender_waits_while_the_pipe_is_full) {
+    pollfd room{cli_pipe_wr_fd, POLLOUT, 0};
+    for (int sent = 0; sent < 5000 && poll(&room, 1, 0) == 1; ++sent) ASSERT_EQ(tlsc_send_log_lvl_chg_req(LOG_DEBUG), 1);
+    std::atomic<bool>    ended{false};
+    std::atomic<int32_t> result{-1};
+    std::thread          sender([&] {
+        // The pipe has room for some commands while poll calls it full.
+        for (int more = 0; more < 5000 && result != 0 && !ended; ++more) result = tlsc_send_log_dest_chg_req(LOG_DEST_CONSOLE);
+    });
+    int held = -1;
+    for (int now = 0; now != held; ioctl(cli_pipe_rd_fd, FIONREAD, &now)) {
+        held = now;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_GT(held, 1000 * 36);
+    EXPECT_EQ(held % 36, 0);  // nobody wrote a part of a command
+    ended = true;
+    tlsc_log_level = LOG_ERRORS;
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(tlsc_handle_cli_cmds(), 36);  // more than a page, which is what a writer waits for
+    sender.join();
+    EXPECT_EQ(result, 1);
 }
 
 TEST_F(engine_commands, a_short_write_is_not_detected) {
@@ -242,12 +313,24 @@ TEST_F(engine_commands, a_new_log_level_is_set_without_a_range_check) {
     EXPECT_EQ(tlsc_log_level, -7);
 }
 
+TEST_F(engine_commands, the_new_log_level_decides_over_its_own_line) {
+    EXPECT_EQ(handle(message(2, LOG_WARNINGS)), 36);
+    EXPECT_EQ(tlsc_log_level, LOG_WARNINGS);
+    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(handle(message(2, LOG_INFO)), 36);
+    EXPECT_EQ(log.messages(), (strings{"Log level changed to: 2"}));
+    EXPECT_TRUE(log.has("INFO", engine_file, "change_log_level", "Log level changed to: 2"));
+    EXPECT_EQ(handle(message(2, LOG_INFO)), 36);
+    EXPECT_TRUE(log.has("INFO", engine_file, "change_log_level", "Log level already same(2)"));
+}
+
 TEST_F(engine_commands, a_new_log_destination_is_set_without_a_range_check) {
     EXPECT_EQ(handle(message(3, LOG_DEST_CONSOLE)), 36);
     EXPECT_TRUE(log.contains("Log destination already same(1)"));
     EXPECT_EQ(handle(message(3, 77)), 36);
     EXPECT_EQ(tlsc_log_dest, 77);
-    tlsc_log_dest = LOG_DEST_CONSOLE;
+    EXPECT_EQ(handle(message(3, LOG_DEST_CONSOLE)), 36);
+    EXPECT_TRUE(log.has("INFO", engine_file, "change_log_dest", "Log destination changed to: 1"));
     EXPECT_FALSE(log.contains("Log destination changed to: 77"));  // it went where the new destination says: nowhere
 }
 
@@ -284,6 +367,15 @@ TEST_F(engine_commands, an_address_that_cannot_be_used_reconnects_too_to_the_one
     }
 }
 
+TEST_F(engine_commands, an_address_that_cannot_be_converted_is_refused_and_reconnects_too) {
+    strcpy(conf->svr_addr_ipv4, "10.0.0.1");
+    conversion_fails = true;
+    EXPECT_EQ(handle(message(4, 1, ipv4_sockaddr("\x0a\x01\x02\x03"))), 0);
+    EXPECT_STREQ(conf->svr_addr_ipv4, "10.0.0.1");
+    EXPECT_EQ(rekeys, 1);
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_handle_gw_ip_addr", "GW IP ADDR Conversion failed"));
+}
+
 TEST_F(engine_commands, only_one_command_is_executed_per_event) {
     put(message(2, 5) + message(1));
     EXPECT_EQ(tlsc_handle_cli_cmds(), 36);
@@ -304,6 +396,33 @@ TEST_F(engine_commands, a_short_read_is_dispatched_on_what_it_holds) {
     EXPECT_STREQ(conf->svr_addr_ipv4, "0.0.0.0");  // what is missing is zero
 }
 
+TEST_F(engine_commands, no_bytes_in_the_pipe_harm_the_tunnel_thread) {
+    uint32_t state = 2024;
+    for (int round = 0; round < 4000; ++round) {
+        std::string bytes;
+        state = state * 1664525u + 1013904223u;
+        for (size_t size = 1 + (state >> 16) % 36; bytes.size() < size;) {
+            state = state * 1664525u + 1013904223u;
+            bytes += static_cast<char>(state >> 24);
+        }
+        if (round % 2 == 0) {  // half of them have an id of the catalogue, or the one behind it, and a small value
+            const std::string head = message(round / 2 % 6, round / 12 % 4).substr(0, std::min<size_t>(8, bytes.size()));
+            bytes.replace(0, head.size(), head);
+        }
+        rekeys               = 0;
+        const int32_t result = handle(bytes);
+        tlsc_log_level       = LOG_ERRORS;
+        tlsc_log_dest        = LOG_DEST_CONSOLE;
+        if (rekeys) {
+            EXPECT_TRUE(result == 0 || result == 1) << result;
+        } else {
+            EXPECT_EQ(result, static_cast<int32_t>(bytes.size()));
+        }
+        EXPECT_LT(strnlen(conf->svr_addr_ipv4, sizeof(conf->svr_addr_ipv4)), sizeof(conf->svr_addr_ipv4));
+    }
+    tlsc_log_level = LOG_DEBUG;
+}
+
 // ---- draining ------------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_commands, stale_commands_are_discarded_unexecuted_and_counted) {
@@ -317,6 +436,17 @@ TEST_F(engine_commands, stale_commands_are_discarded_unexecuted_and_counted) {
                                        "Clear CLI commands: message id read:4", "Total number of stale commands cleared from CLI pipe:3"}));
     for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "INFO");
     EXPECT_EQ(read_pipe(), "");
+}
+
+TEST_F(engine_commands, the_lines_of_sending_and_draining_name_their_functions) {
+    EXPECT_EQ(tlsc_send_exit_client_req(), 1);
+    EXPECT_EQ(lines_from(main_file), (strings{text_of("DEBUG write_command: Wrote 36 bytes on pipe-fd: %d", cli_pipe_wr_fd.load()),
+                                              "DEBUG send_command: Sent CLI cmd: 1, to child thread"}));
+    tlsc_clear_cli_cmds();
+    EXPECT_EQ(lines_from(engine_file),
+              (strings{text_of("INFO tlsc_clear_cli_cmds: Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d", cli_pipe_rd_fd.load(), cli_pipe_wr_fd.load()),
+                       "INFO tlsc_clear_cli_cmds: Clear CLI commands: message id read:1",
+                       "INFO tlsc_clear_cli_cmds: Total number of stale commands cleared from CLI pipe:1"}));
 }
 
 TEST_F(engine_commands, draining_an_empty_pipe_counts_0) {

@@ -212,6 +212,17 @@ TEST_F(engine_data_path, packets_of_every_short_length_are_handled_inside_the_bu
         }
 }
 
+TEST_F(engine_data_path, one_call_takes_one_packet) {
+    const std::string first = udp_packet("192.168.1.5", "8.8.8.8", 40), second = udp_packet("192.168.1.5", "9.9.9.9", 50);
+    ASSERT_EQ(__real_write(ends[1], first.data(), first.size()), 40);
+    EXPECT_EQ(carry_out(second), 1);
+    ASSERT_EQ(sends, 1);
+    EXPECT_EQ(dotted(sent, 16), "8.8.8.8");
+    EXPECT_EQ(tlsc_tun_read_and_process(sock), 1);
+    EXPECT_EQ(sends, 2);
+    EXPECT_EQ(dotted(sent, 16), "9.9.9.9");
+}
+
 TEST_F(engine_data_path, a_disabled_data_path_reads_and_drops_the_packet_and_returns_0) {
     tlsc_dp_state = 0;
     EXPECT_EQ(carry_out(udp_packet("192.168.1.5", "8.8.8.8", 40)), 0);
@@ -294,6 +305,21 @@ TEST_F(engine_data_path, an_inbound_packet_of_1436_bytes_is_written_and_1437_ref
     expect_counters({{"tun_pkt_tx", 1}});
 }
 
+TEST_F(engine_data_path, inbound_packets_of_every_short_length_are_handled_inside_the_buffer) {
+    tlsc_log_level = LOG_ERRORS;
+    for (int first = 0x40; first <= 0x4F; ++first)
+        for (int protocol : {0, 1, 6, 17, 255})
+            for (size_t length = 1; length < 80; ++length) {
+                std::string packet = udp_packet("8.8.8.8", "10.99.0.7", 80).substr(0, length);
+                packet[0]          = static_cast<char>(first);
+                if (length > 9) packet[9] = static_cast<char>(protocol);
+                ASSERT_EQ(carry_in(packet), static_cast<int32_t>(length));
+                const std::string out = arrived();
+                ASSERT_EQ(out.size(), length);
+                ASSERT_EQ(out.substr(0, 10), packet.substr(0, 10));
+            }
+}
+
 TEST_F(engine_data_path, a_negative_length_is_refused) {
     uint8_t buffer[1493] = {};
     EXPECT_EQ(tlsc_tun_write(sock, buffer, -1), 0);
@@ -342,6 +368,9 @@ TEST_F(engine_data_path, a_short_write_is_not_detected) {
 
 TEST_F(engine_data_path, an_inbound_packet_is_dumped_before_the_rewrite_at_level_5_only) {
     const std::string packet = udp_packet("8.8.8.8", "10.99.0.7", 28);
+    carry_in(packet);
+    EXPECT_FALSE(log.contains(" 0a 63 00 07"));
+    tlsc_log_level = LOG_SSL_DBG;
     carry_in(packet);
     EXPECT_FALSE(log.contains(" 0a 63 00 07"));
     tlsc_log_level = LOG_BUF_PRINT;

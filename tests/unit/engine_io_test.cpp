@@ -21,13 +21,16 @@ bool                  socket_fails;
 int                   forced_class = -1;  // what SSL_get_error says, if not -1
 int                   fcntl_failure;      // the fcntl command that fails
 int                   fcntl_set_flags;    // the flags of the last F_SETFL
+bool                  set_is_pretended;   // F_SETFL succeeds and does nothing
 bool                  timers_fail;
 bool                  client_restarted;
+std::function<void()> at_sleep;
 
 }  // namespace
 
 extern "C" unsigned __wrap_sleep(unsigned seconds) {
     sleeps.push_back(seconds);
+    if (at_sleep) at_sleep();
     return 0;
 }
 
@@ -44,6 +47,7 @@ extern "C" int __real_fcntl(int fd, int command, long argument);
 extern "C" int __wrap_fcntl(int fd, int command, long argument) {
     if (command == fcntl_failure) return -1;
     if (command == F_SETFL) fcntl_set_flags = static_cast<int>(argument);
+    if (command == F_SETFL && set_is_pretended) return 0;
     return __real_fcntl(fd, command, argument);
 }
 
@@ -59,8 +63,10 @@ protected:
         socket_fails     = false;
         forced_class     = -1;
         fcntl_failure    = -1;
+        set_is_pretended = false;
         timers_fail      = false;
         client_restarted = false;
+        at_sleep         = nullptr;
         set_text(conf->svr_addr_ipv4, "127.0.0.1");
         set_text(conf->cipher_algo, peer_cipher);
         set_text(conf->device_id, "device");
@@ -137,9 +143,40 @@ TEST_F(engine_io, a_good_connection_logs_its_steps_pauses_2_seconds_and_sends_th
     for (size_t i = 0; i < steps.size(); ++i) {
         EXPECT_GE(position(steps[i]), 0) << steps[i];
         if (i > 0) { EXPECT_LT(position(steps[i - 1]), position(steps[i])) << steps[i]; }
+        if (i < 5) { EXPECT_TRUE(log.has(i < 4 ? "INFO" : "DEBUG", engine_file, "tlsc_create_tcp_conn", steps[i])) << steps[i]; }
     }
     EXPECT_EQ(teardowns(), 0u);
     expect_counters({{"ctrl_pkt_tx", 1}});
+}
+
+TEST_F(engine_io, the_pause_comes_behind_the_handshake_and_before_the_request) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    at_sleep          = [&] {
+        EXPECT_EQ(sock->ssl_up, 1);
+        EXPECT_GE(position("Sleeping for 2 seconds, before sending config request to server"), 0);
+        EXPECT_EQ(position("Building CSTP-CONFIG-REQ"), -1);
+        EXPECT_EQ(tlsc_timers.guard, -1);
+    };
+    EXPECT_EQ(tlsc_create_tcp_conn(), 1);
+    EXPECT_EQ(sleeps, (std::vector<unsigned>{2}));
+    EXPECT_GE(position("Building CSTP-CONFIG-REQ"), 0);
+}
+
+TEST_F(engine_io, a_session_already_there_is_replaced_without_being_released) {
+    tls_peer peer;
+    connect_to(peer);
+    SSL *const    first    = sock->ssl;
+    const int32_t first_fd = sock->sockfd;
+    EXPECT_EQ(tlsc_create_tcp_conn(), 1);
+    EXPECT_NE(sock->ssl, first);
+    EXPECT_NE(sock->sockfd, first_fd);
+    EXPECT_FALSE(log.contains("SSL-handle and Engine cleanup"));
+    EXPECT_TRUE(peer.connection(0).is_still_open());
+    EXPECT_EQ(SSL_write(first, "works", 5), 5);
+    EXPECT_EQ(peer.connection(0).read_record(), "works");
+    SSL_free(first);
+    close(first_fd);
 }
 
 TEST_F(engine_io, the_socket_stays_blocking) {
@@ -186,6 +223,14 @@ TEST_F(engine_io, a_refused_connection_tears_down_first_and_then_closes_the_new_
     EXPECT_EQ(open_descriptors(), before + 1);  // the backoff timer's
     expect_nothing_open();
     EXPECT_EQ(seconds_left(tlsc_timers.backoff), 10);
+}
+
+TEST_F(engine_io, the_new_socket_is_still_open_during_the_teardown_of_a_refused_connection) {
+    conf->server_port = unused_port();
+    EXPECT_EQ(tlsc_create_tcp_conn(), 0);
+    EXPECT_FALSE(is_open(tlsc_timers.backoff - 1));
+    EXPECT_EQ(position(text_of("Successfully created new sock-fd for client: %d", tlsc_timers.backoff)), -1);  // its number was not free for the timer
+    EXPECT_GE(position(text_of("Successfully created new sock-fd for client: %d", tlsc_timers.backoff - 1)), 0);
 }
 
 TEST_F(engine_io, an_address_text_that_is_no_address_leaves_0_0_0_0) {
@@ -241,6 +286,65 @@ TEST_F(engine_io, a_peer_that_does_not_speak_tls_is_class_1) {
     EXPECT_TRUE(log.contains("SSL connect failed!! Error = error:"));
     EXPECT_EQ(teardowns(), 1u);
     expect_nothing_open();
+}
+
+TEST_F(engine_io, no_answer_to_the_handshake_harms_the_client_or_shows_the_key) {
+    const auto record = [](char type, const char *version, const std::string &body, size_t length) {
+        return std::string(1, type) + std::string(version, 2) + static_cast<char>(length >> 8) + static_cast<char>(length) + body;
+    };
+    const auto whole = [&](char type, const std::string &body) { return record(type, "\x03\x03", body, body.size()); };
+    const std::string hello_body = std::string("\x03\x03", 2) + std::string(32, 'r') + std::string("\x00\x00\x8d\x00", 4);
+    const auto        hello      = [&](const std::string &body, size_t length) {
+        return whole('\x16', std::string("\x02\x00", 2) + static_cast<char>(length >> 8) + static_cast<char>(length) + body);
+    };
+    const std::string done = whole('\x16', std::string("\x0e\x00\x00\x00", 4));
+    const std::string answers[] = {
+        "",
+        "HTTP/1.1 400 Bad Request\r\n\r\n",
+        std::string(3, '\x16'),                                             // a part of a header
+        std::string(20000, '\0'),
+        std::string(20000, '\xff'),
+        record('\x16', "\x03\x03", "", 0),                                  // an empty record
+        record('\x16', "\x03\x03", "", 65535),                              // a length beyond the largest
+        record('\x16', "\x03\x03", std::string(10, 'x'), 200),              // a record cut short
+        record('\x16', "\x09\x09", std::string(40, 'x'), 40),               // no version
+        whole('\x17', "data before the handshake"),
+        whole('\x14', "\x01"),                                              // a change of the cipher at once
+        whole('\x15', "\x02\x28"),                                          // an alert
+        whole('\x15', "\x02"),                                              // a part of one
+        whole('\x63', "no such content"),
+        hello("", 0),
+        hello(hello_body, hello_body.size() - 5),
+        hello(hello_body, hello_body.size() + 5) + whole('\x15', "\x01\x00"),
+        hello(hello_body, 0xffff),
+        hello(std::string("\x03\x03", 2) + std::string(32, 'r') + std::string("\xff\x00\x8d\x00", 4), 38),  // a session id that goes on behind the end
+        hello(std::string("\x03\x03", 2) + std::string(32, 'r') + std::string("\x00\x13\x37\x00", 4), 38),  // a cipher nobody offered
+        hello(hello_body, hello_body.size()) + whole('\x16', std::string("\x0c\x00\x00\x02\xff\xff", 6)) + done,  // a hint that goes on behind the end
+        hello(hello_body, hello_body.size()) + whole('\x16', std::string("\x0c\x00\x01\x02\x01\x00", 6) + std::string(256, '%')) + done,  // one too long
+        hello(hello_body, hello_body.size()) + done + whole('\x14', "\x01") + whole('\x16', std::string(64, 'f')),
+    };
+    tls_peer peer;
+    peer.meet_with(tls_peer::manner::nothing);
+    conf->server_port  = peer.port();
+    const int      before = open_descriptors() - 1;  // the first connection of the peer comes on top
+    size_t         number = 0;
+    tlsc_log_level = LOG_BUF_PRINT;
+    for (const std::string &answer : answers) {
+        std::thread server([&] {
+            peer_connection &connection = peer.connection(number);
+            connection.send_raw(answer);
+            connection.send_fin();
+        });
+        EXPECT_EQ(tlsc_create_tcp_conn(), 7) << number;
+        server.join();
+        EXPECT_EQ(sock->ssl, nullptr) << number;
+        EXPECT_LE(sock->sockfd, 0) << number;
+        peer.connection(number++).hang_up();
+    }
+    EXPECT_EQ(teardowns(), std::size(answers));
+    EXPECT_FALSE(log.contains(peer_key));
+    EXPECT_LE(open_descriptors(), before + 2);  // the backoff timer's
+    tlsc_log_level = LOG_DEBUG;
 }
 
 TEST_F(engine_io, a_failed_rekey_connection_closes_the_old_transport_once) {
@@ -347,6 +451,22 @@ TEST_F(engine_io, written_bytes_are_dumped_at_level_5_only) {
     tlsc_log_level = LOG_BUF_PRINT;
     EXPECT_EQ(tlsc_ssl_write(sock, bytes.data(), 3, nullptr), 3);
     EXPECT_TRUE(log.contains(" 01 02 ff"));
+}
+
+TEST_F(engine_io, the_dump_comes_before_the_attempt_to_write) {
+    tls_peer peer;
+    connect_to(peer);
+    forced_class   = 1;
+    tlsc_log_level = LOG_BUF_PRINT;
+    shutdown(sock->sockfd, SHUT_RDWR);
+    EXPECT_EQ(tlsc_ssl_write(sock, "\xab\xcd\xef", 3, nullptr), 0);
+    const std::string text = log.text();
+    ASSERT_NE(text.find(" ab cd ef"), std::string::npos);
+    EXPECT_LT(text.find(" ab cd ef"), text.find("SSL write error received = 1"));
+    log.clear();
+    sock->ssl_up = 0;
+    EXPECT_EQ(tlsc_ssl_write(sock, "\xab\xcd\xef", 3, nullptr), 0);
+    EXPECT_FALSE(log.contains(" ab cd ef"));
 }
 
 // ---- reading --------------------------------------------------------------------------------------------------------------
@@ -456,6 +576,18 @@ TEST_F(engine_io, releasing_a_session_tells_the_peer_nothing) {
     EXPECT_EQ(recv(peer.connection(0).fd(), &byte, 1, 0), 0);  // no close notification before the end
 }
 
+TEST_F(engine_io, releasing_a_session_closes_no_descriptor_below_1) {
+    for (int fd : {0, -1}) {
+        SSL *ssl = SSL_new(tlsc_ssl_ctx);
+        if (fd == 0) SSL_set_fd(ssl, fd);
+        const int before = open_descriptors();
+        tlsc_ssl_cleanup(ssl);
+        EXPECT_TRUE(is_open(0));
+        EXPECT_EQ(open_descriptors(), before);
+    }
+    EXPECT_EQ(log.count("INFO", engine_file, "tlsc_ssl_cleanup", "SSL-handle and Engine cleanup"), 2u);
+}
+
 TEST_F(engine_io, closing_the_old_transport_releases_its_session_and_forgets_both) {
     tls_peer peer;
     connect_to(peer);
@@ -505,6 +637,16 @@ TEST_F(engine_io, blocking_leaves_o_nonblock_as_it_is_and_turns_all_other_status
     for (int fd : ends) close(fd);
     EXPECT_EQ(tlsc_set_sock_blocking(ends[0]), 0);
     EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_set_sock_blocking", text_of("Could not get flags for socket %d", ends[0])));
+}
+
+TEST_F(engine_io, blocking_that_succeeds_says_so) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    set_is_pretended = true;
+    EXPECT_EQ(tlsc_set_sock_blocking(ends[0]), 1);
+    EXPECT_EQ(log.entries().size(), 1u);
+    EXPECT_TRUE(log.has("INFO", engine_file, "tlsc_set_sock_blocking", text_of("Setting sock-fd(%d) as blocking", ends[0])));
+    for (int fd : ends) close(fd);
 }
 
 // ---- errno classes ---------------------------------------------------------------------------------------------------------------

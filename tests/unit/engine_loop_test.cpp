@@ -22,7 +22,7 @@
 
 namespace {
 
-std::atomic<bool>     epoll_create_fails;
+std::atomic<int>      epoll_create_result{1};  // what is returned in place of a descriptor, unless above 0
 std::atomic<bool>     calloc_fails;
 std::atomic<bool>     tun_open_fails;
 std::atomic<int>      create_tun_result{-2};  // what the interface creation returns; -2 for the real one
@@ -30,9 +30,13 @@ std::atomic<int>      add_failure;            // adding the n-th descriptor to e
 std::atomic<int>      adds;
 std::atomic<int>      forced_add_errno;
 std::atomic<int>      mods;
+std::atomic<bool>     mod_fails;
+std::atomic<int>      undeletable{-1};        // removing this descriptor from epoll fails
 std::atomic<int>      max_events_asked;
 std::atomic<int>      timeout_asked;
-std::atomic<int>      wait_failures;          // so many waits return -1
+std::atomic<int>      wait_failures;          // so many waits return 0 or -1, in turn
+std::atomic<int>      forged_fd{-1};          // the next wait returns one event, of this descriptor
+std::atomic<uint32_t> forged_mask;
 std::atomic<bool>     hold_wait;              // no wait returns while this is set
 std::atomic<int>      next_class{-1};         // what SSL_get_error says
 std::atomic<int>      resolution_result;      // of the question to the controller
@@ -41,6 +45,7 @@ std::atomic<uint32_t> tun_events;             // the mask that the TUN descripto
 std::mutex            state_mutex;
 std::vector<std::string> states;              // what the controller was told of the interface
 std::atomic<bool>     retry_read_fails;
+std::atomic<bool>     tun_read_gives_0;
 std::atomic<int>      first_in_pass{-1};      // its event is put in front of the others of a pass
 
 }  // namespace
@@ -48,7 +53,9 @@ std::atomic<int>      first_in_pass{-1};      // its event is put in front of th
 extern "C" int __real_epoll_create1(int flags);
 extern "C" int __wrap_epoll_create1(int flags) {
     EXPECT_EQ(flags, 0);
-    return epoll_create_fails ? -1 : __real_epoll_create1(flags);
+    if (epoll_create_result > 0) return __real_epoll_create1(flags);
+    errno = EMFILE;
+    return epoll_create_result;
 }
 
 extern "C" void *__real_calloc(size_t count, size_t size);
@@ -56,7 +63,7 @@ extern "C" void *__wrap_calloc(size_t count, size_t size) {
     if (count != 80) return __real_calloc(count, size);
     static std::array<void *, 200> blocks;  // what an early end leaves allocated by contract stays in reach here
     static std::atomic<size_t>     used;
-    return blocks.at(used++) = calloc_fails ? nullptr : __real_calloc(count, size);
+    return blocks.at(used++ % blocks.size()) = calloc_fails ? nullptr : __real_calloc(count, size);
 }
 
 extern "C" int __real_open(const char *path, int flags, unsigned mode);
@@ -83,7 +90,15 @@ extern "C" int __wrap_epoll_ctl(int epoll_fd, int operation, int fd, epoll_event
             return -1;
         }
     }
+    if (operation == EPOLL_CTL_DEL && fd == undeletable) {
+        errno = ENOENT;
+        return -1;
+    }
     mods += operation == EPOLL_CTL_MOD;
+    if (operation == EPOLL_CTL_MOD && mod_fails) {
+        errno = EPERM;
+        return -1;
+    }
     return __real_epoll_ctl(epoll_fd, operation, fd, event);
 }
 
@@ -92,13 +107,17 @@ extern "C" int __wrap_epoll_wait(int epoll_fd, epoll_event *events, int max, int
     max_events_asked = max;
     timeout_asked    = timeout;
     if (wait_failures > 0) {
-        --wait_failures;
         errno = EINTR;
-        return -1;
+        return wait_failures-- % 2 - 1;
     }
     const int count = __real_epoll_wait(epoll_fd, events, max, timeout);
     while (hold_wait) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     if (count < 1) return count;
+    if (const int fd = forged_fd.exchange(-1); fd >= 0) {
+        events[0].events  = forged_mask;
+        events[0].data.fd = fd;
+        return 1;
+    }
     // Once more, so that what became ready in between comes in the same pass.
     const int again = __real_epoll_wait(epoll_fd, events, max, 0);
     for (int i = 1; i < again; ++i)
@@ -128,6 +147,11 @@ extern "C" ssize_t __wrap_read(int fd, void *buffer, size_t size) {
     if (retry_read_fails && fd == tlsc_timers.retry) {
         errno = EIO;
         return -1;
+    }
+    if (tun_read_gives_0 && tlsc_get_sock()->sess && fd == tlsc_get_sock()->sess->tun_fd) {
+        EXPECT_GT(__real_read(fd, buffer, size), 0);  // a packet that stayed queued would come again and again
+        errno = EINVAL;
+        return 0;
     }
     return __real_read(fd, buffer, size);
 }
@@ -175,8 +199,11 @@ protected:
         }();
         (void)once;
         hand_clock::forget();
-        epoll_create_fails = calloc_fails = tun_open_fails = hold_wait = retry_read_fails = false;
-        create_tun_result = -2;
+        calloc_fails = tun_open_fails = hold_wait = retry_read_fails = tun_read_gives_0 = mod_fails = false;
+        epoll_create_result = 1;
+        create_tun_result   = -2;
+        tun_events          = 0;
+        undeletable = forged_fd = -1;
         add_failure = adds = forced_add_errno = mods = wait_failures = resolution_result = resolutions = 0;
         next_class = first_in_pass = -1;
         states.clear();
@@ -196,8 +223,8 @@ protected:
     }
     void TearDown() override {
         stop();
-        tlsc_ssl_cleanup(sock->ssl);
         if (tlsc_old_transport_fd > 0) tlsc_close_old_transport();
+        tlsc_ssl_cleanup(sock->ssl);
         sock->ssl  = nullptr;
         sock->sess = nullptr;
         tlsc_free_session();
@@ -209,7 +236,11 @@ protected:
     static void text(char *field, const char *value) { strcpy(field, value); }
 
     void start() {
-        thread_ = std::thread([] { tlsc_start_epoll(nullptr); });
+        has_ended_ = false;
+        thread_    = std::thread([this] {
+            EXPECT_EQ(tlsc_start_epoll(nullptr), nullptr);
+            has_ended_ = true;
+        });
     }
     void stop() {
         hold_wait = false;
@@ -231,7 +262,10 @@ protected:
     // The thread must end by itself, with an early return.
     void expect_early_end() {
         start();
-        thread_.join();
+        const bool by_itself = eventually([this] { return has_ended_.load(); });
+        EXPECT_TRUE(by_itself);
+        if (by_itself) thread_.join();
+        else stop();
         EXPECT_EQ(epoll_thread_exited, 0);
         EXPECT_FALSE(log.contains("exiting"));
     }
@@ -248,10 +282,31 @@ protected:
         const size_t before = hand_clock::count("dpd");
         ASSERT_TRUE(peer.connection(number).write(wire_frame(CSTP_CONFIG_RESPONSE, response)));
         ASSERT_TRUE(hand_clock::wait_for("dpd", before + 1));
+        at_rest([] {});
+    }
+    // What the thread owns is touched while it waits for events, or is no more.
+    static void at_rest(const std::function<void()> &look) {
+        ASSERT_TRUE(tlsc_halt_tunnel_thread(peer_patience_ms / 1000));
+        look();
+        tlsc_resume_tunnel_thread();
+    }
+    // Waits until the condition holds when the thread is at rest.
+    static bool eventually_at_rest(const std::function<bool()> &condition) {
+        return eventually([&] {
+            bool holds = false;
+            at_rest([&] { holds = condition(); });
+            return holds;
+        });
+    }
+    // The next pass has this one event; what the gateway sends to wake the thread up is handled in the pass behind it.
+    void forge_event(tls_peer &peer, int fd, uint32_t mask) {
+        forged_mask = mask;
+        forged_fd   = fd;
+        ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));
     }
     bool   logged(const std::string &message) { return eventually([&] { return position(message) >= 0; }); }
     size_t teardowns() { return log.count("ERROR", engine_file, "tlsc_sock_error", "Closing connection and bringing down tun interface"); }
-    bool   torn_down(size_t times = 1) { return hand_clock::wait_for("backoff", times) && eventually([&] { return teardowns() >= times; }); }
+    bool   torn_down(size_t times = 1) { return hand_clock::wait_for("backoff", times) && eventually_at_rest([&] { return teardowns() >= times; }); }
 
     strings reported_states() {
         const std::lock_guard<std::mutex> guard(state_mutex);
@@ -275,14 +330,16 @@ protected:
     }
     static bool interface_exists() { return if_nametoindex("loop0") != 0; }
 
-    std::thread thread_;
-    sockaddr_ll place_{};
+    std::thread       thread_;
+    std::atomic<bool> has_ended_{false};
+    sockaddr_ll       place_{};
 };
 
 // ---- set-up -----------------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, a_run_goes_from_connection_to_orderly_end) {
     const int before = open_descriptors();
+    int       tun_fd = -1, dpd_fd = -1;
     {
         tls_peer peer;
         bring_up(peer);
@@ -291,6 +348,8 @@ TEST_F(engine_loop, a_run_goes_from_connection_to_orderly_end) {
         EXPECT_EQ(timeout_asked, -1);
         EXPECT_EQ(tun_events, static_cast<uint32_t>(EPOLLIN));
         EXPECT_TRUE(interface_exists());
+        tun_fd = sock->sess->tun_fd;
+        dpd_fd = tlsc_timers.dpd;
         stop();
         EXPECT_TRUE(peer.connection(0).is_closed_by_client());
     }
@@ -316,6 +375,8 @@ TEST_F(engine_loop, a_run_goes_from_connection_to_orderly_end) {
                            "Got data on SSL socket",
                            "TUN-INTF is UP!!",
                            "Exit cmd rcvd for child thread, set exit_client flag to true",
+                           text_of("Successfully deleted fd = %d, to epoll-event", tun_fd),  // the interface goes before the timers
+                           text_of("Successfully deleted fd = %d, to epoll-event", dpd_fd),
                            "TLS Client: epoll thread exiting normally",
                            "TLS Client: epoll thread exiting"};
     for (size_t i = 0; i < order.size(); ++i) {
@@ -326,14 +387,20 @@ TEST_F(engine_loop, a_run_goes_from_connection_to_orderly_end) {
     EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_start_epoll", "TLS Client: epoll thread exiting normally"));
     EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_start_epoll", "TLS Client: epoll thread exiting"));
     EXPECT_TRUE(logged_like("INFO", "create_epoll", "Created epoll-fd(~) to handle maximum 80 events"));
+    EXPECT_TRUE(logged_like("DEBUG", "register_command_pipe", text_of("Pipe-fd(%d) added to epoll-fd(~)", cli_pipe_rd_fd.load())));
     EXPECT_TRUE(logged_like("INFO", "connect_and_register", "Successfully added Client-socket-fd(~) to epoll-fd"));
     expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}, {"tun_alloc", 1}, {"tun_freed", 1}});
 }
 
 TEST_F(engine_loop, an_epoll_instance_that_cannot_be_made_ends_the_thread) {
-    epoll_create_fails = true;
-    expect_early_end();
-    EXPECT_TRUE(logged_like("ERROR", "create_epoll", "Could not create epoll-fd, due to error ~"));
+    for (int result : {0, -1}) {
+        epoll_create_result = result;
+        log.clear();
+        expect_early_end();
+        EXPECT_EQ(lines_from(engine_file), (strings{"INFO tlsc_start_epoll: In epoll thread",
+                                                    text_of("ERROR create_epoll: Could not create epoll-fd, due to error %d", EMFILE)}));
+        tlsc_epoll_fd = -1;
+    }
 }
 
 TEST_F(engine_loop, an_events_block_that_cannot_be_allocated_closes_epoll_and_ends_the_thread) {
@@ -342,14 +409,14 @@ TEST_F(engine_loop, an_events_block_that_cannot_be_allocated_closes_epoll_and_en
     expect_early_end();
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_EQ(tlsc_epoll_fd, -1);
-    EXPECT_TRUE(log.contains("Could not allocate memory for epoll-events block"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "create_epoll", "Could not allocate memory for epoll-events block"));
 }
 
 TEST_F(engine_loop, what_a_failed_set_up_has_opened_stays_open) {
     tun_open_fails   = true;
     const int before = open_descriptors();
     expect_early_end();
-    EXPECT_TRUE(log.contains("Error cloning tun interface"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "open_tun", "Error cloning tun interface"));
     EXPECT_EQ(open_descriptors(), before + 1);
     const int first = tlsc_epoll_fd;
     EXPECT_GT(first, 0);
@@ -360,9 +427,14 @@ TEST_F(engine_loop, what_a_failed_set_up_has_opened_stays_open) {
 
 TEST_F(engine_loop, an_interface_that_cannot_be_created_ends_the_thread) {
     create_tun_result = 0;
+    tlsc_attach_session(sock);
+    sock->sess->tun_state = 1;  // of an earlier run
     expect_early_end();
-    EXPECT_TRUE(log.contains("Creation of tun-intf failed"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "open_tun", "Creation of tun-intf failed"));
     EXPECT_EQ(teardowns(), 0u);
+    EXPECT_EQ(sock->sess->tun_state, 0);
+    EXPECT_EQ(sock->sess->conn, sock);
+    EXPECT_TRUE(is_open(sock->sess->tun_fd));
     close(sock->sess->tun_fd);
 }
 
@@ -389,6 +461,20 @@ TEST_F(engine_loop, an_interface_that_epoll_refuses_ends_the_thread) {
     forced_add_errno = ENOMEM;
     expect_early_end();
     EXPECT_TRUE(log.has("ERROR", engine_file, "register_tun", text_of("Could not add intf(loop0) to epoll. ErrorNo = %d", ENOMEM)));
+    EXPECT_EQ(mods, 0);
+    close(sock->sess->tun_fd);
+}
+
+TEST_F(engine_loop, an_interface_that_epoll_can_neither_add_nor_update_ends_the_thread) {
+    add_failure      = 2;
+    forced_add_errno = EEXIST;
+    mod_fails        = true;
+    expect_early_end();
+    EXPECT_TRUE(log.has("WARNING", engine_file, "register_tun", "Intf FD already exists in the epoll.. updating event.."));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "register_tun", text_of("Could not add intf(loop0) to epoll. ErrorNo = %d", EPERM)));
+    EXPECT_EQ(mods, 1);
+    EXPECT_GT(tlsc_epoll_fd, 0);  // left open like the interface
+    EXPECT_TRUE(interface_exists());
     close(sock->sess->tun_fd);
 }
 
@@ -419,6 +505,11 @@ TEST_F(engine_loop, without_a_pipe_the_thread_runs_without_commands) {
     tls_peer peer;
     bring_up(peer);
     EXPECT_FALSE(log.contains("stale commands"));
+    exit_client = 2;  // only 1 ends the loop
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
+    ASSERT_TRUE(eventually_at_rest([] { return tlsc_stats_record.dpd_rsp_rx == 1; }));
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
+    ASSERT_TRUE(eventually_at_rest([] { return tlsc_stats_record.dpd_rsp_rx == 2; }));
     exit_client = 1;
     ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
     thread_.join();
@@ -431,7 +522,7 @@ TEST_F(engine_loop, a_transport_that_epoll_refuses_frees_epoll_and_ends_the_thre
     add_failure       = 4;  // pipe, interface, guard timer, transport
     forced_add_errno  = ENOMEM;
     expect_early_end();
-    EXPECT_TRUE(log.contains("Could not add ipv4 to epoll"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "connect_and_register", "Could not add ipv4 to epoll"));
     EXPECT_EQ(tlsc_epoll_fd, -1);
     EXPECT_TRUE(interface_exists());  // left as it is
     close(sock->sess->tun_fd);
@@ -460,8 +551,9 @@ TEST_F(engine_loop, with_the_gateway_unreachable_the_loop_is_entered_and_waits_f
     conf->server_port = port;
     start();
     ASSERT_TRUE(torn_down(2));  // the connection's own and the start's
-    EXPECT_TRUE(logged("TCP Connection failed"));
+    EXPECT_TRUE(eventually([&] { return log.has("ERROR", engine_file, "connect_and_register", "TCP Connection failed"); }));
     EXPECT_TRUE(interface_exists());
+    EXPECT_EQ(tun_events, static_cast<uint32_t>(EPOLLIN));
     EXPECT_GE(hand_clock::seconds("backoff"), 10);
     EXPECT_LE(hand_clock::seconds("backoff"), 11);
     EXPECT_EQ(reported_states(), strings{});
@@ -548,7 +640,26 @@ TEST_F(engine_loop, packets_go_both_ways_with_their_addresses_exchanged) {
     EXPECT_EQ(dotted(std::string(bytes, static_cast<size_t>(count)), 16), "192.168.1.5");
     close(packets);
     stop();
+    EXPECT_TRUE(log.has("DEBUG", engine_file, "on_tun_event", "Got data on Tun interface"));
+    EXPECT_TRUE(log.has("DEBUG", engine_file, "on_ssl_event", "Got data on SSL socket"));
     expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}, {"tun_alloc", 1}, {"tun_freed", 1}, {"data_pkt_tx", 1}, {"data_pkt_rx", 1}, {"tun_pkt_rx", 1}, {"tun_pkt_tx", 1}});
+}
+
+TEST_F(engine_loop, until_the_first_teardown_packets_are_sent_even_before_the_response) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    start();
+    ASSERT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_CONFIG_REQ, request));
+    tlsc_log_level = LOG_INFO;  // packets that stay queued would log without end
+    ASSERT_EQ(system("ip link set loop0 up"), 0);
+    const int packets = open_packet_socket();
+    emit(packets, udp_packet("192.168.1.5", "8.8.8.8"));
+    const std::string frame = peer.connection(0).read_record();
+    ASSERT_EQ(frame.size(), 8 + 28 + data_mark.size());
+    EXPECT_EQ(frame[6], CSTP_DATA);
+    EXPECT_EQ(dotted(frame, 8 + 12), "0.0.0.0");  // no address is assigned yet
+    EXPECT_EQ(dotted(frame, 8 + 16), "8.8.8.8");
+    close(packets);
 }
 
 TEST_F(engine_loop, packets_stay_queued_while_the_data_path_is_down) {
@@ -578,7 +689,7 @@ TEST_F(engine_loop, two_frames_in_two_records_of_one_segment_are_both_handled) {
     ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));
     ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));
     hold_wait = false;
-    EXPECT_TRUE(eventually([] { return tlsc_stats_record.invalid_rx == 2; }));
+    EXPECT_TRUE(eventually_at_rest([] { return tlsc_stats_record.invalid_rx == 2; }));
     stop();
     EXPECT_EQ(teardowns(), 0u);
 }
@@ -589,17 +700,32 @@ TEST_F(engine_loop, the_processor_is_given_nowhere_to_report_to_so_a_bad_frame_d
     for (const std::string &bad : {wire_frame(1, "x"), wire_frame(77, ""), wire_frame(CSTP_CONFIG_RESPONSE, "no address"), std::string("S"), std::string("STF\x01\xff\xff\x00\x00", 8)})
         ASSERT_TRUE(peer.connection(0).write(bad));
     ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
-    EXPECT_TRUE(eventually([] { return tlsc_stats_record.dpd_rsp_rx == 1; }));
+    EXPECT_TRUE(eventually_at_rest([] { return tlsc_stats_record.dpd_rsp_rx == 1; }));
     EXPECT_EQ(teardowns(), 0u);
     EXPECT_TRUE(peer.connection(0).is_still_open());
     EXPECT_FALSE(log.contains("Processing CSTP frame returned error"));
+}
+
+TEST_F(engine_loop, nothing_of_an_earlier_frame_is_found_in_a_later_one) {
+    tls_peer peer;
+    bring_up(peer);
+    const std::string earlier = std::string(good.size(), ' ') + "X-CSTP-DPD:77\n";
+    std::string       later   = wire_frame(CSTP_CONFIG_RESPONSE, earlier);  // announces more than the record has
+    later.resize(8);
+    later += good;
+    later.replace(later.find("X-CSTP-DPD:100\n"), 15, std::string(15, ' '));
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(9, earlier)));
+    ASSERT_TRUE(peer.connection(0).write(later));
+    ASSERT_TRUE(eventually_at_rest([] { return tlsc_stats_record.ctrl_pkt_rx == 2; }));
+    stop();
+    EXPECT_EQ(conf->dpd_interval, 100);
 }
 
 TEST_F(engine_loop, a_record_of_more_than_one_read_is_taken_in_pieces_without_a_crash) {
     tls_peer peer;
     bring_up(peer);
     ASSERT_TRUE(peer.connection(0).write(wire_frame(9, std::string(15000, '\x09'))));
-    EXPECT_TRUE(eventually([] { return tlsc_stats_record.invalid_rx >= 1; }));
+    EXPECT_TRUE(eventually_at_rest([] { return tlsc_stats_record.invalid_rx >= 1; }));
     EXPECT_EQ(teardowns(), 0u);
 }
 
@@ -609,7 +735,9 @@ TEST_F(engine_loop, a_read_result_of_2_or_3_keeps_the_connection) {
         bring_up(peer);
         next_class = error;
         peer.connection(0).send_raw(std::string("\x17\x03\x03\x00\x01x", 6));  // a record that cannot be read
-        ASSERT_TRUE(logged(text_of("SSL returned error = %d, while trying to read data", error)));
+        ASSERT_TRUE(eventually([&] {
+            return log.has("ERROR", engine_file, "on_ssl_event", text_of("SSL returned error = %d, while trying to read data", error));
+        }));
         hand_clock::expire("rekey");  // the loop goes on
         EXPECT_NE(peer.connection(1).read_record(), "");
         EXPECT_EQ(teardowns(), 0u);
@@ -642,6 +770,37 @@ TEST_F(engine_loop, a_hang_up_tears_down_before_any_read) {
     EXPECT_FALSE(log.contains("SSL Read error"));
 }
 
+TEST_F(engine_loop, an_error_or_a_hang_up_in_any_form_tears_down_and_nothing_is_read) {
+    for (bool on_tun : {false, true})
+        for (uint32_t mask : {EPOLLERR, EPOLLHUP, EPOLLRDHUP}) {
+            tls_peer peer;
+            bring_up(peer);
+            tlsc_stats_clear();
+            log.clear();
+            const int fd = on_tun ? sock->sess->tun_fd : sock->sockfd;
+            forge_event(peer, fd, EPOLLIN | mask);
+            ASSERT_TRUE(torn_down());
+            EXPECT_TRUE(log.has("ERROR", engine_file, on_tun ? "on_tun_event" : "on_ssl_event",
+                                text_of("Error [%u] occured on %s-Socket-fd(%d).. closing connection", EPOLLIN | mask, on_tun ? "TUN" : "SSL", fd)));
+            EXPECT_FALSE(log.contains("Got data on"));
+            EXPECT_EQ(tlsc_stats_record.invalid_rx, 0u);
+            stop();
+            start_afresh();
+        }
+}
+
+TEST_F(engine_loop, an_event_of_an_unknown_descriptor_is_only_logged) {
+    tls_peer peer;
+    bring_up(peer);
+    forge_event(peer, 999, EPOLLIN | EPOLLERR);
+    EXPECT_TRUE(eventually([&] {
+        return log.has("ERROR", engine_file, "on_unknown_event", "Epoll indicated event on an unknown socket with ltype = 0");
+    }));
+    EXPECT_TRUE(eventually_at_rest([] { return tlsc_stats_record.invalid_rx == 1; }));  // the waking frame
+    stop();
+    EXPECT_EQ(teardowns(), 0u);
+}
+
 TEST_F(engine_loop, a_reset_tears_down) {
     tls_peer peer;
     bring_up(peer);
@@ -661,11 +820,25 @@ TEST_F(engine_loop, an_interface_that_is_deleted_from_outside_tears_down) {
     EXPECT_TRUE(peer.connection(0).is_closed_by_client());
 }
 
+TEST_F(engine_loop, a_tun_read_of_0_bytes_is_counted_by_the_stale_errno_and_tears_down) {
+    tls_peer peer;
+    bring_up(peer);
+    const int packets = open_packet_socket();
+    tlsc_stats_clear();
+    tun_read_gives_0 = true;
+    emit(packets, udp_packet("192.168.1.5", "8.8.8.8"));
+    ASSERT_TRUE(torn_down());
+    stop();
+    EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+    expect_counters({{"tun_read_errors_total", 1}, {"tun_read_errors_einval", 1}, {"tun_freed", 1}});
+    close(packets);
+}
+
 TEST_F(engine_loop, a_packet_that_cannot_be_sent_tears_down) {
     tls_peer peer;
     bring_up(peer);
     const int packets = open_packet_socket();
-    sock->ssl_up      = 0;  // the write of the frame fails
+    at_rest([&] { sock->ssl_up = 0; });  // the write of the frame fails
     emit(packets, udp_packet("192.168.1.5", "8.8.8.8"));
     ASSERT_TRUE(torn_down());
     EXPECT_TRUE(log.contains("Null ptr received for sock/buffer/sock->ssl_up"));
@@ -700,6 +873,30 @@ TEST_F(engine_loop, a_later_event_of_a_closed_descriptor_is_only_logged_even_whe
     EXPECT_EQ(hand_clock::count("backoff"), 1u);
 }
 
+TEST_F(engine_loop, a_later_event_of_a_closed_timer_is_not_taken_for_one_of_the_new_connection) {
+    tls_peer peer;
+    bring_up(peer);
+    // The command stops all timers and connects anew; the socket takes the number of a timer that has expired in the
+    // same pass.
+    const int expired = tlsc_timers.rekey;
+    first_in_pass     = cli_pipe_rd_fd.load();
+    log.clear();
+    hold_wait = true;
+    tlsc_gw_addr gw{};
+    gw.kind = ADDR_IPV4;
+    inet_pton(AF_INET, "127.0.0.1", gw.ipv4);
+    ASSERT_EQ(tlsc_send_gw_ip(gw), 1);
+    hand_clock::expire("rekey");
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    hold_wait = false;
+    ASSERT_NE(peer.connection(1).read_record(), "");
+    EXPECT_TRUE(logged("Epoll indicated event on an unknown socket with ltype = 0"));
+    EXPECT_EQ(sock->sockfd, expired);
+    EXPECT_FALSE(log.contains("Got data on SSL socket"));
+    EXPECT_EQ(tlsc_stats_record.rekey_attempts, 0u);
+    answer(peer, 1);
+}
+
 // ---- timers in the loop ---------------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, dead_peer_detection_asks_four_times_and_then_gives_up) {
@@ -732,7 +929,7 @@ TEST_F(engine_loop, a_dpd_response_keeps_the_connection_and_arms_the_timer_again
         EXPECT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_DPD_REQ, ""));
         ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
         ASSERT_TRUE(hand_clock::wait_for("dpd", round + 1));
-        ASSERT_TRUE(eventually([&] { return tlsc_stats_record.dpd_rsp_rx == round; }));
+        ASSERT_TRUE(eventually_at_rest([&] { return tlsc_stats_record.dpd_rsp_rx == round; }));
     }
     EXPECT_EQ(teardowns(), 0u);
     EXPECT_EQ(tlsc_retry_ref, 0);
@@ -800,7 +997,7 @@ TEST_F(engine_loop, an_unanswered_question_goes_on_with_the_previous_address) {
     hand_clock::expire("rekey");
     ASSERT_TRUE(hand_clock::wait_for("fqdn"));
     ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));  // the old connection still serves
-    EXPECT_TRUE(eventually([] { return tlsc_stats_record.invalid_rx == 1; }));
+    EXPECT_TRUE(eventually_at_rest([] { return tlsc_stats_record.invalid_rx == 1; }));
     hand_clock::expire("fqdn");
     EXPECT_NE(peer.connection(1).read_record(), "");
     answer(peer, 1);
@@ -852,6 +1049,40 @@ TEST_F(engine_loop, the_guard_of_a_rekey_closes_both_connections) {
     EXPECT_TRUE(logged_like("DEBUG", "on_guard_timer", "Closing the old transport-fd(~)"));
     EXPECT_EQ(tlsc_old_transport_fd, -1);
     EXPECT_EQ(tlsc_timers.guard, -1);
+}
+
+TEST_F(engine_loop, an_expired_timer_that_epoll_does_not_know_is_closed_and_handled_all_the_same) {
+    tls_peer peer;
+    resolution_result = 1;
+    bring_up(peer);
+    const auto expire_unknown = [&](const char *name, int fd) {
+        undeletable = fd;
+        hand_clock::expire(name);
+    };
+    int fd = tlsc_timers.rekey;
+    expire_unknown("rekey", fd);
+    ASSERT_TRUE(hand_clock::wait_for("fqdn"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "on_rekey_timer", text_of("Couldnt delete the rekey-timer-fd(%d) after rekeying", fd)));
+
+    fd = tlsc_timers.fqdn;
+    expire_unknown("fqdn", fd);
+    EXPECT_NE(peer.connection(1).read_record(), "");
+    EXPECT_TRUE(log.has("ERROR", engine_file, "on_fqdn_timer",
+                        text_of("Couldnt delete the fqdn-resolution-timer-fd(%d) after fqdn-resol timer expiry", fd)));
+
+    ASSERT_TRUE(hand_clock::wait_for("guard", 2));
+    fd = tlsc_timers.guard;
+    expire_unknown("guard", fd);
+    ASSERT_TRUE(torn_down());
+    EXPECT_TRUE(log.has("ERROR", engine_file, "on_guard_timer", text_of("Couldnt delete the guard-timer-fd(%d) upon expiry", fd)));
+
+    fd = tlsc_timers.backoff;
+    expire_unknown("backoff", fd);
+    ASSERT_TRUE(hand_clock::wait_for("fqdn", 2));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "on_backoff_timer", text_of("Couldnt delete the backoff-timer-fd(%d) after rekeying", fd)));
+    undeletable = -1;
+    stop();
+    for (int32_t slot : {tlsc_timers.dpd, tlsc_timers.retry, tlsc_timers.rekey, tlsc_timers.fqdn, tlsc_timers.guard, tlsc_timers.backoff}) EXPECT_EQ(slot, -1);
 }
 
 TEST_F(engine_loop, a_reconnection_after_a_backoff_asks_the_controller_but_is_no_rekey) {
@@ -930,6 +1161,41 @@ TEST_F(engine_loop, nothing_is_left_open_after_many_failures_and_rekeys) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
+TEST_F(engine_loop, a_run_that_ends_in_a_rekey_leaves_none_in_progress) {
+    tls_peer peer;
+    resolution_result = 1;
+    bring_up(peer);
+    hand_clock::expire("rekey");
+    ASSERT_TRUE(hand_clock::wait_for("fqdn"));
+    EXPECT_EQ(tlsc_rekey_in_progress, 1);
+    stop();
+    EXPECT_EQ(tlsc_rekey_in_progress, 0);
+}
+
+TEST_F(engine_loop, a_run_that_ends_in_a_rekey_leaves_its_old_transport_open_and_saved) {
+    tls_peer peer;
+    bring_up(peer);
+    int old = -1;
+    at_rest([&] { old = sock->sockfd; });
+    hand_clock::expire("rekey");
+    ASSERT_NE(peer.connection(1).read_record(), "");
+    stop();
+    EXPECT_TRUE(peer.connection(1).is_closed_by_client());
+    EXPECT_EQ(tlsc_old_transport_fd, old);
+    EXPECT_TRUE(peer.connection(0).is_still_open());
+    EXPECT_EQ(sock->ssl_up, 1);
+}
+
+TEST_F(engine_loop, a_run_that_ends_in_the_backoff_starts_it_anew_for_the_next) {
+    tls_peer peer;
+    bring_up(peer);
+    peer.connection(0).reset();
+    ASSERT_TRUE(torn_down());
+    EXPECT_EQ(tlsc_backoff_interval, 10u);
+    stop();
+    EXPECT_EQ(tlsc_backoff_interval, 0u);
+}
+
 // ---- standing still -------------------------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, a_halted_thread_goes_on_when_it_is_resumed) {
@@ -940,7 +1206,73 @@ TEST_F(engine_loop, a_halted_thread_goes_on_when_it_is_resumed) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(tlsc_stats_record.invalid_rx, 0u);
     tlsc_resume_tunnel_thread();
-    EXPECT_TRUE(eventually([] { return tlsc_stats_record.invalid_rx == 1; }));
+    EXPECT_TRUE(eventually_at_rest([] { return tlsc_stats_record.invalid_rx == 1; }));
+}
+
+TEST_F(engine_loop, who_halts_the_thread_waits_for_its_turn) {
+    tls_peer peer;
+    peer.meet_with(tls_peer::manner::nothing);
+    conf->server_port = peer.port();
+    start();
+    (void)peer.connection(0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the thread goes on from connect to the handshake
+    std::thread impatient([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        peer.connection(0).hang_up();
+    });
+    EXPECT_TRUE(tlsc_halt_tunnel_thread(5));
+    tlsc_resume_tunnel_thread();
+    impatient.join();
+    EXPECT_TRUE(torn_down());
+}
+
+TEST_F(engine_loop, a_thread_that_connects_can_be_halted) {
+    // The queue of the listener is full: the next connection attempt stays without an answer.
+    const int   listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    socklen_t   size        = sizeof(address);
+    address.sin_family      = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), size), 0);
+    ASSERT_EQ(listen(listener, 0), 0);
+    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size), 0);
+    int waiting[4];
+    for (int &fd : waiting) {
+        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        (void)connect(fd, reinterpret_cast<const sockaddr *>(&address), size);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+
+    conf->server_port = ntohs(address.sin_port);
+    start();
+    EXPECT_TRUE(eventually([&] { return logged_like("INFO", "tlsc_create_tcp_conn", "Server port = *"); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(teardowns(), 0u);
+    const bool halted = tlsc_halt_tunnel_thread(0);
+    EXPECT_TRUE(halted);
+    if (halted) tlsc_resume_tunnel_thread();
+
+    struct sigaction interrupt {};
+    interrupt.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &interrupt, nullptr);
+    pthread_kill(thread_.native_handle(), SIGUSR1);  // ends the attempt
+    EXPECT_TRUE(torn_down());
+    for (int fd : waiting) close(fd);
+    close(listener);
+}
+
+TEST_F(engine_loop, a_thread_in_the_pause_behind_a_handshake_can_be_halted) {
+    static std::atomic<int> halted;
+    halted                   = 0;
+    hand_clock::during_sleep = [] {
+        if (!tlsc_halt_tunnel_thread(0)) return;
+        ++halted;
+        tlsc_resume_tunnel_thread();
+    };
+    tls_peer peer;
+    bring_up(peer);
+    hand_clock::during_sleep = nullptr;
+    EXPECT_EQ(halted, 1);
 }
 
 TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_in_a_handshake_cannot) {
@@ -952,8 +1284,12 @@ TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_in_a_handshake_can
             conf->server_port = peer.port();
             std::thread([] { tlsc_start_epoll(nullptr); }).detach();
             (void)peer.connection(0);
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the thread goes on from connect to the handshake
-            if (tlsc_halt_tunnel_thread(0)) _exit(1);
+            const bool is_in_handshake = eventually([] {  // until then it connects, and can be halted
+                if (!tlsc_halt_tunnel_thread(0)) return true;
+                tlsc_resume_tunnel_thread();
+                return false;
+            });
+            if (!is_in_handshake) _exit(1);
             peer.meet_with(tls_peer::manner::handshake);
             peer.connection(0).hang_up();
             if (!hand_clock::wait_for("backoff")) _exit(2);

@@ -5,7 +5,7 @@
 
 #include <sys/timerfd.h>
 
-#include "tlsc_openssl.h"
+#include "openssl_names.h"
 
 #include "tunnel_fixture.h"
 
@@ -174,6 +174,15 @@ TEST_F(engine_teardown, the_backoff_grows_over_teardowns) {
     EXPECT_EQ(tlsc_backoff_interval, 3600u);
 }
 
+TEST_F(engine_teardown, the_backoff_timer_fires_once) {
+    tear_down();
+    itimerspec setting{};
+    ASSERT_EQ(timerfd_gettime(tlsc_timers.backoff, &setting), 0);
+    EXPECT_GT(setting.it_value.tv_sec, 0);
+    EXPECT_EQ(setting.it_interval.tv_sec, 0);
+    EXPECT_EQ(setting.it_interval.tv_nsec, 0);
+}
+
 TEST_F(engine_teardown, descriptor_0_counts_as_no_transport) {
     sock->sockfd = 0;
     tear_down();
@@ -182,15 +191,22 @@ TEST_F(engine_teardown, descriptor_0_counts_as_no_transport) {
 }
 
 TEST_F(engine_teardown, without_an_epoll_instance_neither_epoll_nor_the_backoff_timer_is_touched) {
-    connect();
-    __real_close(tlsc_epoll_fd);
-    tlsc_epoll_fd = -1;
-    const int fd  = sock->sockfd;
-    tear_down();
-    EXPECT_EQ(steps, (strings{text_of("close %d", fd)}));
-    EXPECT_EQ(tlsc_timers.backoff, -1);
-    EXPECT_EQ(sock->sockfd, -1);
-    EXPECT_EQ(tlsc_dp_state, 0);
+    const int epoll_fd = tlsc_epoll_fd;
+    for (int none : {0, -1}) {
+        connect();
+        save_as_old();
+        const int old = sock->sockfd;
+        connect();
+        const int current = sock->sockfd;
+        tlsc_epoll_fd     = none;
+        tear_down();
+        tlsc_epoll_fd = epoll_fd;
+        EXPECT_EQ(steps, (strings{text_of("close %d", old), text_of("close %d", current)}));
+        EXPECT_EQ(tlsc_timers.backoff, -1);
+        EXPECT_EQ(tlsc_backoff_interval, 0u);
+        EXPECT_EQ(sock->sockfd, -1);
+        EXPECT_EQ(tlsc_dp_state, 0);
+    }
 }
 
 TEST_F(engine_teardown, a_failed_removal_is_logged_and_the_descriptor_closed_all_the_same) {

@@ -3,7 +3,7 @@
 
 #include <csignal>
 #include <fstream>
-
+#include <thread>
 
 #include "tls_peer.h"
 #include "tunnel_fixture.h"
@@ -13,12 +13,16 @@
 namespace {
 
 bool              ctx_fails;
+bool              conf_is_missing;
 unsigned long     param_flags;
 
 }  // namespace
 
 extern "C" SSL_CTX *__real_SSL_CTX_new(const SSL_METHOD *method);
 extern "C" SSL_CTX *__wrap_SSL_CTX_new(const SSL_METHOD *method) { return ctx_fails ? nullptr : __real_SSL_CTX_new(method); }
+
+extern "C" tlsc_config *__real__Z15tlsc_get_configv();
+extern "C" tlsc_config *__wrap__Z15tlsc_get_configv() { return conf_is_missing ? nullptr : __real__Z15tlsc_get_configv(); }
 
 extern "C" int __real_SSL_CTX_set1_param(SSL_CTX *ctx, X509_VERIFY_PARAM *param);
 extern "C" int __wrap_SSL_CTX_set1_param(SSL_CTX *ctx, X509_VERIFY_PARAM *param) {
@@ -68,11 +72,27 @@ private:
             echo 01 > crlnumber
             openssl ca -config ca.cnf -cert root.pem -keyfile root.key -revoke revoked.pem
             openssl ca -config ca.cnf -cert root.pem -keyfile root.key -gencrl -out crl.pem
+            openssl genrsa -out rsa.key 2048
             cat mid.pem root.pem > mid-first.pem
             cat root.pem mid.pem > root-first.pem
             cat deep.pem mid.pem > deep-chain.pem
             cat leaf.pem root.pem > leaf-chain.pem
             : > empty.pem
+            mkdir directory.pem
+            head -c 300 /dev/urandom > random.pem
+            head -c 3000000 /dev/zero > zeros.pem
+            sed 's/CERTIFICATE/X509 CRL/' root.pem > crl-of-a-certificate.pem
+            sed 's/X509 CRL/CERTIFICATE/' crl.pem > certificate-of-a-crl.pem
+            for n in root crl; do
+                head -c 200 $n.pem > $n-cut.pem
+                sed '2s/./!/5' $n.pem > $n-foreign-letter.pem
+                sed '2s/[A-Z]/A/g' $n.pem > $n-other-bytes.pem
+                sed '3d' $n.pem > $n-line-lost.pem
+                sed '$d' $n.pem > $n-without-end.pem
+                sed '/-----/d' $n.pem > $n-without-frame.pem
+                awk '{print} /BEGIN/ {for (i = 0; i < 5000; ++i) printf "A"; print ""}' $n.pem > $n-long-line.pem
+            done
+            { echo "what an authority writes above its certificate"; cat root.pem; } > root-behind-words.pem
         )";
         std::ofstream(directory_ + "/make.sh") << script;
         const int status = system(("sh " + directory_ + "/make.sh > " + directory_ + "/make.log 2>&1").c_str());
@@ -95,6 +115,7 @@ protected:
         log.clear();
     }
     ~engine_tls() override {
+        conf_is_missing = false;  // the next fixture asks for it first of all
         SSL_CTX_free(tlsc_ssl_ctx);
         tlsc_ssl_ctx = nullptr;
     }
@@ -174,14 +195,43 @@ TEST_F(engine_tls, initialising_openssl_makes_the_locks_and_says_so) {
     tlsc_destroy_locks();
 }
 
+#if TLSC_OPENSSL_1_0
+TEST_F(engine_tls, the_callbacks_name_the_thread_and_lock_the_mutex_with_the_number_and_outlive_the_locks) {
+    tlsc_init_locks();
+    ASSERT_NE(CRYPTO_get_id_callback(), nullptr);
+    EXPECT_EQ(CRYPTO_get_id_callback()(), static_cast<unsigned long>(pthread_self()));
+    const auto lock = CRYPTO_get_locking_callback();
+    ASSERT_NE(lock, nullptr);
+    std::atomic<int> stage{0};
+    lock(CRYPTO_LOCK | CRYPTO_WRITE, 3, nullptr, -1);
+    std::thread other([&] {
+        lock(CRYPTO_LOCK | CRYPTO_READ, 4, "any file", 1);  // another one is free
+        lock(CRYPTO_UNLOCK | CRYPTO_READ, 4, "any file", 1);
+        stage = 1;
+        lock(CRYPTO_LOCK | CRYPTO_READ, 3, "any file", 1);
+        stage = 2;
+        lock(CRYPTO_UNLOCK | CRYPTO_READ, 3, "any file", 1);
+    });
+    EXPECT_TRUE(eventually([&] { return stage == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(stage, 1);
+    lock(CRYPTO_UNLOCK | CRYPTO_WRITE, 3, nullptr, -1);
+    other.join();
+    EXPECT_EQ(stage, 2);
+    tlsc_destroy_locks();
+    EXPECT_EQ(CRYPTO_get_locking_callback(), lock);
+    lock(CRYPTO_LOCK | CRYPTO_WRITE, 3, nullptr, 0);
+    lock(CRYPTO_UNLOCK | CRYPTO_WRITE, 3, nullptr, 0);
+}
+#endif
+
 // ---- context ---------------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_tls, a_psk_context_is_made_for_tls_1_2_alone) {
     EXPECT_EQ(tlsc_init_ssl_config(), 1);
     ASSERT_NE(tlsc_ssl_ctx, nullptr);
     EXPECT_EQ(sock->ssl_ctx, tlsc_ssl_ctx);
-    EXPECT_EQ(log.messages(), (strings{"Cipher set successfully for SSL-Ctx : PSK-AES256-CBC-SHA"}));
-    EXPECT_EQ(log.entries()[0].severity, "INFO");
+    EXPECT_EQ(lines_from(engine_file), (strings{"INFO tlsc_init_ssl_config: Cipher set successfully for SSL-Ctx : PSK-AES256-CBC-SHA"}));
     EXPECT_EQ(SSL_CTX_get_quiet_shutdown(tlsc_ssl_ctx), 1);
     EXPECT_EQ(SSL_CTX_get_options(tlsc_ssl_ctx) & static_cast<uint64_t>(SSL_OP_ALL), static_cast<uint64_t>(SSL_OP_ALL));
     EXPECT_EQ(SSL_CTX_get_verify_mode(tlsc_ssl_ctx), SSL_VERIFY_NONE);
@@ -220,7 +270,7 @@ TEST_F(engine_tls, an_invalid_cipher_list_fails_and_leaves_no_context) {
 TEST_F(engine_tls, a_context_that_cannot_be_made_is_reported) {
     ctx_fails = true;
     EXPECT_EQ(tlsc_init_ssl_config(), 0);
-    EXPECT_EQ(log.messages(), (strings{"Allocating ssl-ctx failed using API: SSL_CTX_new(), with TLSv1_2 method"}));
+    EXPECT_EQ(lines_from(engine_file), (strings{"ERROR tlsc_init_ssl_config: Allocating ssl-ctx failed using API: SSL_CTX_new(), with TLSv1_2 method"}));
     EXPECT_EQ(sock->ssl_ctx, nullptr);
 }
 
@@ -232,6 +282,44 @@ TEST_F(engine_tls, a_certificate_context_verifies_the_peer_with_crl_checks_to_de
     EXPECT_EQ(param_flags & 12u, 12u);
     EXPECT_EQ(SSL_CTX_get_verify_callback(tlsc_ssl_ctx), tlsc_verify_cert_cb);
     EXPECT_EQ(X509_VERIFY_PARAM_get_flags(SSL_CTX_get0_param(tlsc_ssl_ctx)) & 12u, 12u);
+}
+
+TEST_F(engine_tls, without_a_configuration_record_no_context_is_made) {
+    conf_is_missing = true;
+    EXPECT_EQ(tlsc_init_ssl_config(), 0);
+    EXPECT_EQ(log.entries().size(), 1u);
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_init_ssl_config", "Null ptr received for tlsc_config"));
+    EXPECT_EQ(tlsc_ssl_ctx, nullptr);
+    EXPECT_EQ(sock->ssl_ctx, nullptr);
+}
+
+TEST_F(engine_tls, a_context_whose_mechanism_or_certificates_fail_is_kept_as_it_was_made) {
+    for (int32_t mechanism : {SSL_AUTH_NONE, SSL_AUTH_CERTIFICATE}) {
+        conf->ssl_auth_mech = mechanism;  // the certificates have no names
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(tlsc_init_ssl_config(), 0);
+        (void)testing::internal::GetCapturedStderr();
+        ERR_clear_error();
+        ASSERT_NE(tlsc_ssl_ctx, nullptr);
+        EXPECT_EQ(sock->ssl_ctx, tlsc_ssl_ctx);
+        EXPECT_EQ(SSL_CTX_get_verify_mode(tlsc_ssl_ctx), SSL_VERIFY_NONE);
+        EXPECT_EQ(SSL_CTX_get_verify_callback(tlsc_ssl_ctx), nullptr);
+        EXPECT_EQ(SSL_CTX_get_info_callback(tlsc_ssl_ctx), nullptr);
+        EXPECT_EQ(SSL_CTX_get_quiet_shutdown(tlsc_ssl_ctx), 0);
+        SSL_CTX_free(tlsc_ssl_ctx);
+        tlsc_ssl_ctx = nullptr;
+    }
+}
+
+TEST_F(engine_tls, the_protocol_is_traced_by_both_callbacks_of_the_context) {
+    set_text(psk_identity, "identity");
+    set_text(psk_key, peer_key);
+    ASSERT_EQ(tlsc_init_ssl_config(), 1);
+    tlsc_log_level = LOG_SSL_DBG;
+    tls_peer peer;
+    EXPECT_EQ(connect_to(peer), 1);
+    EXPECT_TRUE(logged_like("SSL_DEBUG", "tlsc_ssl_msg_cb", ">>> TLS 1.2 Handshake [length *], ClientHello*"));
+    EXPECT_TRUE(log.has("SSL_DEBUG", "tlsc_debug.c", "tlsc_ssl_info_cb", "Handshake done: SSL negotiation finished successfully"));
 }
 
 // ---- certificates of the client ----------------------------------------------------------------------------------------------
@@ -274,6 +362,77 @@ TEST_F(engine_tls, a_key_that_does_not_match_the_certificate_is_refused) {
     (void)testing::internal::GetCapturedStderr();
     EXPECT_NE(sock->ssl_ctx, nullptr);  // the context is kept, without callbacks and cipher list
     ERR_clear_error();
+}
+
+TEST_F(engine_tls, a_key_of_another_kind_is_reported_as_not_matching) {
+    use_certificates();
+    set_text(conf->ssl_private_key, authority::path("rsa.key"));
+    EXPECT_EQ(tlsc_init_ssl_config(), 0);
+    EXPECT_EQ(log.entries().size(), 1u);
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_load_certs", "Private key does not match the public certificate"));
+    ERR_clear_error();
+}
+
+// Files that are none, or hold something else, or are damaged.
+const char *const broken_files[] = {
+    "no-such-file.pem", "empty.pem",          "directory.pem",          "random.pem",            "zeros.pem",
+    "root-cut.pem",     "root-without-end.pem", "root-without-frame.pem", "root-line-lost.pem",    "root-foreign-letter.pem",
+    "crl-cut.pem",      "crl-without-end.pem",  "crl-without-frame.pem",  "crl-line-lost.pem",     "crl-foreign-letter.pem",
+    "crl-of-a-certificate.pem", "certificate-of-a-crl.pem", "root.key", "root-long-line.pem", "crl-long-line.pem", "crl-other-bytes.pem", "root-other-bytes.pem"};
+
+TEST_F(engine_tls, no_broken_file_in_the_place_of_one_of_the_clients_gets_past_the_loading) {
+    testing::internal::CaptureStderr();
+    for (const char *file : broken_files) {
+        // Each of the three in turn; the check of the CRL waits for the handshake.
+        for (int which = 0; which < 3; ++which) {
+            use_certificates();
+            char *const fields[] = {conf->ssl_certificate, conf->ssl_private_key, conf->ssl_rootca_bundle};
+            if (which == 1 && file == std::string("root.key")) continue;  // is one, only not the certificate's
+            set_text(fields[which], authority::path(file));
+            SSL_CTX *ctx = __real_SSL_CTX_new(TLS_client_method());
+            const int32_t result = tlsc_load_certs(ctx, conf);
+            const bool    is_crl = std::string(file).find("crl") == 0;  // which a bundle may hold
+            if (which != 2 || !is_crl) { EXPECT_EQ(result, 0) << file << " " << which; }
+            ERR_clear_error();
+            SSL_CTX_free(ctx);
+        }
+    }
+    (void)testing::internal::GetCapturedStderr();
+}
+
+TEST_F(engine_tls, no_broken_file_in_the_place_of_bundle_or_crl_lets_a_certificate_pass) {
+    use_certificates();
+    FILE *file = fopen(authority::path("leaf.pem").c_str(), "r");
+    X509 *leaf = PEM_read_X509(file, nullptr, nullptr, nullptr);
+    fclose(file);
+    X509_STORE *store  = X509_STORE_new();
+    const auto  verify = [&] {
+        X509_STORE_CTX *outer = X509_STORE_CTX_new();
+        X509_STORE_CTX_init(outer, store, leaf, nullptr);
+        X509_STORE_CTX_set_current_cert(outer, leaf);
+        const int verdict = tlsc_verify_cert_cb(1, outer);
+        X509_STORE_CTX_free(outer);
+        return verdict;
+    };
+    const int before = open_descriptors();
+    ASSERT_EQ(verify(), 1);
+    for (const char *broken : broken_files) {
+        use_certificates(broken);
+        EXPECT_EQ(verify(), 0) << "bundle " << broken;
+        use_certificates("root.pem", broken);
+        EXPECT_EQ(verify(), 0) << "crl " << broken;
+    }
+    use_certificates("root-behind-words.pem");  // what stands above the first certificate is not looked at
+    EXPECT_EQ(verify(), 1);
+    EXPECT_EQ(open_descriptors(), before);
+    ERR_clear_error();
+    conf_is_missing = true;
+    log.clear();
+    EXPECT_EQ(verify(), 0);
+    EXPECT_EQ(log.messages(), (strings{"tlsc_verify_cert_cb received...", "Null ptr received for conf"}));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_verify_cert_cb", "Null ptr received for conf"));
+    X509_STORE_free(store);
+    X509_free(leaf);
 }
 
 // ---- the verification callback ------------------------------------------------------------------------------------------------
@@ -403,7 +562,9 @@ TEST_F(engine_tls, the_key_is_the_configured_text_itself_byte_for_byte_not_decod
     EXPECT_STREQ(identity, "device-7");
     EXPECT_EQ(std::string(reinterpret_cast<char *>(key), 8), "abcd1234");
     EXPECT_EQ(key[8], 0xEE);  // no terminator
-    EXPECT_EQ(log.messages(), (strings{"psk_client_cb received...", "Received PSK-identity-hint 'the hint'", "created identity 'device-7' len=8", "created PSK of len = 8"}));
+    EXPECT_EQ(lines_from(engine_file),
+              (strings{"INFO tlsc_psk_client_cb: psk_client_cb received...", "DEBUG tlsc_psk_client_cb: Received PSK-identity-hint 'the hint'",
+                       "DEBUG tlsc_psk_client_cb: created identity 'device-7' len=8", "INFO tlsc_psk_client_cb: created PSK of len = 8"}));
 }
 
 TEST_F(engine_tls, a_missing_hint_is_a_warning_only) {
@@ -413,6 +574,31 @@ TEST_F(engine_tls, a_missing_hint_is_a_warning_only) {
     unsigned char key[257];
     EXPECT_EQ(tlsc_psk_client_cb(nullptr, nullptr, identity, sizeof(identity), key, sizeof(key)), 1u);
     EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_psk_client_cb", "NULL received for PSK-identity-hint, continuing anyway..."));
+}
+
+TEST_F(engine_tls, a_hint_is_shown_as_it_is_and_influences_nothing) {
+    set_text(psk_identity, "i");
+    set_text(psk_key, "k");
+    for (const std::string &hint : {std::string(), std::string("%s%n%x"), std::string("a\nb\x01\xff"), std::string(500, 'h')}) {
+        char          identity[129];
+        unsigned char key[257];
+        EXPECT_EQ(tlsc_psk_client_cb(nullptr, hint.c_str(), identity, sizeof(identity), key, sizeof(key)), 1u);
+        EXPECT_STREQ(identity, "i");
+        EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_psk_client_cb", "Received PSK-identity-hint '" + hint + "'"));
+    }
+}
+
+TEST_F(engine_tls, the_room_for_the_key_is_not_checked_and_an_empty_key_gives_0) {
+    set_text(psk_identity, "i");
+    set_text(psk_key, "abcd1234");
+    char          identity[129];
+    unsigned char key[257];
+    EXPECT_EQ(tlsc_psk_client_cb(nullptr, "", identity, sizeof(identity), key, 4), 8u);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(key), 8), "abcd1234");
+    set_text(psk_key, "");
+    log.clear();
+    EXPECT_EQ(tlsc_psk_client_cb(nullptr, "", identity, sizeof(identity), key, sizeof(key)), 0u);
+    EXPECT_EQ(log.messages().back(), "created PSK of len = 0");
 }
 
 TEST_F(engine_tls, an_identity_that_does_not_fit_fails) {

@@ -2,6 +2,7 @@
 // sleep() returns at once and is noted as well. For executables that wrap timerfd_settime and sleep.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -54,6 +55,9 @@ public:
         slept().clear();
     }
 
+    // Called inside every sleep while it is set.
+    static inline std::atomic<void (*)()> during_sleep{nullptr};
+
     static void note_timer(int fd, long seconds) {
         const std::lock_guard<std::mutex> guard(mutex());
         timers().push_back({name_of(fd), fd, seconds});
@@ -104,5 +108,6 @@ extern "C" int __wrap_timerfd_settime(int fd, int flags, const itimerspec *setti
 
 extern "C" unsigned __wrap_sleep(unsigned seconds) {
     hand_clock::note_sleep(seconds);
+    if (void (*call)() = hand_clock::during_sleep) call();
     return 0;
 }

@@ -14,6 +14,7 @@ int32_t                  tls_result = 1;
 std::vector<int32_t>     teardowns;       // causes
 bool                     resolution_asked;
 int32_t                  resolution_result;
+int                      dp_state_at_query;  // the data-path state when the controller was asked
 int                      connections;        // attempts
 int32_t                  connection_result;  // of the next attempts
 int                      next_socket = -1;   // the socket that the next attempt leaves in the context
@@ -36,7 +37,8 @@ extern "C" int32_t __wrap__Z15tlsc_sock_errori(int32_t cause) {
 }
 
 extern "C" int32_t __wrap__Z31tlsc_request_gw_name_resolutionv() {
-    resolution_asked = true;
+    resolution_asked  = true;
+    dp_state_at_query = tlsc_dp_state;
     return resolution_result;
 }
 
@@ -120,9 +122,11 @@ TEST_F(timer_expiry, dpd_expiry_sends_a_request_starts_the_retry_timer_and_close
     itimerspec setting{};
     ASSERT_EQ(timerfd_gettime(tlsc_timers.retry, &setting), 0);
     EXPECT_EQ(setting.it_interval.tv_sec, 20);
+    EXPECT_TRUE(log.has("DEBUG", timer_file, "tlsc_handle_dpd_expiry", "DPD timer expiry event"));
     EXPECT_LT(position("DPD timer expiry event"), position("Sending DPD Request [Req Retry Ref #0]"));
     EXPECT_LT(position("Sending DPD Request [Req Retry Ref #0]"), position("Started Retry Timer for 20 sec"));
-    EXPECT_GE(position("DPD timer expiry event"), 0);
+    EXPECT_LT(position("Started Retry Timer for 20 sec"), position(text_of("Successfully deleted fd = %d, to epoll-event", dpd)));
+    EXPECT_NE(tlsc_timers.retry, dpd);
     expect_counters({{"dpd_req_tx", 1}, {"ctrl_pkt_tx", 1}});
 }
 
@@ -210,6 +214,7 @@ TEST_F(timer_expiry, rekey_expiry_stops_the_data_path_and_waits_for_the_controll
     tlsc_handle_rekey_expiry(sock);
     EXPECT_EQ(tlsc_dp_state, 0);
     EXPECT_TRUE(resolution_asked);
+    EXPECT_EQ(dp_state_at_query, 0);
     EXPECT_EQ(connections, 0);
     ASSERT_GT(tlsc_timers.fqdn, 0);
     itimerspec setting{};
@@ -291,6 +296,30 @@ TEST_F(timer_expiry, a_failed_connection_returns_0_before_the_old_transport_is_t
     tlsc_old_ssl          = nullptr;
 }
 
+TEST_F(timer_expiry, a_second_attempt_behind_a_failed_one_keeps_the_same_old_transport) {
+    connect_first();
+    sock->ssl = nullptr;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_EQ(tlsc_start_rekey_proc(sock), 0);
+        EXPECT_EQ(tlsc_old_transport_fd, old_pair[0]);
+        EXPECT_TRUE(is_open(old_pair[0]));
+        EXPECT_TRUE(is_registered(old_pair[0]));
+    }
+    EXPECT_FALSE(log.contains("SSL-handle"));
+    tlsc_old_transport_fd = -1;
+}
+
+TEST_F(timer_expiry, a_connection_whose_request_failed_leaves_no_socket_to_register) {
+    connection_result = 1;
+    for (int none : {0, -1}) {
+        next_socket = none;
+        EXPECT_EQ(tlsc_start_rekey_proc(sock), 1);
+    }
+    EXPECT_EQ(lines_from(timer_file),
+              (strings{"INFO tlsc_start_rekey_proc: Establish new TCP connection", "INFO tlsc_start_rekey_proc: Establish new TCP connection"}));
+    EXPECT_EQ(lines_from(engine_file), strings{});
+}
+
 TEST_F(timer_expiry, a_failed_handshake_is_passed_on_as_7) {
     connect_first();
     connection_result = 7;
@@ -340,7 +369,8 @@ TEST_F(timer_expiry, null_contexts_are_refused) {
     tlsc_handle_dpd_expiry(nullptr);
     EXPECT_EQ(tlsc_start_rekey_proc(nullptr), 0);
     EXPECT_EQ(connections, 0);
-    EXPECT_EQ(messages_from(timer_file), (strings{"Null ptr received for sock", "Null ptr received for sock"}));
+    EXPECT_EQ(lines_from(timer_file),
+              (strings{"ERROR tlsc_handle_dpd_expiry: Null ptr received for sock", "ERROR tlsc_start_rekey_proc: Null ptr received for sock"}));
 }
 
 }  // namespace

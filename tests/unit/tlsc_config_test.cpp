@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -244,6 +245,8 @@ TEST_F(tlsc_config_file, null_arguments_are_refused) {
     EXPECT_EQ(tlsc_read_param_val(nullptr, value), 0);
     EXPECT_EQ(tlsc_read_param_val("server_port", nullptr), 0);
     EXPECT_EQ(tlsc_read_config_file(nullptr), 0);
+    EXPECT_EQ(log.count("ERROR", "tlsc_config.c", "tlsc_read_param_val", "Null ptr received for key/value"), 2u);
+    EXPECT_EQ(log.count("ERROR", "tlsc_config.c", "tlsc_read_config_file", "Null ptr received for conf"), 1u);
     EXPECT_EQ(log.entries().size(), 3u);
 }
 
@@ -315,6 +318,12 @@ TEST_F(tlsc_config_file, complete_certificate_file_fills_the_four_paths) {
               (std::vector<std::string>{"SSL auth-mech set to Certificate", "SSL certificate file path set successfully",
                                         "SSL private_key file path set successfully", "SSL root_ca file path set successfully",
                                         "SSL crl file path set successfully"}));
+    for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "DEBUG") << line.message;
+    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_auth_mech", "SSL auth-mech set to Certificate"));
+    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_certificate", "SSL certificate file path set successfully"));
+    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_private_key", "SSL private_key file path set successfully"));
+    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_rootca_bundle", "SSL root_ca file path set successfully"));
+    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_crl", "SSL crl file path set successfully"));
 }
 
 TEST_F(tlsc_config_file, other_mechanisms_settings_are_ignored) {
@@ -517,6 +526,15 @@ TEST_F(tlsc_config_file, log_level_outside_0_to_5_becomes_2_with_a_warning) {
     }
 }
 
+TEST_F(tlsc_config_file, log_level_is_read_as_a_number_whatever_it_says) {
+    for (const auto &[text, level] : std::vector<std::pair<const char *, int32_t>>{{"", 0}, {"debug", 0}, {" 4 and more", 4}, {"+1", 1}, {"03", 3}}) {
+        log_capture log;
+        ASSERT_EQ(load(with(psk_settings, "log_level", text)), 1) << text;
+        EXPECT_EQ(tlsc_log_level, level) << text;
+        EXPECT_FALSE(log.contains("Invalid log level")) << text;
+    }
+}
+
 TEST_F(tlsc_config_file, missing_log_level_becomes_2_with_a_warning) {
     log_capture log;
     ASSERT_EQ(load(without(psk_settings, "log_level")), 1);
@@ -543,6 +561,44 @@ TEST_F(tlsc_config_file, value_of_the_last_line_without_a_line_end_loses_its_las
     write_text(file_name, text);
     ASSERT_EQ(tlsc_read_config_file(&conf), 1);
     EXPECT_STREQ(conf.serial_no, "SN12345");
+}
+
+TEST_F(tlsc_config_file, malformed_files_end_the_load_at_what_they_lack_and_never_show_the_key) {
+    const std::string                                      good = as_text(psk_settings);
+    const std::vector<std::pair<std::string, const char *>> table{
+        {"", "Server Addr not found!!"},
+        {"=", "Server Addr not found!!"},
+        {std::string(100000, '='), "Server Addr not found!!"},
+        {std::string(100000, '\n'), "Server Addr not found!!"},
+        {std::string(100000, '\0'), "Server Addr not found!!"},
+        {std::string(3, '\0') + "\n" + good, "Log level set from config file, Log-Level = 3"},  // a line of its own
+        {std::string(1, '\0') + good, "Server Addr not found!!"},                                // the first line ends before it begins
+        {std::string(499, 'x') + good, "Log level set from config file, Log-Level = 3"},         // the first piece of the line holds no key
+        {std::string(495, 'x') + good, "Server Addr not found!!"},                               // the key lies in two pieces
+        {"server_ip_address" + std::string(482, ' ') + good, "Log level set from config file, Log-Level = 3"},
+        {"server_ip_address=\n" + as_text(without(psk_settings, "server_ip_address")), "Log level set from config file, Log-Level = 3"},
+        {good + "server_ip_address=" + std::string(1000, '9') + "\n", "Invalid Server Addr!!"},
+        {good + "psk_key=" + std::string(5000, 'k') + "very-secret-key\n", "Invalid PSK Key length(490). Range(5-4)!!"},
+        {good + "psk_key==very-secret-key=\n", "Invalid PSK Key length(0). Range(5-4)!!"},
+        {good + "psk_identity", "Log level set from config file, Log-Level = 3"},
+        {good + "psk_identity=", "Invalid PSK ID length(0). Range(3-128)!!"},
+        {good + "ssl_authentication_mechanism=very-secret-key\n", "Invalid SSL authentication-mechanism!!"},
+        {good + "log_level=very-secret-key", "Log level set from config file, Log-Level = 0"}};
+    for (size_t i = 0; i < table.size(); ++i) {
+        log_capture log(LOG_BUF_PRINT);
+        write_text(file_name, table[i].first);
+        const bool loads = std::string(table[i].second).find("Log level set") == 0;
+        EXPECT_EQ(tlsc_read_config_file(&conf), loads ? 1 : 0) << i;
+        ASSERT_FALSE(log.entries().empty()) << i;
+        if (tlsc_log_level >= LOG_DEBUG) { EXPECT_EQ(log.entries().back().message, table[i].second) << i; }
+        EXPECT_FALSE(log.contains("very-secret-key")) << i;
+    }
+    unlink(file_name);
+    ASSERT_EQ(mkdir(file_name, 0700), 0);
+    log_capture log;
+    EXPECT_EQ(tlsc_read_config_file(&conf), 0) << "a directory";
+    EXPECT_TRUE(log.has("ERROR", "tlsc_config.c", "load_server_ip_address", "Server Addr not found!!"));
+    ASSERT_EQ(rmdir(file_name), 0);
 }
 
 TEST_F(tlsc_config_file, any_bytes_are_survived) {

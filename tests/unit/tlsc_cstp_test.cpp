@@ -1,6 +1,8 @@
 // Frames: reading, writing, dispatch by type. The TLS layer and the TUN writer are stood in for; what goes over the
 // wire is compared as bytes. Configuration responses have a file of their own.
 
+#include <random>
+
 #include <sys/timerfd.h>
 
 #include "tlsc_cstp.h"
@@ -15,7 +17,7 @@ std::string           written;            // what the code under test gave to th
 tlsc_sock            *written_on;         // and on which connection
 int32_t               tls_result = 1;     // outcome of the next TLS operations
 std::string           to_read;            // what the next TLS read delivers
-bool                  read_asked;
+int                   reads;              // TLS reads asked for
 int32_t               read_room;          // bytes asked for by the last TLS read
 std::string           tun_bytes;          // what the TUN writer got, by its announced length, at most what is readable
 int32_t               tun_length = -1;
@@ -34,8 +36,8 @@ extern "C" int32_t __wrap__Z14tlsc_ssl_writeP9tlsc_sockPKviPi(tlsc_sock *sock, c
 }
 
 extern "C" int32_t __wrap__Z13tlsc_ssl_readP9tlsc_sockPviPi(tlsc_sock *, void *buff, int32_t length, int32_t *result) {
-    read_asked = true;
-    read_room  = length;
+    ++reads;
+    read_room = length;
     if (result) *result = tls_result;
     if (tls_result != 1) return 0;
     const size_t count = std::min(to_read.size(), static_cast<size_t>(length));
@@ -61,7 +63,7 @@ protected:
         written_on = nullptr;
         tls_result = 1;
         to_read.clear();
-        read_asked = false;
+        reads      = 0;
         read_room  = 0;
         tun_bytes.clear();
         tun_length = -1;
@@ -101,7 +103,7 @@ TEST_F(tlsc_cstp, null_arguments_of_the_reader_are_refused_with_0) {
     EXPECT_EQ(tlsc_cstp_read_frame(nullptr, &frame), 0);
     EXPECT_EQ(tlsc_cstp_read_frame(sock, nullptr), 0);
     EXPECT_EQ(log.count("ERROR", cstp_file, "tlsc_cstp_read_frame", "Null pointer received for sock/frame/ssl"), 3u);
-    EXPECT_FALSE(read_asked);
+    EXPECT_EQ(reads, 0);
 }
 
 TEST_F(tlsc_cstp, one_read_of_at_most_1500_bytes_gives_one_frame) {
@@ -130,6 +132,7 @@ TEST_F(tlsc_cstp, a_short_read_keeps_the_announced_length_and_fills_up_with_zero
     pretend_tls();
     std::string announced_100 = wire_frame(0, std::string(100, 'x')).substr(0, 30);
     EXPECT_EQ(read_bytes(announced_100), 1);
+    EXPECT_EQ(reads, 1);  // none for the rest
     EXPECT_EQ(frame_bytes().substr(0, 30), announced_100);
     EXPECT_EQ(frame_bytes().substr(30), std::string(1501 - 30, '\0'));
     EXPECT_EQ(tlsc_process_cstp_frame(sock, &frame), 1);
@@ -266,7 +269,7 @@ TEST_F(tlsc_cstp, a_data_frame_is_counted_and_handed_to_the_tun_writer) {
     EXPECT_EQ(process(0, "E-packet"), 1);
     EXPECT_EQ(tun_length, 8);
     EXPECT_EQ(tun_bytes, "E-packet");
-    EXPECT_TRUE(log.contains(text_of("Got CSTP Data frame of len 8 for conn %p", static_cast<void *>(sock))));
+    EXPECT_TRUE(log.has("DEBUG", cstp_file, "process_data_frame", text_of("Got CSTP Data frame of len 8 for conn %p", static_cast<void *>(sock))));
     expect_counters({{"data_pkt_rx", 1}});
 }
 
@@ -278,7 +281,8 @@ TEST_F(tlsc_cstp, a_data_frame_of_length_0_is_still_handed_to_the_tun_writer) {
 TEST_F(tlsc_cstp, a_data_frame_is_counted_as_received_even_if_tun_refuses_it) {
     tun_result = 0;
     EXPECT_EQ(process(0, "E"), 0);
-    EXPECT_TRUE(log.contains(text_of("Could not write data-frame on tun-intf, for conn %p", static_cast<void *>(sock))));
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_data_frame",
+                        text_of("Could not write data-frame on tun-intf, for conn %p", static_cast<void *>(sock))));
     expect_counters({{"data_pkt_rx", 1}});
 }
 
@@ -299,8 +303,10 @@ TEST_F(tlsc_cstp, every_type_but_0_2_and_4_is_counted_as_invalid_and_dropped) {
         log.clear();
         EXPECT_EQ(process(type, "payload"), 0) << type;
         ++invalid;
-        EXPECT_TRUE(log.contains(text_of("Receieved invalid cstp frame(%d) for conn %p.. dropping..", type, static_cast<void *>(sock)))) << type;
-        EXPECT_TRUE(log.contains(failed_due_to("TLSC_CSTP_INVALID_FRAME_RECVD"))) << type;
+        EXPECT_TRUE(log.has("ERROR", cstp_file, "drop_invalid_frame",
+                            text_of("Receieved invalid cstp frame(%d) for conn %p.. dropping..", type, static_cast<void *>(sock))))
+            << type;
+        EXPECT_TRUE(log.has("ERROR", cstp_file, "drop_invalid_frame", failed_due_to("TLSC_CSTP_INVALID_FRAME_RECVD"))) << type;
         EXPECT_FALSE(log.contains("Closing connection"));
     }
     EXPECT_EQ(tun_length, -1);
@@ -315,7 +321,8 @@ TEST_F(tlsc_cstp, a_dpd_response_arms_the_dpd_timer_stops_the_retry_timer_and_re
     EXPECT_GT(tlsc_timers.dpd, 0);
     EXPECT_EQ(tlsc_timers.retry, -1);
     EXPECT_EQ(tlsc_retry_ref, 0);
-    EXPECT_TRUE(log.contains(text_of("Got CSTP dpd resp frame [Req Retry Ref #3] for conn %p", static_cast<void *>(sock))));
+    EXPECT_TRUE(log.has("INFO", cstp_file, "process_dpd_response",
+                        text_of("Got CSTP dpd resp frame [Req Retry Ref #3] for conn %p", static_cast<void *>(sock))));
     expect_counters({{"dpd_rsp_rx", 1}, {"ctrl_pkt_rx", 1}});
 
     itimerspec setting{};
@@ -354,9 +361,65 @@ TEST_F(tlsc_cstp, the_retry_timer_keeps_running_when_the_dpd_timer_cannot_be_arm
     EXPECT_EQ(process(4, ""), 0);
     EXPECT_GT(tlsc_timers.retry, 0);
     EXPECT_EQ(tlsc_retry_ref, 2);
-    EXPECT_TRUE(log.contains(text_of("Could not start DPD timer for conn %p", static_cast<void *>(sock))));
-    EXPECT_TRUE(log.contains(failed_due_to("TLSC_CSTP_START_TIMER_FAILED")));
+    EXPECT_TRUE(log.has("WARNING", cstp_file, "process_dpd_response", text_of("Could not start DPD timer for conn %p", static_cast<void *>(sock))));
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_dpd_response", failed_due_to("TLSC_CSTP_START_TIMER_FAILED")));
     expect_counters({});
+}
+
+// ---- whatever the gateway sends -------------------------------------------------------------------------------------------
+
+// The fields that a frame may have wrong, one by one and together, with a payload that is whole, cut or missing.
+TEST_F(tlsc_cstp, malformed_frames_are_dispatched_by_type_and_length_alone) {
+    pretend_tls();
+    memcpy(psk_key, "never to be shown", 18);
+    uint64_t data = 0, responses = 0, answers = 0, invalid = 0;
+    for (const char *magic : {"STF", "\xff\xff\xff"})
+        for (int version : {1, 255})
+            for (int reserved : {0, 255}) {
+                tlsc_log_level = magic[0] == 'S' && version == 1 && reserved == 0 ? LOG_BUF_PRINT : LOG_ERRORS;
+                for (int type : {0, 1, 2, 3, 4, 5, 128, 255})
+                    for (int announced : {0, 1, 1436, 1437, 1492, 1493, 65535})
+                        for (size_t sent : {0, 1, 1492}) {
+                            std::string bytes = wire_frame(type, std::string(sent, '\x45'));
+                            bytes.replace(0, 3, magic);
+                            bytes[3] = static_cast<char>(version);
+                            bytes[4] = static_cast<char>(announced >> 8);
+                            bytes[5] = static_cast<char>(announced);
+                            bytes[7] = static_cast<char>(reserved);
+                            tun_length = -1;
+                            ASSERT_EQ(read_bytes(bytes), 1);
+                            const int32_t result = tlsc_process_cstp_frame(sock, &frame);
+                            ASSERT_EQ(result, type == 0 || type == 4);
+                            ASSERT_EQ(tun_length, type == 0 ? announced : -1);
+                            data += type == 0;
+                            responses += type == 2;
+                            answers += type == 4;
+                            invalid += type != 0 && type != 2 && type != 4;
+                        }
+            }
+    expect_counters({{"data_pkt_rx", data}, {"ctrl_pkt_rx", responses + answers}, {"dpd_rsp_rx", answers}, {"invalid_rx", invalid}});
+    EXPECT_FALSE(log.contains("never to be shown"));
+}
+
+TEST_F(tlsc_cstp, reads_of_random_bytes_and_sizes_stay_inside_the_frame) {
+    pretend_tls();
+    tlsc_log_level = LOG_ERRORS;
+    std::mt19937 random(51);
+    uint64_t     rounds = 0, data = 0;
+    for (; rounds < 1000; ++rounds) {
+        std::string bytes(random() % 1600 + 1, '\0');
+        for (char &byte : bytes) byte = static_cast<char>(random());
+        if (bytes.size() > 6) bytes[6] = static_cast<char>(random() % 6);
+        ASSERT_EQ(read_bytes(bytes), 1);
+        const uint8_t type = frame.header.type;
+        const bool    good = tlsc_process_cstp_frame(sock, &frame) == 1;
+        ASSERT_EQ(good, type == 0 || type == 4);
+        data += type == 0;
+    }
+    tlsc_stats stats;
+    tlsc_stats_get(&stats);
+    EXPECT_EQ(stats.data_pkt_rx, data);
+    EXPECT_EQ(stats.data_pkt_rx + stats.ctrl_pkt_rx + stats.invalid_rx, rounds);
 }
 
 }  // namespace

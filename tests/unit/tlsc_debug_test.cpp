@@ -2,6 +2,7 @@
 // of a process that has just started. write, open and system are recorded on their way to the kernel.
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,6 +38,7 @@ struct written {
 };
 
 bool                     recording;
+std::atomic<bool>        yielding;  // every write lets other threads go first
 std::vector<written>     writes;         // of the log service
 std::vector<std::string> calls;          // "write N", "system ...", "open ...", in order
 std::deque<ssize_t>      write_results;  // each answers one write instead of the kernel; -2 lets one pass
@@ -44,6 +47,7 @@ int                      shell_status = -1;  // answers system instead of the sh
 int                      open_flags;
 mode_t                   open_mode;
 bool                     clock_is_broken;
+bool                     locks_count;  // "take", "give" and the like go into calls as well
 
 }  // namespace
 
@@ -51,6 +55,7 @@ extern "C" {
 
 ssize_t __real_write(int fd, const void *bytes, size_t length);
 ssize_t __wrap_write(int fd, const void *bytes, size_t length) {
+    if (yielding) std::this_thread::yield();
     if (!recording) return __real_write(fd, bytes, length);
 
     writes.push_back({fd, std::string(static_cast<const char *>(bytes), length)});
@@ -86,6 +91,34 @@ int __wrap_open(const char *path, int flags, ...) {
         }
     }
     return __real_open(path, flags, mode);
+}
+
+void note_lock(const char *call) {
+    if (locks_count) calls.push_back(call);
+}
+
+int __real_pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes);
+int __wrap_pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes) {
+    note_lock(attributes ? "create with attributes" : "create");
+    return __real_pthread_mutex_init(mutex, attributes);
+}
+
+int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
+int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
+    note_lock("take");
+    return __real_pthread_mutex_lock(mutex);
+}
+
+int __real_pthread_mutex_unlock(pthread_mutex_t *mutex);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex) {
+    note_lock("give");
+    return __real_pthread_mutex_unlock(mutex);
+}
+
+int __real_pthread_mutex_destroy(pthread_mutex_t *mutex);
+int __wrap_pthread_mutex_destroy(pthread_mutex_t *mutex) {
+    note_lock("destroy");
+    return __real_pthread_mutex_destroy(mutex);
 }
 
 tm *__real_localtime_r(const time_t *time, tm *result);
@@ -795,6 +828,7 @@ TEST_F(tlsc_debug, lines_of_many_threads_never_interleave_and_each_has_its_own_n
         tlsc_log_rotate();
         tlsc_log_level = LOG_INFO;
         tlsc_log_dest  = LOG_DEST_FILE;
+        yielding       = true;
         constexpr int            threads = 8, lines = 300;
         std::vector<std::thread> crowd;
         for (int t = 0; t < threads; ++t)
@@ -818,6 +852,36 @@ TEST_F(tlsc_debug, lines_of_many_threads_never_interleave_and_each_has_its_own_n
         }
         EXPECT_EQ(counters.size(), static_cast<size_t>(threads * lines));
         EXPECT_EQ(*counters.rbegin(), static_cast<unsigned>(threads * lines));
+    }));
+}
+
+TEST_F(tlsc_debug, lock_is_taken_for_each_line_and_for_each_piece_of_a_dump_on_its_own) {
+    EXPECT_TRUE(in_fresh_process([] {
+        using strings = std::vector<std::string>;
+        replace_by_memory(STDOUT_FILENO);
+        locks_count = true;
+        tlsc_log_lock_create();
+        EXPECT_EQ(calls, strings{"create"});
+        start_log(LOG_BUF_PRINT, LOG_DEST_CONSOLE);
+        TLSC_ERROR("a line");
+        EXPECT_EQ(calls, (strings{"take", "write 1", "give"}));
+        calls.clear();
+        tlsc_log_hex("ab", 2);
+        EXPECT_EQ(calls, (strings{"take", "write 1", "give", "take", "write 1", "give"}));
+        calls.clear();
+        tlsc_log_piece("a piece");
+        EXPECT_EQ(calls, (strings{"take", "write 1", "give"}));
+        calls.clear();
+        tlsc_ssl_msg_cb(1, 0x0303, 22, "", 1, nullptr, nullptr);  // the line, a line start, one byte, a line end
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "take"), 4);
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "give"), 4);
+        calls.clear();
+        tlscWlcSetBootupDbgFlags(1);
+        WLC_MSG_EVENT("past the service");
+        EXPECT_EQ(calls, strings{});
+        tlsc_log_lock_destroy();
+        TLSC_ERROR("without a lock");
+        EXPECT_EQ(calls, (strings{"destroy", "write 1"}));
     }));
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <fstream>
 
 #include <sys/stat.h>
 
@@ -29,6 +30,15 @@ unsigned                 seed;
 int                      poll_result;  // of the polls before the exit
 bool                     halt_result;     // whether the tunnel thread can be halted
 bool                     client_running;  // whether one is started
+std::function<void()>    at_lock_destruction;
+bool                     print_steps;  // among the log lines, to see what comes before what
+
+void note_step(const char *step) {
+    steps.push_back(step);
+    if (!print_steps) return;
+    printf("\n<%s>", step);
+    fflush(stdout);  // the log does not wait for it
+}
 
 }  // namespace
 
@@ -36,40 +46,40 @@ extern "C" int __wrap_nanosleep(const timespec *duration, timespec *rest) {
     EXPECT_EQ(duration->tv_sec, 2);
     EXPECT_EQ(duration->tv_nsec, 0);
     EXPECT_EQ(rest, nullptr);
-    steps.push_back("sleep");
+    note_step("sleep");
     errno = EINTR;
     return -1;  // interrupted, and not resumed
 }
 
 extern "C" int __wrap__Z18wlcTlscFifoHandlerv() {
-    steps.push_back("poll");
+    note_step("poll");
     return --polls_until_exit <= 0 ? -2 : poll_result;
 }
 
 extern "C" int __wrap__Z29tlscWlcPostTlscStatsUpdateMsgv() {
-    steps.push_back("statistics");
+    note_step("statistics");
     return 1;
 }
 
 extern "C" int __wrap__Z11tlscWlcInitv() {
-    steps.push_back("controller up");
+    note_step("controller up");
     return init_result;
 }
 
 extern "C" int __wrap__Z14tlscWlcCleanUpv() {
-    steps.push_back("controller down");
+    note_step("controller down");
     return 1;
 }
 
-extern "C" void __wrap__Z20tlsc_cleanup_contextv() { steps.push_back("clean up"); }
+extern "C" void __wrap__Z20tlsc_cleanup_contextv() { note_step("clean up"); }
 
 extern "C" bool __wrap__Z23tlsc_halt_tunnel_threadi(int32_t seconds) {
     EXPECT_EQ(seconds, 3);
-    steps.push_back("halt");
+    note_step("halt");
     return halt_result;
 }
 
-extern "C" void __wrap__Z25tlsc_resume_tunnel_threadv() { steps.push_back("resume"); }
+extern "C" void __wrap__Z25tlsc_resume_tunnel_threadv() { note_step("resume"); }
 
 extern "C" bool __wrap__Z22tlsc_client_is_runningv() { return client_running; }
 
@@ -77,19 +87,20 @@ extern "C" uid_t __wrap_getuid() { return user; }
 
 extern "C" void __real__Z20tlsc_log_lock_createv();
 extern "C" void __wrap__Z20tlsc_log_lock_createv() {
-    steps.push_back("create lock");
+    note_step("create lock");
     __real__Z20tlsc_log_lock_createv();
 }
 
 extern "C" void __real__Z21tlsc_log_lock_destroyv();
 extern "C" void __wrap__Z21tlsc_log_lock_destroyv() {
-    steps.push_back("destroy lock");
+    note_step("destroy lock");
+    if (at_lock_destruction) at_lock_destruction();
     __real__Z21tlsc_log_lock_destroyv();
 }
 
 extern "C" int32_t __real__Z19tlsc_set_config_allv();
 extern "C" int32_t __wrap__Z19tlsc_set_config_allv() {
-    steps.push_back("settings");
+    note_step("settings");
     return set_all_fails ? 0 : __real__Z19tlsc_set_config_allv();
 }
 
@@ -114,6 +125,7 @@ protected:
         poll_result      = 0;
         halt_result      = true;
         client_running   = false;
+        print_steps      = false;
         unlink(flag_file);
         unlink("/tmp/tlsc_log");
         tlscWlcClearCfgParams();
@@ -152,8 +164,31 @@ TEST_F(tlsc_main, an_exit_order_on_the_first_poll_leads_straight_to_the_end_in_i
     EXPECT_EQ(lines[3].severity, "WARNING");
 }
 
+TEST_F(tlsc_main, every_line_has_its_place_between_the_steps) {
+    print_steps = true;
+    EXPECT_EQ(run({"create lock", "controller up", "sleep", "poll", "controller down", "clean up", "destroy lock"}), 1);
+    EXPECT_EQ(log.text().find("\n<create lock>\nTLSC["), 0u);
+    strings lines = {"DEBUG tlsc_process_main: In TLS Client process\n<controller up>",
+                     "DEBUG tlsc_process_main: Waiting on FIFO to receive messages\n<sleep>\n<poll>",
+                     "WARNING tlsc_process_main: Received TWLC_EXIT command, Exiting TLS Client!!!\n<controller down>\n<clean up>\n<destroy lock>",
+                     "WARNING tlsc_process_main: Client Shutdown!!Shutting down TLS Client...\n"};
+    EXPECT_EQ(lines_from(main_file), lines);
+    log.clear();
+    init_result = 0;
+    EXPECT_EQ(run({"create lock", "controller up", "sleep", "poll", "controller down", "clean up", "destroy lock"}), 1);
+    lines.insert(lines.begin() + 1, "ERROR tlsc_process_main: TLS Client Initialization failed");
+    EXPECT_EQ(lines_from(main_file), lines);
+    log.clear();
+    user = 65534;
+    EXPECT_EQ(run({"create lock"}), 0);
+    EXPECT_EQ(lines_from(main_file), (strings{"DEBUG tlsc_process_main: In TLS Client process",
+                                              "ERROR tlsc_process_main: Error: The program must be run as ROOT!!"
+                                              "\n  TLS Client process - Error: The program must be run as ROOT!!...existing"}));
+}
+
 TEST_F(tlsc_main, the_last_line_is_written_after_the_lock_is_gone) {
     EXPECT_EQ(in_child([&] {
+                  at_lock_destruction = [&] { EXPECT_FALSE(log.contains("Client Shutdown!!")); };
                   const int status = tlsc_process_main();
                   EXPECT_EQ(steps.back(), "destroy lock");
                   EXPECT_TRUE(log.contains("Client Shutdown!!"));
@@ -223,6 +258,26 @@ TEST_F(tlsc_main, the_flag_file_switches_the_four_debug_flags_on_whatever_it_hol
                   return tlscWlcMsgEventDbg + tlscWlcMsgErrDbg + tlscWlcIpcEventDbg + tlscWlcIpcErrDbg;
               }),
               0);
+}
+
+TEST_F(tlsc_main, whatever_bears_the_name_of_the_flag_file_counts_and_a_link_to_nothing_does_not) {
+    const auto flags = [] {
+        return in_child([] {
+            (void)tlsc_process_main();
+            return tlscWlcMsgEventDbg + tlscWlcMsgErrDbg * 2 + tlscWlcIpcEventDbg * 4 + tlscWlcIpcErrDbg * 8;
+        });
+    };
+    ASSERT_EQ(mkdir(flag_file, 0), 0);
+    EXPECT_EQ(flags(), 15);
+    ASSERT_EQ(rmdir(flag_file), 0);
+    ASSERT_EQ(symlink("/dev/null", flag_file), 0);
+    EXPECT_EQ(flags(), 15);
+    unlink(flag_file);
+    ASSERT_EQ(symlink("/nonexistent", flag_file), 0);
+    EXPECT_EQ(flags(), 0);
+    unlink(flag_file);
+    std::ofstream(flag_file) << "0\nfalse\n";  // nobody reads it
+    EXPECT_EQ(flags(), 15);
 }
 
 TEST_F(tlsc_main, with_the_flag_the_announcements_go_to_standard_output_behind_a_blank) {
@@ -383,6 +438,58 @@ TEST_F(tlsc_first_init, a_second_initialisation_keeps_pipe_context_session_and_s
     EXPECT_EQ(log.count("INFO", main_file, "tlsc_init", "Initialize tls-client"), 1u);
     EXPECT_EQ(log.count("INFO", main_file, "tlsc_init", "tlsc_init() - Invoking config set APIs"), 2u);
     EXPECT_EQ(log.count("INFO", engine_file, "tlsc_init_openssl", "OpenSSL initialized..."), 1u);
+}
+
+TEST_F(tlsc_first_init, a_second_initialisation_takes_its_steps_in_their_order) {
+    EXPECT_EQ(in_child([&] {
+                  EXPECT_EQ(tlsc_init(), 1);
+                  log.clear();
+                  EXPECT_EQ(tlsc_init(), 1);
+                  const std::string wrote = text_of("Wrote 36 bytes on pipe-fd: %d", cli_pipe_wr_fd.load());
+                  EXPECT_EQ(log.messages(), (strings{"tlsc_init called again... Reading configuration again.",
+                                                     "tlscWlcSetDebugParams() - On TLS Client, setting TLSC debug parameters message, level:debug, destination:console",
+                                                     wrote, "Sent CLI cmd: 2, to child thread", wrote, "Sent CLI cmd: 3, to child thread",
+                                                     "Setting default configurations", "DPD Interval default = 10", "Retry Interval default = 20",
+                                                     "Rekey Interval default = 3600", "FQDN Resoln Interval default = 30", "Default prefix type = ADDR_IPV4",
+                                                     "tlsc_init() - Invoking config set APIs",
+                                                     "tlsc_set_config_all() - setting all config for TLS Client",
+                                                     "tlsc_set_config_server_ip_port() - server_ip:10.1.2.3, server_port:4433",
+                                                     "tlsc_set_config_management_ip() - mgmt_ip:192.168.1.5", "tlsc_set_config_device_id() - device_id:dev",
+                                                     "tlsc_set_config_tun_interface_name() - tun_interface_name:tun7",
+                                                     "tlsc_set_config_tun_cipher_algo() - cipher_algo:PSK-AES256-CBC-SHA",
+                                                     "tlsc_set_config_psk_identify() - psk_identity:me", "tlsc_set_config_psk_key() - psk_key:***",
+                                                     "tlsc_set_config_serial_num() - serial_no:SN1", "tlsc_set_config_device_name() - device_name:a device",
+                                                     "SSL auth-mech set to PSK", summary}));
+                  return 0;
+              }),
+              0);
+}
+
+TEST_F(tlsc_first_init, a_changed_key_serves_the_next_handshake_and_a_changed_cipher_list_waits_for_a_new_process) {
+    EXPECT_EQ(in_child([&] {
+                  EXPECT_EQ(tlsc_init(), 1);
+                  const auto has_cipher = [](const std::string &name) {
+                      SSL *ssl   = SSL_new(tlsc_ssl_ctx);
+                      bool found = false;
+                      for (int i = 0; const char *cipher = SSL_get_cipher_list(ssl, i); ++i) found = found || cipher == name;
+                      SSL_free(ssl);
+                      return found;
+                  };
+                  EXPECT_EQ(wlcSecTunProcessConf("psk_identity", "somebody else"), 1);
+                  EXPECT_EQ(wlcSecTunProcessConf("psk_key", "another"), 1);
+                  EXPECT_EQ(wlcSecTunProcessConf("cipher_algo", "PSK-AES128-CBC-SHA"), 1);
+                  EXPECT_EQ(tlsc_init(), 1);
+                  EXPECT_STREQ(conf->cipher_algo, "PSK-AES128-CBC-SHA");
+                  EXPECT_TRUE(has_cipher("PSK-AES256-CBC-SHA"));
+                  EXPECT_FALSE(has_cipher("PSK-AES128-CBC-SHA"));
+                  char          identity[129];
+                  unsigned char key[257];
+                  EXPECT_EQ(tlsc_psk_client_cb(nullptr, "", identity, sizeof(identity), key, sizeof(key)), 7u);
+                  EXPECT_STREQ(identity, "somebody else");
+                  EXPECT_EQ(std::string(reinterpret_cast<char *>(key), 7), "another");
+                  return 0;
+              }),
+              0);
 }
 
 TEST_F(tlsc_first_init, the_tunnel_thread_stands_still_while_the_configuration_is_read_anew) {

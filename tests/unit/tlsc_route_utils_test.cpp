@@ -238,6 +238,20 @@ TEST_F(tlsc_route_utils, failure_by_efault_announces_a_retry_that_does_not_come)
                        {"ERROR", "tlsc_inject_v4_host_route", "Route operation failed  lo due to error[14]"}});
 }
 
+TEST_F(tlsc_route_utils, printed_error_is_the_requests_own_when_the_log_cannot_be_written_either) {
+    ioctl_errors = {EFAULT};
+    log_capture log;
+    const int   shown = dup(STDOUT_FILENO);
+    const int   full  = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(dup2(full, STDOUT_FILENO), STDOUT_FILENO);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(tlsc_inject_v4_host_route(&prefix, "lo", 1), EFAULT);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Route operation failed :: Bad address\n");
+    EXPECT_EQ(dup2(shown, STDOUT_FILENO), STDOUT_FILENO);
+    close(shown);
+    close(full);
+}
+
 TEST_F(tlsc_route_utils, failure_by_ebadf_makes_a_new_socket_and_clears_the_need) {
     ioctl_errors = {EBADF};
     log_capture log;
@@ -304,7 +318,13 @@ TEST_F(tlsc_route_utils, operation_results_are_1_minus_1_or_the_errno) {
         EXPECT_EQ(tlsc_ioctl_errno, entry.error);
         EXPECT_EQ(tlsc_new_socket_needed, entry.error == EBADF);
     }
+}
+
+TEST_F(tlsc_route_utils, operation_on_a_null_route_is_refused) {
+    log_capture log;
     EXPECT_EQ(tlsc_route_operation_ipv4(3, nullptr, 1, "lo"), 0);
+    EXPECT_TRUE(routes.empty());
+    expect_lines(log, {{"ERROR", "tlsc_route_operation_ipv4", "Null ptr received for route"}});
 }
 
 TEST_F(tlsc_route_utils, interface_sockets_are_local_or_ipv4_datagram_sockets) {

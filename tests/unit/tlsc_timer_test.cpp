@@ -6,6 +6,7 @@
 
 #include <sys/timerfd.h>
 
+#include "in_child.h"
 #include "tunnel_fixture.h"
 
 // ---- stand-ins ------------------------------------------------------------------------------------------------------
@@ -49,6 +50,13 @@ namespace {
 
 using strings = std::vector<std::string>;
 
+// Looked at before any test has run.
+const tlsc_timer_slots slots_at_start         = tlsc_timers;
+const uint32_t         backoff_at_start       = tlsc_backoff_interval;
+const int32_t          retry_ref_at_start     = tlsc_retry_ref;
+const int32_t          rekey_flag_at_start    = tlsc_rekey_in_progress;
+const int32_t          old_transport_at_start = tlsc_old_transport_fd;
+
 class tlsc_timer : public tunnel_test {
 protected:
     tlsc_timer() {
@@ -88,11 +96,19 @@ protected:
         next_random = random;
         EXPECT_EQ(tlsc_start_timer(&tlsc_timers.backoff, 1), 1);
         EXPECT_EQ(seconds_left(tlsc_timers.backoff), static_cast<long>(tlsc_backoff_interval));
-        EXPECT_TRUE(log.contains(text_of("Started Backoff Timer for %u sec", tlsc_backoff_interval)));
+        EXPECT_TRUE(log.has("INFO", timer_file, "choose_seconds", text_of("Started Backoff Timer for %u sec", tlsc_backoff_interval)));
         tlsc_stop_timer(&tlsc_timers.backoff);
         return tlsc_backoff_interval;
     }
 };
+
+TEST_F(tlsc_timer, at_process_start_no_timer_runs_and_nothing_is_counted_or_saved) {
+    for (int32_t slot : {slots_at_start.dpd, slots_at_start.retry, slots_at_start.rekey, slots_at_start.fqdn, slots_at_start.guard, slots_at_start.backoff}) EXPECT_EQ(slot, -1);
+    EXPECT_EQ(backoff_at_start, 0u);
+    EXPECT_EQ(retry_ref_at_start, 0);
+    EXPECT_EQ(rekey_flag_at_start, 0);
+    EXPECT_EQ(old_transport_at_start, -1);
+}
 
 // ---- intervals ----------------------------------------------------------------------------------------------------------
 
@@ -112,7 +128,7 @@ TEST_F(tlsc_timer, every_timer_takes_its_interval_from_its_place) {
         ASSERT_EQ(tlsc_start_timer(c.slot, 1), 1);
         EXPECT_EQ(seconds_left(*c.slot), c.seconds);
         EXPECT_EQ(period(*c.slot), 0);
-        EXPECT_TRUE(log.contains(c.line)) << c.line;
+        EXPECT_TRUE(log.has("INFO", timer_file, "choose_seconds", c.line)) << c.line;
         EXPECT_TRUE(log.has("DEBUG", timer_file, "tlsc_start_timer", text_of("Created timer with fd = %d", *c.slot)));
         EXPECT_TRUE(is_registered(*c.slot));
     }
@@ -186,6 +202,32 @@ TEST_F(tlsc_timer, a_retry_interval_of_0_runs_but_never_fires) {
     EXPECT_EQ(seconds_left(tlsc_timers.retry), 0);
 }
 
+TEST_F(tlsc_timer, the_kind_is_looked_up_in_the_order_dpd_retry_rekey_fqdn_guard_backoff) {
+    conf->dpd_interval             = 100;
+    conf->retry_interval           = 21;
+    conf->rekey_interval           = 3601;
+    conf->fqdn_resolution_interval = 31;
+    next_random                    = 0;
+    const struct {
+        int32_t *slot;
+        long     seconds;
+    } order[] = {{&tlsc_timers.dpd, 80},  {&tlsc_timers.retry, 21}, {&tlsc_timers.rekey, 3601},
+                 {&tlsc_timers.fqdn, 31}, {&tlsc_timers.guard, 10}, {&tlsc_timers.backoff, 50}};
+    for (size_t first = 0; first < std::size(order); ++first)
+        for (size_t second = 0; second < std::size(order); ++second) {
+            tlsc_backoff_interval = 50;
+            const int number      = dup(STDERR_FILENO);  // the next descriptor has this number
+            close(number);
+            if (first != second) *order[first].slot = number;  // a stale one
+            ASSERT_EQ(tlsc_start_timer(order[second].slot, 1), 1);
+            ASSERT_EQ(*order[second].slot, number);
+            EXPECT_EQ(seconds_left(number), order[std::min(first, second)].seconds) << first << " " << second;
+            *order[first].slot = number;
+            EXPECT_EQ(tlsc_stop_timer(order[first].slot), 1);
+            *order[second].slot = -1;
+        }
+}
+
 // ---- backoff ----------------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_timer, the_backoff_is_10_seconds_first_and_then_grows_by_less_than_a_fifth) {
@@ -232,8 +274,7 @@ TEST_F(tlsc_timer, a_running_timer_is_never_armed_again) {
     EXPECT_EQ(tlsc_start_timer(&tlsc_timers.rekey, 1), 1);
     EXPECT_EQ(tlsc_timers.rekey, fd);
     EXPECT_GT(seconds_left(fd), 86000);
-    EXPECT_EQ(messages_from(timer_file), (strings{text_of("Timer is already running with fd = %d", fd)}));
-    EXPECT_EQ(log.entries().front().severity, "WARNING");
+    EXPECT_EQ(lines_from(timer_file), (strings{text_of("WARNING tlsc_start_timer: Timer is already running with fd = %d", fd)}));
 }
 
 TEST_F(tlsc_timer, a_slot_holding_descriptor_0_counts_as_running) {
@@ -271,13 +312,15 @@ TEST_F(tlsc_timer, a_timer_that_cannot_be_registered_is_closed) {
 TEST_F(tlsc_timer, a_slot_of_no_known_kind_is_reported) {
     int32_t stranger = -1;
     (void)tlsc_start_timer(&stranger, 1);
-    EXPECT_TRUE(log.contains("Unknown Timer FD"));
+    EXPECT_TRUE(log.has("ERROR", timer_file, "choose_seconds", "Unknown Timer FD"));
     if (stranger > 0) close(stranger);
 }
 
 TEST_F(tlsc_timer, a_null_slot_is_refused) {
     EXPECT_EQ(tlsc_start_timer(nullptr, 1), 0);
     EXPECT_EQ(tlsc_stop_timer(nullptr), 0);
+    EXPECT_EQ(lines_from(timer_file),
+              (strings{"ERROR tlsc_start_timer: Null ptr received for slot", "ERROR tlsc_stop_timer: Invalid timer-fd received in stop-timer"}));
 }
 
 // ---- stopping -----------------------------------------------------------------------------------------------------------------
@@ -294,6 +337,19 @@ TEST_F(tlsc_timer, a_stopped_timer_is_taken_out_of_epoll_and_closed) {
 TEST_F(tlsc_timer, stopping_a_slot_without_a_timer_is_reported_and_harmless) {
     EXPECT_EQ(tlsc_stop_timer(&tlsc_timers.dpd), 0);
     EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_stop_timer", "Invalid timer-fd received in stop-timer"));
+}
+
+TEST_F(tlsc_timer, a_slot_holding_descriptor_0_is_stopped_like_any_other) {
+    EXPECT_EQ(in_child([] {
+                  close(0);
+                  EXPECT_EQ(tlsc_start_timer(&tlsc_timers.dpd, 1), 1);
+                  EXPECT_EQ(tlsc_timers.dpd, 0);
+                  EXPECT_EQ(tlsc_stop_timer(&tlsc_timers.dpd), 1);
+                  EXPECT_EQ(tlsc_timers.dpd, -1);
+                  EXPECT_FALSE(is_open(0));
+                  return 0;
+              }),
+              0);
 }
 
 TEST_F(tlsc_timer, a_timer_that_cannot_be_disarmed_is_stopped_all_the_same) {
@@ -315,11 +371,14 @@ TEST_F(tlsc_timer, a_timer_that_epoll_does_not_know_is_stopped_all_the_same) {
 }
 
 TEST_F(tlsc_timer, without_an_epoll_instance_a_stop_leaves_epoll_alone) {
-    ASSERT_EQ(tlsc_start_timer(&tlsc_timers.dpd, 1), 1);
-    close(tlsc_epoll_fd);
-    tlsc_epoll_fd = -1;
-    EXPECT_EQ(tlsc_stop_timer(&tlsc_timers.dpd), 1);
-    EXPECT_TRUE(deleted_from_epoll.empty());
+    const int epoll_fd = tlsc_epoll_fd;
+    for (int none : {0, -1}) {
+        ASSERT_EQ(tlsc_start_timer(&tlsc_timers.dpd, 1), 1);
+        tlsc_epoll_fd = none;
+        EXPECT_EQ(tlsc_stop_timer(&tlsc_timers.dpd), 1);
+        EXPECT_TRUE(deleted_from_epoll.empty());
+        tlsc_epoll_fd = epoll_fd;
+    }
 }
 
 TEST_F(tlsc_timer, stop_all_goes_retry_dpd_rekey_fqdn_backoff_guard) {

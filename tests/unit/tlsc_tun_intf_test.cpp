@@ -57,6 +57,7 @@ std::deque<int>           socket_errors;  // 0 lets one call pass
 std::deque<int>           open_errors;    // of the clone device; 0 lets one call pass
 std::vector<unsigned>     pauses;
 std::vector<std::string>  commands;
+bool                      shell_is_absent;  // commands are recorded and not run
 std::vector<state_report> reports;
 std::vector<std::string>  closings;  // "close N" and "forget N" of descriptors above 2
 const tlsc_session       *watched_session;
@@ -138,7 +139,7 @@ unsigned __wrap_sleep(unsigned seconds) {
 int __real_system(const char *command);
 int __wrap_system(const char *command) {
     commands.push_back(command);
-    return __real_system(command);
+    return shell_is_absent ? 127 << 8 : __real_system(command);
 }
 
 // tlsc_write_tun_intf_state and tlsc_forget_fd_events under the names that the linker knows.
@@ -207,6 +208,7 @@ protected:
         open_errors.clear();
         pauses.clear();
         commands.clear();
+        shell_is_absent = false;
         reports.clear();
         tlsc_ioctl_errno = tlsc_socket_errno = 0;
         tlsc_new_socket_needed               = false;
@@ -321,6 +323,7 @@ TEST_F(tlsc_tun_intf, busy_name_is_deleted_and_the_second_attempt_succeeds) {
     EXPECT_TRUE(log.has("WARNING", "tlsc_tun_intf.c", "tlsc_create_tun", "Failed to create interface for session " + self + ", Retrying to create interface..."));
     EXPECT_TRUE(log.has("ERROR", "tlsc_tun_intf.c", "tlsc_tun_delete", "Could not delete the tun-fd(" + std::to_string(first_fd) + ") from epoll-list"));
     EXPECT_FALSE(log.contains("Retry count"));
+    EXPECT_FALSE(log.contains("Error cloning")) << "the clone device opened again";
 
     ASSERT_EQ(tlsc_chg_tun_state(&session, 1), 1) << "the name is there again";
     __real_close(holder);
@@ -415,6 +418,15 @@ TEST_F(tlsc_tun_intf, attaching_refuses_a_null_name_and_a_descriptor_below_1) {
     EXPECT_TRUE(ioctl_calls.empty());
 }
 
+TEST_F(tlsc_tun_intf, descriptor_1_is_the_lowest_that_is_attached) {
+    ioctl_faults = {{TUNSETIFF, EINVAL}};
+    log_capture log;
+    EXPECT_EQ(tlsc_tun_alloc("tunt", 1), 0);
+    EXPECT_EQ(count_ioctls(TUNSETIFF), 1u);
+    expect_lines(log, {{"DEBUG", "tlsc_tun_alloc", "Creating TUN-INTERFACE with fd = 1"},
+                       {"ERROR", "tlsc_tun_alloc", "IOCTL error[22] in setting tun interface tunt"}});
+}
+
 TEST_F(tlsc_tun_intf, attaching_a_descriptor_that_is_no_tun_device_keeps_the_errno) {
     log_capture log;
     const int   fd = __real_open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -432,6 +444,21 @@ TEST_F(tlsc_tun_intf, busy_name_that_the_shell_would_read_is_not_given_to_it_but
         EXPECT_EQ(tlsc_tun_alloc(name, session.tun_fd), 0);
         EXPECT_TRUE(commands.empty()) << name;
         EXPECT_EQ(log.messages().back(), std::string("IOCTL error[16] in setting tun interface ") + name + ", deleting the existing tun interface");
+    }
+}
+
+TEST_F(tlsc_tun_intf, busy_name_with_any_byte_but_letters_digits_dot_dash_and_underscore_is_not_given_to_the_shell) {
+    shell_is_absent = true;
+    log_capture log;
+    for (int byte = 1; byte < 256; ++byte) {
+        const auto one   = static_cast<char>(byte);
+        const bool plain = (one >= '0' && one <= '9') || (one >= 'A' && one <= 'Z') || (one >= 'a' && one <= 'z') || one == '.' || one == '_' || one == '-';
+        for (const std::string &name : {std::string("tun") + one, std::string("t") + one + "n"}) {
+            commands.clear();
+            ioctl_faults = {{TUNSETIFF, EBUSY}};
+            EXPECT_EQ(tlsc_tun_alloc(name.c_str(), session.tun_fd), 0);
+            EXPECT_EQ(commands.size(), plain ? 1u : 0u) << "byte " << byte;
+        }
     }
 }
 
@@ -538,6 +565,14 @@ TEST_F(tlsc_tun_intf, mtu_failure_by_efault_announces_a_retry_that_does_not_come
     EXPECT_EQ(socket_types.size(), 1u);
     expect_lines(log, {{"WARNING", "tlsc_set_tun_mtu", "Failed to set mtu size for interface Bad address due to tunt, Retrying to set mtu..."},
                        {"ERROR", "tlsc_set_tun_mtu", "Failed to set mtu size for interface  tunt due to erro[14]"}});
+}
+
+TEST_F(tlsc_tun_intf, mtu_warning_has_the_error_text_in_the_names_place_and_the_name_in_the_error_texts) {
+    ioctl_faults = {{SIOCSIFMTU, EFAULT}};
+    log_capture log;
+    EXPECT_EQ(tlsc_set_tun_mtu("NAME", 1400), EFAULT);
+    EXPECT_TRUE(is_log_line(log.lines().at(0), "WARNING", "tlsc_tun_intf.c", "tlsc_set_tun_mtu",
+                            std::string("Failed to set mtu size for interface ") + strerror(EFAULT) + " due to NAME, Retrying to set mtu..."));
 }
 
 TEST_F(tlsc_tun_intf, mtu_failure_by_ebadf_makes_a_new_control_socket) {
@@ -777,6 +812,19 @@ TEST_F(tlsc_tun_intf, deletion_without_a_descriptor_still_reports_and_clears_the
         EXPECT_EQ(tlsc_stats_record.tun_freed, 0u);
         EXPECT_EQ(log.text(), "");
     }
+}
+
+TEST_F(tlsc_tun_intf, deletion_closes_every_descriptor_above_0) {
+    __real_close(session.tun_fd);
+    log_capture log;
+    const int   shown = dup(STDOUT_FILENO);
+    session.tun_fd    = STDOUT_FILENO;
+    tlsc_tun_delete(&session, 0);
+    EXPECT_EQ(dup2(shown, STDOUT_FILENO), STDOUT_FILENO);
+    __real_close(shown);
+    EXPECT_EQ(closings, (std::vector<std::string>{"close 1", "forget 1"}));
+    EXPECT_EQ(session.tun_fd, -1);
+    EXPECT_EQ(tlsc_stats_record.tun_freed, 1u);
 }
 
 TEST_F(tlsc_tun_intf, deletion_of_a_null_session_reports_nothing) {

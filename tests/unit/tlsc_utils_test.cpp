@@ -175,6 +175,7 @@ TEST(tlsc_utils, text_copy_into_a_field_of_one_or_no_byte_keeps_to_it) {
     tlsc_copy_text(&none, 0, "abc");
     EXPECT_EQ(none, '?');
     tlsc_copy_text(nullptr, 4, "abc");
+    EXPECT_EQ(log.count("ERROR", "tlsc_utils.c", "tlsc_copy_text", "Null ptr received for field"), 2u);
 }
 
 TEST(tlsc_utils, null_text_prints_as_null_in_parentheses) {
@@ -412,6 +413,25 @@ TEST(tlsc_utils, list_operations_refuse_a_null_list) {
     EXPECT_EQ(tlsc_list_pop(nullptr), 0);
     EXPECT_EQ(tlsc_list_remove(nullptr, 1), 0);
     EXPECT_EQ(log.entries().size(), 3u);
+    for (const char *function : {"tlsc_insert_element_to_list", "tlsc_list_pop", "tlsc_list_remove"})
+        EXPECT_TRUE(log.has("ERROR", "tlsc_utils.c", function, "Null ptr received for list")) << function;
+}
+
+TEST(tlsc_utils, list_whose_count_says_0_is_empty_whatever_hangs_on_it) {
+    tlsc_list_node node{.next = nullptr, .value = 5};
+    tlsc_list      list{.count = 0, .head = &node};
+    EXPECT_EQ(tlsc_list_pop(&list), 0);
+    EXPECT_EQ(tlsc_list_remove(&list, 5), 0);
+    EXPECT_EQ(list.count, 0);
+    EXPECT_EQ(list.head, &node);
+}
+
+TEST(tlsc_utils, remove_takes_the_only_node) {
+    tlsc_list list{};
+    tlsc_insert_element_to_list(&list, 5);
+    EXPECT_EQ(tlsc_list_remove(&list, 5), 5);
+    EXPECT_EQ(list.count, 0);
+    EXPECT_EQ(list.head, nullptr);
 }
 
 TEST(tlsc_utils, insertion_without_memory_is_logged_and_leaves_the_list_alone) {
@@ -441,6 +461,7 @@ TEST(tlsc_utils, family_of_a_name_or_nonsense_is_0_and_no_name_is_looked_up) {
         EXPECT_EQ(tlsc_addr_family(text), 0) << text;
     log_capture log;
     EXPECT_EQ(tlsc_addr_family(nullptr), 0);
+    EXPECT_TRUE(log.has("ERROR", "tlsc_utils.c", "tlsc_addr_family", "Null ptr received for addr text"));
 }
 
 TEST(tlsc_utils, parsed_ipv4_address_fills_kind_family_and_four_bytes) {
@@ -496,6 +517,7 @@ TEST(tlsc_utils, parsing_refuses_null_arguments) {
     EXPECT_EQ(tlsc_parse_addr(nullptr, &addr), 0);
     EXPECT_EQ(tlsc_parse_addr("192.0.2.1", nullptr), 0);
     EXPECT_EQ(log.entries().size(), 2u);
+    EXPECT_EQ(log.count("ERROR", "tlsc_utils.c", "tlsc_parse_addr", "Null ptr received for addr text/record"), 2u);
 }
 
 TEST(tlsc_utils, equal_addresses_compare_as_0) {
@@ -532,6 +554,8 @@ TEST(tlsc_utils, null_records_other_kinds_and_unknown_kinds_compare_as_minus_1) 
     EXPECT_EQ(tlsc_cmp_addr(&a, &b), -1);
     a.kind = b.kind = 3;
     EXPECT_EQ(tlsc_cmp_addr(&a, &b), -1);
+    EXPECT_EQ(log.text(), "");
     EXPECT_EQ(tlsc_cmp_addr(nullptr, &b), -1);
     EXPECT_EQ(tlsc_cmp_addr(&a, nullptr), -1);
+    EXPECT_EQ(log.count("ERROR", "tlsc_utils.c", "tlsc_cmp_addr", "Null ptr received for addr"), 2u);
 }

@@ -18,16 +18,11 @@
 #include <gtest/gtest.h>
 
 #include "capture.h"
+#include "log_lines.h"
 #include "tlsc_config.h"
 #include "tlsc_engine.h"
 #include "tlsc_platform.h"
 #include "tlsc_timer.h"
-
-constexpr char engine_file[]   = "tlsc_engine.c";
-constexpr char cstp_file[]     = "tlsc_cstp.c";
-constexpr char timer_file[]    = "tlsc_timer.c";
-constexpr char platform_file[] = "tlsc_platform.c";
-constexpr char main_file[]     = "tlsc_main.c";
 
 // The text that printf would make; for expected log lines with %p in them.
 __attribute__((format(printf, 1, 2))) inline std::string text_of(const char *format, ...) {
@@ -94,6 +89,9 @@ protected:
     ~tunnel_test() override {
         for (int32_t fd : {tlsc_timers.dpd, tlsc_timers.retry, tlsc_timers.rekey, tlsc_timers.fqdn, tlsc_timers.guard, tlsc_timers.backoff, tlsc_epoll_fd})
             if (fd > 0) close(fd);
+        if (HasFailure()) return;  // its text stands between the lines
+        for (const log_line &line : log.all_entries())
+            EXPECT_TRUE(is_known_log_line(line)) << line.severity << " [" << line.file << "] [" << line.function << "] " << line.message;
     }
 
     void open_epoll() {
@@ -159,6 +157,14 @@ protected:
         std::vector<std::string> found;
         for (const log_line &line : log.entries())
             if (line.file == file) found.push_back(line.message);
+        return found;
+    }
+
+    // The lines that come from this source file, in order: severity, function and message.
+    std::vector<std::string> lines_from(const char *file) const {
+        std::vector<std::string> found;
+        for (const log_line &line : log.entries())
+            if (line.file == file) found.push_back(line.severity + " " + line.function + ": " + line.message);
         return found;
     }
 

@@ -110,6 +110,14 @@ protected:
     }
 };
 
+// ---- before anything is opened ------------------------------------------------------------------------------------
+
+TEST_F(wlc_fifo, clean_up_before_any_start_has_nothing_to_close) {
+    log_capture log;
+    EXPECT_EQ(tlscWlcCleanUp(), 1);
+    EXPECT_EQ(log.messages(), (std::vector<std::string>{"tlscWlcCleanUp()", "tlscWlcIpcCleanup() - on TLS Client FIFO cleanup "}));
+}
+
 // ---- the inbound FIFO ---------------------------------------------------------------------------------------------
 
 TEST_F(wlc_fifo, inbound_fifo_gets_mode_0620_whatever_the_mask_and_the_mask_returns) {
@@ -149,6 +157,22 @@ TEST_F(wlc_fifo, existing_fifo_is_taken_as_it_is) {
     EXPECT_EQ(st.st_mode & 07777, 0600u);
     send(make_message(1));
     EXPECT_EQ(readFromTlscFifo(), 1);
+}
+
+TEST_F(wlc_fifo, whatever_already_bears_the_name_of_the_inbound_fifo_will_do) {
+    log_capture log;
+    write_file(to_client_fifo, make_message(1) + make_message(20).substr(0, 519));
+    EXPECT_EQ(openWlcToTlscFifo(), 1);
+    EXPECT_EQ(readFromTlscFifo(), 1) << "a file with a message in it";
+    EXPECT_EQ(readFromTlscFifo(), 0) << "the rest is none";
+    EXPECT_EQ(readFromTlscFifo(), 0);
+    EXPECT_EQ(tlscWlcIpcCleanup(), 1);
+    unlink(to_client_fifo);
+
+    ASSERT_EQ(mkdir(to_client_fifo, 0700), 0);
+    EXPECT_EQ(openWlcToTlscFifo(), 1);
+    EXPECT_EQ(readFromTlscFifo(), 0);
+    EXPECT_EQ(log.count("DEBUG", source, "openWlcToTlscFifo", "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO success"), 2u);
 }
 
 TEST_F(wlc_fifo, link_in_the_place_of_the_inbound_fifo_is_not_followed) {
@@ -220,6 +244,26 @@ TEST_F(wlc_fifo, message_of_519_bytes_is_lost_silently_and_the_next_one_is_read)
     send(make_message(20));
     EXPECT_EQ(readFromTlscFifo(), 1);
     EXPECT_TRUE(log.contains("msgId=20"));
+}
+
+TEST_F(wlc_fifo, pieces_of_any_other_length_are_lost_silently_up_to_the_next_message) {
+    ASSERT_EQ(openWlcToTlscFifo(), 1);
+    const struct {
+        size_t size;      // of what is written at once
+        int    messages;  // found in it
+    } table[] = {{1, 0}, {4, 0}, {8, 0}, {260, 0}, {519, 0}, {521, 1}, {1039, 1}, {1041, 2}};
+    for (const auto &entry : table) {
+        log_capture log;
+        send((make_message(1, std::string(512, '\xff')) + make_message(1) + make_message(1)).substr(0, entry.size));
+        for (int i = 0; i < entry.messages; ++i) EXPECT_EQ(readFromTlscFifo(), 1) << entry.size;
+        EXPECT_EQ(readFromTlscFifo(), 0) << entry.size;
+        EXPECT_EQ(log.entries().size(), static_cast<size_t>(entry.messages));
+
+        log.clear();
+        send(make_message(35));
+        EXPECT_EQ(readFromTlscFifo(), 1) << entry.size;
+        EXPECT_TRUE(log.has("DEBUG", source, "readFromTlscFifo", "readFromTlscFifo() -on TLS client proc, read success,Rcvd message, msgId=35"));
+    }
 }
 
 TEST_F(wlc_fifo, reading_without_a_fifo_reads_nothing) { EXPECT_EQ(readFromTlscFifo(), 0); }
@@ -451,6 +495,62 @@ TEST_F(wlc_fifo, lines_follow_their_own_flags) {
               (texts{"tlscWriteToWLC() - on TLS Client proc, Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode"}));
 }
 
+TEST_F(wlc_fifo, errors_of_set_up_and_removal_follow_the_transport_flag_and_those_of_sending_and_closing_the_message_flag) {
+    listen();
+    const auto plain_errors = [&](std::atomic<int32_t> &flag) {
+        log_capture log(LOG_ERRORS);
+        flag               = 1;
+        mkfifo_error       = EACCES;
+        (void)openWlcToTlscFifo();
+        mkfifo_error       = 0;
+        atexit_result      = -1;
+        inbound_open_error = EMFILE;
+        (void)openWlcToTlscFifo();
+        atexit_result      = 0;
+        inbound_open_error = 0;
+        (void)openWlcToTlscFifo();
+        refused_close = last_inbound_fd;
+        (void)tlscWlcIpcCleanup();
+        refused_close = -1;
+        (void)tlscWlcIpcCleanup();
+        tlscWlcDelFifo();
+        tlscWlcDelFifo();
+
+        const int next = dup(STDIN_FILENO);  // the descriptor that the sending will get
+        close(next);
+        refused_close   = next;
+        written_instead = 519;
+        (void)tlscPostMsgToWlc(24);
+        written_instead = 0;
+        refused_close   = -1;
+        close(next);
+        (void)received();
+        (void)tlscWriteToWLC(nullptr);
+        flag = 0;
+
+        std::vector<std::string> plain, others;
+        for (const log_line &line : log.entries()) {
+            EXPECT_EQ(line.severity, "ERROR");
+            (line.plain ? plain : others).push_back(line.message);
+        }
+        return std::make_pair(plain, others);
+    };
+    const std::vector<std::string> transport{
+        "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO failed, error:Permission denied",
+        "openWlcToTlscFifo() - Install delete FIFO handler failed",
+        "openWlcToTlscFifo() - Open /tmp/wlc-to-tlsc-fifo FIFO failed in O_RDONLY | O_NONBLOCK mode error:Too many open files",
+        "tlscWlcDelFifo() - unlink failed error:No such file or directory",
+    };
+    const std::vector<std::string> message{
+        "tlscWlcIpcCleanup() - close /tmp/wlc-to-tlsc-fifo FIFO failed ",
+        "tlscWriteToWLC() - on TLS Client, Error writing to FIFO /tmp/tlsc-to-wlc-fifo, msgId=24, num bytes written:519, num bytes to be written:520, error:Success",
+        "tlscWriteToWLC() - on TLS Client, close /tmp/tlsc-to-wlc-fifo FIFO failed, error:Input/output error ",
+        "tlscWriteToWLC() - Input param NULL",
+    };
+    EXPECT_EQ(plain_errors(tlscWlcIpcErrDbg), std::make_pair(transport, message));
+    EXPECT_EQ(plain_errors(tlscWlcMsgErrDbg), std::make_pair(message, transport));
+}
+
 TEST_F(wlc_fifo, clean_up_closes_the_inbound_fifo_once) {
     ASSERT_EQ(openWlcToTlscFifo(), 1);
     const int   inbound = last_inbound_fd;
@@ -486,6 +586,7 @@ TEST_F(wlc_fifo, delete_removes_the_inbound_fifo_and_reports_a_missing_one) {
     EXPECT_FALSE(exists(to_client_fifo));
     EXPECT_TRUE(exists(from_client_fifo));
     EXPECT_EQ(log.messages(), std::vector<std::string>{"Cleanup TLS Client WLC FIFO"});
+    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcDelFifo", "Cleanup TLS Client WLC FIFO"));
     tlscWlcDelFifo();
     EXPECT_TRUE(log.has("ERROR", source, "tlscWlcDelFifo", "tlscWlcDelFifo() - unlink failed error:No such file or directory"));
 }

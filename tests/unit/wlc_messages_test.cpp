@@ -5,6 +5,9 @@
 
 #include <array>
 #include <functional>
+#include <map>
+#include <random>
+#include <set>
 
 #include <arpa/inet.h>
 
@@ -142,6 +145,26 @@ TEST_F(wlc_messages, other_messages_are_named_and_dropped) {
     EXPECT_TRUE(calls.empty());
 }
 
+TEST_F(wlc_messages, messages_32_34_and_37_are_handled_and_have_no_name) {
+    tlscWlcSetSecTunFeatureStatus(1);
+    send(make_message(32) + make_message(34) + make_message(37));
+    log_capture log;
+    EXPECT_EQ(wlcTlscFifoHandler(), -2);
+    EXPECT_EQ(received_ids(), (ids{30, 30}));
+    for (const char *id : {"32", "34", "37"})
+        EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler", std::string("wlcTlscFifoHandler() - [") + id + "]Invalid Message received on TLS Client"));
+    EXPECT_FALSE(log.contains("not processed"));
+}
+
+TEST_F(wlc_messages, message_31_bears_the_name_of_an_exit_and_is_none) {
+    send(make_message(31) + make_message(1));
+    log_capture log;
+    EXPECT_EQ(wlcTlscFifoHandler(), 0);
+    EXPECT_EQ(received_ids(), ids{1});
+    EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler", "wlcTlscFifoHandler() - [31]WLC_SEC_TUN_MSG_EXIT Message received on TLS Client"));
+    EXPECT_TRUE(log.has("ERROR", source, "wlcTlscFifoHandler", "wlcTlscFifoHandler - Msg:WLC_SEC_TUN_MSG_EXIT, id:31 received, but not processed"));
+}
+
 TEST_F(wlc_messages, rejected_message_does_not_stop_the_loop) {
     send(make_message(29, debug_set_payload("level", "loud")) + make_message(1));
     EXPECT_EQ(wlcTlscFifoHandler(), 0);
@@ -175,6 +198,53 @@ TEST_F(wlc_messages, dispatcher_lines_follow_the_transport_flags_and_handler_lin
     };
     EXPECT_EQ(log.messages(), expected);
     EXPECT_EQ(log.count_plain("ERROR", plain_path, expected[2]), 1u);
+}
+
+TEST_F(wlc_messages, lines_of_dispatcher_and_file_follow_the_transport_flags_and_those_of_the_handlers_the_message_flags) {
+    const auto handle_everything = [&] {
+        write_file(conf_file, "device_id;D1;1\n");
+        send(make_message(1) + make_message(20) + make_message(22) + make_message(28, "192.0.2.1") + make_message(29, debug_set_payload("level", "info")) +
+             make_message(29, debug_set_payload("level", "loud")) + make_message(32) + make_message(34) + make_message(35) + make_message(31) + make_message(21));
+        EXPECT_EQ(wlcTlscFifoHandler(), 0);
+        init_result = 0;
+        (void)tlscWlcStartTunnelSetup();
+        init_result  = 1;
+        start_result = 0;
+        (void)tlscWlcStartTunnelSetup();
+        start_result = 1;
+        wlcSecTunProcessConf("log_level", "loud");
+        wlcSecTunProcessConf("log_dest", "printer");
+        tlscWlcSetDebugParams();
+        (void)tlscWlcMsgSendTlsGwFqdnResolveReq();
+        pton_result = -1;
+        (void)tlscWlcMsgRcvTlsGwFqdnResolveResHandler();
+        pton_result = 1;
+        send(make_message(37));
+        EXPECT_EQ(wlcTlscFifoHandler(), -2);
+        (void)received();
+    };
+    // By the function that writes them, as the service shows it: dispatcher and file operations, and the rest.
+    const std::set<std::string> transport{"wlcTlscFifoHandler", "wlcSecTunReadAllConf", "wlcSecTunProcessConf", "tlscWlcClearCfgParams"};
+    std::map<std::string, int>  expected;
+    {
+        log_capture log;
+        handle_everything();
+        for (const log_line &line : log.entries()) ++expected[(transport.count(line.function) ? "transport " : "message ") + line.severity];
+    }
+    ASSERT_EQ(expected.size(), 4u);
+    const std::vector<std::pair<std::atomic<int32_t> *, std::string>> flags{
+        {&tlscWlcIpcEventDbg, "transport DEBUG"}, {&tlscWlcIpcErrDbg, "transport ERROR"}, {&tlscWlcMsgEventDbg, "message DEBUG"}, {&tlscWlcMsgErrDbg, "message ERROR"}};
+    for (const auto &[flag, lines] : flags) {
+        log_capture log;
+        *flag = 1;
+        handle_everything();
+        *flag     = 0;
+        int plain = 0;
+        for (const log_line &line : log.entries()) plain += line.plain;
+        EXPECT_EQ(plain, expected.at(lines)) << lines;
+        for (const log_line &line : log.entries())
+            if (!line.plain) { EXPECT_NE((transport.count(line.function) ? "transport " : "message ") + line.severity, lines) << line.message; }
+    }
 }
 
 TEST_F(wlc_messages, read_without_a_message_empties_the_receive_record) {
@@ -257,6 +327,9 @@ TEST_F(wlc_messages, stop_tells_the_controller_nothing_and_forgets_the_state) {
     EXPECT_EQ(received_ids(), ids{});
     EXPECT_EQ(tlscWlcGetSecTunFeatureStatus(), 0);
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvSecTunStop", "TLS Client  - stop the tunnel setup"));
+    log.clear();
+    tlscWlcSetTunState(-1, 0);
+    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcSetTunState", "Tunnel is already in the same state:NONE"));
     // A later DOWN is not suppressed as a repeat.
     tlscWlcSetTunState(0, 0);
     EXPECT_EQ(received(), std::vector<wire_message>{make_message(25, "No Error")});
@@ -272,6 +345,29 @@ TEST_F(wlc_messages, restart_stops_waits_reads_the_file_and_sets_up) {
     EXPECT_EQ(received_ids(), (ids{23, 23}));
     EXPECT_STREQ(tlscWlcGetDeviceId(), "D1");
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvSecTunReStart", "tlscWlcMsgRcvSecTunReStart() - "));
+}
+
+TEST_F(wlc_messages, restart_forgets_the_settings_that_the_file_no_longer_names) {
+    write_file(conf_file, "device_id;D1;1\n");
+    wlcSecTunProcessConf("cipher_algo", "stale");
+    EXPECT_EQ(tlscWlcMsgRcvSecTunReStart(), 1);
+    EXPECT_STREQ(tlscWlcGetDeviceId(), "D1");
+    EXPECT_STREQ(tlscWlcGetCipherAlgo(), "");
+}
+
+TEST_F(wlc_messages, handlers_return_1_when_nothing_is_refused) {
+    EXPECT_EQ(tlscWlcStartTunnelSetup(), 1);
+    EXPECT_EQ(tlscWlcMsgRcvSecTunStart(), 1);
+    EXPECT_EQ(tlscWlcMsgRcvSecTunReStart(), 1);
+    EXPECT_EQ(tlscWlcMsgRcvSecTunStop(), 1);
+    EXPECT_EQ(tlscWlcMsgRcvTlscStatsRequestHandler(), 1);
+    EXPECT_EQ(tlscWlcMsgRcvTlscStatsClearHandler(), 1);
+    EXPECT_EQ(tlscWlcMsgRcvTlscDbgInfoReqHandler(), 1);
+    for (const wire_message &bytes : {make_message(29, debug_set_payload("level", "info")), make_message(29, debug_set_payload("destination", "both"))}) {
+        send(bytes);
+        ASSERT_EQ(readFromTlscFifo(), 1);
+        EXPECT_EQ(tlscWlcMsgRcvTlscDebugsSetHandler(), 1);
+    }
 }
 
 TEST_F(wlc_messages, restart_leaves_the_feature_status) {
@@ -338,6 +434,14 @@ TEST_F(wlc_messages, refused_debug_value_changes_nothing) {
     EXPECT_TRUE(log.contains("level:info, destination:file"));
 }
 
+TEST_F(wlc_messages, refused_debug_setting_prints_its_arguments_one_place_early) {
+    send(make_message(29, debug_set_payload("destination", "printer")));
+    log_capture log;
+    EXPECT_EQ(wlcTlscFifoHandler(), 0);
+    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcMsgRcvTlscDebugsSetHandler",
+                        "destination() - TLS Client, debug set msg received, invalid params,category:printer, level:"));
+}
+
 TEST_F(wlc_messages, other_debug_category_is_logged_and_counts_as_handled) {
     for (const char *category : {"lev", "Level", "verbosity", ""}) {
         send(make_message(29, debug_set_payload(category, "debug")));
@@ -377,6 +481,12 @@ TEST_F(wlc_messages, debug_parameters_of_the_file_fall_back_instead_of_being_ref
     EXPECT_EQ(calls, (std::vector<std::string>{"level 5", "destination 1"}));
     calls.clear();
 
+    wlcSecTunProcessConf("log_level", "5");  // any text but the empty one is a word
+    wlcSecTunProcessConf("log_dest", "1");
+    tlscWlcSetDebugParams();
+    EXPECT_EQ(calls, (std::vector<std::string>{"level 0", "destination 0"}));
+    calls.clear();
+
     wlcSecTunProcessConf("log_level", "error");
     wlcSecTunProcessConf("log_dest", "syslog");
     log_capture log;
@@ -397,6 +507,7 @@ TEST_F(wlc_messages, resolved_ipv4_address_goes_to_the_tunnel_as_kind_1) {
     EXPECT_EQ(record, std::string("\x01\0\0\0" "\x02\0\0\0" "\xc0\x00\x02\x21", 12) + std::string(20, '\0'));
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvTlsGwFqdnResolveResHandler",
                         "tlscWlcMsgRcvTlsGwFqdnResolveResHandler() - Received TLS GW FQDN response message from WLC, GW ip:192.0.2.33"));
+    EXPECT_EQ(log.entries().size(), 3u) << "reading, dispatch, this";
 }
 
 TEST_F(wlc_messages, resolved_ipv6_address_goes_to_the_tunnel_as_kind_2) {
@@ -500,4 +611,44 @@ TEST_F(wlc_messages, process_information_is_sent_on_request) {
     EXPECT_EQ(id_of(got[0]), 36u);
     EXPECT_EQ(number_at<int32_t>(got[0], 8), getpid());
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvTlscDbgInfoReqHandler", "tlscWlcMsgRcvTlscDbgInfoReqHandler() - "));
+}
+
+// ---- malformed messages -------------------------------------------------------------------------------------------
+
+TEST_F(wlc_messages, no_message_whatever_it_holds_harms_the_client_or_shows_the_key) {
+    const std::string key = "0f1e2d3c-the-key";
+    write_file(conf_file, "psk_key;" + key + ";1\ndevice_id;D1;1\n");
+    tlscWlcSetSecTunFeatureStatus(1);
+
+    std::vector<std::string> payloads{
+        "", std::string(512, '\0'), std::string(512, '\xff'), std::string(512, 'A'), std::string(512, ':'), std::string(512, '%'), std::string(512, '\n'),
+        "%s%s%n%n%n%1000000d", "level", debug_set_payload("level", "%n%s"), debug_set_payload("psk_key", key.substr(0, 3)),
+        std::string("level\0", 6) + std::string(506, 'x'), std::string(64, 'l') + std::string(448, 'v'), std::string(511, '1') + ":", std::string(512, '9')};
+    std::mt19937 random(520);
+    for (int i = 0; i < 20; ++i) {
+        std::string bytes(512, '\0');
+        for (char &byte : bytes) byte = static_cast<char>(random());
+        payloads.push_back(bytes);
+    }
+
+    log_capture log;
+    for (const std::string &payload : payloads)
+        for (const uint32_t id : {0u, 1u, 2u, 20u, 21u, 22u, 23u, 25u, 28u, 29u, 30u, 31u, 32u, 33u, 34u, 35u, 36u, 38u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
+            wire_message bytes = make_message(id, payload);
+            bytes.replace(4, 4, "\xff\xff\xff\xff");  // the padding is not looked at
+            send(bytes);
+            ASSERT_EQ(wlcTlscFifoHandler(), 0) << id;
+            for (const wire_message &answer : received()) {
+                EXPECT_EQ(answer.size(), message_size);
+                EXPECT_EQ(answer.find(key), std::string::npos);
+            }
+        }
+    EXPECT_FALSE(log.contains(key));
+    EXPECT_TRUE(log.contains("GW ip:%s%s%n%n%n%1000000d"));
+    for (const std::string &call : calls) EXPECT_FALSE(call.starts_with("level ") && call > "level 5") << call;
+
+    // It goes on as before.
+    send(make_message(1));
+    EXPECT_EQ(wlcTlscFifoHandler(), 0);
+    EXPECT_EQ(received(), std::vector<wire_message>{make_message(1)});
 }

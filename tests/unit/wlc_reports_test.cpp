@@ -2,6 +2,8 @@
 
 #include "tlsc_wlc.h"
 
+#include <map>
+
 #include <arpa/inet.h>
 
 #include "tlsc_platform.h"  // the statistics record
@@ -86,6 +88,17 @@ TEST_F(wlc_reports, down_carries_the_text_of_its_cause) {
                         "tlscWlcSetTunState() - tunnel current state:DOWN, new state:DOWN, errCause:11, posting an event:WLC_SEC_TUN_MSG_TLSC_TUN_DOWN to WLC Fifo"));
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcPostTlscStateChangeMsg",
                         "tlscWlcPostTlscStateChangeMsg() - error:Tunnel down due to max DPD timeout "));
+}
+
+TEST_F(wlc_reports, lines_of_a_change_name_the_new_state_as_the_current_one) {
+    const std::string up   = "tlscWlcSetTunState() - tunnel current state:UP, new state:UP, posting an event:WLC_SEC_TUN_MSG_TLSC_TUN_UP to WLC Fifo";
+    const std::string down = "tlscWlcSetTunState() - tunnel current state:DOWN, new state:DOWN, errCause:3, posting an event:WLC_SEC_TUN_MSG_TLSC_TUN_DOWN to WLC Fifo";
+    for (const int from : {1, 0}) {  // and the other way round
+        tlscWlcSetTunState(from, 0);
+        log_capture log;
+        tlscWlcSetTunState(1 - from, 3);
+        EXPECT_TRUE(log.has(from == 1 ? "ERROR" : "DEBUG", source, "tlscWlcSetTunState", from == 1 ? down : up));
+    }
 }
 
 TEST_F(wlc_reports, repeated_state_sends_nothing_not_even_statistics) {
@@ -189,6 +202,8 @@ TEST_F(wlc_reports, feature_status_is_logged_when_it_changes) {
         "tlscWlcSetSecTunFeatureStatus() - secure tunnel feature status set to:Disabled",
     };
     EXPECT_EQ(log.messages(), expected);
+    for (const std::string &message : expected) EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcSetSecTunFeatureStatus", message));
+    for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "DEBUG") << line.message;
 }
 
 // ---- statistics ---------------------------------------------------------------------------------------------------
@@ -197,7 +212,9 @@ TEST_F(wlc_reports, statistics_message_holds_the_31_counters_in_order) {
     uint64_t *counters = reinterpret_cast<uint64_t *>(&tlsc_stats_record);
     for (uint64_t i = 0; i < 31; ++i) counters[i] = (0xa0 + i) << 56 | (i + 1);
     tlscWlcSetSecTunFeatureStatus(1);
+    log_capture log;
     EXPECT_EQ(tlscWlcPostTlscStatsUpdateMsg(), 1);
+    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcPostTlscStatsUpdateMsg", "tlscWlcPostTlscStatsUpdateMsg() - "));
     const std::vector<wire_message> got = received();
     ASSERT_EQ(got.size(), 1u);
     ASSERT_EQ(got[0].size(), 520u);
@@ -262,6 +279,7 @@ TEST_F(wlc_reports, inner_address_is_sent_as_text_whatever_the_feature_status) {
         "tlscWriteToWLC() ",
     };
     EXPECT_EQ(log.messages(), expected);
+    for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "DEBUG") << line.message;
     unlink(from_client_fifo);
     EXPECT_EQ(tlscWlcPostInnerIpUpdateMsg("10.11.12.13"), 0);
 }
@@ -309,6 +327,7 @@ TEST_F(wlc_reports, dns_servers_are_sent_as_20_byte_entries_whatever_the_feature
         "tlscWriteToWLC() ",
     };
     EXPECT_EQ(log.messages(), expected);
+    for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "DEBUG") << line.message;
 }
 
 TEST_F(wlc_reports, dns_count_of_6_is_sent_as_6_with_4_entries) {
@@ -368,4 +387,47 @@ TEST_F(wlc_reports, lines_follow_the_two_message_flags) {
     EXPECT_EQ(tlscWlcPostCloudDnsSvrInfoUpdateMsg(nullptr), 0);
     ASSERT_EQ(log.entries().size(), 1u);
     EXPECT_EQ(log.count_plain("ERROR", plain_path, "tlscWlcPostCloudDnsSvrInfoUpdateMsg() - Input param NULL"), 1u);
+}
+
+TEST_F(wlc_reports, every_report_line_follows_the_message_flags_and_none_the_transport_flags) {
+    const auto report_everything = [] {
+        tlscWlcSetSecTunFeatureStatus(1);
+        tlscWlcMsgRcvSecTunStop();
+        tlscWlcSetTunState(1, 0);  // without statistics
+        tlscWlcSetTunState(1, 0);
+        tlscWlcSetSecTunFeatureStatus(1);
+        tlscWlcSetTunState(0, 3);
+        tlscWlcSetTunState(5, 0);
+        tlscWlcPostTlscStateChangeMsg(9, 2);
+        tlscWlcPostTlscProcDbgInfoUpdateMsg();
+        tlscWlcPostInnerIpUpdateMsg("1.1.1.1");
+        tlscWlcPostInnerIpUpdateMsg(nullptr);
+        tlsc_dns_list list{};
+        list.count      = 2;
+        list.servers[0] = make_addr(1, "5.6.7.8");
+        tlscWlcPostCloudDnsSvrInfoUpdateMsg(&list);
+        tlscWlcPostCloudDnsSvrInfoUpdateMsg(nullptr);
+        tlscWlcSetSecTunFeatureStatus(0);
+    };
+    // How many of the lines are plain and not, DEBUG (or EVENT) and ERROR.
+    const auto lines_with = [&](int32_t msg_event, int32_t msg_error, int32_t transport) {
+        tlscWlcMsgEventDbg = msg_event;
+        tlscWlcMsgErrDbg   = msg_error;
+        tlscWlcIpcEventDbg = tlscWlcIpcErrDbg = transport;
+        log_capture log;
+        report_everything();
+        (void)received();
+        std::map<std::string, int> counts;
+        for (const log_line &line : log.entries()) ++counts[(line.plain ? "plain " : "service ") + line.severity];
+        return counts;
+    };
+    using counts        = std::map<std::string, int>;
+    const counts silent = lines_with(0, 0, 0);
+    ASSERT_EQ(silent.size(), 2u);
+    const int events = silent.at("service DEBUG");
+    const int errors = silent.at("service ERROR");
+    EXPECT_EQ(errors, 6);
+    EXPECT_EQ(lines_with(0, 0, 1), silent);
+    EXPECT_EQ(lines_with(1, 0, 0), (counts{{"plain EVENT", events}, {"service ERROR", errors}}));
+    EXPECT_EQ(lines_with(0, 1, 0), (counts{{"service DEBUG", events}, {"plain ERROR", errors}}));
 }
