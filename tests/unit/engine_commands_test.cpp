@@ -237,6 +237,7 @@ TEST_F(engine_commands, a_sender_waits_while_the_pipe_is_full) {
         // The pipe has room for some commands while poll calls it full.
         for (int more = 0; more < 5000 && result != 0 && !ended; ++more) result = tlsc_send_log_dest_chg_req(LOG_DEST_CONSOLE);
     });
+    for (int i = 0; i < 5000 && result == -1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     int held = -1;
     for (int now = 0; now != held; ioctl(cli_pipe_rd_fd, FIONREAD, &now)) {
         held = now;
