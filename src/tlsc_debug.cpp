@@ -44,9 +44,12 @@ uint32_t line_counter;  // every line and every dump piece that passed the level
 char     line_buffer[line_size];
 char     log_path[14];  // "/tmp/tlsc_log", filled just before the file is opened
 
-// While the lock is not alive, nothing but the calling thread runs: no locking then.
+// Before the lock lives, nothing but the calling thread runs: no locking then. Behind its life only the thread that
+// destroyed it still writes: a tunnel thread that could not be halted may run on.
 pthread_mutex_t   log_lock;
 std::atomic<bool> log_lock_alive{false};
+std::atomic<bool> log_lock_gone{false};
+thread_local bool destroyed_log_lock;
 
 class log_guard {
 public:
@@ -59,6 +62,8 @@ public:
     log_guard(const log_guard &)            = delete;
     log_guard &operator=(const log_guard &) = delete;
 
+    bool may_write() const { return !log_lock_gone.load(std::memory_order_relaxed) || destroyed_log_lock; }
+
 private:
     const bool locked_;
 };
@@ -67,12 +72,18 @@ private:
 
 void tlsc_log_lock_create() {
     pthread_mutex_init(&log_lock, nullptr);
+    log_lock_gone.store(false, std::memory_order_relaxed);
     log_lock_alive.store(true, std::memory_order_release);
 }
 
 void tlsc_log_lock_destroy() {
+    {
+        log_guard guard;  // a line in progress comes to its end
+        log_lock_gone.store(true, std::memory_order_relaxed);
+    }
+    destroyed_log_lock = true;
     log_lock_alive.store(false, std::memory_order_release);
-    (void)pthread_mutex_destroy(&log_lock);  // EBUSY when a cancelled thread left it locked: nobody locks it any more
+    (void)pthread_mutex_destroy(&log_lock);  // EBUSY when another thread is about to give it back: nobody writes any more
 }
 
 const char *tlsc_log_timestamp() {
@@ -126,7 +137,7 @@ const char *line_word(int32_t level) {
 
 void tlsc_log(int32_t level, const char *file, int line, const char *function, const char *format, ...) {
     log_guard guard;
-    if (!tlsc_log_wanted(level)) return;
+    if (!guard.may_write() || !tlsc_log_wanted(level)) return;
 
     ++line_counter;
     int length = snprintf(line_buffer, sizeof(line_buffer), "\nTLSC[%u]: %s %-5s [%s:%d] [%s] ", line_counter,
@@ -146,7 +157,7 @@ void tlsc_log_piece(const char *text) {
     if (!tlsc_log_wanted(LOG_BUF_PRINT)) return;
 
     log_guard guard;
-    if (!tlsc_log_wanted(LOG_BUF_PRINT)) return;
+    if (!guard.may_write() || !tlsc_log_wanted(LOG_BUF_PRINT)) return;
     ++line_counter;
     (void)snprintf(line_buffer, sizeof(line_buffer), "%s", text);
     write_text(line_buffer, strlen(line_buffer));

@@ -125,8 +125,8 @@ void tlsc_wlc_message(const char *format, ...) __attribute__((format(printf, 1, 
 #define WLC_IPC_EVENT(...) TLSC_WLC_LINE(tlscWlcIpcEventDbg, false, TLSC_DEBUG, __VA_ARGS__)
 #define WLC_IPC_ERROR(...) TLSC_WLC_LINE(tlscWlcIpcErrDbg, true, TLSC_ERROR, __VA_ARGS__)
 
-// Creates and destroys the log lock. Main thread, first and last. Lines written while there is no lock are written
-// unlocked, since nothing else runs then.
+// Creates and destroys the log lock. Main thread, first and last. Before the creation lines are written unlocked, since
+// nothing else runs then; behind the destruction too, but only this thread's: those of other threads are dropped.
 void tlsc_log_lock_create();
 void tlsc_log_lock_destroy();
 

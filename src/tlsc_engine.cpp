@@ -36,46 +36,51 @@
 #include "tlsc_platform.h"  // counters, client restart
 
 // ==== 0 The thread's turn ========================================================================================
-// This thread owns its turn lock while it touches the tunnel, and lets go of it only while it waits for something
-// outside: for events, for a connection, for the pause behind a handshake. A new reading of the configuration takes the
-// lock for its time, the process's clean-up for good. Invariant: turn_held is true in the thread that has the lock.
+// This thread touches the tunnel in its turn only. Its turn is over while it waits for something outside: for events,
+// for a connection, for the end of a pause. Inside OpenSSL, which may wait as well, it still uses its TLS session.
+// Who halts it shuts the gate and looks until the turn is over; the thread finds the gate shut when it comes back. A new
+// reading of the configuration shuts it for its time, the process's clean-up for good. Nothing is locked otherwise.
 
 namespace {
 
-pthread_mutex_t   turn_lock = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t   turn_gate = PTHREAD_MUTEX_INITIALIZER;  // held by who wants to halt this thread, until it got its wish
-std::atomic<bool> halt_wanted{false};
-thread_local bool turn_held;
+enum turn_state {
+    turn_over,    // it waits, or is no more
+    turn_taken,   // it works
+    turn_in_tls,  // it is inside OpenSSL
+};
 
-void take_turn() {
-    if (halt_wanted) {  // without this the lock would be taken again before the waiting thread wakes up
-        pthread_mutex_lock(&turn_gate);
-        pthread_mutex_unlock(&turn_gate);
+std::atomic<turn_state> turn{turn_over};
+std::atomic<bool>       gate_shut{false};
+pthread_mutex_t         gate = PTHREAD_MUTEX_INITIALIZER;  // held by who shut it
+
+constexpr timespec look_interval = {0, 1000000};  // between two looks at the turn
+
+// meanwhile: the state of a thread that stands at the gate.
+void take_turn(turn_state meanwhile) {
+    turn = turn_taken;
+    while (gate_shut) {  // in this order: either this thread sees the gate shut, or the other one sees the turn taken
+        turn = meanwhile;
+        pthread_mutex_lock(&gate);
+        pthread_mutex_unlock(&gate);
+        turn = turn_taken;
     }
-    pthread_mutex_lock(&turn_lock);
-    turn_held = true;
-}
-
-void give_turn_up() {
-    turn_held = false;
-    pthread_mutex_unlock(&turn_lock);
 }
 
 struct tunnel_turn {
-    tunnel_turn() { take_turn(); }
-    ~tunnel_turn() { give_turn_up(); }
+    tunnel_turn() { take_turn(turn_over); }
+    ~tunnel_turn() { turn = turn_over; }
     tunnel_turn(const tunnel_turn &)            = delete;
     tunnel_turn &operator=(const tunnel_turn &) = delete;
 };
 
-// Around a wait. Without effect in a thread that does not have the turn.
+// Around what may wait. Without effect while no thread has the turn.
 class turn_pause {
 public:
-    turn_pause() : had_turn_(turn_held) {
-        if (had_turn_) give_turn_up();
+    explicit turn_pause(turn_state state = turn_over) : had_turn_(turn == turn_taken) {
+        if (had_turn_) turn = state;
     }
     ~turn_pause() {
-        if (had_turn_) take_turn();
+        if (had_turn_) take_turn(turn_over);
     }
     turn_pause(const turn_pause &)            = delete;
     turn_pause &operator=(const turn_pause &) = delete;
@@ -84,22 +89,58 @@ private:
     const bool had_turn_;
 };
 
-}  // namespace
+// The turn of a callback that OpenSSL calls.
+class callback_turn {
+public:
+    callback_turn() : in_tls_(turn == turn_in_tls) {
+        if (in_tls_) take_turn(turn_in_tls);
+    }
+    ~callback_turn() {
+        if (in_tls_) turn = turn_in_tls;
+    }
+    callback_turn(const callback_turn &)            = delete;
+    callback_turn &operator=(const callback_turn &) = delete;
 
-bool tlsc_halt_tunnel_thread(int32_t seconds) {
+private:
+    const bool in_tls_;
+};
+
+// True when the gate is shut and the turn is over, or, if that will do, inside OpenSSL; false after so many seconds.
+bool shut_gate(int32_t seconds, bool in_tls_will_do) {
     timespec deadline{};
-    clock_gettime(CLOCK_REALTIME, &deadline);
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_sec += seconds;
 
-    pthread_mutex_lock(&turn_gate);
-    halt_wanted       = true;
-    const bool halted = pthread_mutex_timedlock(&turn_lock, &deadline) == 0;
-    halt_wanted       = false;
-    pthread_mutex_unlock(&turn_gate);
-    return halted;
+    pthread_mutex_lock(&gate);
+    gate_shut = true;
+    for (;;) {
+        const turn_state seen = turn;
+        if (seen == turn_over || (seen == turn_in_tls && in_tls_will_do)) return true;
+
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (now.tv_sec > deadline.tv_sec || (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec)) break;
+        (void)nanosleep(&look_interval, nullptr);
+    }
+    tlsc_resume_tunnel_thread();
+    return false;
 }
 
-void tlsc_resume_tunnel_thread() { pthread_mutex_unlock(&turn_lock); }
+}  // namespace
+
+bool tlsc_halt_tunnel_thread(int32_t seconds) { return shut_gate(seconds, false); }
+
+bool tlsc_hold_tunnel_thread(int32_t seconds) { return shut_gate(seconds, true); }
+
+void tlsc_resume_tunnel_thread() {
+    gate_shut = false;
+    pthread_mutex_unlock(&gate);
+}
+
+void tlsc_sleep_out_of_turn(unsigned seconds) {
+    turn_pause pause;
+    sleep(seconds);
+}
 
 // ==== 1 TLS set-up ===============================================================================================
 // The context is built once per process, on the main thread. The verification and PSK callbacks run on the thread
@@ -239,6 +280,7 @@ struct verification {
 // By contract: OpenSSL's own verdict is ignored; every certificate of the chain must verify directly against the first
 // certificate of the bundle.
 int tlsc_verify_cert_cb(int, X509_STORE_CTX *store) {
+    callback_turn turn_of_callback;
     TLSC_INFO("tlsc_verify_cert_cb received...");
     tlsc_config *conf = tlsc_get_config();
     if (!conf) { TLSC_ERROR("Null ptr received for conf"); return 0; }
@@ -274,6 +316,7 @@ int tlsc_verify_cert_cb(int, X509_STORE_CTX *store) {
 }
 
 unsigned tlsc_psk_client_cb(SSL *, const char *hint, char *identity, unsigned max_identity_len, unsigned char *psk, unsigned) {
+    callback_turn turn_of_callback;
     TLSC_INFO("psk_client_cb received...");
     if (!hint) TLSC_WARNING("NULL received for PSK-identity-hint, continuing anyway...");
     else TLSC_DEBUG("Received PSK-identity-hint '%s'", hint);
@@ -367,6 +410,22 @@ bool connect_to(int32_t fd, const sockaddr_in &address) {
     return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
 }
 
+// What a peer does not send or take holds up these three.
+int connect_tls(SSL *ssl) {
+    turn_pause pause(turn_in_tls);
+    return SSL_connect(ssl);
+}
+
+int write_tls(SSL *ssl, const void *buff, int length) {
+    turn_pause pause(turn_in_tls);
+    return SSL_write(ssl, buff, length);
+}
+
+int read_tls(SSL *ssl, void *buff, int length) {
+    turn_pause pause(turn_in_tls);
+    return SSL_read(ssl, buff, length);
+}
+
 void pause_before_request() {
     turn_pause pause;
     sleep(request_pause_seconds);
@@ -456,7 +515,7 @@ int32_t tlsc_create_tcp_conn() {
     SSL_set_fd(sock->ssl, fd);
     SSL_set_connect_state(sock->ssl);
     ERR_clear_error();
-    const int ret = SSL_connect(sock->ssl);
+    const int ret = connect_tls(sock->ssl);
     if (ret == 1) {
         TLSC_INFO("Successfully enabled SSL/TLS session to: %s.", server);
         sock->ssl_up = 1;
@@ -487,7 +546,7 @@ int32_t tlsc_ssl_write(tlsc_sock *sock, const void *buff, int32_t length, int32_
 
     tlsc_log_hex(buff, length > 0 ? static_cast<size_t>(length) : 0);
     drop_stale_errors();
-    const int written = SSL_write(sock->ssl, buff, length);
+    const int written = write_tls(sock->ssl, buff, length);
     if (written < 1) {
         const int     saved_errno = errno;
         const int     error       = tlsc_ossl_get_error(sock->ssl, written);
@@ -505,7 +564,7 @@ int32_t tlsc_ssl_read(tlsc_sock *sock, void *buff, int32_t length, int32_t *resu
     if (!sock || !buff || !sock->ssl) { TLSC_ERROR("Null ptr received for sock/buff"); return 0; }
 
     drop_stale_errors();
-    const int count = SSL_read(sock->ssl, buff, length);
+    const int count = read_tls(sock->ssl, buff, length);
     if (count < 1) {
         const int     error      = tlsc_ossl_get_error(sock->ssl, count);
         const int32_t translated = translate_ssl_error(error);

@@ -104,7 +104,7 @@ void clear_assigned_fields(tlsc_config *conf) {
     conf->cookie[0]       = '\0';
 }
 
-constexpr int32_t reconfigure_wait_seconds = 3;  // a handshake may hold the tunnel thread longer
+constexpr int32_t reconfigure_wait_seconds = 3;  // so long the tunnel thread never works without a wait
 
 // What the packets of a tunnel that goes on under the new settings need: its address and its interface.
 void keep_tunnel_fields(tlsc_config *conf, const tlsc_config *earlier) {
@@ -125,7 +125,7 @@ int32_t tlsc_init() {
     if (tlsc_initialized) {
         TLSC_INFO("tlsc_init called again... Reading configuration again.");
         tlscWlcSetDebugParams();
-        const bool        halted  = tlsc_halt_tunnel_thread(reconfigure_wait_seconds);
+        const bool        halted  = tlsc_hold_tunnel_thread(reconfigure_wait_seconds);
         const tlsc_config earlier = *conf;
         tlsc_set_config_defaults(conf);
         clear_assigned_fields(conf);

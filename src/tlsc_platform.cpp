@@ -239,7 +239,7 @@ void tlsc_cleanup_context() {
 
     tlsc_close_cli_pipe();
     TLSC_WARNING("Cleaning up Tls-session and SSL context");
-    // What a tunnel thread still uses inside a handshake is left to the end of the process.
+    // What a tunnel thread still uses, in a handshake or in the middle of a record, is left to the end of the process.
     if (halted) {
         release_connection();
         release_openssl();
@@ -252,8 +252,10 @@ void tlsc_cleanup_context() {
         tlsc_destroy_locks();
         OPENSSL_cleanse(psk_identity, psk_identity_size);
         OPENSSL_cleanse(psk_key, psk_key_size);
+        tlsc_stats_destroy();
+    } else {
+        tlsc_stats_clear();
     }
-    tlsc_stats_destroy();
     cancel_monitor();
 }
 

@@ -17,7 +17,7 @@
 #include "tlsc_debug.h"
 #include "tlsc_utils.h"
 
-#include "tlsc_engine.h"    // epoll registry
+#include "tlsc_engine.h"    // epoll registry, pauses
 #include "tlsc_platform.h"  // state reports, counters
 
 // ---- 1 ioctls and control sockets -----------------------------------------------------------------------------------
@@ -302,7 +302,7 @@ int32_t tlsc_create_tun(tlsc_session *session) {
         TLSC_WARNING("Failed to create interface for session %p, Retrying to create interface...", static_cast<void *>(session));
         tlsc_tun_delete(session, TLSC_DOWN_NO_ERROR);
         session->if_name = name;  // The deletion has cleared it.
-        sleep(retry_pause_seconds);
+        tlsc_sleep_out_of_turn(retry_pause_seconds);
         session->tun_fd = open_clone_device();
         if (session->tun_fd < 0) TLSC_ERROR("Error cloning tun interface, errno:%d", errno);
     }

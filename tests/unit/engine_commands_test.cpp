@@ -22,7 +22,7 @@ bool pipe_fails;
 bool nonblock_fails;
 int  short_fd = -2;    // writes to it take short_count bytes
 int  short_count;
-int  pipe_writes;      // calls, not bytes
+std::atomic<int> pipe_writes;  // calls, not bytes
 bool conversion_fails;
 
 std::vector<int32_t> closed;

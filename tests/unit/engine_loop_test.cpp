@@ -290,6 +290,17 @@ protected:
         look();
         tlsc_resume_tunnel_thread();
     }
+    // Neither at rest nor at work: it does not come to rest for a while.
+    static bool is_inside_openssl() {
+        for (int looks = 0; looks < 3; ++looks) {
+            if (tlsc_halt_tunnel_thread(0)) {
+                tlsc_resume_tunnel_thread();
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return true;
+    }
     // Waits until the condition holds when the thread is at rest.
     static bool eventually_at_rest(const std::function<bool()> &condition) {
         return eventually([&] {
@@ -1273,6 +1284,91 @@ TEST_F(engine_loop, a_thread_in_the_pause_behind_a_handshake_can_be_halted) {
     bring_up(peer);
     hand_clock::during_sleep = nullptr;
     EXPECT_EQ(halted, 1);
+}
+
+TEST_F(engine_loop, a_thread_in_the_pause_between_two_tries_for_the_interface_can_be_halted) {
+    static std::atomic<int> halted;
+    halted                   = 0;
+    hand_clock::during_sleep = [] {
+        if (!tlsc_halt_tunnel_thread(0)) return;
+        ++halted;
+        tlsc_resume_tunnel_thread();
+    };
+    text(conf->tun_interface_name, "lo");  // exists and is no TUN interface
+    expect_early_end();
+    hand_clock::during_sleep = nullptr;
+    EXPECT_EQ(halted, 5);
+}
+
+TEST_F(engine_loop, a_thread_in_a_handshake_can_be_held_and_stands_still_when_it_comes_back) {
+    tls_peer peer;
+    peer.meet_with(tls_peer::manner::nothing);
+    conf->server_port = peer.port();
+    start();
+    (void)peer.connection(0);
+    ASSERT_TRUE(eventually(is_inside_openssl));
+    ASSERT_TRUE(tlsc_hold_tunnel_thread(0));
+    peer.connection(0).hang_up();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(teardowns(), 0u);
+    tlsc_resume_tunnel_thread();
+    EXPECT_TRUE(torn_down());
+}
+
+TEST_F(engine_loop, a_thread_that_waits_for_the_rest_of_a_tls_record_can_be_held) {
+    tls_peer peer;
+    bring_up(peer);
+    peer.connection(0).send_raw(std::string("\x17\x03\x03\x01\x00 the beginning", 19));
+    ASSERT_TRUE(eventually(is_inside_openssl));
+    ASSERT_TRUE(tlsc_hold_tunnel_thread(0));
+    peer.connection(0).hang_up();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(teardowns(), 0u);
+    tlsc_resume_tunnel_thread();
+    EXPECT_TRUE(torn_down());
+}
+
+TEST_F(engine_loop, a_thread_whose_peer_does_not_read_can_be_held) {
+    tls_peer peer;
+    bring_up(peer);
+    tlsc_log_level    = LOG_INFO;
+    const int packets = open_packet_socket();
+    ASSERT_TRUE(eventually([&] {  // until the buffers of both sockets are full
+        for (int i = 0; i < 100; ++i) emit(packets, udp_packet("192.168.1.5", "8.8.8.8") + std::string(1300, 'x'));
+        return HasFatalFailure() || is_inside_openssl();
+    }));
+    ASSERT_TRUE(tlsc_hold_tunnel_thread(0));
+    peer.connection(0).hang_up();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(teardowns(), 0u);
+    tlsc_resume_tunnel_thread();
+    EXPECT_TRUE(torn_down());
+    close(packets);
+}
+
+TEST_F(engine_loop, a_handshake_takes_identity_and_key_when_the_thread_is_resumed) {
+    SSL_CTX *ctx = nullptr;
+    tls_peer peer([&ctx](SSL_CTX *made) { ctx = made; });
+    peer.meet_with(tls_peer::manner::nothing);
+    conf->server_port = peer.port();
+    start();
+    const int fd = peer.connection(0).fd();
+    ASSERT_TRUE(eventually(is_inside_openssl));
+    ASSERT_TRUE(tlsc_hold_tunnel_thread(0));
+
+    SSL *ssl = SSL_new(ctx);
+    SSL_set_fd(ssl, fd);
+    int         accepted = 0;
+    std::thread server([&] { accepted = SSL_accept(ssl); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(logged_like("INFO", "tlsc_psk_client_cb", "*"));
+    text(psk_identity, "renewed");
+    tlsc_resume_tunnel_thread();
+    server.join();
+    EXPECT_EQ(accepted, 1);
+    EXPECT_EQ(peer.identity(), "renewed");
+    stop();
+    SSL_free(ssl);
 }
 
 TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_in_a_handshake_cannot) {

@@ -40,6 +40,7 @@ std::atomic<int>      tunnel_creations_to_fail;
 std::atomic<bool>     monitor_creation_fails;
 std::atomic<bool>     halt_fails;
 std::vector<std::string> steps;           // of the clean-up
+int                      mutexes_destroyed;
 std::mutex               turn;            // the tunnel thread has it while it touches the pipe, who halted it for good
 std::atomic<bool>        monitor_gone;
 bool                     monitor_gone_at_last_step;  // when the clean-up destroyed the locks
@@ -147,6 +148,12 @@ extern "C" void __wrap__Z16tlsc_ssl_cleanupP6ssl_st(ssl_st *ssl) {
     __real__Z16tlsc_ssl_cleanupP6ssl_st(ssl);
 }
 
+extern "C" int __real_pthread_mutex_destroy(pthread_mutex_t *mutex);
+extern "C" int __wrap_pthread_mutex_destroy(pthread_mutex_t *mutex) {
+    ++mutexes_destroyed;
+    return __real_pthread_mutex_destroy(mutex);
+}
+
 extern "C" void __real_SSL_CTX_free(SSL_CTX *ctx);
 extern "C" void __wrap_SSL_CTX_free(SSL_CTX *ctx) {
     note_step("free context");
@@ -232,6 +239,7 @@ TEST_F(lifecycle, a_clean_up_releases_everything_in_its_order) {
                   const int32_t ends[] = {cli_pipe_rd_fd, cli_pipe_wr_fd};
                   tlsc_cleanup_context();
                   EXPECT_EQ(steps, (strings{"close pipe", "delete interface 0", "free session", "release tls", "free context", "destroy locks"}));
+                  EXPECT_EQ(mutexes_destroyed, CRYPTO_num_locks() + 1);  // the TLS library's, and that of the statistics
                   for (int32_t fd : ends) EXPECT_FALSE(is_open(fd));
                   EXPECT_EQ(cli_pipe_rd_fd, -1);
                   EXPECT_EQ(cli_pipe_wr_fd, -1);
@@ -327,11 +335,14 @@ TEST_F(lifecycle, the_log_still_works_behind_a_cancelled_monitor) {
 TEST_F(lifecycle, a_tunnel_thread_that_cannot_be_halted_keeps_what_it_uses) {
     EXPECT_EQ(in_child([&] {
                   halt_fails = true;
+                  tlsc_count(&tlsc_stats::invalid_rx);
                   EXPECT_NE(tlsc_init_session(), nullptr);
                   tlsc_attach_session(sock);
                   tlsc_cleanup_context();
                   EXPECT_EQ(steps, (strings{"close pipe"}));
                   EXPECT_NE(sock->sess, nullptr);
+                  EXPECT_EQ(tlsc_stats_record.invalid_rx, 0u);
+                  EXPECT_EQ(mutexes_destroyed, 0);
                   return 0;
               }),
               0);

@@ -881,7 +881,7 @@ TEST_F(tlsc_debug, lock_is_taken_for_each_line_and_for_each_piece_of_a_dump_on_i
         EXPECT_EQ(calls, strings{});
         tlsc_log_lock_destroy();
         TLSC_ERROR("without a lock");
-        EXPECT_EQ(calls, (strings{"destroy", "write 1"}));
+        EXPECT_EQ(calls, (strings{"take", "give", "destroy", "write 1"}));
     }));
 }
 
@@ -896,6 +896,25 @@ TEST_F(tlsc_debug, lines_are_written_before_the_lock_exists_and_after_it_is_gone
         tlsc_log_lock_destroy();
         TLSC_ERROR("after");
         EXPECT_EQ(writes.size(), 3u);
+    }));
+}
+
+TEST_F(tlsc_debug, behind_the_lock_only_the_thread_that_destroyed_it_writes) {
+    EXPECT_TRUE(in_fresh_process([] {
+        replace_by_memory(STDOUT_FILENO);
+        alarm(10);
+        start_log(LOG_BUF_PRINT, LOG_DEST_CONSOLE);
+        tlsc_log_lock_create();
+        tlsc_log_lock_destroy();
+        std::thread([] {
+            TLSC_ERROR("of a thread that was not halted");
+            tlsc_log_piece("and a piece");
+        }).join();
+        TLSC_ERROR("last");
+        const auto lines = recorded_lines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].message, "last");
+        EXPECT_EQ(lines[0].counter, 1u);
     }));
 }
 

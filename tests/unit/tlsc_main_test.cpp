@@ -73,7 +73,7 @@ extern "C" int __wrap__Z14tlscWlcCleanUpv() {
 
 extern "C" void __wrap__Z20tlsc_cleanup_contextv() { note_step("clean up"); }
 
-extern "C" bool __wrap__Z23tlsc_halt_tunnel_threadi(int32_t seconds) {
+extern "C" bool __wrap__Z23tlsc_hold_tunnel_threadi(int32_t seconds) {
     EXPECT_EQ(seconds, 3);
     note_step("halt");
     return halt_result;
