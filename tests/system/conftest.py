@@ -6,6 +6,7 @@
     /usr/bin/python3 -m pytest -n 4 tests/system                    the usual run
     /usr/bin/python3 -m pytest -n 4 tests/system -m slow            what takes longer than a minute
     /usr/bin/python3 -m pytest -n 4 tests/system -k sanitizers      only what runs with that daemon: a hundred exits and a choice of tests
+    /usr/bin/python3 -m pytest -n 4 tests/system --sanitized        every test, with that daemon alone
     /usr/bin/python3 -m pytest tests/system -m bulk                 a gigabyte each way, system calls per packet
 """
 
@@ -23,6 +24,7 @@ sys.path.insert(0, str(Path(__file__).parent))
 from harness.controller import Controller  # noqa: E402
 from harness.daemon import Daemon, conf_text  # noqa: E402
 from harness.gateway import Gateway  # noqa: E402
+from harness.sanitizers import complains, surroundings  # noqa: E402
 from harness.world import BUILD, GATEWAY_IP, World  # noqa: E402
 
 
@@ -30,11 +32,18 @@ OPT_IN = ("slow", "bulk")
 SANITIZER_BUILD = Path(os.environ["TLSC_SAN_BUILD"]).resolve() if "TLSC_SAN_BUILD" in os.environ else None
 
 
+def pytest_addoption(parser):
+    parser.addoption("--sanitized", action="store_true", help="runs every test with the daemon of TLSC_SAN_BUILD, and with no other")
+
+
 def pytest_collection_modifyitems(config, items):
     """Without -m, what is slow or bulky is left out."""
     chosen = config.getoption("-m")
     wanted = [BUILD / "bin/tlsc", BUILD / "bin/tlsc-gateway"] + ([SANITIZER_BUILD / "bin/tlsc"] if SANITIZER_BUILD else [])
     missing = [str(path) for path in wanted if not path.exists()]
+    sanitized = config.getoption("--sanitized")
+    if sanitized and SANITIZER_BUILD is None:
+        raise pytest.UsageError("--sanitized needs TLSC_SAN_BUILD")
     if missing:
         raise pytest.UsageError(f"not built: {', '.join(missing)} (see TLSC_BUILD and TLSC_SAN_BUILD)")
     for item in items:
@@ -42,6 +51,8 @@ def pytest_collection_modifyitems(config, items):
             item.add_marker(pytest.mark.skip(reason="needs root (mount and network namespaces, TUN)"))
         elif not chosen and any(item.get_closest_marker(name) for name in OPT_IN):
             item.add_marker(pytest.mark.skip(reason=f"only with -m {' or -m '.join(OPT_IN)}"))
+        elif sanitized and item.get_closest_marker("armhf"):
+            item.add_marker(pytest.mark.skip(reason="runs another daemon than that of TLSC_SAN_BUILD"))
         elif item.get_closest_marker("sanitizer_only") and SANITIZER_BUILD is None:
             item.add_marker(pytest.mark.skip(reason="needs TLSC_SAN_BUILD"))
 
@@ -50,7 +61,7 @@ def pytest_generate_tests(metafunc):
     """The choice made for the sanitizers runs with both daemons, or with theirs alone."""
     if SANITIZER_BUILD is None or "build" not in metafunc.fixturenames:
         return
-    if metafunc.definition.get_closest_marker("sanitizer_only"):
+    if metafunc.config.getoption("--sanitized") or metafunc.definition.get_closest_marker("sanitizer_only"):
         metafunc.parametrize("build", ["sanitizers"])
     elif metafunc.definition.get_closest_marker("sanitizer"):
         metafunc.parametrize("build", ["release", "sanitizers"])
@@ -62,10 +73,11 @@ class Bench:
     def __init__(self, sanitizer_build=None):
         self.world = World()
         self.sanitizer_build = sanitizer_build
+        self.binary = (sanitizer_build or BUILD) / "bin/tlsc"
         self.controller = None
         self.gateway = None
         self.daemon = None
-        self.sanitizer_reports = []
+        self.sanitizer_reports = ""
 
     def make_controller(self, resolve=GATEWAY_IP, **more):
         self.controller = Controller(self.world, resolve, **more)
@@ -78,8 +90,7 @@ class Bench:
     def make_daemon(self, conf=None, **more):
         if self.controller is None:
             self.make_controller()
-        if self.sanitizer_build:
-            more = {"binary": self.sanitizer_build / "bin/tlsc", **more, "env": under_sanitizers(more.get("env", {}))}
+        more = {"binary": self.binary, **more, "env": self.environment(more.get("env", {}))}
         self.daemon = Daemon(self.world, self.controller, conf=conf_text() if conf is None else conf, **more)
         return self.daemon
 
@@ -91,13 +102,17 @@ class Bench:
         self.daemon.add_route()
         return self
 
+    def environment(self, wanted):
+        """The environment with these settings that the daemon of this build needs."""
+        return surroundings(self.binary, wanted) if self.sanitizer_build else wanted
+
     def preload_fast_clock(self, factor):
         """Environment of a daemon whose waits are that many times shorter."""
         return {"LD_PRELOAD": str(fast_clock()), "FASTER": str(factor)}
 
     def close(self):
-        if self.daemon and self.sanitizer_build:
-            self.sanitizer_reports = [line for line in self.daemon.errors().splitlines() if "ERROR: " in line or "runtime error" in line]
+        if self.daemon and self.sanitizer_build and complains(self.daemon.errors()):
+            self.sanitizer_reports = self.daemon.errors()
         if self.controller:
             self.controller.close()
         self.world.close()
@@ -120,21 +135,6 @@ def fast_clock():
         source = Path(__file__).with_name("faster.c")
         subprocess.run(["cc", "-shared", "-fPIC", "-O2", "-Wall", "-Wextra", "-Werror", "-o", target, source, "-ldl"], check=True)
     return target
-
-
-def under_sanitizers(environment):
-    """The environment for a daemon that is built with sanitizers."""
-    changed = {
-        # Not 1, which is the status of an orderly end. The alternate stack of a cancelled thread is reported wrongly. An exit
-        # inside a connection attempt leaves to the kernel what the tunnel thread still uses: no leak check.
-        "ASAN_OPTIONS": "exitcode=99:use_sigaltstack=0:detect_leaks=0",
-        "UBSAN_OPTIONS": "print_stacktrace=1",
-        **environment,
-    }
-    if "LD_PRELOAD" in changed:
-        first = subprocess.run(["cc", "-print-file-name=libasan.so"], capture_output=True, text=True, check=True).stdout.strip()
-        changed["LD_PRELOAD"] = f"{os.path.realpath(first)} {changed['LD_PRELOAD']}"  # it insists on being the first
-    return changed
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -165,7 +165,8 @@ def bench(fast_clock_place, build):
     bench = Bench(SANITIZER_BUILD if build == "sanitizers" else None)
     yield bench
     bench.close()
-    assert bench.sanitizer_reports == []
+    if bench.sanitizer_reports:
+        pytest.fail(bench.sanitizer_reports, pytrace=False)
 
 
 @pytest.fixture

@@ -13,15 +13,14 @@ import pytest
 
 from conftest import SANITIZER_BUILD
 from harness.log import Log
+from harness.sanitizers import FAULT_STATUS, STRICT_OPTIONS
 from harness.world import BUILD, GATEWAY_IP, MANAGEMENT_IP
 
 PKI = "/tmp/pki"
 SETTINGS_FILE = "/tmp/tls_client_config.txt"
 CIPHER = "ECDHE-ECDSA-AES256-GCM-SHA384"
-FAULT_STATUS = 99  # what valgrind and the sanitizers end a faulty client with
 VALGRIND = ["valgrind", "--quiet", f"--error-exitcode={FAULT_STATUS}", "--leak-check=full"]
 VALGRIND += ["--errors-for-leak-kinds=definite,indirect,possible", "--num-callers=30"]
-SANITIZER_OPTIONS = {"ASAN_OPTIONS": f"exitcode={FAULT_STATUS}:detect_leaks=1", "UBSAN_OPTIONS": f"exitcode={FAULT_STATUS}"}
 
 # Two authorities, root and other; mid is an intermediate below root. End certificates: leaf, revoked, expired (gateways) and
 # device, banned (clients) by root, deep (a gateway) by mid. Revocation lists of root: crl, with revoked and banned in it, and
@@ -115,7 +114,7 @@ class Client:
         """Runs the client to its end, and sees that it has neither failed nor leaked nor left a descriptor open."""
         self.world.write(SETTINGS_FILE, settings_text(**files))
         process = self.world.spawn(
-            self.command() + list(arguments), ns="device", stdout="/tmp/client.out", stderr="/tmp/client.err", env=SANITIZER_OPTIONS
+            self.command() + list(arguments), ns="device", stdout="/tmp/client.out", stderr="/tmp/client.err", env=STRICT_OPTIONS
         )
         status = process.wait(60)
         output, errors = (self.world.read(f"/tmp/client.{name}").decode() for name in ("out", "err"))
@@ -129,6 +128,8 @@ class Client:
 def client(bench, request):
     if request.param == "sanitizers" and SANITIZER_BUILD is None:
         pytest.skip("needs TLSC_SAN_BUILD")
+    if request.param != "sanitizers" and request.config.getoption("--sanitized"):
+        pytest.skip("not the build of TLSC_SAN_BUILD")
     if request.param == "valgrind" and not shutil.which("valgrind"):
         pytest.skip("needs valgrind")
     return Client(bench, request.param)

@@ -50,7 +50,8 @@ def hours_of_life(bench, factor, hours, rekey_seconds):
     # A look may meet a rekey with its second connection or the moment of a report.
     assert max(numbers) - min(numbers) <= 3, sizes
     assert set(threads) == {3}
-    assert resident[3] - resident[0] < 300, sizes
+    if not bench.sanitizer_build:  # it keeps what was freed
+        assert resident[3] - resident[0] < 300, sizes
     assert daemon.is_running()
     return sizes
 
@@ -73,4 +74,5 @@ def test_a_thousand_records_leave_no_trace(tunnel):
         controller.send(*[records.record(records.STATS_REQUEST)] * 100)
         wait_until(lambda: len(controller.all("30/33", since)) >= 100, 10, "a hundred answers")
     assert sorted(daemon.descriptors()) == descriptors
-    assert daemon.process.resident_kb() - resident < 200
+    if not tunnel.sanitizer_build:
+        assert daemon.process.resident_kb() - resident < 200

@@ -6,7 +6,7 @@ import pytest
 
 from harness import records
 from harness.daemon import TUN_NAME, conf_text
-from harness.world import BUILD, wait_until
+from harness.world import wait_until
 
 FAST = 4
 
@@ -143,7 +143,7 @@ def test_without_root_it_refuses_with_status_0(bench):
     bench.make_controller()
     bench.world.run(["chmod", "0666", "/tmp/tlsc-to-wlc-fifo"])
     answer = bench.world.run(
-        ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", str(BUILD / "bin/tlsc")], ns="device", check=False
+        ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", str(bench.binary)], ns="device", check=False
     )
     assert answer["status"] == 0
     assert answer["out"] == "\n  TLS Client process - Error: The program must be run as ROOT!!...existing"
@@ -155,7 +155,7 @@ def test_it_needs_no_open_standard_descriptors(bench):
     bench.make_gateway()
     bench.make_controller()
     bench.world.write("/storage/application/wlc/wlc-sec-tun.conf", conf_text())
-    process = bench.world.spawn(["sh", "-c", f"exec {BUILD}/bin/tlsc <&- >&- 2>&-"], ns="device", env=bench.preload_fast_clock(FAST))
+    process = bench.world.spawn(["sh", "-c", f"exec {bench.binary} <&- >&- 2>&-"], ns="device", env=bench.environment(bench.preload_fast_clock(FAST)))
     bench.controller.wait_for(records.HELLO, 5)
     bench.controller.order(records.TUN_START)
     bench.controller.wait_for(records.TUN_UP, 10)
@@ -170,9 +170,9 @@ def test_arguments_and_environment_change_nothing(bench):
     bench.world.write("/storage/application/wlc/wlc-sec-tun.conf", conf_text())
     strange = {"server_ip_address": "192.0.2.99", "server_port": "1", "log_level": "buf-print", "LOG_DEST": "console", "DEBUG": "1"}
     process = bench.world.spawn(
-        [f"{BUILD}/bin/tlsc", "--help", "-d", "server_port=1", "/tmp/another.conf"],
+        [bench.binary, "--help", "-d", "server_port=1", "/tmp/another.conf"],
         ns="device",
-        env={**bench.preload_fast_clock(FAST), **strange},
+        env=bench.environment({**bench.preload_fast_clock(FAST), **strange}),
         stdout="/tmp/daemon.out",
     )
     bench.controller.wait_for(records.HELLO, 5)
