@@ -318,6 +318,16 @@ protected:
     bool   logged(const std::string &message) { return eventually([&] { return position(message) >= 0; }); }
     size_t teardowns() { return log.count("ERROR", engine_file, "tlsc_sock_error", "Closing connection and bringing down tun interface"); }
     bool   torn_down(size_t times = 1) { return hand_clock::wait_for("backoff", times) && eventually_at_rest([&] { return teardowns() >= times; }); }
+    // Holds the thread that waits for this peer inside OpenSSL, ends the wait, and sees that nothing happens before the thread
+    // is resumed.
+    void expect_held_back(tls_peer &peer) {
+        ASSERT_TRUE(tlsc_hold_tunnel_thread(0));
+        peer.connection(0).hang_up();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(teardowns(), 0u);
+        tlsc_resume_tunnel_thread();
+        EXPECT_TRUE(torn_down());
+    }
 
     strings reported_states() {
         const std::lock_guard<std::mutex> guard(state_mutex);
@@ -1307,12 +1317,7 @@ TEST_F(engine_loop, a_thread_in_a_handshake_can_be_held_and_stands_still_when_it
     start();
     (void)peer.connection(0);
     ASSERT_TRUE(eventually(is_inside_openssl));
-    ASSERT_TRUE(tlsc_hold_tunnel_thread(0));
-    peer.connection(0).hang_up();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(teardowns(), 0u);
-    tlsc_resume_tunnel_thread();
-    EXPECT_TRUE(torn_down());
+    expect_held_back(peer);
 }
 
 TEST_F(engine_loop, a_thread_that_waits_for_the_rest_of_a_tls_record_can_be_held) {
@@ -1320,12 +1325,7 @@ TEST_F(engine_loop, a_thread_that_waits_for_the_rest_of_a_tls_record_can_be_held
     bring_up(peer);
     peer.connection(0).send_raw(std::string("\x17\x03\x03\x01\x00 the beginning", 19));
     ASSERT_TRUE(eventually(is_inside_openssl));
-    ASSERT_TRUE(tlsc_hold_tunnel_thread(0));
-    peer.connection(0).hang_up();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(teardowns(), 0u);
-    tlsc_resume_tunnel_thread();
-    EXPECT_TRUE(torn_down());
+    expect_held_back(peer);
 }
 
 TEST_F(engine_loop, a_thread_whose_peer_does_not_read_can_be_held) {
@@ -1337,12 +1337,7 @@ TEST_F(engine_loop, a_thread_whose_peer_does_not_read_can_be_held) {
         for (int i = 0; i < 100; ++i) emit(packets, udp_packet("192.168.1.5", "8.8.8.8") + std::string(1300, 'x'));
         return HasFatalFailure() || is_inside_openssl();
     }));
-    ASSERT_TRUE(tlsc_hold_tunnel_thread(0));
-    peer.connection(0).hang_up();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(teardowns(), 0u);
-    tlsc_resume_tunnel_thread();
-    EXPECT_TRUE(torn_down());
+    expect_held_back(peer);
     close(packets);
 }
 
