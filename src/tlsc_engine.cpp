@@ -1227,7 +1227,7 @@ void end_tunnel(tlsc_sock *sock) {
 
 void *tlsc_start_epoll(void *) {
     (void)signal(SIGPIPE, SIG_IGN);  // a peer that went away is an error of the write
-    tunnel_turn turn;
+    tunnel_turn turn_of_run;
     tlsc_sock  *sock = tlsc_get_sock();
 
     TLSC_INFO("In epoll thread");
