@@ -502,7 +502,7 @@ def settings(run):
             {"tun_interface_name": "tlstun1"},
             {"device_id": "dev-0002", "system_name": None},
             {"psk_key": "wrong"},
-            {"cipher_algo": "PSK-AES256-GCM-SHA384"},
+            {"cipher_algo": "PSK-AES128-CBC-SHA"},
             {"server_ip_address": BLACK_HOLE_IP},
             {"server_ip_address": "gateway.example"},
             {"server_port": "1"},
