@@ -126,7 +126,7 @@ void inbound(benchmark::State &state) {
     make_packet(static_cast<size_t>(state.range(0)));
     tlsc_sock *sock = connection();
     for (auto _ : state) {
-        tlsc_cstp_frame received{};
+        tlsc_cstp_frame received;
         if (tlsc_cstp_read_frame(sock, &received) != 1 || tlsc_process_cstp_frame(sock, &received) != 1)
             state.SkipWithError("the frame was not delivered");
     }

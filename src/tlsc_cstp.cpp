@@ -44,21 +44,22 @@ size_t payload_length(const tlsc_cstp_header &header) {
 int32_t tlsc_cstp_read_frame(tlsc_sock *sock, tlsc_cstp_frame *frame) {
     if (!sock || !frame || !sock->ssl) { TLSC_ERROR("Null pointer received for sock/frame/ssl"); return 0; }
 
-    uint8_t       bytes[max_read_size];
+    auto *const   bytes  = reinterpret_cast<uint8_t *>(frame);  // header and payload in one
     int32_t       result = TLSC_SSL_ERROR;
-    const int32_t count  = tlsc_ssl_read(sock, bytes, sizeof(bytes), &result);
+    const int32_t count  = tlsc_ssl_read(sock, bytes, max_read_size, &result);
     const size_t  filled = static_cast<size_t>(std::max(count, 0));
-    memcpy(&frame->header, bytes, std::min(filled, sizeof(frame->header)));
+    if (filled < sizeof(frame->header)) memset(bytes + filled, 0, sizeof(frame->header) - filled);
+
+    // The announced length may exceed what was read, or fall short of it: what is missing or too much is zero.
+    const size_t length = payload_length(frame->header);
+    const size_t kept   = std::min(length, filled - std::min(filled, sizeof(frame->header)));
+    memset(frame->payload + kept, 0, sizeof(frame->payload) - kept);
     TLSC_DEBUG("Read %d bytes from SSL for conn %p", count, shown(sock));
     if (result != TLSC_SSL_OK) {
         TLSC_ERROR("Got error %d while writing data pak to SSL for conn %p", result, shown(sock));
         return result;
     }
-
-    // The announced length may exceed what was read: what is missing stays as the caller has zeroed it.
-    const size_t length = payload_length(frame->header);
     TLSC_DEBUG("Header data len = %d, Reading the rest of msg", static_cast<int>(length));
-    if (filled > sizeof(frame->header)) memcpy(frame->payload, bytes + sizeof(frame->header), std::min(length, filled - sizeof(frame->header)));
     return result;
 }
 

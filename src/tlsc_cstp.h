@@ -6,8 +6,8 @@
 
 #include "tlsc.h"
 
-// Reads one frame with one TLS read. frame must be zeroed by the caller. Returns the outcome of the read
-// (tlsc_ssl_result): 1 on success.
+// Reads one frame with one TLS read; what the read or the announced length leaves free of frame is zeroed. Returns the
+// outcome of the read (tlsc_ssl_result): 1 on success.
 int32_t tlsc_cstp_read_frame(tlsc_sock *sock, tlsc_cstp_frame *frame);
 
 // Dispatches one received frame by its type. Returns 1, or 0 on failure (logged; the connection is left alone).

@@ -55,11 +55,14 @@ pthread_mutex_t         gate = PTHREAD_MUTEX_INITIALIZER;  // held by who shut i
 
 constexpr timespec look_interval = {0, 1000000};  // between two looks at the turn
 
+// Who sees the turn over sees what was done in it; the thread itself does not wait for that.
+void end_turn(turn_state state) { turn.store(state, std::memory_order_release); }
+
 // meanwhile: the state of a thread that stands at the gate.
 void take_turn(turn_state meanwhile) {
     turn = turn_taken;
     while (gate_shut) {  // in this order: either this thread sees the gate shut, or the other one sees the turn taken
-        turn = meanwhile;
+        end_turn(meanwhile);
         pthread_mutex_lock(&gate);
         pthread_mutex_unlock(&gate);
         turn = turn_taken;
@@ -68,7 +71,7 @@ void take_turn(turn_state meanwhile) {
 
 struct tunnel_turn {
     tunnel_turn() { take_turn(turn_over); }
-    ~tunnel_turn() { turn = turn_over; }
+    ~tunnel_turn() { end_turn(turn_over); }
     tunnel_turn(const tunnel_turn &)            = delete;
     tunnel_turn &operator=(const tunnel_turn &) = delete;
 };
@@ -77,7 +80,7 @@ struct tunnel_turn {
 class turn_pause {
 public:
     explicit turn_pause(turn_state state = turn_over) : had_turn_(turn == turn_taken) {
-        if (had_turn_) turn = state;
+        if (had_turn_) end_turn(state);
     }
     ~turn_pause() {
         if (had_turn_) take_turn(turn_over);
@@ -96,7 +99,7 @@ public:
         if (in_tls_) take_turn(turn_in_tls);
     }
     ~callback_turn() {
-        if (in_tls_) turn = turn_in_tls;
+        if (in_tls_) end_turn(turn_in_tls);
     }
     callback_turn(const callback_turn &)            = delete;
     callback_turn &operator=(const callback_turn &) = delete;
@@ -837,6 +840,23 @@ int32_t tlsc_tun_read_and_process(tlsc_sock *sock) {
     return tlsc_write_cstp_data_pak(sock, packet, static_cast<int32_t>(count));
 }
 
+namespace {
+
+// All ones when the text is no address. It is converted again only when it has changed.
+in_addr_t management_address() {
+    static char      converted[sizeof(tlsc_config::management_ip)];
+    static in_addr_t address = INADDR_NONE;
+
+    const char *text = tlsc_get_config()->management_ip;
+    if (strcmp(text, converted) != 0) {
+        tlsc_copy_text(converted, sizeof(converted), text);
+        address = inet_addr(text);
+    }
+    return address;
+}
+
+}  // namespace
+
 int32_t tlsc_tun_write(tlsc_sock *sock, uint8_t *buff, int32_t length) {
     if (!sock || !buff || !sock->sess) {
         TLSC_ERROR("Null ptr received for sock/buff/sock->sess");
@@ -851,7 +871,7 @@ int32_t tlsc_tun_write(tlsc_sock *sock, uint8_t *buff, int32_t length) {
     tlsc_log_hex(buff, length > 0 ? static_cast<size_t>(length) : 0);
 
     if (is_ipv4(buff)) {
-        const in_addr_t management = inet_addr(tlsc_get_config()->management_ip);  // all ones for a text that is no address
+        const in_addr_t management = management_address();
         exchange_address(buff, destination_offset, &management);
     }
 
@@ -1044,7 +1064,7 @@ void on_ssl_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
         return;
     }
     TLSC_DEBUG("Got data on SSL socket");
-    tlsc_cstp_frame frame{};
+    tlsc_cstp_frame frame;
     const int32_t   result = tlsc_cstp_read_frame(sock, &frame);
     if (result != TLSC_SSL_OK) {
         TLSC_ERROR("SSL returned error = %d, while trying to read data", result);

@@ -286,6 +286,15 @@ TEST_F(engine_data_path, a_management_text_that_is_no_address_becomes_all_ones) 
     expect_good_checksums(out);
 }
 
+TEST_F(engine_data_path, a_changed_management_address_counts_from_the_next_packet_on) {
+    for (const auto &[text, expected] : std::vector<std::pair<const char *, const char *>>{
+             {"192.168.1.5", "192.168.1.5"}, {"192.168.1.55", "192.168.1.55"}, {"", "255.255.255.255"}, {"10.1", "10.0.0.1"}, {"192.168.1.5", "192.168.1.5"}}) {
+        strcpy(conf->management_ip, text);
+        ASSERT_EQ(carry_in(udp_packet("8.8.8.8", "10.99.0.7", 60)), 60);
+        EXPECT_EQ(dotted(arrived(), 16), expected) << text;
+    }
+}
+
 TEST_F(engine_data_path, a_packet_that_is_not_ipv4_passes_in_unaltered) {
     EXPECT_EQ(carry_in(ipv6_packet), static_cast<int32_t>(ipv6_packet.size()));
     EXPECT_EQ(arrived(), ipv6_packet);

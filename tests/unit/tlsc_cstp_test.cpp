@@ -76,10 +76,10 @@ protected:
     // A handle that is only tested for being there: the TLS layer is stood in for.
     void pretend_tls() { sock->ssl = reinterpret_cast<ssl_st *>(this); }
 
-    // A zeroed frame as the event loop gives it, filled by one read of these bytes.
+    // A frame with anything in it, as the event loop gives it, filled by one read of these bytes.
     int32_t read_bytes(const std::string &bytes) {
         to_read = bytes;
-        frame   = {};
+        memset(&frame, 0xa5, sizeof(frame));
         return tlsc_cstp_read_frame(sock, &frame);
     }
 
