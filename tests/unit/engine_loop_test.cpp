@@ -290,6 +290,16 @@ protected:
         look();
         tlsc_resume_tunnel_thread();
     }
+    // Counts the thread's sleeps in which it can be halted.
+    static void halt_in_every_sleep() {
+        halts                    = 0;
+        hand_clock::during_sleep = [] {
+            if (!tlsc_halt_tunnel_thread(0)) return;
+            ++halts;
+            tlsc_resume_tunnel_thread();
+        };
+    }
+    static inline std::atomic<int> halts;
     // Neither at rest nor at work: it does not come to rest for a while.
     static bool is_inside_openssl() {
         for (int looks = 0; looks < 3; ++looks) {
@@ -1283,31 +1293,19 @@ TEST_F(engine_loop, a_thread_that_connects_can_be_halted) {
 }
 
 TEST_F(engine_loop, a_thread_in_the_pause_behind_a_handshake_can_be_halted) {
-    static std::atomic<int> halted;
-    halted                   = 0;
-    hand_clock::during_sleep = [] {
-        if (!tlsc_halt_tunnel_thread(0)) return;
-        ++halted;
-        tlsc_resume_tunnel_thread();
-    };
+    halt_in_every_sleep();
     tls_peer peer;
     bring_up(peer);
     hand_clock::during_sleep = nullptr;
-    EXPECT_EQ(halted, 1);
+    EXPECT_EQ(halts, 1);
 }
 
 TEST_F(engine_loop, a_thread_in_the_pause_between_two_tries_for_the_interface_can_be_halted) {
-    static std::atomic<int> halted;
-    halted                   = 0;
-    hand_clock::during_sleep = [] {
-        if (!tlsc_halt_tunnel_thread(0)) return;
-        ++halted;
-        tlsc_resume_tunnel_thread();
-    };
+    halt_in_every_sleep();
     text(conf->tun_interface_name, "lo");  // exists and is no TUN interface
     expect_early_end();
     hand_clock::during_sleep = nullptr;
-    EXPECT_EQ(halted, 5);
+    EXPECT_EQ(halts, 5);
 }
 
 TEST_F(engine_loop, a_thread_in_a_handshake_can_be_held_and_stands_still_when_it_comes_back) {
