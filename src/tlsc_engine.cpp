@@ -429,11 +429,6 @@ int read_tls(SSL *ssl, void *buff, int length) {
     return SSL_read(ssl, buff, length);
 }
 
-void pause_before_request() {
-    turn_pause pause;
-    sleep(request_pause_seconds);
-}
-
 // Closes a transport descriptor under its own name. The TLS session that still holds the number forgets it, so that
 // its later release cannot close what another thread has opened under that number.
 void close_transport(int32_t fd) {
@@ -523,7 +518,7 @@ int32_t tlsc_create_tcp_conn() {
         TLSC_INFO("Successfully enabled SSL/TLS session to: %s.", server);
         sock->ssl_up = 1;
         TLSC_DEBUG("Sleeping for 2 seconds, before sending config request to server");
-        pause_before_request();
+        tlsc_sleep_out_of_turn(request_pause_seconds);
         int32_t cause = TLSC_DOWN_NO_ERROR;
         if (!tlsc_send_config_req(sock, &cause)) tlsc_sock_error(cause);
         return conn_up;

@@ -202,7 +202,7 @@ module("src/tlsc_engine.cpp",
     ("The tunnel thread keeps its turn while it connects.",
      "    turn_pause pause;\n    return connect(", "    return connect(", "engine_loop_test"),
     ("The tunnel thread keeps its turn in the pause behind a handshake.",
-     "    turn_pause pause;\n    sleep(request_pause_seconds);", "    sleep(request_pause_seconds);", "engine_loop_test"),
+     "    turn_pause pause;\n    sleep(seconds);", "    sleep(seconds);", "engine_loop_test"),
     # 1 TLS set-up
     ("The peer is told of an unspecified fault of its certificate.",
      "    X509_STORE_CTX_set_error(store, result.error);  // decides the alert that the peer gets\n", "", "engine_tls_test"),

@@ -303,10 +303,10 @@ protected:
     // Neither at rest nor at work: it does not come to rest for a while.
     static bool is_inside_openssl() {
         for (int looks = 0; looks < 3; ++looks) {
-            if (tlsc_halt_tunnel_thread(0)) {
-                tlsc_resume_tunnel_thread();
-                return false;
-            }
+            const bool halted = tlsc_halt_tunnel_thread(0);
+            if (!halted && !tlsc_hold_tunnel_thread(0)) return false;  // at work
+            tlsc_resume_tunnel_thread();
+            if (halted) return false;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         return true;

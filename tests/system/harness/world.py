@@ -101,12 +101,13 @@ class Process:
         return found
 
     def threads(self):
-        """How many threads the program has. One that a sanitizer keeps for itself blocks every signal and does not count."""
+        """How many threads the program has. One that a sanitizer keeps for itself blocks even SIGTERM and does not count."""
         count = 0
         for task in os.listdir(self.proc("task")):
             with contextlib.suppress(FileNotFoundError, ProcessLookupError):
                 status = Path(self.proc(f"task/{task}/status")).read_text()
-                count += "SigBlk:\t0000000000000000" in status
+                blocked = int(status.split("SigBlk:")[1].split()[0], 16)
+                count += not blocked >> (signal.SIGTERM - 1) & 1
         return count
 
     def resident_kb(self):
