@@ -41,7 +41,8 @@ const char *psk_key;
     exit(1);
 }
 
-unsigned psk_callback(SSL *, const char *, char *identity, unsigned max_identity, unsigned char *psk, unsigned max_psk) {
+unsigned psk_callback(SSL *, const char *, char *identity, unsigned max_identity, unsigned char *psk,
+                      unsigned max_psk) {
     const size_t length = strlen(psk_key);
     if (strlen(psk_identity) >= max_identity || length > max_psk) return 0;
     strcpy(identity, psk_identity);
@@ -50,7 +51,9 @@ unsigned psk_callback(SSL *, const char *, char *identity, unsigned max_identity
 }
 
 void put_header(uint8_t *frame, int type, size_t length) {
-    const uint8_t header[header_size] = {'S', 'T', 'F', 1, static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length), static_cast<uint8_t>(type), 0};
+    const uint8_t header[header_size] = {
+        'S', 'T', 'F', 1, static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length), static_cast<uint8_t>(type),
+        0};
     memcpy(frame, header, header_size);
 }
 
@@ -86,7 +89,7 @@ const char *request_address(SSL *ssl) {
 
     const int count = SSL_read(ssl, frame, max_record);
     if (count < static_cast<int>(header_size) || frame[6] != frame_response) die("response");
-    frame[count] = '\0';
+    frame[count]          = '\0';
     constexpr char name[] = "X-CSTP-Address-Client:";
     const char    *value  = strstr(reinterpret_cast<const char *>(frame + header_size), name);
     if (!value) die("no address in the response");

@@ -24,7 +24,7 @@ namespace {
 constexpr size_t header_size   = 8;
 constexpr size_t source_offset = 12;  // of the source address in an IPv4 header
 
-uint8_t packet[max_packet_size];             // what the stand-in for read delivers
+uint8_t packet[max_packet_size];               // what the stand-in for read delivers
 uint8_t frame[header_size + max_packet_size];  // what the stand-in for SSL_read delivers
 uint8_t sink[header_size + max_packet_size];   // where the stand-ins for write and SSL_write put it
 size_t  packet_size;
@@ -61,7 +61,8 @@ void make_packet(size_t size) {
     packet[6] = packet[7] = 0;
     packet[9]             = IPPROTO_TCP;
 
-    const uint8_t header[header_size] = {'S', 'T', 'F', 1, static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size), CSTP_DATA, 0};
+    const uint8_t header[header_size] = {
+        'S', 'T', 'F', 1, static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size), CSTP_DATA, 0};
     memcpy(frame, header, header_size);
     memcpy(frame + header_size, packet, size);
 }

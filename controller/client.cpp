@@ -18,9 +18,7 @@ namespace {
 
 volatile sig_atomic_t was_interrupted = 0;  // SIGINT or SIGTERM came while following
 
-void on_interrupt(int) {
-    was_interrupted = 1;
-}
+void on_interrupt(int) { was_interrupted = 1; }
 
 // No SA_RESTART: the wait for the next line must end.
 void catch_interrupts() {
@@ -32,7 +30,7 @@ void catch_interrupts() {
 
 // The socket lies in a directory where anybody may put one: only our own user's, or root's, is an agent.
 bool is_trusted(int fd) {
-    ucred peer{};
+    ucred     peer{};
     socklen_t size = sizeof peer;
     return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && (peer.uid == geteuid() || peer.uid == 0);
 }
@@ -41,7 +39,7 @@ bool is_trusted(int fd) {
 int connect_agent(const std::string &path, std::string &error) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    error = "no agent is running at " + path + "; start one with: wlcctl agent";
+    error              = "no agent is running at " + path + "; start one with: wlcctl agent";
     if (path.size() >= sizeof address.sun_path) return -1;
     memcpy(address.sun_path, path.data(), path.size());
 
@@ -66,10 +64,12 @@ bool send_line(int fd, const std::string &line) {
     return true;
 }
 
-enum class reading { line,
-                     over,
-                     late,
-                     interrupted };
+enum class reading {
+    line,
+    over,
+    late,
+    interrupted
+};
 
 // Takes the next line; `buffer` keeps what came behind it.
 reading read_line(int fd, std::string &buffer, std::string &line, double patience) {
@@ -80,11 +80,11 @@ reading read_line(int fd, std::string &buffer, std::string &line, double patienc
             return reading::line;
         }
         pollfd state = {fd, POLLIN, 0};
-        int ready = was_interrupted ? -1 : poll(&state, 1, patience > 0 ? static_cast<int>(patience * 1000) : -1);
+        int    ready = was_interrupted ? -1 : poll(&state, 1, patience > 0 ? static_cast<int>(patience * 1000) : -1);
         if (was_interrupted) return reading::interrupted;
         if (ready == 0) return reading::late;
 
-        char bytes[16384];
+        char    bytes[16384];
         ssize_t n = ready > 0 ? recv(fd, bytes, sizeof bytes, 0) : -1;
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return reading::over;
@@ -126,7 +126,7 @@ int converse(int fd, const json &request, double patience, const print_options &
 }  // namespace
 
 int print_answer(const json &answer, const print_options &options) {
-    std::string out = options.as_json ? json_line(answer) : answer_text(answer);
+    std::string out   = options.as_json ? json_line(answer) : answer_text(answer);
     std::string error = answer.value("error", "");
     fwrite(out.data(), 1, out.size(), stdout);
     fflush(stdout);
@@ -136,7 +136,7 @@ int print_answer(const json &answer, const print_options &options) {
 
 int ask_agent(const std::string &socket, const json &request, double patience, const print_options &options) {
     std::string error;
-    int fd = connect_agent(socket, error);
+    int         fd = connect_agent(socket, error);
     if (fd < 0) return failed(request, request["verb"] == "status" ? exit_unknown : exit_failed, error, options);
 
     if (options.is_follower) catch_interrupts();

@@ -9,7 +9,7 @@ namespace wlcctl {
 
 // How a verb prints.
 struct print_options {
-    bool as_json = false;
+    bool as_json     = false;
     bool is_follower = false;  // `events --follow`: lines until interrupted
 };
 

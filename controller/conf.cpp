@@ -31,27 +31,25 @@ const std::vector<conf_key> conf_keys = {
 
 namespace {
 
-constexpr size_t key_width = 63;     // characters of a key and a flag that the daemon keeps
-constexpr size_t value_width = 511;  // of a value
-constexpr size_t line_width = 511;   // of a line; the rest of a longer one is a line of its own
-constexpr size_t file_limit = 1 << 20;
-constexpr int rewrite_waits = 30;            // times
-constexpr useconds_t rewrite_wait = 100000;  // microseconds; the daemon's rewriting takes a little over a second
-constexpr int write_attempts = 3;
+constexpr size_t     key_width      = 63;   // characters of a key and a flag that the daemon keeps
+constexpr size_t     value_width    = 511;  // of a value
+constexpr size_t     line_width     = 511;  // of a line; the rest of a longer one is a line of its own
+constexpr size_t     file_limit     = 1 << 20;
+constexpr int        rewrite_waits  = 30;      // times
+constexpr useconds_t rewrite_wait   = 100000;  // microseconds; the daemon's rewriting takes a little over a second
+constexpr int        write_attempts = 3;
 
 bool is_ipv4(const std::string &text) {
     in_addr address;
     return inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
-bool is_plain(unsigned char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
+bool is_plain(unsigned char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 
 bool is_host_name(const std::string &text) {
     if (!is_plain(static_cast<unsigned char>(text.front())) || text.find("..") != std::string::npos) return false;
     // A name whose last label is a number is a mistyped address.
-    size_t last = text.find_last_of('.');
+    size_t      last  = text.find_last_of('.');
     std::string label = last == std::string::npos ? text : text.substr(last + 1);
     if (label.find_first_not_of("0123456789") == std::string::npos) return false;
     return std::all_of(text.begin(), text.end(), [](unsigned char c) { return is_plain(c) || c == '-' || c == '.'; });
@@ -59,23 +57,25 @@ bool is_host_name(const std::string &text) {
 
 std::string check_port(const std::string &value) {
     bool is_number = value.find_first_not_of("0123456789") == std::string::npos;
-    long port = is_number ? strtol(value.c_str(), nullptr, 10) : 0;
+    long port      = is_number ? strtol(value.c_str(), nullptr, 10) : 0;
     return port >= 1 && port <= 65535 && value[0] != '0' ? "" : "server_port must be a number from 1 to 65535";
 }
 
 // The daemon puts this name into a command line and refuses to do so with other characters.
 std::string check_interface(const std::string &value) {
     bool is_good = value.front() != '-' && value != "." && value != ".." &&
-                   std::all_of(value.begin(), value.end(), [](unsigned char c) { return is_plain(c) || strchr("._-", c); });
+                   std::all_of(value.begin(), value.end(),
+                               [](unsigned char c) { return is_plain(c) || strchr("._-", c); });
     return is_good ? "" : "tun_interface_name may hold letters, digits, '.', '_' and '-' only, and not begin with '-'";
 }
 
 std::string check_gateway(const std::string &value, std::string &warning) {
     if (is_ipv4(value)) return "";
     if (!is_host_name(value)) return "server_ip_address must be an IPv4 address or a host name";
-    warning = "server_ip_address is a name: the daemon looks up no names, so its first connection fails, and later ones "
-              "need an agent with --resolve " +
-              value;
+    warning =
+        "server_ip_address is a name: the daemon looks up no names, so its first connection fails, and later ones "
+        "need an agent with --resolve " +
+        value;
     return "";
 }
 
@@ -84,8 +84,8 @@ bool next_field(const std::string &line, size_t &at, std::string &field) {
     at = line.find_first_not_of(';', at);
     if (at == std::string::npos) return false;
     size_t end = std::min(line.find(';', at), line.size());
-    field = line.substr(at, end - at);
-    at = end < line.size() ? end + 1 : end;
+    field      = line.substr(at, end - at);
+    at         = end < line.size() ? end + 1 : end;
     return true;
 }
 
@@ -93,11 +93,12 @@ bool parse_line(const std::string &line, conf_entry &entry) {
     if (line[0] == '\n' || line[0] == '#') return false;
 
     std::string flag;
-    size_t at = 0;
-    if (!next_field(line, at, entry.key) || !next_field(line, at, entry.value) || !next_field(line, at, flag)) return false;
-    entry.key = entry.key.substr(0, key_width);
+    size_t      at = 0;
+    if (!next_field(line, at, entry.key) || !next_field(line, at, entry.value) || !next_field(line, at, flag))
+        return false;
+    entry.key   = entry.key.substr(0, key_width);
     entry.value = entry.value.substr(0, value_width);
-    entry.flag = static_cast<int>(strtol(flag.substr(0, key_width).c_str(), nullptr, 10));
+    entry.flag  = static_cast<int>(strtol(flag.substr(0, key_width).c_str(), nullptr, 10));
     return true;
 }
 
@@ -109,7 +110,7 @@ std::string directory_of(const std::string &path) {
 
 // The name under which the daemon rewrites the file: "NAME.conf" through "NAME-temp.conf".
 std::string daemon_temp_name(const std::string &path) {
-    size_t dot = path.find_last_of('.');
+    size_t dot   = path.find_last_of('.');
     size_t slash = path.find_last_of('/');
     if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return path + "-temp";
     return path.substr(0, dot) + "-temp" + path.substr(dot);
@@ -150,12 +151,12 @@ bool put_in_place(const std::string &temp, const std::string &path, bool replace
 
 std::string write_once(const std::string &path, const std::string &content, bool replace) {
     std::string directory = directory_of(path);
-    std::string temp = directory + "/.wlcctl-conf-XXXXXX";
-    int fd = mkostemp(temp.data(), O_CLOEXEC);  // mode 0600
+    std::string temp      = directory + "/.wlcctl-conf-XXXXXX";
+    int         fd        = mkostemp(temp.data(), O_CLOEXEC);  // mode 0600
     if (fd < 0) return failure("create a file in", directory);
 
     bool is_written = write_all(fd, content) && fsync(fd) == 0;
-    is_written = close(fd) == 0 && is_written;
+    is_written      = close(fd) == 0 && is_written;
     std::string error;
     if (!is_written) error = failure("write", temp);
     else if (!put_in_place(temp, path, replace))
@@ -175,8 +176,8 @@ std::string write_once(const std::string &path, const std::string &content, bool
 
 bool holds(const std::string &path, const conf_values &values) {
     std::string ignored;
-    size_t skipped = 0;
-    auto content = read_conf_file(path, ignored);
+    size_t      skipped = 0;
+    auto        content = read_conf_file(path, ignored);
     if (!content) return false;
     auto entries = parse_conf(*content, skipped);
     return std::equal(entries.begin(), entries.end(), values.begin(), values.end(),
@@ -189,17 +190,20 @@ std::string check_conf_value(const conf_key &key, const std::string &value, std:
     std::string name = key.name;
     if (value.empty()) return name + " is empty";
     for (unsigned char c : value)
-        if (c < 0x20 || c == 0x7f || c == ';') return name + " must not hold ';', a line end or another control character";
+        if (c < 0x20 || c == 0x7f || c == ';')
+            return name + " must not hold ';', a line end or another control character";
     if (name == "server_port") return check_port(value);
     if (value.size() > key.limit)
-        return name + " has " + std::to_string(value.size()) + " characters, at most " + std::to_string(key.limit) + " are kept";
+        return name + " has " + std::to_string(value.size()) + " characters, at most " + std::to_string(key.limit) +
+               " are kept";
 
     if (name == "server_ip_address") return check_gateway(value, warning);
     if (name == "tun_interface_name") return check_interface(value);
     if (name == "management_ip" && !is_ipv4(value)) return "management_ip must be an IPv4 address";
     if (name == "inner_ip" && !is_ipv4(value)) return "inner_ip must be an IPv4 address";
     if (name == "inner_ip") warning = "inner_ip is not used by the daemon: the gateway assigns the inner address";
-    if (name == "log_level" && !is_level_word(value)) return "log_level must be errors, warnings, info, debug, ssl-dbg or buf-print";
+    if (name == "log_level" && !is_level_word(value))
+        return "log_level must be errors, warnings, info, debug, ssl-dbg or buf-print";
     if (name == "log_dest" && !is_destination_word(value)) return "log_dest must be file, console or both";
     return "";
 }
@@ -208,8 +212,8 @@ std::vector<conf_entry> parse_conf(const std::string &content, size_t &skipped) 
     std::vector<conf_entry> entries;
     skipped = 0;
     for (size_t at = 0; at < content.size();) {
-        size_t end = content.find('\n', at);
-        size_t length = std::min(end == std::string::npos ? content.size() - at : end - at + 1, line_width);
+        size_t     end    = content.find('\n', at);
+        size_t     length = std::min(end == std::string::npos ? content.size() - at : end - at + 1, line_width);
         conf_entry entry;
         if (parse_line(content.substr(at, length), entry)) entries.push_back(entry);
         else skipped++;
@@ -232,17 +236,18 @@ std::optional<std::string> read_conf_file(const std::string &path, std::string &
     }
 
     std::string content;
-    char piece[4096];
-    ssize_t n;
-    while (content.size() <= file_limit && (n = read(fd, piece, sizeof piece)) > 0) content.append(piece, static_cast<size_t>(n));
+    char        piece[4096];
+    ssize_t     n;
+    while (content.size() <= file_limit && (n = read(fd, piece, sizeof piece)) > 0)
+        content.append(piece, static_cast<size_t>(n));
     close(fd);
     return content;
 }
 
 std::string conf_value(const std::string &path, const std::string &key) {
     std::string ignored, value;
-    size_t skipped = 0;
-    auto content = read_conf_file(path, ignored);
+    size_t      skipped = 0;
+    auto        content = read_conf_file(path, ignored);
     if (!content) return "";
     for (const conf_entry &entry : parse_conf(*content, skipped))
         if (entry.key == key) value = entry.value;

@@ -14,14 +14,14 @@ constexpr const char *default_conf_file = "/storage/application/wlc/wlc-sec-tun.
 struct conf_entry {
     std::string key;
     std::string value;
-    int flag = 0;
+    int         flag = 0;
 };
 
 // What each key is and may be.
 struct conf_key {
     const char *name;
-    size_t limit;  // characters that the daemon keeps
-    bool required;
+    size_t      limit;  // characters that the daemon keeps
+    bool        required;
     const char *preset;  // value if none is given, or null
     const char *help;
 };

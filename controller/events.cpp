@@ -14,7 +14,7 @@ moment present() {
 
 std::string wall_text(int64_t wall_ms) {
     time_t seconds = static_cast<time_t>(wall_ms / 1000);
-    tm parts{};
+    tm     parts{};
     gmtime_r(&seconds, &parts);
     char day[32], text[48];
     strftime(day, sizeof day, "%Y-%m-%dT%H:%M:%S", &parts);
@@ -22,9 +22,7 @@ std::string wall_text(int64_t wall_ms) {
     return text;
 }
 
-std::string json_line(const json &value) {
-    return value.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
-}
+std::string json_line(const json &value) { return value.dump(-1, ' ', false, json::error_handler_t::replace) + "\n"; }
 
 uint64_t event_log::add(const moment &now, const char *kind, const json &members) {
     json whole = {{"event", ++m_last},

@@ -18,7 +18,7 @@ constexpr size_t events_kept = 5000;  // some 6 MB when every one is a statistic
 
 // A point in time on both clocks.
 struct moment {
-    double mono = 0;   // seconds, CLOCK_MONOTONIC
+    double  mono = 0;  // seconds, CLOCK_MONOTONIC
     int64_t wall = 0;  // milliseconds since 1970
 };
 
@@ -33,7 +33,7 @@ std::string json_line(const json &value);
 
 // A kept event. The text, not the tree, because it takes a tenth of the memory.
 struct event {
-    uint64_t number;
+    uint64_t    number;
     const char *kind;
     std::string line;  // the documented JSON, with its line end
 };
@@ -60,7 +60,7 @@ public:
 
 private:
     std::deque<event> m_kept;
-    uint64_t m_last = 0;
+    uint64_t          m_last = 0;
 };
 
 }  // namespace wlcctl

@@ -15,7 +15,7 @@ namespace wlcctl {
 namespace {
 
 constexpr size_t waiting_limit = 64;  // a hook that hangs must not make the queue grow for ever
-constexpr double kill_delay = 2;      // seconds between SIGTERM and SIGKILL
+constexpr double kill_delay    = 2;   // seconds between SIGTERM and SIGKILL
 
 // The agent's environment plus the facts. Facts come first, so that they win.
 std::vector<char *> make_environment(std::vector<std::string> &facts) {
@@ -31,7 +31,7 @@ std::vector<char *> make_environment(std::vector<std::string> &facts) {
 // Runs the command in a process group of its own, with default signals, nothing to read, and its output on standard error.
 // Returns the error number of posix_spawn.
 int spawn(pid_t &pid, std::string command, std::vector<std::string> facts) {
-    posix_spawnattr_t attributes;
+    posix_spawnattr_t          attributes;
     posix_spawn_file_actions_t actions;
     posix_spawnattr_init(&attributes);
     posix_spawn_file_actions_init(&actions);
@@ -47,10 +47,10 @@ int spawn(pid_t &pid, std::string command, std::vector<std::string> facts) {
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
 
-    char shell[] = "sh", option[] = "-c";
-    char *arguments[] = {shell, option, command.data(), nullptr};
+    char                shell[] = "sh", option[] = "-c";
+    char               *arguments[] = {shell, option, command.data(), nullptr};
     std::vector<char *> environment = make_environment(facts);
-    int error = posix_spawn(&pid, "/bin/sh", &actions, &attributes, arguments, environment.data());
+    int                 error = posix_spawn(&pid, "/bin/sh", &actions, &attributes, arguments, environment.data());
 
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
@@ -59,7 +59,8 @@ int spawn(pid_t &pid, std::string command, std::vector<std::string> facts) {
 
 }  // namespace
 
-void hooks::run(const char *name, const std::string &command, std::vector<std::string> facts, uint64_t cause, const moment &now) {
+void hooks::run(const char *name, const std::string &command, std::vector<std::string> facts, uint64_t cause,
+                const moment &now) {
     if (m_waiting.size() >= waiting_limit) {
         m_log.add(now, "hook_failed", {{"hook", name}, {"error", "too many hooks are waiting"}});
         return;
@@ -71,7 +72,7 @@ void hooks::run(const char *name, const std::string &command, std::vector<std::s
 void hooks::tick(const moment &now) {
     if (m_running != 0) collect(now);
     if (m_running != 0 && !m_ended && now.mono >= m_started + m_timeout) {
-        m_ended = true;
+        m_ended   = true;
         m_kill_at = now.mono + kill_delay;
         kill(-m_running, SIGTERM);
     } else if (m_running != 0 && m_ended && now.mono >= m_kill_at) {
@@ -113,9 +114,9 @@ void hooks::start_next(const moment &now) {
         m_log.add(now, "hook_failed", {{"hook", next.name}, {"error", strerror(error)}});
         return;
     }
-    m_name = next.name;
+    m_name    = next.name;
     m_started = now.mono;
-    m_ended = false;
+    m_ended   = false;
     m_log.add(now, "hook_started", {{"hook", m_name}, {"pid", m_running}, {"for_event", next.cause}});
 }
 
@@ -126,7 +127,7 @@ void hooks::collect(const moment &now) {
     json members = {{"hook", m_name}, {"pid", m_running}};
     if (WIFSIGNALED(status)) members["signal"] = WTERMSIG(status);
     else members["status"] = WEXITSTATUS(status);
-    members["seconds"] = std::round((now.mono - m_started) * 1000) / 1000;
+    members["seconds"]   = std::round((now.mono - m_started) * 1000) / 1000;
     members["timed_out"] = m_ended;
     // What the shell left behind in its group belongs to a hook that is over.
     if (m_ended) kill(-m_running, SIGKILL);

@@ -23,9 +23,7 @@ std::string text(const json &value) {
     return list.empty() ? "none" : list;
 }
 
-std::string text(const json &object, const char *name) {
-    return text(member(object, name));
-}
+std::string text(const json &object, const char *name) { return text(member(object, name)); }
 
 double number(const json &object, const char *name) {
     json value = member(object, name);
@@ -37,16 +35,14 @@ std::string padded(std::string s, size_t width) {
     return s + " ";
 }
 
-std::string ago(double seconds) {
-    return duration_text(seconds) + " ago";
-}
+std::string ago(double seconds) { return duration_text(seconds) + " ago"; }
 
 // "reported 12 s ago", "inferred 3 s ago", "unknown", and the value of earlier times if that is all there is.
 std::string age_and_source(const json &fact) {
     std::string how = text(fact, "source");
     if (fact.contains("age")) return how + " " + ago(number(fact, "age"));
     if (!fact.contains("last")) return how == "unknown" ? "" : how;
-    json last = member(fact, "last"), value = member(last, "value");
+    json        last = member(fact, "last"), value = member(last, "value");
     std::string was = value.is_object() ? "" : text(value) + ", ";
     return "last known: " + was + ago(number(last, "age"));
 }
@@ -57,7 +53,7 @@ std::string line(const char *label, const std::string &value, const std::string 
 }
 
 std::string fact_line(const char *label, const json &fact, bool has_note, const std::string &extra = "") {
-    json value = member(fact, "value");
+    json        value  = member(fact, "value");
     std::string remark = age_and_source(fact) + extra;
     if (has_note && fact.contains("note")) remark += (remark.empty() ? "" : "; ") + text(fact, "note");
     return line(label, value.is_null() ? "unknown" : text(value), remark);
@@ -88,8 +84,9 @@ std::string daemon_line(const json &answer) {
 std::string statistics_line(const json &fact) {
     json counters = member(fact, "value");
     if (counters.is_null()) return fact_line("Statistics", fact, false);
-    std::string digest = "sent " + text(counters, "Data Pkt Tx") + ", received " + text(counters, "Data Pkt Rx") + " data packets; rekeys " +
-                         text(counters, "Rekey Success") + " of " + text(counters, "Rekey Attempts");
+    std::string digest = "sent " + text(counters, "Data Pkt Tx") + ", received " + text(counters, "Data Pkt Rx") +
+                         " data packets; rekeys " + text(counters, "Rekey Success") + " of " +
+                         text(counters, "Rekey Attempts");
     for (const auto &[label, value] : counters.items()) {
         bool is_total = label.size() > 6 && label.compare(label.size() - 6, 6, "_total") == 0;
         if ((is_total || label == "Invalid Rx") && value != 0) digest += "; " + label + " " + text(value);
@@ -100,13 +97,15 @@ std::string statistics_line(const json &fact) {
 std::string command_line(const json &command) {
     if (command.is_null()) return "";
     bool is_answered = member(command, "answered") == true;
-    return line("Last command", text(command, "command"), "sent " + ago(number(command, "age")) + (is_answered ? ", answered" : ", not answered"));
+    return line("Last command", text(command, "command"),
+                "sent " + ago(number(command, "age")) + (is_answered ? ", answered" : ", not answered"));
 }
 
 std::string queries_line(const json &queries) {
-    std::string mode = text(queries, "mode");
-    std::string how = mode == "none" ? "not answered" : mode == "fixed" ? "answered with " + text(queries, "value")
-                                                                        : "answered by looking up " + text(queries, "value");
+    std::string mode  = text(queries, "mode");
+    std::string how   = mode == "none"    ? "not answered"
+                        : mode == "fixed" ? "answered with " + text(queries, "value")
+                                          : "answered by looking up " + text(queries, "value");
     std::string asked = text(queries, "asked") + " asked, " + text(queries, "answered") + " answered";
     if (number(queries, "failed") > 0) asked += ", " + text(queries, "failed") + " failed";
     if (!member(queries, "last_asked_age").is_null()) asked += ", last " + ago(number(queries, "last_asked_age"));
@@ -114,8 +113,8 @@ std::string queries_line(const json &queries) {
 }
 
 std::string status_text(const json &answer) {
-    json cause = member(answer, "cause");
-    std::string all = tunnel_line(member(answer, "tunnel"));
+    json        cause = member(answer, "cause");
+    std::string all   = tunnel_line(member(answer, "tunnel"));
     if (!member(cause, "value").is_null()) all += fact_line("Last down", cause, false);
     all += daemon_line(answer);
     all += fact_line("Feature", member(answer, "feature"), true);
@@ -129,7 +128,7 @@ std::string status_text(const json &answer) {
 }
 
 std::string statistics_text(const json &fact) {
-    json counters = member(fact, "value");
+    json        counters = member(fact, "value");
     std::string all;
     if (counters.is_null()) return all;
     for (const auto &[label, value] : counters.items()) all += padded(label, 34) + text(value) + "\n";
@@ -140,8 +139,10 @@ std::string conf_text(const json &answer) {
     if (!answer.contains("entries")) return "";
     std::string all = text(answer, "path") + "\n";
     for (const json &entry : member(answer, "entries"))
-        all += "  " + padded(text(entry, "key"), 20) + padded(text(entry, "value"), 32) + (member(entry, "flag") == 0 ? "read by the daemon" : "not yet read") + "\n";
-    if (number(answer, "skipped") > 0) all += "  (" + text(answer, "skipped") + " line(s) that the daemon skips and drops)\n";
+        all += "  " + padded(text(entry, "key"), 20) + padded(text(entry, "value"), 32) +
+               (member(entry, "flag") == 0 ? "read by the daemon" : "not yet read") + "\n";
+    if (number(answer, "skipped") > 0)
+        all += "  (" + text(answer, "skipped") + " line(s) that the daemon skips and drops)\n";
     return all;
 }
 
@@ -150,8 +151,10 @@ std::string members_text(const json &e) {
     std::string all;
     for (const auto &[name, value] : e.items()) {
         if (name == "event" || name == "time" || name == "mono" || name == "kind") continue;
-        all += "  " + name + "=" + (value.is_string() ? "\"" + text(value) + "\"" : value.is_array() ? "[" + text(value) + "]"
-                                                                                                     : value.dump());
+        all += "  " + name + "=" +
+               (value.is_string()  ? "\"" + text(value) + "\""
+                : value.is_array() ? "[" + text(value) + "]"
+                                   : value.dump());
     }
     return all;
 }
@@ -181,12 +184,14 @@ std::string answer_text(const json &answer) {
     if (verb == "status" && answer.contains("tunnel")) return status_text(answer);
     if (verb == "stats") return statistics_text(member(answer, "statistics"));
     if (verb == "conf show") return conf_text(answer);
-    if (verb == "info" && member(answer, "exit") == 0) return "process " + text(member(answer, "daemon_pid"), "value") + "\n";
+    if (verb == "info" && member(answer, "exit") == 0)
+        return "process " + text(member(answer, "daemon_pid"), "value") + "\n";
 
     std::string all;
     if (verb == "events")
         for (const json &e : member(answer, "events")) all += event_text(e) + "\n";
-    if (answer.contains("note") && member(answer, "sent") == true && member(answer, "tunnel").is_null()) return text(answer, "note") + "\n";
+    if (answer.contains("note") && member(answer, "sent") == true && member(answer, "tunnel").is_null())
+        return text(answer, "note") + "\n";
     if (answer.contains("tunnel")) all += tunnel_line(member(answer, "tunnel"));
     if (answer.contains("note")) all += text(answer, "note") + "\n";
     return all;

@@ -15,8 +15,8 @@ namespace wlcctl {
 // it after that only. Whoever lets go last closes the descriptor.
 struct resolver::lookup {
     std::string name;
-    result outcome;
-    int done = -1;  // eventfd
+    result      outcome;
+    int         done = -1;  // eventfd
 
     ~lookup() {
         if (done >= 0) close(done);
@@ -26,10 +26,11 @@ struct resolver::lookup {
 namespace {
 
 std::string address_text(const addrinfo &entry) {
-    char text[INET6_ADDRSTRLEN] = "";
-    const void *address = entry.ai_family == AF_INET
-                              ? static_cast<const void *>(&reinterpret_cast<const sockaddr_in *>(entry.ai_addr)->sin_addr)
-                              : static_cast<const void *>(&reinterpret_cast<const sockaddr_in6 *>(entry.ai_addr)->sin6_addr);
+    char        text[INET6_ADDRSTRLEN] = "";
+    const void *address =
+        entry.ai_family == AF_INET
+            ? static_cast<const void *>(&reinterpret_cast<const sockaddr_in *>(entry.ai_addr)->sin_addr)
+            : static_cast<const void *>(&reinterpret_cast<const sockaddr_in6 *>(entry.ai_addr)->sin6_addr);
     inet_ntop(entry.ai_family, address, text, sizeof text);
     return text;
 }
@@ -57,11 +58,11 @@ resolver::result look_up(const std::string &name) {
 
 }  // namespace
 
-resolver::resolver() = default;
+resolver::resolver()  = default;
 resolver::~resolver() = default;
 
 bool resolver::start(const std::string &name) {
-    auto next = std::make_shared<lookup>();
+    auto next  = std::make_shared<lookup>();
     next->name = name;
     next->done = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (next->done < 0) return false;
@@ -69,7 +70,7 @@ bool resolver::start(const std::string &name) {
     try {
         std::thread([next] {
             next->outcome = look_up(next->name);
-            uint64_t one = 1;
+            uint64_t one  = 1;
             (void)write(next->done, &one, sizeof one);  // an empty eventfd takes it
         }).detach();
     } catch (const std::system_error &) {
@@ -79,13 +80,9 @@ bool resolver::start(const std::string &name) {
     return true;
 }
 
-void resolver::abandon() {
-    m_current.reset();
-}
+void resolver::abandon() { m_current.reset(); }
 
-int resolver::descriptor() const {
-    return m_current ? m_current->done : -1;
-}
+int resolver::descriptor() const { return m_current ? m_current->done : -1; }
 
 resolver::result resolver::take() {
     result outcome = m_current->outcome;

@@ -10,7 +10,7 @@ class resolver {
 public:
     resolver();
     ~resolver();
-    resolver(const resolver &) = delete;
+    resolver(const resolver &)            = delete;
     resolver &operator=(const resolver &) = delete;
 
     // Starts a lookup of `name`, a fresh one each time. A lookup still under way is given up: its result is thrown away.

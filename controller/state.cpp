@@ -8,26 +8,22 @@ namespace {
 
 constexpr double report_silence = 150;  // seconds; an enabled daemon reports every 60 and some
 constexpr double hello_patience = 10;   // seconds in which a HELLO may be the answer to ours
-constexpr double hello_delay = 0.5;     // seconds between the daemon's opening of its pipe and our reading of its HELLO
+constexpr double hello_delay    = 0.5;  // seconds between the daemon's opening of its pipe and our reading of its HELLO
 constexpr double query_patience = 30;   // seconds after which a process query will not be answered any more
-constexpr double fresh_word = 5;        // seconds in which the daemon's last word still says that it runs
+constexpr double fresh_word     = 5;    // seconds in which the daemon's last word still says that it runs
 
 // The two causes that answer a start: client init failed, tunnel start failed.
-bool is_refusal(int code) {
-    return code == 1 || code == 2;
-}
+bool is_refusal(int code) { return code == 1 || code == 2; }
 
-double rounded(double seconds) {
-    return std::round(seconds * 1000) / 1000;
-}
+double rounded(double seconds) { return std::round(seconds * 1000) / 1000; }
 
 template <class T>
 json describe_fact(const fact<T> &f, const json &value, const moment &now) {
     json j = {{"value", f.known() ? value : json(nullptr)}, {"source", source_name(f.how)}};
     if (f.known()) {
-        j["age"] = rounded(now.mono - f.last.mono);
+        j["age"]   = rounded(now.mono - f.last.mono);
         j["since"] = wall_text(f.since.wall);
-        j["for"] = rounded(now.mono - f.since.mono);
+        j["for"]   = rounded(now.mono - f.since.mono);
     }
     if (!f.note.empty()) j["note"] = f.note;
     return j;
@@ -50,21 +46,18 @@ json code_or_null(const std::string &cause) {
 }
 
 const char *command_name(uint32_t id) {
-    return id == msg_tun_start ? "start" : id == msg_tun_stop ? "stop"
-                                                              : "restart";
+    return id == msg_tun_start ? "start" : id == msg_tun_stop ? "stop" : "restart";
 }
 
 }  // namespace
 
 const char *source_name(source how) {
-    return how == source::reported ? "reported" : how == source::inferred ? "inferred"
-                                                                          : "unknown";
+    return how == source::reported ? "reported" : how == source::inferred ? "inferred" : "unknown";
 }
 
 const char *tunnel_name(const fact<tunnel> &state) {
     if (!state.known()) return "unknown";
-    return state.value == tunnel::up ? "up" : state.value == tunnel::down ? "down"
-                                                                          : "in_progress";
+    return state.value == tunnel::up ? "up" : state.value == tunnel::down ? "down" : "in_progress";
 }
 
 // --- what comes -----------------------------------------------------------------------------------------------------
@@ -101,7 +94,7 @@ void controller_state::on_message(const message &m, const moment &now) {
 // The daemon says HELLO when it begins and as the answer to HELLO. When a restart hides behind an expected one, the changed
 // process id shows it.
 void controller_state::on_hello(const moment &now) {
-    bool expected = m_hellos_expected > 0 && now.mono - m_hello_sent.mono < hello_patience;
+    bool expected     = m_hellos_expected > 0 && now.mono - m_hello_sent.mono < hello_patience;
     m_hellos_expected = expected ? m_hellos_expected - 1 : 0;
     hellos++;
     m_log.add(now, "hello", {{"expected", expected}});
@@ -119,8 +112,7 @@ void controller_state::on_in_progress(const moment &now) {
     if (last_command.id != msg_tun_stop) last_command.answered = true;
     if (tun.is(tunnel::up) && was_start)
         tun.note = "a start was accepted while the tunnel was up; the daemon does not report UP again";
-    else
-        set_tunnel(tunnel::in_progress, source::reported, now, "");
+    else set_tunnel(tunnel::in_progress, source::reported, now, "");
 }
 
 void controller_state::on_up(const moment &now) {
@@ -187,7 +179,8 @@ void controller_state::conclude_answered_query(const moment &now) {
         enabled.set(source::inferred, false, now, "the daemon has read a stop");
         if (tun.is(tunnel::down)) return;
         cause.set(source::inferred, "stopped by the controller", now, "the daemon has read a stop");
-        set_tunnel(tunnel::down, source::inferred, now, "the daemon has read a stop; it does not always report the end");
+        set_tunnel(tunnel::down, source::inferred, now,
+                   "the daemon has read a stop; it does not always report the end");
     }
 }
 
@@ -209,7 +202,7 @@ void controller_state::on_sent(uint32_t id, const moment &now) {
     case msg_stats_request:
     case msg_stats_clear:
         m_stats_asked = true;
-        m_probe_at = now;
+        m_probe_at    = now;
         return;
     case msg_process_query:
         m_outstanding.push_back({++m_queries_sent, now.mono});
@@ -225,7 +218,8 @@ void controller_state::on_sent(uint32_t id, const moment &now) {
 void controller_state::on_daemon_reader(bool has_reader, const moment &now) {
     if (has_reader) {
         if (!running.is(true)) m_log.add(now, "daemon_appeared");
-        bool is_reported = running.is(true) && running.how == source::reported && now.mono - running.last.mono < fresh_word;
+        bool is_reported = running.is(true) && running.how == source::reported &&
+                           now.mono - running.last.mono < fresh_word;
         if (!is_reported) running.set(source::inferred, true, now, "its pipe has a reader");
         return;
     }
@@ -246,7 +240,8 @@ void controller_state::begin_afresh(const char *reason, double patience, const m
     beginnings++;
     forget_reports("not reported since the daemon began afresh", patience, now);
     enabled.set(source::inferred, false, now, "the daemon began afresh");
-    if (tun.is(tunnel::up) || tun.is(tunnel::in_progress)) cause.set(source::inferred, "the daemon began afresh", now, reason);
+    if (tun.is(tunnel::up) || tun.is(tunnel::in_progress))
+        cause.set(source::inferred, "the daemon began afresh", now, reason);
     set_tunnel(tunnel::down, source::inferred, now, "the daemon began afresh");
 }
 
@@ -264,9 +259,9 @@ void controller_state::forget_reports(const std::string &why, double patience, c
 }
 
 void controller_state::set_tunnel(tunnel to, source how, const moment &now, const std::string &why) {
-    std::string from = tunnel_name(tun);
-    bool was_known = tun.known();
-    bool is_same = tun.is(to);
+    std::string from      = tunnel_name(tun);
+    bool        was_known = tun.known();
+    bool        is_same   = tun.is(to);
     tun.set(how, to, now, why);
     if (is_same) return;
 
@@ -296,15 +291,18 @@ exit_code controller_state::judge(const moment &now) const {
 }
 
 std::string controller_state::explain_tunnel(const moment &now) const {
-    uint64_t attempts = name_queries - m_queries_at_start;
+    uint64_t    attempts = name_queries - m_queries_at_start;
     std::string repeated = attempts == 1 ? "once" : std::to_string(attempts) + " times";
 
     if (!tun.known()) return "nothing was reported since the agent began";
     if (tun.is(tunnel::up) && is_silent(now)) return "the daemon has not been heard of for too long to believe this";
     if (tun.is(tunnel::in_progress) && attempts > 0)
-        return "the daemon asked for the gateway's address " + repeated + " since the start, which it does after a failed attempt";
-    if (tun.is(tunnel::in_progress)) return "a first connection that fails is not reported; the daemon tries again by itself";
-    if (tun.is(tunnel::down) && cause.how == source::reported && is_refusal(cause_code(cause.value))) return "the daemon could not start it";
+        return "the daemon asked for the gateway's address " + repeated +
+               " since the start, which it does after a failed attempt";
+    if (tun.is(tunnel::in_progress))
+        return "a first connection that fails is not reported; the daemon tries again by itself";
+    if (tun.is(tunnel::down) && cause.how == source::reported && is_refusal(cause_code(cause.value)))
+        return "the daemon could not start it";
     if (tun.is(tunnel::down) && running.is(true) && enabled.is(true)) return "the daemon tries again by itself";
     return tun.note;
 }
@@ -317,11 +315,11 @@ json controller_state::describe(const moment &now) const {
     j["cause"] = describe_fact(cause, cause.value, now);
     if (cause.how == source::reported) j["cause"]["code"] = code_or_null(cause.value);
 
-    j["daemon"] = describe_fact(running, running.value ? "running" : "not_running", now);
+    j["daemon"]     = describe_fact(running, running.value ? "running" : "not_running", now);
     j["daemon_pid"] = describe_fact(pid, pid.value, now);
     if (!pid.known() && pid.old) describe_old(j["daemon_pid"], *pid.old, pid.old_last, now);
     j["last_word_age"] = last_word ? json(rounded(now.mono - last_word->mono)) : json(nullptr);
-    j["feature"] = describe_fact(enabled, enabled.value ? "enabled" : "disabled", now);
+    j["feature"]       = describe_fact(enabled, enabled.value ? "enabled" : "disabled", now);
 
     j["inner_ip"] = describe_fact(inner_ip, inner_ip.value, now);
     if (!inner_ip.known() && inner_ip.old) describe_old(j["inner_ip"], *inner_ip.old, inner_ip.old_last, now);
@@ -335,7 +333,9 @@ json controller_state::describe(const moment &now) const {
 
     j["last_command"] = nullptr;
     if (last_command.id != 0)
-        j["last_command"] = {{"command", command_name(last_command.id)}, {"age", rounded(now.mono - last_command.at.mono)}, {"answered", last_command.answered}};
+        j["last_command"] = {{"command", command_name(last_command.id)},
+                             {"age", rounded(now.mono - last_command.at.mono)},
+                             {"answered", last_command.answered}};
     return j;
 }
 

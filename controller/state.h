@@ -16,74 +16,80 @@ namespace wlcctl {
 
 // Exit statuses, the same for the verbs and on the socket.
 enum exit_code : int {
-    exit_done = 0,
-    exit_failed = 1,
-    exit_usage = 2,
-    exit_tunnel_not_up = 3,
+    exit_done               = 0,
+    exit_failed             = 1,
+    exit_usage              = 2,
+    exit_tunnel_not_up      = 3,
     exit_daemon_not_running = 4,
-    exit_no_answer = 5,
-    exit_other_controller = 7,
-    exit_feature_disabled = 8,
-    exit_unknown = 9,
+    exit_no_answer          = 5,
+    exit_other_controller   = 7,
+    exit_feature_disabled   = 8,
+    exit_unknown            = 9,
 };
 
-enum class source { unknown,
-                    reported,
-                    inferred };
+enum class source {
+    unknown,
+    reported,
+    inferred
+};
 const char *source_name(source how);
 
 // A value with its age and its source. An unknown fact may remember what was known before the daemon began afresh.
 template <class T>
 struct fact {
-    source how = source::unknown;
-    T value{};
-    moment last;       // when it was last reported or concluded
-    moment since;      // when it became what it is
-    std::string note;  // what it was concluded from, or what to bear in mind
+    source           how = source::unknown;
+    T                value{};
+    moment           last;   // when it was last reported or concluded
+    moment           since;  // when it became what it is
+    std::string      note;   // what it was concluded from, or what to bear in mind
     std::optional<T> old;
-    moment old_last;
+    moment           old_last;
 
     bool known() const { return how != source::unknown; }
     bool is(const T &other) const { return known() && value == other; }
 
     void set(source by, const T &to, const moment &now, const std::string &why = "") {
         if (!known() || !(value == to)) since = now;
-        how = by;
+        how   = by;
         value = to;
-        last = now;
-        note = why;
+        last  = now;
+        note  = why;
     }
 
     void forget(const std::string &why) {
         if (known()) {
-            old = value;
+            old      = value;
             old_last = last;
         }
-        how = source::unknown;
+        how   = source::unknown;
         value = T{};
-        note = why;
+        note  = why;
     }
 };
 
-enum class tunnel { down,
-                    in_progress,
-                    up };
+enum class tunnel {
+    down,
+    in_progress,
+    up
+};
 const char *tunnel_name(const fact<tunnel> &state);
 
 // A hook to run: which, and the number of the event that caused it.
-enum class hook_kind { up,
-                       down,
-                       dns };
+enum class hook_kind {
+    up,
+    down,
+    dns
+};
 struct trigger {
     hook_kind kind;
-    uint64_t event;
+    uint64_t  event;
 };
 
 // The last start, stop or restart that was sent.
 struct command {
     uint32_t id = 0;  // 0: none
-    moment at;
-    bool answered = false;  // a start was accepted or refused, a stop was read
+    moment   at;
+    bool     answered = false;  // a start was accepted or refused, a stop was read
 };
 
 class controller_state {
@@ -116,32 +122,32 @@ public:
     // Process queries are answered in the order of the pipe: when the answer to query `number` is there, the
     // daemon has handled everything written before it.
     uint64_t queries_sent() const { return m_queries_sent; }
-    bool is_answered(uint64_t number) const { return m_queries_answered >= number; }
+    bool     is_answered(uint64_t number) const { return m_queries_answered >= number; }
 
     // Takes the hooks that became due, in order.
     std::vector<trigger> take_triggers() { return std::exchange(m_triggers, {}); }
 
     // Facts, read by the agent.
-    fact<tunnel> tun;
-    fact<std::string> cause;  // of the last down
-    fact<bool> running;       // the daemon
-    fact<int32_t> pid;
-    fact<bool> enabled;  // the feature
-    fact<std::string> inner_ip;
+    fact<tunnel>                   tun;
+    fact<std::string>              cause;    // of the last down
+    fact<bool>                     running;  // the daemon
+    fact<int32_t>                  pid;
+    fact<bool>                     enabled;  // the feature
+    fact<std::string>              inner_ip;
     fact<std::vector<std::string>> dns;
-    uint32_t dns_count = 0;
-    fact<counters> stats;
-    command last_command;
-    std::optional<moment> last_word;  // the daemon's last message
+    uint32_t                       dns_count = 0;
+    fact<counters>                 stats;
+    command                        last_command;
+    std::optional<moment>          last_word;  // the daemon's last message
 
     // Counts of what came, so that a waiting verb can tell what came after it began.
     uint64_t starts_accepted = 0;
-    uint64_t starts_refused = 0;
-    uint64_t ups = 0;
-    uint64_t hellos = 0;
-    uint64_t beginnings = 0;  // times that the daemon began afresh
-    uint64_t name_queries = 0;
-    moment last_name_query;
+    uint64_t starts_refused  = 0;
+    uint64_t ups             = 0;
+    uint64_t hellos          = 0;
+    uint64_t beginnings      = 0;  // times that the daemon began afresh
+    uint64_t name_queries    = 0;
+    moment   last_name_query;
 
 private:
     void on_hello(const moment &now);
@@ -156,27 +162,27 @@ private:
     void begin_afresh(const char *reason, double patience, const moment &now);
     void forget_reports(const std::string &why, double patience, const moment &now);
 
-    event_log &m_log;
-    std::function<bool()> m_is_daemon_alive;
-    std::vector<trigger> m_triggers;
+    event_log                              &m_log;
+    std::function<bool()>                   m_is_daemon_alive;
+    std::vector<trigger>                    m_triggers;
     std::optional<std::vector<std::string>> m_dns_of_last_hook;  // none: the next report runs the hook
 
     struct query {
         uint64_t number;
-        double sent;  // monotonic seconds
+        double   sent;  // monotonic seconds
     };
     std::deque<query> m_outstanding;  // process queries whose answer is awaited, oldest first
-    uint64_t m_queries_sent = 0;
-    uint64_t m_queries_answered = 0;  // number of the newest answered one
-    uint64_t m_stop_query = 0;        // answered: the daemon has read the stop; 0: none awaited
-    uint64_t m_probe_query = 0;       // answered: a request for statistics before it was handled; 0: none awaited
-    moment m_probe_at;                // when statistics were asked for
-    bool m_stats_asked = false;       // the next process query completes a probe
-    bool m_stop_sent = false;         // the next process query confirms a stop
-    bool m_start_sent = false;        // an accepted start enables the feature
-    moment m_hello_sent;
-    unsigned m_hellos_expected = 0;
-    uint64_t m_queries_at_start = 0;  // name queries up to the last accepted start
+    uint64_t          m_queries_sent     = 0;
+    uint64_t          m_queries_answered = 0;  // number of the newest answered one
+    uint64_t          m_stop_query       = 0;  // answered: the daemon has read the stop; 0: none awaited
+    uint64_t          m_probe_query = 0;  // answered: a request for statistics before it was handled; 0: none awaited
+    moment            m_probe_at;         // when statistics were asked for
+    bool              m_stats_asked = false;  // the next process query completes a probe
+    bool              m_stop_sent   = false;  // the next process query confirms a stop
+    bool              m_start_sent  = false;  // an accepted start enables the feature
+    moment            m_hello_sent;
+    unsigned          m_hellos_expected  = 0;
+    uint64_t          m_queries_at_start = 0;  // name queries up to the last accepted start
 };
 
 }  // namespace wlcctl

@@ -6,33 +6,57 @@
 
 namespace wlcctl {
 
-const std::array<const char *, counter_count> counter_labels = {
-    "Data Pkt Rx", "Data Pkt Tx", "Ctrl Pkt Rx", "Ctrl Pkt Tx", "Invalid Rx", "Tun Pkt Rx", "Tun Pkt Tx",
-    "DPD Req Tx", "DPD Rsp Rx", "Rekey Attempts", "Rekey Success", "tun_alloc", "tun_freed",
-    "ssl_read_errors_total", "ssl_read_errors_READWOULDBLOCK", "ssl_read_errors_WRITEWOULDBLOCK", "ssl_read_errors_others",
-    "ssl_write_errors_total", "ssl_write_errors_READWOULDBLOCK", "ssl_write_errors_WRITEWOULDBLOCK", "ssl_write_errors_others",
-    "tun_read_errors_total", "tun_read_errors_EINVAL", "tun_read_errors_EBADF", "tun_read_errors_EFAULT", "tun_read_errors_others",
-    "tun_write_errors_total", "tun_write_errors_EINVAL", "tun_write_errors_EBADF", "tun_write_errors_EFAULT", "tun_write_errors_others"};
+const std::array<const char *, counter_count> counter_labels = {"Data Pkt Rx",
+                                                                "Data Pkt Tx",
+                                                                "Ctrl Pkt Rx",
+                                                                "Ctrl Pkt Tx",
+                                                                "Invalid Rx",
+                                                                "Tun Pkt Rx",
+                                                                "Tun Pkt Tx",
+                                                                "DPD Req Tx",
+                                                                "DPD Rsp Rx",
+                                                                "Rekey Attempts",
+                                                                "Rekey Success",
+                                                                "tun_alloc",
+                                                                "tun_freed",
+                                                                "ssl_read_errors_total",
+                                                                "ssl_read_errors_READWOULDBLOCK",
+                                                                "ssl_read_errors_WRITEWOULDBLOCK",
+                                                                "ssl_read_errors_others",
+                                                                "ssl_write_errors_total",
+                                                                "ssl_write_errors_READWOULDBLOCK",
+                                                                "ssl_write_errors_WRITEWOULDBLOCK",
+                                                                "ssl_write_errors_others",
+                                                                "tun_read_errors_total",
+                                                                "tun_read_errors_EINVAL",
+                                                                "tun_read_errors_EBADF",
+                                                                "tun_read_errors_EFAULT",
+                                                                "tun_read_errors_others",
+                                                                "tun_write_errors_total",
+                                                                "tun_write_errors_EINVAL",
+                                                                "tun_write_errors_EBADF",
+                                                                "tun_write_errors_EFAULT",
+                                                                "tun_write_errors_others"};
 
 namespace {
 
 // Offsets in the record, in bytes.
-constexpr size_t at_padding = 4;
-constexpr size_t at_payload = 8;
-constexpr size_t at_info_body = 16;
+constexpr size_t at_padding     = 4;
+constexpr size_t at_payload     = 8;
+constexpr size_t at_info_body   = 16;
 constexpr size_t at_dns_entries = 20;
 constexpr size_t at_debug_value = 72;
 
-constexpr size_t dns_entry_size = 20;    // 4 bytes type, 16 bytes address
-constexpr size_t debug_field_size = 64;  // with the terminating NUL
-constexpr uint32_t highest_id = 255;     // a first word above this is no message id, of whatever version
+constexpr size_t   dns_entry_size   = 20;   // 4 bytes type, 16 bytes address
+constexpr size_t   debug_field_size = 64;   // with the terminating NUL
+constexpr uint32_t highest_id       = 255;  // a first word above this is no message id, of whatever version
 
-constexpr uint32_t info_dns = 0;
-constexpr uint32_t info_inner_ip = 1;
+constexpr uint32_t info_dns        = 0;
+constexpr uint32_t info_inner_ip   = 1;
 constexpr uint32_t info_statistics = 33;
 
 constexpr struct {
-    uint32_t id;
+    uint32_t    id;
     const char *name;
 } names[] = {
     {msg_hello, "HELLO"},
@@ -69,7 +93,7 @@ constexpr const char *causes[] = {
     "Tunnel down due to max DPD timeout",
 };
 
-constexpr const char *level_words[] = {"errors", "warnings", "info", "debug", "ssl-dbg", "buf-print"};
+constexpr const char *level_words[]       = {"errors", "warnings", "info", "debug", "ssl-dbg", "buf-print"};
 constexpr const char *destination_words[] = {"file", "console", "both"};
 
 uint32_t read_word(const uint8_t *at) {
@@ -78,16 +102,13 @@ uint32_t read_word(const uint8_t *at) {
     return word;
 }
 
-void write_word(uint8_t *at, uint32_t word) {
-    memcpy(at, &word, sizeof word);
-}
+void write_word(uint8_t *at, uint32_t word) { memcpy(at, &word, sizeof word); }
 
 // Text up to its NUL or the record's end. Anything but printable ASCII becomes '?', so that it may go to a terminal, into
 // JSON and into a hook's environment.
 std::string read_text(const record &r, size_t at) {
     std::string text;
-    for (; at < r.size() && r[at] != 0; at++)
-        text += r[at] >= 0x20 && r[at] < 0x7f ? static_cast<char>(r[at]) : '?';
+    for (; at < r.size() && r[at] != 0; at++) text += r[at] >= 0x20 && r[at] < 0x7f ? static_cast<char>(r[at]) : '?';
     return text;
 }
 
@@ -98,10 +119,10 @@ void write_text(record &r, size_t at, const std::string &text, size_t field_size
 // One DNS entry as text, empty if the type is unknown or the address is all zero (the daemon leaves an entry of an unknown
 // kind zero).
 std::string read_dns_entry(const uint8_t *entry) {
-    static constexpr uint8_t nothing[16] = {};
-    uint32_t type = read_word(entry);
-    const uint8_t *address = entry + 4;
-    char text[INET6_ADDRSTRLEN] = "";
+    static constexpr uint8_t nothing[16]            = {};
+    uint32_t                 type                   = read_word(entry);
+    const uint8_t           *address                = entry + 4;
+    char                     text[INET6_ADDRSTRLEN] = "";
 
     if (type > 1 || memcmp(address, nothing, sizeof nothing) == 0) return "";
     inet_ntop(type == 0 ? AF_INET : AF_INET6, address, text, sizeof text);
@@ -117,7 +138,7 @@ void decode_dns(const record &r, message &m) {
     uint16_t count;
     memcpy(&count, r.data() + at_info_body, sizeof count);
 
-    m.kind = report::dns;
+    m.kind      = report::dns;
     m.dns_count = count;
     for (size_t i = 0; i < std::min<size_t>(count, dns_slots); i++) {
         std::string server = read_dns_entry(r.data() + at_dns_entries + i * dns_entry_size);
@@ -178,7 +199,7 @@ message decode(const record &r) {
     case msg_info_update: decode_info_update(r, m); break;
     case msg_process_info:
         m.kind = report::process;
-        m.pid = static_cast<int32_t>(read_word(r.data() + at_payload));
+        m.pid  = static_cast<int32_t>(read_word(r.data() + at_payload));
         break;
     default: break;
     }
@@ -216,11 +237,7 @@ int cause_code(const std::string &text) {
     return -1;
 }
 
-bool is_level_word(const std::string &word) {
-    return is_one_of(word, level_words);
-}
-bool is_destination_word(const std::string &word) {
-    return is_one_of(word, destination_words);
-}
+bool is_level_word(const std::string &word) { return is_one_of(word, level_words); }
+bool is_destination_word(const std::string &word) { return is_one_of(word, destination_words); }
 
 }  // namespace wlcctl

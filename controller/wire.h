@@ -10,55 +10,57 @@
 
 namespace wlcctl {
 
-constexpr size_t record_size = 520;   // bytes: 4 id, 4 zero, 512 payload; below PIPE_BUF, so a pipe keeps it whole
-constexpr size_t counter_count = 31;  // 64-bit counters in a statistics report
-constexpr size_t dns_slots = 4;       // DNS entries that a report has room for
+constexpr size_t record_size   = 520;  // bytes: 4 id, 4 zero, 512 payload; below PIPE_BUF, so a pipe keeps it whole
+constexpr size_t counter_count = 31;   // 64-bit counters in a statistics report
+constexpr size_t dns_slots     = 4;    // DNS entries that a report has room for
 
-using record = std::array<uint8_t, record_size>;
+using record   = std::array<uint8_t, record_size>;
 using counters = std::array<uint64_t, counter_count>;
 
 // Message ids, host order at offset 0. Direction as seen from the controller.
 enum message_id : uint32_t {
-    msg_hello = 1,           // both ways
-    msg_tun_start = 20,      // out
-    msg_tun_stop = 21,       // out
-    msg_tun_restart = 22,    // out
-    msg_tun_in_prog = 23,    // in: a start was accepted
-    msg_tun_up = 24,         // in
-    msg_tun_down = 25,       // in: cause text
-    msg_name_query = 27,     // in: what is the gateway's address?
-    msg_name_answer = 28,    // out: address text
-    msg_debug_set = 29,      // out: category and value
-    msg_info_update = 30,    // in: DNS servers, inner address or statistics
+    msg_hello         = 1,   // both ways
+    msg_tun_start     = 20,  // out
+    msg_tun_stop      = 21,  // out
+    msg_tun_restart   = 22,  // out
+    msg_tun_in_prog   = 23,  // in: a start was accepted
+    msg_tun_up        = 24,  // in
+    msg_tun_down      = 25,  // in: cause text
+    msg_name_query    = 27,  // in: what is the gateway's address?
+    msg_name_answer   = 28,  // out: address text
+    msg_debug_set     = 29,  // out: category and value
+    msg_info_update   = 30,  // in: DNS servers, inner address or statistics
     msg_stats_request = 32,  // out
-    msg_stats_clear = 34,    // out
+    msg_stats_clear   = 34,  // out
     msg_process_query = 35,  // out
-    msg_process_info = 36,   // in: process id
-    msg_exit = 37,           // out: the daemon ends
+    msg_process_info  = 36,  // in: process id
+    msg_exit          = 37,  // out: the daemon ends
 };
 
 // What a received record says.
-enum class report { hello,
-                    in_progress,
-                    up,
-                    down,
-                    name_query,
-                    dns,
-                    inner_ip,
-                    statistics,
-                    process,
-                    unknown };
+enum class report {
+    hello,
+    in_progress,
+    up,
+    down,
+    name_query,
+    dns,
+    inner_ip,
+    statistics,
+    process,
+    unknown
+};
 
 // A received record, decoded. Only the members that belong to the kind are set.
 struct message {
-    report kind = report::unknown;
-    uint32_t id = 0;
-    uint32_t info_type = 0;            // of message 30
-    std::string text;                  // cause of a down, or inner address; printable ASCII only
-    uint32_t dns_count = 0;            // as the daemon gave it, may exceed the slots
-    std::vector<std::string> servers;  // usable DNS addresses, at most dns_slots
-    counters values{};                 // of a statistics report, in wire order
-    int32_t pid = 0;                   // of a process report
+    report                   kind      = report::unknown;
+    uint32_t                 id        = 0;
+    uint32_t                 info_type = 0;  // of message 30
+    std::string              text;           // cause of a down, or inner address; printable ASCII only
+    uint32_t                 dns_count = 0;  // as the daemon gave it, may exceed the slots
+    std::vector<std::string> servers;        // usable DNS addresses, at most dns_slots
+    counters                 values{};       // of a statistics report, in wire order
+    int32_t                  pid = 0;        // of a process report
 };
 
 // The labels of the counters, in wire order.

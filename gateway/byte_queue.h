@@ -9,10 +9,10 @@ namespace gw {
 // Bytes waiting for a socket: appended at the end, consumed at the front.
 class ByteQueue {
 public:
-    size_t size() const { return tail_ - head_; }
-    bool empty() const { return tail_ == head_; }
+    size_t         size() const { return tail_ - head_; }
+    bool           empty() const { return tail_ == head_; }
     const uint8_t *data() const { return store_.data() + head_; }
-    ByteView from(size_t offset) const { return {data() + offset, size() - offset}; }
+    ByteView       from(size_t offset) const { return {data() + offset, size() - offset}; }
 
     void append(const void *bytes, size_t count) {
         if (store_.size() - tail_ < count) make_room(count);
@@ -36,7 +36,7 @@ private:
         if (store_.size() - tail_ < count) store_.resize(2 * (tail_ + count));
     }
 
-    Bytes store_;
+    Bytes  store_;
     size_t head_ = 0;
     size_t tail_ = 0;
 };
@@ -46,10 +46,9 @@ class FrameRing {
 public:
     static constexpr size_t slot_size = 1600;  // the largest data frame, header included
 
-    explicit FrameRing(size_t slots)
-        : slots_(slots) {}
+    explicit FrameRing(size_t slots) : slots_(slots) {}
 
-    bool empty() const { return count_ == 0; }
+    bool   empty() const { return count_ == 0; }
     size_t size() const { return count_; }
 
     // False when the ring is full or the frame is larger than a slot.
@@ -66,16 +65,16 @@ public:
         return true;
     }
     ByteView front() const { return {store_.data() + first_ * slot_size, lengths_[first_]}; }
-    void pop() {
-        first_ = (first_ + 1) % slots_;
-        count_--;
+    void     pop() {
+            first_ = (first_ + 1) % slots_;
+            count_--;
     }
 
 private:
-    size_t slots_;
-    size_t first_ = 0;
-    size_t count_ = 0;
-    Bytes store_;
+    size_t                slots_;
+    size_t                first_ = 0;
+    size_t                count_ = 0;
+    Bytes                 store_;
     std::vector<uint16_t> lengths_;
 };
 

@@ -12,11 +12,11 @@ namespace gw {
 
 namespace {
 
-constexpr size_t largest_record = 16384;  // plaintext, RFC 5246
-constexpr size_t largest_payload = largest_record - frame_header_size;
-constexpr size_t largest_packet = FrameRing::slot_size - frame_header_size;
-constexpr uint64_t largest_count = 100000;       // of packets in one request
-constexpr uint64_t longest_delay = 3600 * 1000;  // milliseconds
+constexpr size_t   largest_record  = 16384;  // plaintext, RFC 5246
+constexpr size_t   largest_payload = largest_record - frame_header_size;
+constexpr size_t   largest_packet  = FrameRing::slot_size - frame_header_size;
+constexpr uint64_t largest_count   = 100000;       // of packets in one request
+constexpr uint64_t longest_delay   = 3600 * 1000;  // milliseconds
 
 }  // namespace
 
@@ -24,14 +24,16 @@ constexpr uint64_t longest_delay = 3600 * 1000;  // milliseconds
 
 void check_members(const Json &request, const std::set<std::string> &allowed) {
     for (const auto &[name, value] : request.items()) {
-        if (name != "cmd" && name != "id" && !allowed.contains(name)) throw CommandError("unknown member '" + name + "'");
+        if (name != "cmd" && name != "id" && !allowed.contains(name))
+            throw CommandError("unknown member '" + name + "'");
     }
 }
 
 uint64_t number_member(const Json &request, const char *name, uint64_t standard, uint64_t limit) {
     if (!request.contains(name)) return standard;
     const Json &value = request[name];
-    if (!value.is_number_unsigned() || value.get<uint64_t>() > limit) throw CommandError(std::string(name) + ": a number from 0 to " + std::to_string(limit) + " is needed");
+    if (!value.is_number_unsigned() || value.get<uint64_t>() > limit)
+        throw CommandError(std::string(name) + ": a number from 0 to " + std::to_string(limit) + " is needed");
     return value.get<uint64_t>();
 }
 
@@ -50,7 +52,7 @@ std::set<std::string> event_kinds(const Json &request, const char *name) {
 
 EventFilter event_filter(const Json &request, const char *kinds_member) {
     EventFilter filter;
-    filter.kinds = event_kinds(request, kinds_member);
+    filter.kinds  = event_kinds(request, kinds_member);
     filter.client = number_member(request, "client", 0);
     if (request.contains("match")) filter.match = request["match"];
     if (!filter.match.is_object()) throw CommandError("match: an object is needed");
@@ -60,7 +62,9 @@ EventFilter event_filter(const Json &request, const char *kinds_member) {
 bool EventFilter::accepts(const Json &event) const {
     if (!kinds.empty() && !kinds.contains(event["event"].get<std::string>())) return false;
     if (client && event.value("client", uint64_t{0}) != client) return false;
-    return std::all_of(match.items().begin(), match.items().end(), [&](const auto &item) { return event.contains(item.key()) && event[item.key()] == item.value(); });
+    return std::all_of(match.items().begin(), match.items().end(), [&](const auto &item) {
+        return event.contains(item.key()) && event[item.key()] == item.value();
+    });
 }
 
 namespace {
@@ -89,7 +93,8 @@ Bytes hex_value(const char *name, const Json &value, size_t limit) {
     if (!value.is_string()) throw CommandError(std::string(name) + ": a hexadecimal text is needed");
     auto bytes = from_hex(value.get<std::string>());
     if (!bytes) throw CommandError(std::string(name) + ": not a hexadecimal text of whole bytes");
-    if (bytes->size() > limit) throw CommandError(std::string(name) + ": more than " + std::to_string(limit) + " bytes");
+    if (bytes->size() > limit)
+        throw CommandError(std::string(name) + ": more than " + std::to_string(limit) + " bytes");
     return *bytes;
 }
 
@@ -114,7 +119,8 @@ std::vector<Client *> chosen_clients(Gateway &gateway, const Json &request) {
 }
 
 void refuse_fatal(const Gateway &gateway, ByteView bytes) {
-    if (!gateway.options().allow_fatal && has_fatal_dpd(text_of(bytes))) throw CommandError("a DPD interval below 5 kills the client; start the gateway with --allow-fatal");
+    if (!gateway.options().allow_fatal && has_fatal_dpd(text_of(bytes)))
+        throw CommandError("a DPD interval below 5 kills the client; start the gateway with --allow-fatal");
 }
 
 // The text of a payload inside raw bytes begins behind a header that holds zero bytes.
@@ -140,27 +146,22 @@ const char *word_text(Word value, const std::pair<const char *, Word> (&words)[c
 }
 
 constexpr std::pair<const char *, AcceptMode> accept_words[] = {
-    {"normal", AcceptMode::normal},
-    {"refuse", AcceptMode::refuse},
-    {"reset", AcceptMode::reset},
-    {"stall", AcceptMode::stall},
-    {"stall_tls", AcceptMode::stall_tls},
+    {"normal", AcceptMode::normal}, {"refuse", AcceptMode::refuse},       {"reset", AcceptMode::reset},
+    {"stall", AcceptMode::stall},   {"stall_tls", AcceptMode::stall_tls},
 };
 
 constexpr std::pair<const char *, ConfigMode::Kind> config_words[] = {
-    {"normal", ConfigMode::Kind::normal},
-    {"hold", ConfigMode::Kind::hold},
-    {"delay", ConfigMode::Kind::delay},
-    {"drop", ConfigMode::Kind::drop},
-    {"replace", ConfigMode::Kind::replace},
-    {"malform", ConfigMode::Kind::malform},
+    {"normal", ConfigMode::Kind::normal},   {"hold", ConfigMode::Kind::hold},
+    {"delay", ConfigMode::Kind::delay},     {"drop", ConfigMode::Kind::drop},
+    {"replace", ConfigMode::Kind::replace}, {"malform", ConfigMode::Kind::malform},
 };
 
 // 2 Looking.
 
 Json overrides_of(const Gateway &gateway) {
     Json list = Json::array();
-    for (const auto &entry : gateway.lab.overrides.entries()) list.push_back({{"header", entry.name}, {"values", entry.values}, {"once", entry.once}});
+    for (const auto &entry : gateway.lab.overrides.entries())
+        list.push_back({{"header", entry.name}, {"values", entry.values}, {"once", entry.once}});
     return list;
 }
 
@@ -229,16 +230,20 @@ Json show_counters(Gateway &gateway, const Json &) {
 Json list_leases(Gateway &gateway, const Json &) {
     Json list = Json::array();
     for (const Lease &lease : gateway.pool().leases()) {
-        list.push_back({{"identity", lease.identity}, {"device_id", lease.device_id}, {"address", ipv4_text(lease.address)}, {"cookie", lease.cookie}, {"connections", lease.connections}});
+        list.push_back({{"identity", lease.identity},
+                        {"device_id", lease.device_id},
+                        {"address", ipv4_text(lease.address)},
+                        {"cookie", lease.cookie},
+                        {"connections", lease.connections}});
     }
     return {{"leases", list}};
 }
 
 Json list_events(Gateway &gateway, const Json &request) {
-    uint64_t since = number_member(request, "since", 0);
-    uint64_t limit = number_member(request, "limit", UINT64_MAX);
+    uint64_t    since  = number_member(request, "since", 0);
+    uint64_t    limit  = number_member(request, "limit", UINT64_MAX);
     EventFilter filter = event_filter(request, "events");
-    Json list = Json::array();
+    Json        list   = Json::array();
     gateway.events.visit(since, [&](const Json &event) {
         if (list.size() >= limit) return false;
         if (filter.accepts(event)) list.push_back(event);
@@ -270,7 +275,8 @@ Json release_config(Gateway &gateway, const Json &request) {
 Bytes replacement(const Json &request) {
     if (!request.contains("text")) return hex_member(request, "hex", largest_payload);
     std::string text = text_member(request, "text");
-    if (text.size() > largest_payload) throw CommandError("text: more than " + std::to_string(largest_payload) + " bytes");
+    if (text.size() > largest_payload)
+        throw CommandError("text: more than " + std::to_string(largest_payload) + " bytes");
     return Bytes(text.begin(), text.end());
 }
 
@@ -280,7 +286,8 @@ Json set_config(Gateway &gateway, const Json &request) {
     ConfigMode mode;
     mode.kind = word_value("mode", word, config_words);
     mode.once = flag_member(request, "once", false);
-    if (mode.kind == ConfigMode::Kind::delay) mode.delay = std::chrono::milliseconds(number_member(request, "ms", 0, longest_delay));
+    if (mode.kind == ConfigMode::Kind::delay)
+        mode.delay = std::chrono::milliseconds(number_member(request, "ms", 0, longest_delay));
     if (mode.kind == ConfigMode::Kind::replace) {
         mode.bytes = replacement(request);
         refuse_fatal(gateway, mode.bytes);
@@ -316,7 +323,7 @@ Overrides::Values header_values(const Json &request) {
 }
 
 Json set_header(Gateway &gateway, const Json &request) {
-    std::string name = header_name(request);
+    std::string       name   = header_name(request);
     Overrides::Values values = header_values(request);
     for (const std::string &value : values) refuse_fatal(gateway, bytes_of(name + ":" + value));
     gateway.lab.overrides.set(name, values, flag_member(request, "once", false));
@@ -369,15 +376,15 @@ Bytes crafted_frame(const Json &request) {
     if (request.contains("raw")) return hex_member(request, "raw", largest_record);
     Bytes payload = request.contains("payload") ? hex_member(request, "payload", largest_payload) : Bytes{};
     if (!request.contains("type")) throw CommandError("type is missing");
-    Bytes frame = make_frame(static_cast<uint8_t>(number_member(request, "type", 0, 255)), payload);
+    Bytes       frame = make_frame(static_cast<uint8_t>(number_member(request, "type", 0, 255)), payload);
     std::string magic = text_member(request, "magic", "STF");
     if (magic.size() != 3) throw CommandError("magic: 3 characters are needed");
     std::copy(magic.begin(), magic.end(), frame.begin());
-    frame[3] = static_cast<uint8_t>(number_member(request, "version", 1, 255));
+    frame[3]        = static_cast<uint8_t>(number_member(request, "version", 1, 255));
     uint64_t length = number_member(request, "length", payload.size(), 65535);
-    frame[4] = static_cast<uint8_t>(length >> 8);
-    frame[5] = static_cast<uint8_t>(length);
-    frame[7] = static_cast<uint8_t>(number_member(request, "reserved", 0, 255));
+    frame[4]        = static_cast<uint8_t>(length >> 8);
+    frame[5]        = static_cast<uint8_t>(length);
+    frame[7]        = static_cast<uint8_t>(number_member(request, "reserved", 0, 255));
     return frame;
 }
 
@@ -403,11 +410,11 @@ std::vector<Bytes> record_contents(const Json &request) {
 }
 
 Json send_record(Gateway &gateway, const Json &request) {
-    auto records = record_contents(request);
-    auto type = static_cast<uint8_t>(number_member(request, "type", SSL3_RT_APPLICATION_DATA, 255));
-    uint64_t cut = number_member(request, "cut", 0, 1 << 20);
+    auto     records = record_contents(request);
+    auto     type    = static_cast<uint8_t>(number_member(request, "type", SSL3_RT_APPLICATION_DATA, 255));
+    uint64_t cut     = number_member(request, "cut", 0, 1 << 20);
     std::chrono::milliseconds gap(number_member(request, "gap_ms", 200, longest_delay));
-    Bytes joined;
+    Bytes                     joined;
     for (const Bytes &record : records) joined.insert(joined.end(), record.begin(), record.end());
     refuse_fatal_raw(gateway, joined);
 
@@ -416,32 +423,32 @@ Json send_record(Gateway &gateway, const Json &request) {
     size_t before = client.unsent();
     for (const Bytes &record : records) send_one_record(client, type, record);
     if (cut) client.interrupt_output(before + cut, gap);
-    Json answer = report_sent(gateway, client, "record", joined.size());
-    answer["records"] = records.size();
+    Json answer         = report_sent(gateway, client, "record", joined.size());
+    answer["records"]   = records.size();
     answer["encrypted"] = client.unsent() - before;
     return answer;
 }
 
 Json send_packet(Gateway &gateway, const Json &request) {
-    Bytes packet = hex_member(request, "hex", largest_packet);
-    uint64_t count = number_member(request, "count", 1, largest_count);
-    Client *client = request.contains("client") ? chosen_clients(gateway, request).front() : nullptr;
-    uint64_t sent = 0;
+    Bytes    packet = hex_member(request, "hex", largest_packet);
+    uint64_t count  = number_member(request, "count", 1, largest_count);
+    Client  *client = request.contains("client") ? chosen_clients(gateway, request).front() : nullptr;
+    uint64_t sent   = 0;
     for (uint64_t i = 0; i < count; i++) {
         bool taken = false;
-        client = gateway.send_packet(packet, client, taken);
+        client     = gateway.send_packet(packet, client, taken);
         if (!client) throw CommandError("no client has that destination address");
         if (taken) sent++;
         if (!client->is_open()) throw CommandError("the connection cannot send");
     }
     if (!client) return {{"packets", 0}};
-    Json answer = report_sent(gateway, *client, "packet", packet.size() * sent);
+    Json answer       = report_sent(gateway, *client, "packet", packet.size() * sent);
     answer["packets"] = sent;
     return answer;
 }
 
 Json send_bytes(Gateway &gateway, const Json &request) {
-    Bytes bytes = hex_member(request, "hex", 1 << 20);
+    Bytes   bytes  = hex_member(request, "hex", 1 << 20);
     Client &client = *chosen_clients(gateway, request).front();
     try {
         client.send_raw(bytes);
@@ -452,7 +459,7 @@ Json send_bytes(Gateway &gateway, const Json &request) {
 }
 
 void close_client(Client &client, const std::string &how, const Json &request) {
-    auto code = static_cast<int>(number_member(request, "code", 80, 255));
+    auto code  = static_cast<int>(number_member(request, "code", 80, 255));
     auto level = static_cast<int>(number_member(request, "level", 2, 255));
     if (how == "fin") client.end_with_fin("command");
     else if (how == "notify") client.end_with_notify("command");
@@ -463,8 +470,8 @@ void close_client(Client &client, const std::string &how, const Json &request) {
 }
 
 Json close_clients(Gateway &gateway, const Json &request) {
-    std::string how = text_member(request, "how", "fin");
-    size_t closed = 0;
+    std::string how    = text_member(request, "how", "fin");
+    size_t      closed = 0;
     for (Client *client : chosen_clients(gateway, request)) {
         try {
             close_client(*client, how, request);

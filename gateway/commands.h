@@ -15,9 +15,9 @@ struct CommandError : std::runtime_error {
 
 // Which events somebody asks for.
 struct EventFilter {
-    std::set<std::string> kinds;  // empty: all
-    uint64_t client = 0;          // 0: all
-    Json match = Json::object();  // members that must be equal
+    std::set<std::string> kinds;                    // empty: all
+    uint64_t              client = 0;               // 0: all
+    Json                  match  = Json::object();  // members that must be equal
 
     bool accepts(const Json &event) const;
 };
@@ -27,9 +27,9 @@ struct EventFilter {
 Json run_command(Gateway &gateway, const Json &request);
 
 // Reads members of a request, for the requests that the control socket serves itself. They throw CommandError for a wrong type.
-void check_members(const Json &request, const std::set<std::string> &allowed);
+void     check_members(const Json &request, const std::set<std::string> &allowed);
 uint64_t number_member(const Json &request, const char *name, uint64_t standard, uint64_t limit = UINT64_MAX);
 std::set<std::string> event_kinds(const Json &request, const char *name);
-EventFilter event_filter(const Json &request, const char *kinds_member);
+EventFilter           event_filter(const Json &request, const char *kinds_member);
 
 }  // namespace gw

@@ -11,13 +11,11 @@ namespace {
 constexpr int32_t least_dpd = 5;  // seconds; a fifth of it is the divisor of the client's DPD timer
 
 constexpr struct {
-    std::string_view name;
+    std::string_view           name;
     std::optional<std::string> ConfigRequest::*field;
 } request_headers[] = {
-    {"X-CSTP-Address:", &ConfigRequest::address},
-    {"X-CSTP-Device-ID:", &ConfigRequest::device_id},
-    {"X-CSTP-Cookie:", &ConfigRequest::cookie},
-    {"X-CSTP-Device-Name:", &ConfigRequest::name},
+    {"X-CSTP-Address:", &ConfigRequest::address},        {"X-CSTP-Device-ID:", &ConfigRequest::device_id},
+    {"X-CSTP-Cookie:", &ConfigRequest::cookie},          {"X-CSTP-Device-Name:", &ConfigRequest::name},
     {"X-CSTP-Device-SerialNo:", &ConfigRequest::serial},
 };
 
@@ -50,7 +48,7 @@ std::string config_response_text(const Headers &headers) {
 }
 
 std::optional<std::string> response_value(std::string_view text, std::string_view name) {
-    text = text.substr(0, text.find('\0'));  // a client treats the payload as a C string
+    text      = text.substr(0, text.find('\0'));  // a client treats the payload as a C string
     size_t at = text.find(std::string(name) + ":");
     if (at == std::string_view::npos) return std::nullopt;
     std::string_view value = text.substr(at + name.size() + 1);
@@ -64,7 +62,7 @@ bool has_fatal_dpd(std::string_view text) {
 }
 
 void Overrides::set(const std::string &name, Values values, bool once) {
-    auto same = [&](const Entry &entry) { return entry.name == name && entry.once == once; };
+    auto same  = [&](const Entry &entry) { return entry.name == name && entry.once == once; };
     auto found = std::find_if(entries_.begin(), entries_.end(), same);
     if (found != entries_.end()) found->values = std::move(values);
     else entries_.push_back({name, std::move(values), once});
@@ -81,8 +79,8 @@ void Overrides::forget_once() {
 namespace {
 
 void replace_header(Headers &headers, const Overrides::Entry &entry) {
-    auto is_same = [&](const auto &header) { return header.first == entry.name; };
-    size_t at = static_cast<size_t>(std::find_if(headers.begin(), headers.end(), is_same) - headers.begin());
+    auto   is_same = [&](const auto &header) { return header.first == entry.name; };
+    size_t at      = static_cast<size_t>(std::find_if(headers.begin(), headers.end(), is_same) - headers.begin());
     std::erase_if(headers, is_same);
     for (const std::string &value : entry.values) {
         headers.insert(headers.begin() + static_cast<ptrdiff_t>(at), {entry.name, value});

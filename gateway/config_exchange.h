@@ -51,8 +51,8 @@ public:
 
     struct Entry {
         std::string name;
-        Values values;
-        bool once;
+        Values      values;
+        bool        once;
     };
     const std::vector<Entry> &entries() const { return entries_; }
 

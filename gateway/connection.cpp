@@ -19,15 +19,15 @@ namespace gw {
 
 namespace {
 
-constexpr size_t receive_size = 64 * 1024;      // one recv(); several records
-constexpr size_t out_high_water = 128 * 1024;   // above it packets wait in the queue
-constexpr size_t out_limit = 4 * 1024 * 1024;   // above it a client that does not read gets no more answers
-constexpr int socket_backlog = 256 * 1024;      // unsent bytes in the kernel above which the socket counts as full
-constexpr size_t largest_record = 16384;        // plaintext, RFC 5246
-constexpr std::chrono::seconds linger_time{2};  // how long what arrives after our FIN is read and thrown away
+constexpr size_t receive_size   = 64 * 1024;        // one recv(); several records
+constexpr size_t out_high_water = 128 * 1024;       // above it packets wait in the queue
+constexpr size_t out_limit      = 4 * 1024 * 1024;  // above it a client that does not read gets no more answers
+constexpr int    socket_backlog = 256 * 1024;       // unsent bytes in the kernel above which the socket counts as full
+constexpr size_t largest_record = 16384;            // plaintext, RFC 5246
+constexpr std::chrono::seconds linger_time{2};      // how long what arrives after our FIN is read and thrown away
 
 // One thread receives: one buffer for all connections.
-std::array<uint8_t, receive_size> receive_buffer;
+std::array<uint8_t, receive_size>   receive_buffer;
 std::array<uint8_t, largest_record> plain_buffer;
 
 void set_option(int fd, int level, int option, int value) {
@@ -69,29 +69,35 @@ int Connection::bio_write(BIO *bio, const char *from, int size) {
     return size;
 }
 
-long Connection::bio_ctrl(BIO *, int command, long, void *) {
-    return command == BIO_CTRL_FLUSH ? 1 : 0;
-}
+long Connection::bio_ctrl(BIO *, int command, long, void *) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
 
 // Counts the records written under the present keys: their sequence numbers.
 void Connection::see_message(int write, int, int type, const void *bytes, size_t size, SSL *, void *self) {
     if (!write || type != SSL3_RT_HEADER || size < 1) return;
-    auto &written = static_cast<Connection *>(self)->records_written_;
-    bool new_keys = *static_cast<const uint8_t *>(bytes) == SSL3_RT_CHANGE_CIPHER_SPEC;
-    written = new_keys ? 0 : written + 1;
+    auto &written  = static_cast<Connection *>(self)->records_written_;
+    bool  new_keys = *static_cast<const uint8_t *>(bytes) == SSL3_RT_CHANGE_CIPHER_SPEC;
+    written        = new_keys ? 0 : written + 1;
 }
 
 void Connection::see_state(const SSL *ssl, int where, int value) {
     if (!(where & SSL_CB_ALERT) || !(where & SSL_CB_READ)) return;
-    auto *self = static_cast<Connection *>(SSL_get_app_data(ssl));
+    auto *self         = static_cast<Connection *>(SSL_get_app_data(ssl));
     self->alert_level_ = value >> 8;
-    self->alert_code_ = value & 0xff;
+    self->alert_code_  = value & 0xff;
 }
 
 // 2 Life.
 
-Connection::Connection(uint64_t id, UniqueFd socket, std::string peer, ConnectionOwner &owner, Loop &loop, const Limits &limits, Counters &totals)
-    : id_(id), socket_(std::move(socket)), peer_(std::move(peer)), owner_(owner), loop_(loop), limits_(limits), queue_(limits.queue), totals_(totals) {
+Connection::Connection(uint64_t id, UniqueFd socket, std::string peer, ConnectionOwner &owner, Loop &loop,
+                       const Limits &limits, Counters &totals)
+    : id_(id),
+      socket_(std::move(socket)),
+      peer_(std::move(peer)),
+      owner_(owner),
+      loop_(loop),
+      limits_(limits),
+      queue_(limits.queue),
+      totals_(totals) {
     set_option(socket_.get(), IPPROTO_TCP, TCP_NODELAY, 1);
     set_option(socket_.get(), IPPROTO_TCP, TCP_QUICKACK, 1);
     set_option(socket_.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, socket_backlog);
@@ -100,7 +106,7 @@ Connection::Connection(uint64_t id, UniqueFd socket, std::string peer, Connectio
     set_option(socket_.get(), IPPROTO_TCP, TCP_KEEPINTVL, 10);
     set_option(socket_.get(), IPPROTO_TCP, TCP_KEEPCNT, 6);
     interest_ = EPOLLIN;
-    watch_ = loop_.watch(socket_.get(), interest_, [this](uint32_t events) { on_event(events); });
+    watch_    = loop_.watch(socket_.get(), interest_, [this](uint32_t events) { on_event(events); });
 }
 
 Connection::~Connection() {
@@ -115,7 +121,7 @@ std::chrono::milliseconds Connection::age() const {
 }
 
 void Connection::start_tls(SSL_CTX *context) {
-    ssl_ = SSL_new(context);
+    ssl_     = SSL_new(context);
     BIO *bio = BIO_new(bio_method());
     if (!ssl_ || !bio) {
         BIO_free(bio);
@@ -129,7 +135,7 @@ void Connection::start_tls(SSL_CTX *context) {
     SSL_set_msg_callback(ssl_, see_message);
     SSL_set_msg_callback_arg(ssl_, this);
     SSL_set_info_callback(ssl_, see_state);
-    state_ = State::handshake;
+    state_           = State::handshake;
     handshake_timer_ = loop_.after(limits_.handshake, [this] {
         owner_.on_tls_failed(*this, "timeout");
         if (state_ == State::ended) return;
@@ -139,7 +145,7 @@ void Connection::start_tls(SSL_CTX *context) {
 }
 
 void Connection::stall(bool read) {
-    state_ = State::stalled;
+    state_   = State::stalled;
     reading_ = read;
     update_interest();
 }
@@ -157,8 +163,8 @@ void Connection::on_event(uint32_t events) {
 
 // The connection is not read: all that can be seen is that the peer has ended it.
 void Connection::notice_end() {
-    int error = 0;
-    socklen_t size = sizeof error;
+    int       error = 0;
+    socklen_t size  = sizeof error;
     (void)getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &error, &size);
     end({"peer", error ? "rst" : "fin", error ? strerror(error) : "while not read"});
 }
@@ -185,7 +191,7 @@ void Connection::receive() {
 
 void Connection::continue_handshake() {
     int result = SSL_do_handshake(ssl_);
-    int error = result == 1 ? SSL_ERROR_NONE : SSL_get_error(ssl_, result);
+    int error  = result == 1 ? SSL_ERROR_NONE : SSL_get_error(ssl_, result);
     if (!out_.empty()) owner_.on_output(*this);
     if (error == SSL_ERROR_WANT_READ) return;
     if (error != SSL_ERROR_NONE) return fail_handshake(take_openssl_error());
@@ -299,7 +305,8 @@ void Connection::flush() {
         ssize_t sent = send(socket_.get(), out_.data(), size, MSG_NOSIGNAL);
         if (sent < 0) {
             if (errno == EINTR) continue;
-            if (errno != EAGAIN) return end({"peer", errno == ECONNRESET || errno == EPIPE ? "rst" : "error", strerror(errno)});
+            if (errno != EAGAIN)
+                return end({"peer", errno == ECONNRESET || errno == EPIPE ? "rst" : "error", strerror(errno)});
             blocked_ = true;
             break;
         }
@@ -321,7 +328,8 @@ void Connection::update_interest() {
 
 void Connection::send_record(uint8_t type, ByteView plain) {
     if (!can_send()) throw std::runtime_error("the connection cannot send");
-    if (plain.size() > crafted_record_limit) throw std::runtime_error("a record of more than " + std::to_string(crafted_record_limit) + " bytes");
+    if (plain.size() > crafted_record_limit)
+        throw std::runtime_error("a record of more than " + std::to_string(crafted_record_limit) + " bytes");
     if (type == SSL3_RT_APPLICATION_DATA && !plain.empty() && plain.size() <= largest_record) (void)write_record(plain);
     else craft_record(type, plain);
     owner_.on_output(*this);
@@ -330,9 +338,10 @@ void Connection::send_record(uint8_t type, ByteView plain) {
 // OpenSSL writes a stand-in, which uses up the sequence number; the crafted record takes its place.
 void Connection::craft_record(uint8_t type, ByteView plain) {
     if (!can_seal_record(ssl_)) throw std::runtime_error("such a record cannot be made with this cipher");
-    size_t before = out_.size();
+    size_t                   before      = out_.size();
     static constexpr uint8_t stand_in[1] = {0};
-    if (SSL_write(ssl_, stand_in, sizeof stand_in) <= 0) throw std::runtime_error("cannot write: " + take_openssl_error());
+    if (SSL_write(ssl_, stand_in, sizeof stand_in) <= 0)
+        throw std::runtime_error("cannot write: " + take_openssl_error());
     Bytes record = seal_record(ssl_, type, plain, records_written_ - 1, out_.from(before));
     out_.truncate(before);
     out_.append(record.data(), record.size());
@@ -350,7 +359,7 @@ void Connection::interrupt_output(size_t first, std::chrono::milliseconds gap) {
     loop_.cancel(gap_timer_);
     gap_timer_ = loop_.after(gap, [this] {
         gap_timer_ = 0;
-        sendable_ = SIZE_MAX;
+        sendable_  = SIZE_MAX;
         flush();
     });
 }
@@ -374,9 +383,9 @@ void Connection::shut_sending() {
 // unread input sends an RST, which may overtake what the client has not read yet.
 void Connection::linger(std::chrono::milliseconds before_fin) {
     struct Rest {
-        Loop &loop;
+        Loop    &loop;
         UniqueFd socket;
-        uint64_t watch = 0;
+        uint64_t watch     = 0;
         uint64_t fin_timer = 0;
         uint64_t end_timer = 0;
 
@@ -388,8 +397,8 @@ void Connection::linger(std::chrono::milliseconds before_fin) {
         }
     };
     loop_.forget(watch_);
-    watch_ = 0;
-    auto rest = std::make_shared<Rest>(Rest{loop_, std::move(socket_)});
+    watch_      = 0;
+    auto rest   = std::make_shared<Rest>(Rest{loop_, std::move(socket_)});
     rest->watch = loop_.watch(rest->socket.get(), EPOLLIN, [rest](uint32_t) {
         uint8_t scrap[4096];
         ssize_t count = recv(rest->socket.get(), scrap, sizeof scrap, 0);
@@ -436,8 +445,8 @@ void Connection::end_with_reset(const std::string &detail) {
 void Connection::end_with_alert(int level, int code) {
     // Data that arrives together with a FIN is not read by a client that watches for the FIN first.
     static constexpr std::chrono::milliseconds time_to_read_alert{200};
-    const uint8_t alert[] = {static_cast<uint8_t>(level), static_cast<uint8_t>(code)};
-    const uint8_t record[] = {SSL3_RT_ALERT, 3, 3, 0, 2, alert[0], alert[1]};
+    const uint8_t                              alert[]  = {static_cast<uint8_t>(level), static_cast<uint8_t>(code)};
+    const uint8_t                              record[] = {SSL3_RT_ALERT, 3, 3, 0, 2, alert[0], alert[1]};
     if (state_ == State::open) send_record(SSL3_RT_ALERT, alert);
     else send_raw(record);
     flush();

@@ -25,11 +25,11 @@ struct Ending {
 // What a connection reports. All calls come from the loop's thread; a connection that has ended makes no further call.
 class ConnectionOwner {
 public:
-    virtual ~ConnectionOwner() = default;
-    virtual void on_tls_up(Connection &connection) = 0;
-    virtual void on_tls_failed(Connection &connection, const std::string &reason) = 0;
-    virtual void on_alert(Connection &connection, int level, int code) = 0;
-    virtual void on_frame(Connection &connection, const Frame &frame) = 0;
+    virtual ~ConnectionOwner()                                                                     = default;
+    virtual void on_tls_up(Connection &connection)                                                 = 0;
+    virtual void on_tls_failed(Connection &connection, const std::string &reason)                  = 0;
+    virtual void on_alert(Connection &connection, int level, int code)                             = 0;
+    virtual void on_frame(Connection &connection, const Frame &frame)                              = 0;
     virtual void on_bad_stream(Connection &connection, FrameParser::Result reason, ByteView bytes) = 0;
     // Something waits: call flush() when the batch is over.
     virtual void on_output(Connection &connection) = 0;
@@ -46,21 +46,27 @@ public:
 // send() carries many of them, and how the peer ended the connection is seen here and not behind an error queue.
 class Connection {
 public:
-    enum class State { stalled, handshake, open, ended };
+    enum class State {
+        stalled,
+        handshake,
+        open,
+        ended
+    };
 
     struct Limits {
         std::chrono::seconds handshake{10};
-        size_t queue = 1024;  // packets
+        size_t               queue = 1024;  // packets
     };
 
     // Takes the accepted, non-blocking socket. `totals` is counted along with the connection's own counters.
-    Connection(uint64_t id, UniqueFd socket, std::string peer, ConnectionOwner &owner, Loop &loop, const Limits &limits, Counters &totals);
+    Connection(uint64_t id, UniqueFd socket, std::string peer, ConnectionOwner &owner, Loop &loop, const Limits &limits,
+               Counters &totals);
     virtual ~Connection();
-    Connection(const Connection &) = delete;
+    Connection(const Connection &)            = delete;
     Connection &operator=(const Connection &) = delete;
 
     void start_tls(SSL_CTX *context);  // the server's side of the handshake
-    void stall(bool read);             // no handshake: leave the client waiting, its bytes read and thrown away, or not read
+    void stall(bool read);  // no handshake: leave the client waiting, its bytes read and thrown away, or not read
 
     // One frame in one record, ahead of queued packets. False when the connection cannot send or too much waits already.
     bool send_frame(uint8_t type, ByteView payload);
@@ -88,15 +94,15 @@ public:
     void end_with_alert(int level, int code);
     void end_for_error(const std::string &detail);
 
-    uint64_t id() const { return id_; }
-    const std::string &peer() const { return peer_; }
-    State state() const { return state_; }
-    bool is_open() const { return state_ == State::open; }
-    bool is_silent() const { return silent_; }
-    bool is_half_shut() const { return half_shut_; }
-    size_t queued() const { return queue_.size(); }
-    size_t unsent() const { return out_.size(); }
-    SSL *ssl() const { return ssl_; }
+    uint64_t                  id() const { return id_; }
+    const std::string        &peer() const { return peer_; }
+    State                     state() const { return state_; }
+    bool                      is_open() const { return state_ == State::open; }
+    bool                      is_silent() const { return silent_; }
+    bool                      is_half_shut() const { return half_shut_; }
+    size_t                    queued() const { return queue_.size(); }
+    size_t                    unsent() const { return out_.size(); }
+    SSL                      *ssl() const { return ssl_; }
     std::chrono::milliseconds age() const;
 
     void count(Counter which, uint64_t amount = 1) {
@@ -122,40 +128,40 @@ private:
     void linger(std::chrono::milliseconds before_fin);
     void end(const Ending &ending);
 
-    static int bio_read(BIO *bio, char *to, int size);
-    static int bio_write(BIO *bio, const char *from, int size);
-    static long bio_ctrl(BIO *bio, int command, long number, void *pointer);
+    static int               bio_read(BIO *bio, char *to, int size);
+    static int               bio_write(BIO *bio, const char *from, int size);
+    static long              bio_ctrl(BIO *bio, int command, long number, void *pointer);
     static const BIO_METHOD *bio_method();
     static void see_message(int write, int version, int type, const void *bytes, size_t size, SSL *ssl, void *self);
     static void see_state(const SSL *ssl, int where, int value);
 
-    const uint64_t id_;
-    UniqueFd socket_;
-    const std::string peer_;
-    ConnectionOwner &owner_;
-    Loop &loop_;
-    const Limits limits_;
-    const Loop::Clock::time_point born_ = Loop::Clock::now();
-    State state_ = State::stalled;
-    SSL *ssl_ = nullptr;
-    uint64_t watch_ = 0;
-    uint32_t interest_ = 0;  // epoll events asked for
-    uint64_t handshake_timer_ = 0;
-    uint64_t gap_timer_ = 0;
-    bool reading_ = true;  // false: stalled without reading
-    bool silent_ = false;
-    bool half_shut_ = false;
-    bool blocked_ = false;  // the socket took less than offered: wait for EPOLLOUT
-    ByteView input_;        // received bytes that OpenSSL has not taken yet; only during receive()
-    FrameParser parser_;
-    ByteQueue out_;                 // encrypted bytes for the socket
-    size_t sendable_ = SIZE_MAX;    // how many of them may go out now, see interrupt_output
-    FrameRing queue_;               // data frames that wait until out_ has drained
-    uint64_t records_written_ = 0;  // since the ChangeCipherSpec, the Finished included
-    int alert_level_ = 0;           // last alert received
-    int alert_code_ = -1;
-    Counters counters_;
-    Counters &totals_;
+    const uint64_t                id_;
+    UniqueFd                      socket_;
+    const std::string             peer_;
+    ConnectionOwner              &owner_;
+    Loop                         &loop_;
+    const Limits                  limits_;
+    const Loop::Clock::time_point born_            = Loop::Clock::now();
+    State                         state_           = State::stalled;
+    SSL                          *ssl_             = nullptr;
+    uint64_t                      watch_           = 0;
+    uint32_t                      interest_        = 0;  // epoll events asked for
+    uint64_t                      handshake_timer_ = 0;
+    uint64_t                      gap_timer_       = 0;
+    bool                          reading_         = true;  // false: stalled without reading
+    bool                          silent_          = false;
+    bool                          half_shut_       = false;
+    bool                          blocked_         = false;  // the socket took less than offered: wait for EPOLLOUT
+    ByteView                      input_;  // received bytes that OpenSSL has not taken yet; only during receive()
+    FrameParser                   parser_;
+    ByteQueue                     out_;                  // encrypted bytes for the socket
+    size_t                        sendable_ = SIZE_MAX;  // how many of them may go out now, see interrupt_output
+    FrameRing                     queue_;                // data frames that wait until out_ has drained
+    uint64_t                      records_written_ = 0;  // since the ChangeCipherSpec, the Finished included
+    int                           alert_level_     = 0;  // last alert received
+    int                           alert_code_      = -1;
+    Counters                      counters_;
+    Counters                     &totals_;
 };
 
 }  // namespace gw

@@ -14,16 +14,17 @@ namespace gw {
 
 namespace {
 
-constexpr size_t line_limit = 4 * 1024 * 1024;  // bytes of a request
-constexpr size_t out_limit = 64 * 1024 * 1024;  // bytes for a controller that does not read
-constexpr uint64_t longest_wait = 3600 * 1000;  // milliseconds
-constexpr uint64_t standard_wait = 10 * 1000;   // milliseconds
-constexpr int listen_backlog = 16;
+constexpr size_t   line_limit     = 4 * 1024 * 1024;   // bytes of a request
+constexpr size_t   out_limit      = 64 * 1024 * 1024;  // bytes for a controller that does not read
+constexpr uint64_t longest_wait   = 3600 * 1000;       // milliseconds
+constexpr uint64_t standard_wait  = 10 * 1000;         // milliseconds
+constexpr int      listen_backlog = 16;
 
 sockaddr_un socket_address(const std::string &path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) throw RuntimeFailure("the path of the control socket is too long: " + path);
+    if (path.size() >= sizeof address.sun_path)
+        throw RuntimeFailure("the path of the control socket is too long: " + path);
     path.copy(address.sun_path, path.size());
     return address;
 }
@@ -33,25 +34,29 @@ void remove_leftover(const std::string &path, const sockaddr_un &address) {
     struct stat info;
     if (lstat(path.c_str(), &info) != 0 || !S_ISSOCK(info.st_mode)) return;
     UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 && errno == ECONNREFUSED) (void)unlink(path.c_str());
+    if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 &&
+        errno == ECONNREFUSED)
+        (void)unlink(path.c_str());
 }
 
-Json failure(const std::string &error) {
-    return {{"ok", false}, {"error", error}};
-}
+Json failure(const std::string &error) { return {{"ok", false}, {"error", error}}; }
 
 }  // namespace
 
 Control::Control(const std::string &path, Gateway &gateway, Loop &loop)
-    : path_(path), gateway_(gateway), loop_(loop), listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+    : path_(path),
+      gateway_(gateway),
+      loop_(loop),
+      listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
     sockaddr_un address = socket_address(path);
     remove_leftover(path, address);
     mode_t before = umask(0177);
-    bool bound = bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
-    int error = errno;
+    bool   bound  = bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    int    error  = errno;
     umask(before);
     if (!bound) throw RuntimeFailure("cannot create the control socket " + path + ": " + strerror(error));
-    if (listen(listener_.get(), listen_backlog) != 0) throw RuntimeFailure("cannot listen on the control socket " + path + ": " + strerror(errno));
+    if (listen(listener_.get(), listen_backlog) != 0)
+        throw RuntimeFailure("cannot listen on the control socket " + path + ": " + strerror(errno));
     listen_watch_ = loop_.watch(listener_.get(), EPOLLIN, [this](uint32_t) { on_acceptable(); });
     gateway_.events.on_event([this](const Json &event) { publish(event); });
 }
@@ -70,9 +75,10 @@ Control::~Control() {
 void Control::on_acceptable() {
     UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket) return;
-    auto &controller = *controllers_.emplace_back(std::make_unique<Controller>());
+    auto &controller  = *controllers_.emplace_back(std::make_unique<Controller>());
     controller.socket = std::move(socket);
-    controller.watch = loop_.watch(controller.socket.get(), EPOLLIN, [this, &controller](uint32_t events) { on_event(controller, events); });
+    controller.watch  = loop_.watch(controller.socket.get(), EPOLLIN,
+                                    [this, &controller](uint32_t events) { on_event(controller, events); });
 }
 
 void Control::on_event(Controller &controller, uint32_t events) {
@@ -82,7 +88,7 @@ void Control::on_event(Controller &controller, uint32_t events) {
 }
 
 void Control::read_lines(Controller &controller) {
-    char buffer[65536];
+    char    buffer[65536];
     ssize_t count = recv(controller.socket.get(), buffer, sizeof buffer, 0);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (count < 0) {
@@ -110,7 +116,8 @@ void Control::read_lines(Controller &controller) {
 void Control::take_line(Controller &controller, const std::string &line) {
     if (line.find_first_not_of(" \t\r") == std::string::npos) return;
     Json request = Json::parse(line, nullptr, false);
-    if (!request.is_object()) return send(controller, failure(request.is_discarded() ? "not JSON" : "not a JSON object"));
+    if (!request.is_object())
+        return send(controller, failure(request.is_discarded() ? "not JSON" : "not a JSON object"));
     Json id = request.contains("id") ? request["id"] : Json(nullptr);
     Json answer;
     try {
@@ -126,8 +133,8 @@ void Control::take_line(Controller &controller, const std::string &line) {
 }
 
 Json Control::execute(Controller &controller, const Json &request) {
-    Json answer = {{"ok", true}};
-    std::string name = request.value("cmd", Json()).is_string() ? request["cmd"].get<std::string>() : "";
+    Json        answer = {{"ok", true}};
+    std::string name   = request.value("cmd", Json()).is_string() ? request["cmd"].get<std::string>() : "";
     if (name == "subscribe") {
         answer.update(subscribe(controller, request));
     } else if (name == "unsubscribe") {
@@ -143,8 +150,8 @@ Json Control::execute(Controller &controller, const Json &request) {
 
 Json Control::subscribe(Controller &controller, const Json &request) {
     check_members(request, {"events", "since"});
-    uint64_t since = number_member(request, "since", gateway_.events.last());
-    controller.kinds = event_kinds(request, "events");
+    uint64_t since        = number_member(request, "since", gateway_.events.last());
+    controller.kinds      = event_kinds(request, "events");
     controller.subscribed = true;
     gateway_.events.visit(since, [&](const Json &event) {
         if (wants(controller, event)) send(controller, event);
@@ -156,10 +163,10 @@ Json Control::subscribe(Controller &controller, const Json &request) {
 // True when the answer comes later; otherwise the event is there already and `answer` holds it.
 bool Control::start_wait(Controller &controller, const Json &request, Json &answer) {
     check_members(request, {"event", "since", "client", "match", "timeout_ms"});
-    Wait wait{request.contains("id") ? request["id"] : Json(nullptr), event_filter(request, "event")};
+    Wait     wait{request.contains("id") ? request["id"] : Json(nullptr), event_filter(request, "event")};
     uint64_t since = number_member(request, "since", gateway_.events.last());
     std::chrono::milliseconds timeout(number_member(request, "timeout_ms", standard_wait, longest_wait));
-    bool found = false;
+    bool                      found = false;
     gateway_.events.visit(since, [&](const Json &event) {
         found = wait.filter.accepts(event);
         if (found) answer["event_data"] = event;
@@ -168,7 +175,7 @@ bool Control::start_wait(Controller &controller, const Json &request, Json &answ
     if (found) return false;
 
     uint64_t number = next_wait_++;
-    wait.timer = loop_.after(timeout, [this, &controller, number] {
+    wait.timer      = loop_.after(timeout, [this, &controller, number] {
         auto node = controller.waits.extract(number);
         Json late = failure("timeout");
         if (!node.mapped().id.is_null()) late["id"] = node.mapped().id;
@@ -222,7 +229,8 @@ void Control::flush(Controller &controller) {
 void Control::finish_batch() {
     for (const auto &controller : controllers_) {
         if (!controller->out.empty()) flush(*controller);
-        bool done = controller->no_more_in && controller->out.empty() && controller->waits.empty() && !controller->subscribed;
+        bool done = controller->no_more_in && controller->out.empty() && controller->waits.empty() &&
+                    !controller->subscribed;
         if (!controller->dead && !done) continue;
         for (const auto &[number, wait] : controller->waits) loop_.cancel(wait.timer);
         loop_.forget(controller->watch);

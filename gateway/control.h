@@ -16,7 +16,7 @@ class Control {
 public:
     Control(const std::string &path, Gateway &gateway, Loop &loop);  // throws RuntimeFailure
     ~Control();                                                      // removes the socket
-    Control(const Control &) = delete;
+    Control(const Control &)            = delete;
     Control &operator=(const Control &) = delete;
 
     void finish_batch();  // writes what waits, forgets controllers that are gone
@@ -24,20 +24,20 @@ public:
 private:
     // A request that is answered when an event comes, or when its time is over.
     struct Wait {
-        Json id;  // of the request, null when it had none
+        Json        id;  // of the request, null when it had none
         EventFilter filter;
-        uint64_t timer = 0;
+        uint64_t    timer = 0;
     };
     struct Controller {
-        UniqueFd socket;
-        uint64_t watch = 0;
-        std::string in;
-        std::string out;
-        bool blocked = false;     // out waits for EPOLLOUT
-        bool no_more_in = false;  // the controller has shut its sending side
-        bool dead = false;
-        bool subscribed = false;
-        std::set<std::string> kinds;  // of events; empty: all but data
+        UniqueFd                 socket;
+        uint64_t                 watch = 0;
+        std::string              in;
+        std::string              out;
+        bool                     blocked    = false;  // out waits for EPOLLOUT
+        bool                     no_more_in = false;  // the controller has shut its sending side
+        bool                     dead       = false;
+        bool                     subscribed = false;
+        std::set<std::string>    kinds;  // of events; empty: all but data
         std::map<uint64_t, Wait> waits;
     };
 
@@ -53,13 +53,13 @@ private:
     void publish(const Json &event);
     bool wants(const Controller &controller, const Json &event) const;
 
-    std::string path_;
-    Gateway &gateway_;
-    Loop &loop_;
-    UniqueFd listener_;
-    uint64_t listen_watch_ = 0;
+    std::string                              path_;
+    Gateway                                 &gateway_;
+    Loop                                    &loop_;
+    UniqueFd                                 listener_;
+    uint64_t                                 listen_watch_ = 0;
     std::vector<std::unique_ptr<Controller>> controllers_;
-    uint64_t next_wait_ = 1;
+    uint64_t                                 next_wait_ = 1;
 };
 
 }  // namespace gw

@@ -34,7 +34,7 @@ constexpr std::array<const char *, counter_count> counter_names = {
 
 class Counters {
 public:
-    void add(Counter which, uint64_t amount = 1) { values_[static_cast<size_t>(which)] += amount; }
+    void     add(Counter which, uint64_t amount = 1) { values_[static_cast<size_t>(which)] += amount; }
     uint64_t get(Counter which) const { return values_[static_cast<size_t>(which)]; }
     uint64_t at(size_t index) const { return values_[index]; }
 

@@ -13,23 +13,16 @@ constexpr size_t kept_events = 10000;
 
 // The log level of each event.
 constexpr struct {
-    const char *kind;
+    const char               *kind;
     spdlog::level::level_enum level;
 } levels[] = {
-    {"tls_failed", spdlog::level::warn},
-    {"frame_invalid", spdlog::level::warn},
-    {"accept_refused", spdlog::level::warn},
-    {"config_resp_withheld", spdlog::level::warn},
-    {"tcp_accept", spdlog::level::info},
-    {"tls_up", spdlog::level::info},
-    {"config_req", spdlog::level::info},
-    {"config_resp_sent", spdlog::level::info},
-    {"closed", spdlog::level::info},
-    {"alert_rx", spdlog::level::info},
-    {"shutdown", spdlog::level::info},
-    {"dpd_req", spdlog::level::debug},
-    {"dpd_resp_sent", spdlog::level::debug},
-    {"sent", spdlog::level::debug},
+    {"tls_failed", spdlog::level::warn},     {"frame_invalid", spdlog::level::warn},
+    {"accept_refused", spdlog::level::warn}, {"config_resp_withheld", spdlog::level::warn},
+    {"tcp_accept", spdlog::level::info},     {"tls_up", spdlog::level::info},
+    {"config_req", spdlog::level::info},     {"config_resp_sent", spdlog::level::info},
+    {"closed", spdlog::level::info},         {"alert_rx", spdlog::level::info},
+    {"shutdown", spdlog::level::info},       {"dpd_req", spdlog::level::debug},
+    {"dpd_resp_sent", spdlog::level::debug}, {"sent", spdlog::level::debug},
     {"data", spdlog::level::trace},
 };
 
@@ -54,7 +47,8 @@ bool is_logged(std::string_view name) {
 std::string log_value(const Json &value) {
     std::string quoted = value.dump(-1, ' ', true, Json::error_handler_t::replace);
     if (!value.is_string()) return quoted;
-    bool plain = quoted.size() > 2 && quoted.find_first_of(" =\\", 0) == std::string::npos && quoted.find('"', 1) == quoted.size() - 1;
+    bool plain = quoted.size() > 2 && quoted.find_first_of(" =\\", 0) == std::string::npos &&
+                 quoted.find('"', 1) == quoted.size() - 1;
     return plain ? quoted.substr(1, quoted.size() - 2) : quoted;
 }
 
@@ -71,8 +65,9 @@ void log_event(const char *kind, uint64_t client, const Json &event) {
 
 std::string wall_text(std::chrono::system_clock::time_point time) {
     auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-    auto micros = std::chrono::duration_cast<std::chrono::microseconds>(time - seconds).count();
-    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)), micros);
+    auto micros  = std::chrono::duration_cast<std::chrono::microseconds>(time - seconds).count();
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)),
+                       micros);
 }
 
 double mono_milliseconds() {
@@ -105,8 +100,8 @@ uint64_t EventLog::lost(uint64_t since) const {
 }
 
 void EventLog::visit(uint64_t since, const std::function<bool(const Json &)> &visit) const {
-    uint64_t gone = last_ - ring_.size();
-    size_t start = since > gone ? static_cast<size_t>(since - gone) : 0;
+    uint64_t gone  = last_ - ring_.size();
+    size_t   start = since > gone ? static_cast<size_t>(since - gone) : 0;
     for (size_t i = start; i < ring_.size(); i++) {
         if (!visit(*ring_[i])) return;
     }

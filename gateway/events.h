@@ -32,8 +32,8 @@ public:
     void visit(uint64_t since, const std::function<bool(const Json &)> &visit) const;
 
 private:
-    std::deque<Event> ring_;
-    uint64_t last_ = 0;
+    std::deque<Event>                 ring_;
+    uint64_t                          last_ = 0;
     std::function<void(const Json &)> listener_;
 };
 

@@ -8,7 +8,7 @@ namespace gw {
 namespace {
 
 constexpr uint8_t magic[3] = {'S', 'T', 'F'};
-constexpr uint8_t version = 1;
+constexpr uint8_t version  = 1;
 
 }  // namespace
 

@@ -11,11 +11,11 @@ constexpr size_t frame_header_size = 8;
 constexpr size_t client_frame_limit = 1500;
 
 enum FrameType : uint8_t {
-    frame_data = 0,
-    frame_config_request = 1,
+    frame_data            = 0,
+    frame_config_request  = 1,
     frame_config_response = 2,
-    frame_dpd_request = 3,
-    frame_dpd_response = 4,
+    frame_dpd_request     = 3,
+    frame_dpd_response    = 4,
 };
 
 // Writes the 8 header bytes to `at`. `length` counts the payload bytes.
@@ -26,7 +26,7 @@ Bytes make_frame(uint8_t type, ByteView payload);
 
 // A received frame; the views last as long as the call that hands it over.
 struct Frame {
-    uint8_t type = 0;
+    uint8_t  type = 0;
     ByteView payload;
 };
 
@@ -34,7 +34,12 @@ struct Frame {
 // stream for good: there is no way to find the next frame.
 class FrameParser {
 public:
-    enum class Result { ok, bad_magic, bad_version, stopped };
+    enum class Result {
+        ok,
+        bad_magic,
+        bad_version,
+        stopped
+    };
 
     // Calls take(frame) for every frame that is complete with these bytes; take returns false to stop. Frames that lie
     // whole in `bytes` are not copied.
@@ -58,7 +63,8 @@ private:
             if (header != Result::ok) return header;
             size_t size = frame_size(bytes);
             if (size == 0 || size > bytes.size()) break;
-            if (!take(Frame{bytes[6], bytes.subspan(frame_header_size, size - frame_header_size)})) return Result::stopped;
+            if (!take(Frame{bytes[6], bytes.subspan(frame_header_size, size - frame_header_size)}))
+                return Result::stopped;
             bytes = bytes.subspan(size);
         }
         rest_.assign(bytes.begin(), bytes.end());

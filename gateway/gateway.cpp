@@ -14,14 +14,12 @@ namespace gw {
 
 namespace {
 
-constexpr int accept_backlog = 128;
-constexpr int accepts_per_batch = 64;
+constexpr int                       accept_backlog    = 128;
+constexpr int                       accepts_per_batch = 64;
 constexpr std::chrono::milliseconds accept_pause{100};  // when the process is out of descriptors
-constexpr size_t shown_bytes = 64;                      // of a bad frame, in its event
+constexpr size_t                    shown_bytes = 64;   // of a bad frame, in its event
 
-std::set<uint32_t> excluded_addresses(const Cidr &tun) {
-    return {tun.address, tun.network(), tun.broadcast()};
-}
+std::set<uint32_t> excluded_addresses(const Cidr &tun) { return {tun.address, tun.network(), tun.broadcast()}; }
 
 std::string peer_text(const sockaddr_in &address) {
     return ipv4_text(ntohl(address.sin_addr.s_addr)) + ":" + std::to_string(ntohs(address.sin_port));
@@ -46,7 +44,11 @@ void reset_socket(UniqueFd socket) {
 }  // namespace
 
 Gateway::Gateway(const Options &options, Loop &loop)
-    : options_(options), loop_(loop), tls_(options.tls), pool_(options.pool, excluded_addresses(options.tun_address)), port_(options.listen_port) {
+    : options_(options),
+      loop_(loop),
+      tls_(options.tls),
+      pool_(options.pool, excluded_addresses(options.tun_address)),
+      port_(options.listen_port) {
     if (options_.use_tun) {
         tun_.emplace(options_.tun, options_.tun_address, options_.mtu, options_.pool);
         tun_watch_ = loop_.watch(tun_->fd(), EPOLLIN, [this](uint32_t) { on_tun_readable(); });
@@ -62,25 +64,24 @@ Gateway::~Gateway() {
 // Listening.
 
 void Gateway::listen() {
-    UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    int on = 1;
+    UniqueFd    socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    int         on = 1;
     sockaddr_in address{};
-    address.sin_family = AF_INET;
+    address.sin_family      = AF_INET;
     address.sin_addr.s_addr = htonl(options_.listen_address);
-    address.sin_port = htons(port_);
-    socklen_t size = sizeof address;
-    bool good = socket && setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
-                bind(socket.get(), reinterpret_cast<sockaddr *>(&address), size) == 0 && ::listen(socket.get(), accept_backlog) == 0 &&
+    address.sin_port        = htons(port_);
+    socklen_t size          = sizeof address;
+    bool      good          = socket && setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
+                bind(socket.get(), reinterpret_cast<sockaddr *>(&address), size) == 0 &&
+                ::listen(socket.get(), accept_backlog) == 0 &&
                 getsockname(socket.get(), reinterpret_cast<sockaddr *>(&address), &size) == 0;
     if (!good) throw RuntimeFailure("cannot listen on " + listen_text() + ": " + strerror(errno));
-    port_ = ntohs(address.sin_port);
-    listener_ = std::move(socket);
+    port_         = ntohs(address.sin_port);
+    listener_     = std::move(socket);
     listen_watch_ = loop_.watch(listener_.get(), EPOLLIN, [this](uint32_t) { on_acceptable(); });
 }
 
-std::string Gateway::listen_text() const {
-    return ipv4_text(options_.listen_address) + ":" + std::to_string(port_);
-}
+std::string Gateway::listen_text() const { return ipv4_text(options_.listen_address) + ":" + std::to_string(port_); }
 
 void Gateway::set_accept(AcceptMode mode) {
     if (mode == AcceptMode::refuse) {
@@ -95,8 +96,9 @@ void Gateway::set_accept(AcceptMode mode) {
 void Gateway::on_acceptable() {
     for (int i = 0; i < accepts_per_batch && listener_; i++) {
         sockaddr_in address{};
-        socklen_t size = sizeof address;
-        UniqueFd socket(accept4(listener_.get(), reinterpret_cast<sockaddr *>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        socklen_t   size = sizeof address;
+        UniqueFd    socket(
+               accept4(listener_.get(), reinterpret_cast<sockaddr *>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (socket) take_connection(std::move(socket), peer_text(address));
         else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) return pause_accepting();
         else if (errno != ECONNABORTED && errno != EINTR) return;
@@ -119,9 +121,11 @@ void Gateway::take_connection(UniqueFd socket, const std::string &peer) {
         events.emit("accept_refused", 0, {{"peer", peer}, {"why", refused}});
         return reset_socket(std::move(socket));
     }
-    uint64_t id = next_client_++;
+    uint64_t           id = next_client_++;
     Connection::Limits limits{.handshake = options_.handshake_timeout, .queue = options_.queue};
-    auto &client = *clients_.emplace(id, std::make_unique<Client>(id, std::move(socket), peer, *this, loop_, limits, totals_)).first->second;
+    auto              &client =
+        *clients_.emplace(id, std::make_unique<Client>(id, std::move(socket), peer, *this, loop_, limits, totals_))
+             .first->second;
     events.emit("tcp_accept", id, {{"peer", peer}, {"mode", mode_text(lab.accept)}});
     if (lab.accept == AcceptMode::normal) client.start_tls(tls_.get());
     else client.stall(lab.accept == AcceptMode::stall_tls);
@@ -133,8 +137,12 @@ void Gateway::on_tls_up(Connection &connection) {
     auto &client = static_cast<Client &>(connection);
     totals_.add(Counter::tls_up);
     client.identity = peer_identity(client.ssl());
-    client.cipher = SSL_get_cipher_name(client.ssl());
-    events.emit("tls_up", client.id(), {{"version", SSL_get_version(client.ssl())}, {"cipher", client.cipher}, {"identity", client.identity}, {"resumed", SSL_session_reused(client.ssl()) == 1}});
+    client.cipher   = SSL_get_cipher_name(client.ssl());
+    events.emit("tls_up", client.id(),
+                {{"version", SSL_get_version(client.ssl())},
+                 {"cipher", client.cipher},
+                 {"identity", client.identity},
+                 {"resumed", SSL_session_reused(client.ssl()) == 1}});
 }
 
 void Gateway::on_tls_failed(Connection &connection, const std::string &reason) {
@@ -143,7 +151,8 @@ void Gateway::on_tls_failed(Connection &connection, const std::string &reason) {
 }
 
 void Gateway::on_alert(Connection &connection, int level, int code) {
-    events.emit("alert_rx", connection.id(), {{"level", level}, {"code", code}, {"alert", SSL_alert_desc_string_long(code)}});
+    events.emit("alert_rx", connection.id(),
+                {{"level", level}, {"code", code}, {"alert", SSL_alert_desc_string_long(code)}});
 }
 
 void Gateway::on_frame(Connection &connection, const Frame &frame) {
@@ -156,13 +165,15 @@ void Gateway::on_frame(Connection &connection, const Frame &frame) {
     }
     client.count(Counter::invalid);
     ByteView shown = frame.payload.first(std::min(frame.payload.size(), shown_bytes));
-    events.emit("frame_invalid", client.id(), {{"reason", "type"}, {"type", frame.type}, {"hex", to_hex(shown)}, {"action", "dropped"}});
+    events.emit("frame_invalid", client.id(),
+                {{"reason", "type"}, {"type", frame.type}, {"hex", to_hex(shown)}, {"action", "dropped"}});
 }
 
 void Gateway::on_bad_stream(Connection &connection, FrameParser::Result reason, ByteView bytes) {
     connection.count(Counter::invalid);
     ByteView shown = bytes.first(std::min(bytes.size(), shown_bytes));
-    events.emit("frame_invalid", connection.id(), {{"reason", to_text(reason)}, {"hex", to_hex(shown)}, {"action", "closed"}});
+    events.emit("frame_invalid", connection.id(),
+                {{"reason", to_text(reason)}, {"hex", to_hex(shown)}, {"action", "closed"}});
     connection.end_with_notify("frame_invalid");
 }
 
@@ -180,7 +191,8 @@ void Gateway::on_ended(Connection &connection, const Ending &ending) {
     drop_route(client);
     if (client.lease) pool_.release(*client.lease);
     client.lease = nullptr;
-    events.emit("closed", client.id(), {{"by", ending.by}, {"how", ending.how}, {"detail", ending.detail}, {"age_ms", client.age().count()}});
+    events.emit("closed", client.id(),
+                {{"by", ending.by}, {"how", ending.how}, {"detail", ending.detail}, {"age_ms", client.age().count()}});
 }
 
 // The newest of the remaining connections with this inner address takes over.
@@ -189,7 +201,8 @@ void Gateway::drop_route(Client &client) {
     if (found == active_.end() || found->second != &client) return;
     active_.erase(found);
     for (const auto &[id, other] : clients_) {
-        if (other->configured && other->inner == client.inner && other.get() != &client) active_[client.inner] = other.get();
+        if (other->configured && other->inner == client.inner && other.get() != &client)
+            active_[client.inner] = other.get();
     }
 }
 

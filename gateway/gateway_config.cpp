@@ -11,7 +11,7 @@ namespace gw {
 namespace {
 
 constexpr size_t payload_limit = client_frame_limit - frame_header_size;  // of a response that we compose
-constexpr size_t cookie_bytes = 5;                                        // 10 characters, see below
+constexpr size_t cookie_bytes  = 5;                                       // 10 characters, see below
 
 // By contract: a cookie has exactly 10 characters, because a client that gets a shorter one keeps the end of an earlier one behind it.
 std::string new_cookie() {
@@ -20,9 +20,7 @@ std::string new_cookie() {
     return to_hex(random);
 }
 
-Json text_or_null(const std::optional<std::string> &text) {
-    return text ? Json(*text) : Json(nullptr);
-}
+Json text_or_null(const std::optional<std::string> &text) { return text ? Json(*text) : Json(nullptr); }
 
 }  // namespace
 
@@ -38,26 +36,27 @@ void Gateway::answer_dpd(Client &client) {
 
 void Gateway::take_config_request(Client &client, ByteView payload) {
     client.count(Counter::config_req);
-    std::string text(text_of(payload));
+    std::string   text(text_of(payload));
     ConfigRequest request = parse_config_request(text);
-    client.device_id = request.device_id.value_or("");
-    client.name = request.name.value_or("");
-    client.serial = request.serial.value_or("");
+    client.device_id      = request.device_id.value_or("");
+    client.name           = request.name.value_or("");
+    client.serial         = request.serial.value_or("");
 
-    Pool::Asker asker{client.identity, client.device_id, request.cookie.value_or(""), parse_ipv4(request.address.value_or(""))};
-    Lease *before = client.lease;
-    client.lease = pool_.acquire(asker);
+    Pool::Asker asker{client.identity, client.device_id, request.cookie.value_or(""),
+                      parse_ipv4(request.address.value_or(""))};
+    Lease      *before = client.lease;
+    client.lease       = pool_.acquire(asker);
     if (before) pool_.release(*before);
     bool cookie_known = client.lease && Pool::is_known_cookie(*client.lease, asker.cookie);
-    Json report = {
-        {"text", text},
-        {"hex", to_hex(payload)},
-        {"address", text_or_null(request.address)},
-        {"device_id", text_or_null(request.device_id)},
-        {"cookie", text_or_null(request.cookie)},
-        {"name", text_or_null(request.name)},
-        {"serial", text_or_null(request.serial)},
-        {"cookie_known", cookie_known},
+    Json report       = {
+              {"text", text},
+              {"hex", to_hex(payload)},
+              {"address", text_or_null(request.address)},
+              {"device_id", text_or_null(request.device_id)},
+              {"cookie", text_or_null(request.cookie)},
+              {"name", text_or_null(request.name)},
+              {"serial", text_or_null(request.serial)},
+              {"cookie_known", cookie_known},
     };
     events.emit("config_req", client.id(), report);
     respond_by_mode(client);
@@ -69,13 +68,12 @@ void Gateway::respond_by_mode(Client &client) {
     client.withheld = false;
     switch (mode.kind) {
     case ConfigMode::Kind::normal: return respond(client, "normal");
-    case ConfigMode::Kind::hold:
-        client.withheld = true;
-        return withhold(client, "hold");
+    case ConfigMode::Kind::hold: client.withheld = true; return withhold(client, "hold");
     case ConfigMode::Kind::delay:
         withhold(client, "delay");
         loop_.cancel(client.delay_timer);
-        client.delay_timer = loop_.after(mode.delay, [this, &client] { respond(client, "delayed"); });  // cancelled when the client ends
+        client.delay_timer = loop_.after(
+            mode.delay, [this, &client] { respond(client, "delayed"); });  // cancelled when the client ends
         return;
     case ConfigMode::Kind::drop: return withhold(client, "drop");
     case ConfigMode::Kind::replace: return send_response(client, text_of(mode.bytes), "replaced");
@@ -98,10 +96,11 @@ void Gateway::respond(Client &client, const char *how) {
 }
 
 Headers Gateway::response_headers(Client &client) {
-    if (client.lease->own_cookie.empty()) client.lease->own_cookie = options_.cookie_auto ? new_cookie() : options_.cookie;
+    if (client.lease->own_cookie.empty())
+        client.lease->own_cookie = options_.cookie_auto ? new_cookie() : options_.cookie;
 
     Headers headers;
-    auto add = [&](const char *name, const std::optional<std::string> &value) {
+    auto    add = [&](const char *name, const std::optional<std::string> &value) {
         if (value) headers.emplace_back(name, *value);
     };
     add("X-CSTP-Address", options_.prefix);
@@ -120,7 +119,11 @@ void Gateway::send_response(Client &client, std::string_view text, const char *h
     if (!client.send_frame(frame_config_response, bytes_of(text))) return withhold(client, "not_sent");
     client.count(Counter::config_resp);
     assign(client, text);
-    events.emit("config_resp_sent", client.id(), {{"text", text}, {"inner", client.inner ? ipv4_text(client.inner) : ""}, {"device_id", client.device_id}, {"how", how}});
+    events.emit("config_resp_sent", client.id(),
+                {{"text", text},
+                 {"inner", client.inner ? ipv4_text(client.inner) : ""},
+                 {"device_id", client.device_id},
+                 {"how", how}});
 }
 
 // What the response says is what the client will use, whoever wrote it.
@@ -130,7 +133,7 @@ void Gateway::assign(Client &client, std::string_view response) {
     auto inner = parse_ipv4(response_value(response, "X-CSTP-Address-Client").value_or(""));
     if (!inner) return;
     drop_route(client);
-    client.inner = *inner;
+    client.inner      = *inner;
     client.configured = true;
     if (client.lease && client.lease->address != *inner) (void)pool_.move(*client.lease, *inner);
     Client *&active = active_[*inner];
@@ -143,7 +146,8 @@ void Gateway::respond_malformed(Client &client, const Bytes &raw) {
     } catch (const std::runtime_error &) {
         return withhold(client, "not_sent");
     }
-    events.emit("config_resp_sent", client.id(), {{"hex", to_hex(raw)}, {"inner", ""}, {"device_id", client.device_id}, {"how", "malformed"}});
+    events.emit("config_resp_sent", client.id(),
+                {{"hex", to_hex(raw)}, {"inner", ""}, {"device_id", client.device_id}, {"how", "malformed"}});
 }
 
 size_t Gateway::release_withheld(const Client *only) {

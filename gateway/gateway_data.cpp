@@ -8,35 +8,30 @@ namespace gw {
 
 namespace {
 
-constexpr int packets_per_batch = 64;  // read from the interface before clients get their turn
-constexpr size_t ipv4_header_size = 20;
-constexpr size_t ipv6_header_size = 40;
-constexpr uint8_t protocol_icmpv6 = 58;
+constexpr int     packets_per_batch   = 64;  // read from the interface before clients get their turn
+constexpr size_t  ipv4_header_size    = 20;
+constexpr size_t  ipv6_header_size    = 40;
+constexpr uint8_t protocol_icmpv6     = 58;
 constexpr uint8_t router_solicitation = 133;
 
 uint32_t read_u32(ByteView bytes, size_t at) {
     return uint32_t{bytes[at]} << 24 | uint32_t{bytes[at + 1]} << 16 | uint32_t{bytes[at + 2]} << 8 | bytes[at + 3];
 }
 
-unsigned ip_version(ByteView packet) {
-    return packet.empty() ? 0 : packet[0] >> 4;
-}
-uint32_t source_of(ByteView packet) {
-    return read_u32(packet, 12);
-}
-uint32_t destination_of(ByteView packet) {
-    return read_u32(packet, 16);
-}
+unsigned ip_version(ByteView packet) { return packet.empty() ? 0 : packet[0] >> 4; }
+uint32_t source_of(ByteView packet) { return read_u32(packet, 12); }
+uint32_t destination_of(ByteView packet) { return read_u32(packet, 16); }
 
 bool is_whole_ipv4(ByteView packet) {
     if (packet.size() < ipv4_header_size || ip_version(packet) != 4) return false;
     size_t header = (packet[0] & 15) * 4u;
-    size_t total = static_cast<size_t>(packet[2] << 8 | packet[3]);
+    size_t total  = static_cast<size_t>(packet[2] << 8 | packet[3]);
     return header >= ipv4_header_size && header <= total && total <= packet.size();
 }
 
 bool is_router_solicitation(ByteView packet) {
-    return packet.size() > ipv6_header_size && packet[6] == protocol_icmpv6 && packet[ipv6_header_size] == router_solicitation;
+    return packet.size() > ipv6_header_size && packet[6] == protocol_icmpv6 &&
+           packet[ipv6_header_size] == router_solicitation;
 }
 
 // A frame under construction: the packet is read to where it belongs in the frame.
@@ -44,10 +39,10 @@ struct FrameBuffer {
     uint8_t bytes[FrameRing::slot_size];
 
     std::span<uint8_t> packet() { return std::span(bytes).subspan(frame_header_size); }
-    ByteView packet(size_t size) const { return ByteView(bytes).subspan(frame_header_size, size); }
-    ByteView frame(size_t size) {
-        write_frame_header(bytes, frame_data, static_cast<uint16_t>(size));
-        return ByteView(bytes).first(frame_header_size + size);
+    ByteView           packet(size_t size) const { return ByteView(bytes).subspan(frame_header_size, size); }
+    ByteView           frame(size_t size) {
+                  write_frame_header(bytes, frame_data, static_cast<uint16_t>(size));
+                  return ByteView(bytes).first(frame_header_size + size);
     }
 };
 
@@ -63,7 +58,8 @@ void Gateway::take_packet(Client &client, ByteView packet) {
         if (tun_ && !tun_->write(packet)) refused = Counter::drop_tun;
     }
     if (refused) client.count(*refused);
-    if (lab.data_events) report_packet(client, "up", packet, refused ? counter_names[static_cast<size_t>(*refused)] : "ok");
+    if (lab.data_events)
+        report_packet(client, "up", packet, refused ? counter_names[static_cast<size_t>(*refused)] : "ok");
 }
 
 std::optional<Counter> Gateway::refuse_reason(const Client &client, ByteView packet) const {
@@ -113,7 +109,7 @@ Client *Gateway::send_packet(ByteView packet, Client *to, bool &sent) {
 
 bool Gateway::deliver(Client &client, ByteView frame) {
     ByteView packet = frame.subspan(frame_header_size);
-    bool sent = client.send_data(frame);
+    bool     sent   = client.send_data(frame);
     client.count(sent ? Counter::data_tx : Counter::drop_queue);
     if (sent) client.count(Counter::data_bytes_tx, packet.size());
     if (lab.data_events) report_packet(client, "down", packet, sent ? "ok" : "drop_queue");
@@ -121,7 +117,8 @@ bool Gateway::deliver(Client &client, ByteView frame) {
 }
 
 void Gateway::report_packet(const Client &client, const char *direction, ByteView packet, const char *verdict) {
-    events.emit("data", client.id(), {{"dir", direction}, {"hex", to_hex(packet)}, {"length", packet.size()}, {"verdict", verdict}});
+    events.emit("data", client.id(),
+                {{"dir", direction}, {"hex", to_hex(packet)}, {"length", packet.size()}, {"verdict", verdict}});
 }
 
 }  // namespace gw

@@ -7,17 +7,17 @@
 
 namespace gw {
 
-Loop::Loop()
-    : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
+Loop::Loop() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
     if (!epoll_) throw RuntimeFailure(std::string("cannot create an epoll instance: ") + strerror(errno));
 }
 
 uint64_t Loop::watch(int fd, uint32_t events, Handler handler) {
-    uint64_t id = next_id_++;
+    uint64_t    id = next_id_++;
     epoll_event event{};
-    event.events = events;
+    event.events   = events;
     event.data.u64 = id;
-    if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0) throw RuntimeFailure(std::string("cannot watch a descriptor: ") + strerror(errno));
+    if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0)
+        throw RuntimeFailure(std::string("cannot watch a descriptor: ") + strerror(errno));
     watches_.emplace(id, Watch{fd, std::make_shared<Handler>(std::move(handler))});
     return id;
 }
@@ -26,7 +26,7 @@ void Loop::modify(uint64_t watch, uint32_t events) {
     auto found = watches_.find(watch);
     if (found == watches_.end()) return;
     epoll_event event{};
-    event.events = events;
+    event.events   = events;
     event.data.u64 = watch;
     (void)epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, found->second.fd, &event);  // cannot fail for a registered descriptor
 }
@@ -39,8 +39,8 @@ void Loop::forget(uint64_t watch) {
 }
 
 uint64_t Loop::after(std::chrono::milliseconds delay, Task task) {
-    uint64_t id = next_id_++;
-    auto time = Clock::now() + delay;
+    uint64_t id   = next_id_++;
+    auto     time = Clock::now() + delay;
     timers_.emplace(TimerKey{time, id}, std::move(task));
     timer_times_.emplace(id, time);
     return id;

@@ -24,7 +24,8 @@ constexpr std::chrono::milliseconds farewell{100};
 void open_log(const Options &options) {
     std::shared_ptr<spdlog::logger> logger;
     try {
-        logger = options.log == "-" ? spdlog::stderr_logger_st("gateway") : spdlog::basic_logger_st("gateway", options.log);
+        logger = options.log == "-" ? spdlog::stderr_logger_st("gateway")
+                                    : spdlog::basic_logger_st("gateway", options.log);
     } catch (const spdlog::spdlog_ex &error) {
         throw UsageError("cannot write the log " + options.log + ": " + strerror(errno));
     }
@@ -50,19 +51,19 @@ UniqueFd block_signals() {
 // Exists while the gateway accepts clients.
 class ReadyFile {
 public:
-    ReadyFile(const std::string &path, const std::string &listen)
-        : path_(path) {
+    ReadyFile(const std::string &path, const std::string &listen) : path_(path) {
         if (path_.empty()) return;
-        std::string text = "pid=" + std::to_string(getpid()) + " listen=" + listen + "\n";
+        std::string text  = "pid=" + std::to_string(getpid()) + " listen=" + listen + "\n";
         std::string fresh = path_ + ".new";  // renamed, so that it is never seen half written
-        UniqueFd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-        bool good = file && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) && rename(fresh.c_str(), path_.c_str()) == 0;
+        UniqueFd    file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        bool        good = file && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+                    rename(fresh.c_str(), path_.c_str()) == 0;
         if (!good) throw UsageError("cannot write the ready file " + path_ + ": " + strerror(errno));
     }
     ~ReadyFile() {
         if (!path_.empty()) (void)unlink(path_.c_str());
     }
-    ReadyFile(const ReadyFile &) = delete;
+    ReadyFile(const ReadyFile &)            = delete;
     ReadyFile &operator=(const ReadyFile &) = delete;
 
 private:
@@ -70,9 +71,9 @@ private:
 };
 
 void serve(const Options &options) {
-    UniqueFd signals = block_signals();
-    Loop loop;
-    Gateway gateway(options, loop);
+    UniqueFd                 signals = block_signals();
+    Loop                     loop;
+    Gateway                  gateway(options, loop);
     std::unique_ptr<Control> control;
     if (!options.control.empty()) control = std::make_unique<Control>(options.control, gateway, loop);
     ReadyFile ready(options.ready_file, gateway.listen_text());
@@ -85,7 +86,8 @@ void serve(const Options &options) {
         if (alone) return loop.stop();
         loop.after(farewell, [&loop] { loop.stop(); });
     });
-    spdlog::info("ready listen={} tun={} pool={}", gateway.listen_text(), options.use_tun ? options.tun : "none", options.pool_text);
+    spdlog::info("ready listen={} tun={} pool={}", gateway.listen_text(), options.use_tun ? options.tun : "none",
+                 options.pool_text);
     loop.run([&] {
         gateway.finish_batch();
         if (control) control->finish_batch();
@@ -113,6 +115,4 @@ int run(int argc, const char *const *argv) {
 
 }  // namespace gw
 
-int main(int argc, char **argv) {
-    return gw::run(argc, argv);
-}
+int main(int argc, char **argv) { return gw::run(argc, argv); }

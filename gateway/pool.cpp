@@ -17,7 +17,8 @@ Lease *Pool::acquire(const Asker &asker) {
     if (!lease) {
         auto address = choose_address(asker);
         if (!address) return nullptr;
-        lease = &leases_.emplace_back(Lease{.identity = asker.identity, .device_id = asker.device_id, .address = *address});
+        lease = &leases_.emplace_back(
+            Lease{.identity = asker.identity, .device_id = asker.device_id, .address = *address});
         by_address_[*address] = lease;
     } else if (asker.address && *asker.address != lease->address) {
         (void)move(*lease, *asker.address);  // otherwise the device keeps what it has
@@ -57,7 +58,7 @@ bool Pool::move(Lease &lease, uint32_t address) {
         erase(*other);
     }
     by_address_.erase(lease.address);
-    lease.address = address;
+    lease.address        = address;
     by_address_[address] = &lease;
     return true;
 }
@@ -85,7 +86,7 @@ std::optional<uint32_t> Pool::free_address() {
     if (by_address_.size() >= size) return std::nullopt;
     for (uint64_t tried = 0; tried < size; tried++) {
         uint32_t address = next_;
-        next_ = address == range_.last ? range_.first : address + 1;
+        next_            = address == range_.last ? range_.first : address + 1;
         if (!excluded_.contains(address) && !by_address_.contains(address)) return address;
     }
     return std::nullopt;

@@ -13,11 +13,11 @@ namespace gw {
 struct Lease {
     std::string identity;      // of the TLS handshake
     std::string device_id;     // of the configuration request, may be empty
-    uint32_t address = 0;      // host order
+    uint32_t    address = 0;   // host order
     std::string own_cookie{};  // made for the device, empty until the first response
     std::string cookie{};      // what the last response handed out, empty for none
-    unsigned connections = 0;
-    uint64_t used = 0;  // order of last use, for giving away the address of the device absent for longest
+    unsigned    connections = 0;
+    uint64_t    used        = 0;  // order of last use, for giving away the address of the device absent for longest
 };
 
 // The inner addresses and the devices that hold them. Invariant: no two leases have the same address.
@@ -25,9 +25,9 @@ class Pool {
 public:
     // Who asks; the texts come from the handshake and the configuration request.
     struct Asker {
-        std::string identity;
-        std::string device_id;
-        std::string cookie;               // empty when none was shown
+        std::string             identity;
+        std::string             device_id;
+        std::string             cookie;   // empty when none was shown
         std::optional<uint32_t> address;  // asked for
     };
 
@@ -52,19 +52,19 @@ public:
     const std::list<Lease> &leases() const { return leases_; }
 
 private:
-    Lease *find(const Asker &asker);
-    Lease *holder(uint32_t address);
+    Lease                  *find(const Asker &asker);
+    Lease                  *holder(uint32_t address);
     std::optional<uint32_t> choose_address(const Asker &asker);
     std::optional<uint32_t> free_address();
     std::optional<uint32_t> take_from_absent();
-    void erase(Lease &lease);
+    void                    erase(Lease &lease);
 
-    AddressRange range_;
-    std::set<uint32_t> excluded_;
-    uint32_t next_;            // where the search for a free address starts
-    std::list<Lease> leases_;  // addresses of elements stay valid
+    AddressRange                range_;
+    std::set<uint32_t>          excluded_;
+    uint32_t                    next_;    // where the search for a free address starts
+    std::list<Lease>            leases_;  // addresses of elements stay valid
     std::map<uint32_t, Lease *> by_address_;
-    uint64_t uses_ = 0;
+    uint64_t                    uses_ = 0;
 };
 
 }  // namespace gw

@@ -11,13 +11,13 @@ namespace gw {
 namespace {
 
 constexpr size_t identity_limit = 128;  // characters, what clients can send
-constexpr size_t key_limit = 256;       // characters, what clients can hold
+constexpr size_t key_limit      = 256;  // characters, what clients can hold
 
 void add_line(const std::string &line, const std::string &where, PskTable &table) {
     size_t colon = line.find(':');
     if (colon == std::string::npos) throw UsageError(where + ": no colon between identity and key");
     std::string identity = line.substr(0, colon);
-    std::string key = line.substr(colon + 1);
+    std::string key      = line.substr(colon + 1);
     if (identity.empty()) throw UsageError(where + ": empty identity");
     if (identity.size() > identity_limit) throw UsageError(where + ": identity of more than 128 characters");
     if (key.empty()) throw UsageError(where + ": empty key");
@@ -31,7 +31,7 @@ PskTable read_psk_file(const std::string &path) {
     std::ifstream file(path);
     if (!file) throw UsageError("cannot read the PSK file " + path + ": " + strerror(errno));
 
-    PskTable table;
+    PskTable    table;
     std::string line;
     for (unsigned number = 1; std::getline(file, line); number++) {
         if (!line.empty() && line.back() == '\r') line.pop_back();

@@ -17,18 +17,16 @@ namespace gw {
 
 namespace {
 
-constexpr size_t record_header_size = 5;
-constexpr size_t tag_size = 16;            // GCM and Poly1305
-constexpr size_t explicit_nonce_size = 8;  // GCM
-constexpr size_t block_size = 16;          // AES-CBC
+constexpr size_t record_header_size  = 5;
+constexpr size_t tag_size            = 16;  // GCM and Poly1305
+constexpr size_t explicit_nonce_size = 8;   // GCM
+constexpr size_t block_size          = 16;  // AES-CBC
 
 void check(bool good, const char *what) {
     if (!good) throw std::runtime_error(std::string("cannot craft a record: ") + what);
 }
 
-void append(Bytes &to, ByteView bytes) {
-    to.insert(to.end(), bytes.begin(), bytes.end());
-}
+void append(Bytes &to, ByteView bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
 
 void append_u16(Bytes &to, size_t value) {
     to.push_back(static_cast<uint8_t>(value >> 8));
@@ -41,20 +39,25 @@ struct WriteKeys {
     Bytes mac, key, iv;
 };
 
-enum class Construction { none, gcm, chacha, cbc };
+enum class Construction {
+    none,
+    gcm,
+    chacha,
+    cbc
+};
 
 struct CipherShape {
-    Construction construction;
+    Construction      construction;
     const EVP_CIPHER *cipher;
-    const EVP_MD *mac;  // null for authenticated ciphers
-    size_t iv_size;     // bytes of the key block, not of the cipher
+    const EVP_MD     *mac;      // null for authenticated ciphers
+    size_t            iv_size;  // bytes of the key block, not of the cipher
 };
 
 Bytes prf(const EVP_MD *digest, ByteView secret, std::string_view label, ByteView seed, size_t size) {
     std::unique_ptr<EVP_KDF, void (*)(EVP_KDF *)> kdf(EVP_KDF_fetch(nullptr, "TLS1-PRF", nullptr), EVP_KDF_free);
     check(kdf != nullptr, "no TLS 1.2 PRF");
     std::unique_ptr<EVP_KDF_CTX, void (*)(EVP_KDF_CTX *)> context(EVP_KDF_CTX_new(kdf.get()), EVP_KDF_CTX_free);
-    Bytes full_seed(label.begin(), label.end());
+    Bytes                                                 full_seed(label.begin(), label.end());
     append(full_seed, seed);
     OSSL_PARAM params[] = {
         OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, const_cast<char *>(EVP_MD_get0_name(digest)), 0),
@@ -69,13 +72,13 @@ Bytes prf(const EVP_MD *digest, ByteView secret, std::string_view label, ByteVie
 
 WriteKeys derive_write_keys(SSL *ssl, const CipherShape &shape) {
     uint8_t master[SSL_MAX_MASTER_KEY_LENGTH];
-    size_t master_size = SSL_SESSION_get_master_key(SSL_get_session(ssl), master, sizeof master);
-    Bytes randoms(2 * SSL3_RANDOM_SIZE);
+    size_t  master_size = SSL_SESSION_get_master_key(SSL_get_session(ssl), master, sizeof master);
+    Bytes   randoms(2 * SSL3_RANDOM_SIZE);
     SSL_get_server_random(ssl, randoms.data(), SSL3_RANDOM_SIZE);
     SSL_get_client_random(ssl, randoms.data() + SSL3_RANDOM_SIZE, SSL3_RANDOM_SIZE);
 
-    size_t mac = shape.mac ? static_cast<size_t>(EVP_MD_get_size(shape.mac)) : 0;
-    size_t key = static_cast<size_t>(EVP_CIPHER_get_key_length(shape.cipher));
+    size_t        mac    = shape.mac ? static_cast<size_t>(EVP_MD_get_size(shape.mac)) : 0;
+    size_t        key    = static_cast<size_t>(EVP_CIPHER_get_key_length(shape.cipher));
     const EVP_MD *digest = SSL_CIPHER_get_handshake_digest(SSL_get_current_cipher(ssl));
     if (EVP_MD_get_type(digest) == NID_md5_sha1) digest = EVP_sha256();  // the suites older than TLS 1.2
     Bytes block = prf(digest, {master, master_size}, "key expansion", randoms, 2 * (mac + key + shape.iv_size));
@@ -114,39 +117,49 @@ CipherContext start_encryption(const EVP_CIPHER *cipher, const Bytes &key, const
 
 // 2 Authenticated ciphers.
 
-Bytes encrypt_authenticated(const EVP_CIPHER *cipher, const Bytes &key, const Bytes &nonce, const Bytes &header, ByteView plain) {
+Bytes encrypt_authenticated(const EVP_CIPHER *cipher, const Bytes &key, const Bytes &nonce, const Bytes &header,
+                            ByteView plain) {
     CipherContext context = start_encryption(cipher, key, nonce);
-    Bytes out(plain.size() + tag_size);
-    int size = 0;
-    check(EVP_EncryptUpdate(context.get(), nullptr, &size, header.data(), static_cast<int>(header.size())) == 1, "header refused");
-    if (!plain.empty()) check(EVP_EncryptUpdate(context.get(), out.data(), &size, plain.data(), static_cast<int>(plain.size())) == 1, "content refused");
+    Bytes         out(plain.size() + tag_size);
+    int           size = 0;
+    check(EVP_EncryptUpdate(context.get(), nullptr, &size, header.data(), static_cast<int>(header.size())) == 1,
+          "header refused");
+    if (!plain.empty())
+        check(EVP_EncryptUpdate(context.get(), out.data(), &size, plain.data(), static_cast<int>(plain.size())) == 1,
+              "content refused");
     check(EVP_EncryptFinal_ex(context.get(), out.data() + plain.size(), &size) == 1, "no end");
-    check(EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_GET_TAG, tag_size, out.data() + plain.size()) == 1, "no tag");
+    check(EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_GET_TAG, tag_size, out.data() + plain.size()) == 1,
+          "no tag");
     return out;
 }
 
-Bytes seal_gcm(const CipherShape &shape, const WriteKeys &keys, uint8_t type, ByteView plain, uint64_t sequence, ByteView model) {
+Bytes seal_gcm(const CipherShape &shape, const WriteKeys &keys, uint8_t type, ByteView plain, uint64_t sequence,
+               ByteView model) {
     check(model.size() >= record_header_size + explicit_nonce_size, "model too short");
     ByteView explicit_nonce = model.subspan(record_header_size, explicit_nonce_size);
-    Bytes nonce = keys.iv;
+    Bytes    nonce          = keys.iv;
     append(nonce, explicit_nonce);
     Bytes body(explicit_nonce.begin(), explicit_nonce.end());
-    append(body, encrypt_authenticated(shape.cipher, keys.key, nonce, pseudo_header(sequence, type, plain.size()), plain));
+    append(body,
+           encrypt_authenticated(shape.cipher, keys.key, nonce, pseudo_header(sequence, type, plain.size()), plain));
     return record_of(type, body);
 }
 
 Bytes seal_chacha(const CipherShape &shape, const WriteKeys &keys, uint8_t type, ByteView plain, uint64_t sequence) {
     Bytes nonce = keys.iv;  // RFC 7905: the sequence number is folded into the last 8 bytes
     for (size_t i = 0; i < 8; i++) nonce[nonce.size() - 1 - i] ^= static_cast<uint8_t>(sequence >> (8 * i));
-    return record_of(type, encrypt_authenticated(shape.cipher, keys.key, nonce, pseudo_header(sequence, type, plain.size()), plain));
+    return record_of(
+        type, encrypt_authenticated(shape.cipher, keys.key, nonce, pseudo_header(sequence, type, plain.size()), plain));
 }
 
 // 3 CBC with HMAC: MAC, then pad, then encrypt (RFC 5246), or pad, encrypt, then MAC (RFC 7366).
 
 Bytes hmac(const EVP_MD *digest, const Bytes &key, const Bytes &message) {
-    Bytes out(static_cast<size_t>(EVP_MD_get_size(digest)));
+    Bytes    out(static_cast<size_t>(EVP_MD_get_size(digest)));
     unsigned size = 0;
-    check(HMAC(digest, key.data(), static_cast<int>(key.size()), message.data(), message.size(), out.data(), &size) != nullptr, "no HMAC");
+    check(HMAC(digest, key.data(), static_cast<int>(key.size()), message.data(), message.size(), out.data(), &size) !=
+              nullptr,
+          "no HMAC");
     return out;
 }
 
@@ -161,8 +174,9 @@ Bytes encrypt_cbc(const EVP_CIPHER *cipher, const Bytes &key, const Bytes &padde
     CipherContext context = start_encryption(cipher, key, iv);
     EVP_CIPHER_CTX_set_padding(context.get(), 0);
     Bytes out(padded.size());
-    int size = 0;
-    check(EVP_EncryptUpdate(context.get(), out.data(), &size, padded.data(), static_cast<int>(padded.size())) == 1, "content refused");
+    int   size = 0;
+    check(EVP_EncryptUpdate(context.get(), out.data(), &size, padded.data(), static_cast<int>(padded.size())) == 1,
+          "content refused");
     iv.insert(iv.end(), out.begin(), out.end());
     return iv;
 }
@@ -171,15 +185,16 @@ Bytes encrypt_cbc(const EVP_CIPHER *cipher, const Bytes &key, const Bytes &padde
 bool is_mac_outside(const CipherShape &shape, const WriteKeys &keys, uint64_t sequence, ByteView model) {
     size_t mac_size = keys.mac.size();
     check(model.size() > record_header_size + mac_size, "model too short");
-    ByteView body = model.subspan(record_header_size, model.size() - record_header_size - mac_size);
-    Bytes message = pseudo_header(sequence, model[0], body.size());
+    ByteView body    = model.subspan(record_header_size, model.size() - record_header_size - mac_size);
+    Bytes    message = pseudo_header(sequence, model[0], body.size());
     append(message, body);
     Bytes mac = hmac(shape.mac, keys.mac, message);
     return memcmp(mac.data(), model.data() + model.size() - mac_size, mac_size) == 0;
 }
 
-Bytes seal_cbc(const CipherShape &shape, const WriteKeys &keys, uint8_t type, ByteView plain, uint64_t sequence, ByteView model) {
-    bool mac_outside = is_mac_outside(shape, keys, sequence, model);
+Bytes seal_cbc(const CipherShape &shape, const WriteKeys &keys, uint8_t type, ByteView plain, uint64_t sequence,
+               ByteView model) {
+    bool  mac_outside = is_mac_outside(shape, keys, sequence, model);
     Bytes content(plain.begin(), plain.end());
     if (!mac_outside) {
         Bytes message = pseudo_header(sequence, type, plain.size());
@@ -199,22 +214,21 @@ Bytes seal_cbc(const CipherShape &shape, const WriteKeys &keys, uint8_t type, By
 // 4 The choice between them.
 
 CipherShape shape_of(SSL *ssl) {
-    CipherShape none{Construction::none, nullptr, nullptr, 0};
-    const SSL_CIPHER *suite = SSL_get_current_cipher(ssl);
+    CipherShape       none{Construction::none, nullptr, nullptr, 0};
+    const SSL_CIPHER *suite  = SSL_get_current_cipher(ssl);
     const EVP_CIPHER *cipher = suite ? EVP_get_cipherbynid(SSL_CIPHER_get_cipher_nid(suite)) : nullptr;
     if (!cipher || !SSL_get_session(ssl)) return none;
     if (EVP_CIPHER_get_mode(cipher) == EVP_CIPH_GCM_MODE) return {Construction::gcm, cipher, nullptr, 4};
     if (EVP_CIPHER_get_nid(cipher) == NID_chacha20_poly1305) return {Construction::chacha, cipher, nullptr, 12};
-    const EVP_MD *mac = EVP_get_digestbynid(SSL_CIPHER_get_digest_nid(suite));
-    bool is_cbc = EVP_CIPHER_get_mode(cipher) == EVP_CIPH_CBC_MODE && EVP_CIPHER_get_block_size(cipher) == static_cast<int>(block_size);
+    const EVP_MD *mac    = EVP_get_digestbynid(SSL_CIPHER_get_digest_nid(suite));
+    bool          is_cbc = EVP_CIPHER_get_mode(cipher) == EVP_CIPH_CBC_MODE &&
+                  EVP_CIPHER_get_block_size(cipher) == static_cast<int>(block_size);
     return is_cbc && mac ? CipherShape{Construction::cbc, cipher, mac, 0} : none;
 }
 
 }  // namespace
 
-bool can_seal_record(SSL *ssl) {
-    return shape_of(ssl).construction != Construction::none;
-}
+bool can_seal_record(SSL *ssl) { return shape_of(ssl).construction != Construction::none; }
 
 Bytes seal_record(SSL *ssl, uint8_t type, ByteView plain, uint64_t sequence, ByteView model) {
     CipherShape shape = shape_of(ssl);

@@ -14,14 +14,14 @@ std::optional<uint32_t> parse_ipv4(std::string_view text) {
 
 std::string ipv4_text(uint32_t address) {
     in_addr network{.s_addr = htonl(address)};
-    char text[INET_ADDRSTRLEN] = "";
+    char    text[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &network, text, sizeof text);
     return text;
 }
 
 std::optional<unsigned long> parse_number(std::string_view text, unsigned long limit) {
     unsigned long value = 0;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    auto [end, error]   = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc{} || end != text.data() + text.size() || value > limit) return std::nullopt;
     return value;
 }
@@ -30,18 +30,16 @@ std::optional<Cidr> parse_cidr(std::string_view text) {
     size_t slash = text.find('/');
     if (slash == std::string_view::npos) return std::nullopt;
     auto address = parse_ipv4(text.substr(0, slash));
-    auto length = parse_number(text.substr(slash + 1), 32);
+    auto length  = parse_number(text.substr(slash + 1), 32);
     if (!address || !length) return std::nullopt;
     return Cidr{*address, static_cast<unsigned>(*length)};
 }
 
-std::string cidr_text(const Cidr &cidr) {
-    return ipv4_text(cidr.address) + "/" + std::to_string(cidr.length);
-}
+std::string cidr_text(const Cidr &cidr) { return ipv4_text(cidr.address) + "/" + std::to_string(cidr.length); }
 
 std::string to_hex(ByteView bytes) {
     static constexpr char digits[] = "0123456789abcdef";
-    std::string text;
+    std::string           text;
     text.reserve(bytes.size() * 2);
     for (uint8_t byte : bytes) {
         text.push_back(digits[byte >> 4]);

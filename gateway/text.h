@@ -9,13 +9,13 @@
 
 namespace gw {
 
-using Bytes = std::vector<uint8_t>;
+using Bytes    = std::vector<uint8_t>;
 using ByteView = std::span<const uint8_t>;
 
 // A range of IPv4 addresses, host byte order, both ends included.
 struct AddressRange {
     uint32_t first = 0;
-    uint32_t last = 0;
+    uint32_t last  = 0;
 
     bool contains(uint32_t address) const { return address >= first && address <= last; }
 };
@@ -23,11 +23,11 @@ struct AddressRange {
 // An IPv4 address with its prefix length, host byte order.
 struct Cidr {
     uint32_t address = 0;
-    unsigned length = 0;  // 0 to 32
+    unsigned length  = 0;  // 0 to 32
 
-    uint32_t mask() const { return length == 0 ? 0 : ~uint32_t{0} << (32 - length); }
-    uint32_t network() const { return address & mask(); }
-    uint32_t broadcast() const { return network() | ~mask(); }
+    uint32_t     mask() const { return length == 0 ? 0 : ~uint32_t{0} << (32 - length); }
+    uint32_t     network() const { return address & mask(); }
+    uint32_t     broadcast() const { return network() | ~mask(); }
     AddressRange range() const { return {network(), broadcast()}; }
 };
 
@@ -39,7 +39,7 @@ std::string ipv4_text(uint32_t address);
 
 // "ADDR/LEN"; nothing when the text is anything else.
 std::optional<Cidr> parse_cidr(std::string_view text);
-std::string cidr_text(const Cidr &cidr);
+std::string         cidr_text(const Cidr &cidr);
 
 // Decimal number without sign, at most `limit`; nothing when the text is anything else.
 std::optional<unsigned long> parse_number(std::string_view text, unsigned long limit);
@@ -54,8 +54,6 @@ std::optional<Bytes> from_hex(std::string_view text);
 inline ByteView bytes_of(std::string_view text) {
     return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
 }
-inline std::string_view text_of(ByteView bytes) {
-    return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
-}
+inline std::string_view text_of(ByteView bytes) { return {reinterpret_cast<const char *>(bytes.data()), bytes.size()}; }
 
 }  // namespace gw

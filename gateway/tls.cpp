@@ -15,7 +15,7 @@ namespace gw {
 
 namespace {
 
-constexpr const char *psk_ciphers = "PSK-AES256-GCM-SHA384:PSK-AES256-CBC-SHA:PSK:!aRSA:!eNULL";
+constexpr const char *psk_ciphers         = "PSK-AES256-GCM-SHA384:PSK-AES256-CBC-SHA:PSK:!aRSA:!eNULL";
 constexpr const char *certificate_ciphers = "HIGH:!aNULL:!eNULL:!PSK";
 
 std::string default_ciphers(const TlsOptions &options) {
@@ -24,26 +24,24 @@ std::string default_ciphers(const TlsOptions &options) {
     return list.empty() ? certificate_ciphers : list + ":HIGH:!aNULL";
 }
 
-[[noreturn]] void fail(const std::string &what) {
-    throw UsageError(what + ": " + take_openssl_error());
-}
+[[noreturn]] void fail(const std::string &what) { throw UsageError(what + ": " + take_openssl_error()); }
 
 void require_readable(const char *what, const std::string &path) {
-    if (access(path.c_str(), R_OK) != 0) throw UsageError(std::string("cannot read the ") + what + " " + path + ": " + strerror(errno));
+    if (access(path.c_str(), R_OK) != 0)
+        throw UsageError(std::string("cannot read the ") + what + " " + path + ": " + strerror(errno));
 }
 
 }  // namespace
 
 std::string take_openssl_error() {
-    unsigned long error = ERR_peek_last_error();
-    const char *reason = error ? ERR_reason_error_string(error) : nullptr;
-    std::string text = reason ? reason : "unknown";
+    unsigned long error  = ERR_peek_last_error();
+    const char   *reason = error ? ERR_reason_error_string(error) : nullptr;
+    std::string   text   = reason ? reason : "unknown";
     ERR_clear_error();
     return text;
 }
 
-TlsContext::TlsContext(const TlsOptions &options)
-    : context_(SSL_CTX_new(TLS_server_method())) {
+TlsContext::TlsContext(const TlsOptions &options) : context_(SSL_CTX_new(TLS_server_method())) {
     if (!context_) fail("cannot create a TLS context");
     SSL_CTX *context = context_.get();
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
@@ -78,7 +76,8 @@ unsigned TlsContext::find_psk(SSL *ssl, const char *identity, unsigned char *key
     if (!identity) return 0;
     auto found = self->psks_.find(identity);
     if (found == self->psks_.end() || found->second.size() > limit) return 0;
-    memcpy(key, found->second.data(), found->second.size());  // NOLINT(bugprone-not-null-terminated-result): bytes, no text
+    memcpy(key, found->second.data(),
+           found->second.size());  // NOLINT(bugprone-not-null-terminated-result): bytes, no text
     return static_cast<unsigned>(found->second.size());
 }
 
@@ -87,7 +86,8 @@ void TlsContext::use_certificate(const TlsOptions &options) {
     require_readable("certificate", options.cert);
     require_readable("private key", options.key);
     if (SSL_CTX_use_certificate_chain_file(context, options.cert.c_str()) != 1) fail("certificate " + options.cert);
-    if (SSL_CTX_use_PrivateKey_file(context, options.key.c_str(), SSL_FILETYPE_PEM) != 1) fail("private key " + options.key);
+    if (SSL_CTX_use_PrivateKey_file(context, options.key.c_str(), SSL_FILETYPE_PEM) != 1)
+        fail("private key " + options.key);
     if (SSL_CTX_check_private_key(context) != 1) fail("private key " + options.key + " does not match the certificate");
     if (!options.client_ca.empty()) require_client_certificate(options);
 }
@@ -95,7 +95,8 @@ void TlsContext::use_certificate(const TlsOptions &options) {
 void TlsContext::require_client_certificate(const TlsOptions &options) {
     SSL_CTX *context = context_.get();
     require_readable("client CA", options.client_ca);
-    if (SSL_CTX_load_verify_locations(context, options.client_ca.c_str(), nullptr) != 1) fail("client CA " + options.client_ca);
+    if (SSL_CTX_load_verify_locations(context, options.client_ca.c_str(), nullptr) != 1)
+        fail("client CA " + options.client_ca);
     STACK_OF(X509_NAME) *names = SSL_load_client_CA_file(options.client_ca.c_str());
     if (!names) fail("client CA " + options.client_ca);
     SSL_CTX_set_client_CA_list(context, names);  // takes the list over
@@ -103,7 +104,7 @@ void TlsContext::require_client_certificate(const TlsOptions &options) {
     if (options.crl.empty()) return;
 
     require_readable("CRL", options.crl);
-    X509_STORE *store = SSL_CTX_get_cert_store(context);
+    X509_STORE  *store  = SSL_CTX_get_cert_store(context);
     X509_LOOKUP *lookup = X509_STORE_add_lookup(store, X509_LOOKUP_file());
     if (!lookup || X509_load_crl_file(lookup, options.crl.c_str(), X509_FILETYPE_PEM) < 1) fail("CRL " + options.crl);
     X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK);
@@ -117,7 +118,7 @@ void TlsContext::write_keys_to(const std::string &path) {
 }
 
 void TlsContext::write_key_line(const SSL *ssl, const char *line) {
-    auto *self = static_cast<TlsContext *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
+    auto       *self = static_cast<TlsContext *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
     std::string text = std::string(line) + "\n";
     (void)!write(self->keylog_, text.data(), text.size());  // a full disk must not end the tunnel
 }
@@ -126,8 +127,8 @@ std::string peer_identity(SSL *ssl) {
     if (const char *identity = SSL_get_psk_identity(ssl)) return identity;
     X509 *certificate = SSL_get0_peer_certificate(ssl);
     if (!certificate) return "";
-    X509_NAME *subject = X509_get_subject_name(certificate);
-    char text[256] = "";
+    X509_NAME *subject   = X509_get_subject_name(certificate);
+    char       text[256] = "";
     if (X509_NAME_get_text_by_NID(subject, NID_commonName, text, sizeof text) > 0) return text;
     X509_NAME_oneline(subject, text, sizeof text);
     return text;

@@ -25,7 +25,7 @@ class TlsContext {
 public:
     explicit TlsContext(const TlsOptions &options);  // throws UsageError that names the file or list
     ~TlsContext();
-    TlsContext(const TlsContext &) = delete;
+    TlsContext(const TlsContext &)            = delete;
     TlsContext &operator=(const TlsContext &) = delete;
 
     SSL_CTX *get() const { return context_.get(); }
@@ -35,16 +35,16 @@ private:
         void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
     };
 
-    void use_psk(const TlsOptions &options);
-    void use_certificate(const TlsOptions &options);
-    void require_client_certificate(const TlsOptions &options);
-    void write_keys_to(const std::string &path);
+    void            use_psk(const TlsOptions &options);
+    void            use_certificate(const TlsOptions &options);
+    void            require_client_certificate(const TlsOptions &options);
+    void            write_keys_to(const std::string &path);
     static unsigned find_psk(SSL *ssl, const char *identity, unsigned char *key, unsigned limit);
-    static void write_key_line(const SSL *ssl, const char *line);
+    static void     write_key_line(const SSL *ssl, const char *line);
 
     std::unique_ptr<SSL_CTX, Free> context_;
-    PskTable psks_;
-    int keylog_ = -1;
+    PskTable                       psks_;
+    int                            keylog_ = -1;
 };
 
 // Who the peer is: the PSK identity, or the certificate's subject (its common name if it has one), or "".

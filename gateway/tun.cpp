@@ -23,7 +23,7 @@ constexpr int transmit_queue = 1000;  // packets that the kernel keeps for us
 
 sockaddr socket_address(uint32_t address) {
     sockaddr_in in{};
-    in.sin_family = AF_INET;
+    in.sin_family      = AF_INET;
     in.sin_addr.s_addr = htonl(address);
     sockaddr out;
     static_assert(sizeof in == sizeof out);
@@ -40,12 +40,15 @@ ifreq request_for(const std::string &name) {
 }  // namespace
 
 Tun::Tun(const std::string &name, const Cidr &address, unsigned mtu, const AddressRange &pool)
-    : name_(name), fd_(open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC)), control_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    : name_(name),
+      fd_(open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC)),
+      control_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     if (!fd_) throw RuntimeFailure(std::string("cannot open /dev/net/tun: ") + strerror(errno));
     if (!control_) throw RuntimeFailure(std::string("cannot create a socket: ") + strerror(errno));
-    ifreq request = request_for(name);
+    ifreq request     = request_for(name);
     request.ifr_flags = IFF_TUN | IFF_NO_PI;
-    if (ioctl(fd_.get(), TUNSETIFF, &request) != 0) throw RuntimeFailure("cannot create the interface " + name + ": " + strerror(errno));
+    if (ioctl(fd_.get(), TUNSETIFF, &request) != 0)
+        throw RuntimeFailure("cannot create the interface " + name + ": " + strerror(errno));
     set_address(address);
     set_mtu(mtu);
     bring_up();
@@ -53,11 +56,12 @@ Tun::Tun(const std::string &name, const Cidr &address, unsigned mtu, const Addre
 }
 
 void Tun::control(unsigned long request, void *argument, const char *what) {
-    if (ioctl(control_.get(), request, argument) != 0) throw RuntimeFailure(std::string("cannot set the ") + what + " of " + name_ + ": " + strerror(errno));
+    if (ioctl(control_.get(), request, argument) != 0)
+        throw RuntimeFailure(std::string("cannot set the ") + what + " of " + name_ + ": " + strerror(errno));
 }
 
 void Tun::set_address(const Cidr &address) {
-    ifreq request = request_for(name_);
+    ifreq request    = request_for(name_);
     request.ifr_addr = socket_address(address.address);
     control(SIOCSIFADDR, &request, "address");
     request.ifr_netmask = socket_address(address.mask());
@@ -65,7 +69,7 @@ void Tun::set_address(const Cidr &address) {
 }
 
 void Tun::set_mtu(unsigned mtu) {
-    ifreq request = request_for(name_);
+    ifreq request   = request_for(name_);
     request.ifr_mtu = static_cast<int>(mtu);
     control(SIOCSIFMTU, &request, "MTU");
     request.ifr_qlen = transmit_queue;
@@ -83,11 +87,12 @@ void Tun::add_routes(const Cidr &address, const AddressRange &pool) {
     for (const Cidr &network : networks_of(pool)) {
         if (address.range().contains(network.network()) && address.range().contains(network.broadcast())) continue;
         rtentry route{};
-        route.rt_dst = socket_address(network.network());
+        route.rt_dst     = socket_address(network.network());
         route.rt_genmask = socket_address(network.mask());
-        route.rt_flags = RTF_UP;
-        route.rt_dev = name_.data();
-        if (ioctl(control_.get(), SIOCADDRT, &route) != 0 && errno != EEXIST) throw RuntimeFailure("cannot add a route to " + cidr_text(network) + ": " + strerror(errno));
+        route.rt_flags   = RTF_UP;
+        route.rt_dev     = name_.data();
+        if (ioctl(control_.get(), SIOCADDRT, &route) != 0 && errno != EEXIST)
+            throw RuntimeFailure("cannot add a route to " + cidr_text(network) + ": " + strerror(errno));
     }
 }
 
@@ -102,7 +107,7 @@ bool Tun::write(ByteView packet) {
 
 std::vector<Cidr> networks_of(AddressRange range) {
     std::vector<Cidr> networks;
-    uint64_t first = range.first;
+    uint64_t          first = range.first;
     while (first <= range.last) {
         unsigned bits = first == 0 ? 32 : static_cast<unsigned>(std::countr_zero(first));
         while (bits > 0 && first + (uint64_t{1} << bits) - 1 > range.last) bits--;

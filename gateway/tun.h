@@ -14,7 +14,7 @@ public:
     // Throws RuntimeFailure. The interface goes away with this object.
     Tun(const std::string &name, const Cidr &address, unsigned mtu, const AddressRange &pool);
 
-    int fd() const { return fd_.get(); }
+    int                fd() const { return fd_.get(); }
     const std::string &name() const { return name_; }
 
     // One packet into `to`; its length, or 0 when there is none.
@@ -31,8 +31,8 @@ private:
     void control(unsigned long request, void *argument, const char *what);
 
     std::string name_;
-    UniqueFd fd_;
-    UniqueFd control_;  // for the interface ioctls, netdevice(7)
+    UniqueFd    fd_;
+    UniqueFd    control_;  // for the interface ioctls, netdevice(7)
 };
 
 // The fewest networks that cover the range exactly.

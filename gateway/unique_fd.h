@@ -9,23 +9,21 @@ namespace gw {
 // Owner of one descriptor; -1 means none.
 class UniqueFd {
 public:
-    explicit UniqueFd(int fd = -1)
-        : fd_(fd) {}
+    explicit UniqueFd(int fd = -1) : fd_(fd) {}
     ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd &&other) noexcept
-        : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
     UniqueFd &operator=(UniqueFd &&other) noexcept {
         if (this != &other) reset(std::exchange(other.fd_, -1));
         return *this;
     }
-    UniqueFd(const UniqueFd &) = delete;
+    UniqueFd(const UniqueFd &)            = delete;
     UniqueFd &operator=(const UniqueFd &) = delete;
 
-    int get() const { return fd_; }
+    int      get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
-    int release() { return std::exchange(fd_, -1); }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
+    int      release() { return std::exchange(fd_, -1); }
+    void     reset(int fd = -1) {
+            if (fd_ >= 0) ::close(fd_);
         fd_ = fd;
     }
 

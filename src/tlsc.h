@@ -58,30 +58,30 @@ constexpr size_t cookie_size       = 12;   // 10 characters, the terminator at p
 constexpr size_t max_cookie_text   = 10;
 constexpr size_t psk_identity_size = 129;
 constexpr size_t psk_key_size      = 257;
-constexpr size_t param_text_size   = 64;   // one value of the parameter block: 63 characters
+constexpr size_t param_text_size   = 64;  // one value of the parameter block: 63 characters
 
 // All settings of the tunnel client; one static instance, see tlsc_get_config().
 struct tlsc_config {
-    char      svr_addr_ipv4[addr_text_size];       // gateway, dotted IPv4; a name stands for 0.0.0.0
-    tlsc_addr inner_addr;                          // assigned by the gateway
+    char      svr_addr_ipv4[addr_text_size];  // gateway, dotted IPv4; a name stands for 0.0.0.0
+    tlsc_addr inner_addr;                     // assigned by the gateway
     char      device_id[id_text_size];
     char      device_name[name_text_size];
     char      serial_no[id_text_size];
-    char      management_ip[addr_text_size];       // the device's own address, dotted IPv4
+    char      management_ip[addr_text_size];  // the device's own address, dotted IPv4
     char      tun_interface_name[addr_text_size];
-    char      cipher_algo[addr_text_size];         // OpenSSL cipher list
+    char      cipher_algo[addr_text_size];  // OpenSSL cipher list
     tlsc_addr reserved_addr;
-    uint16_t  dns_count;                           // entries of dns_servers in use, at most 4
+    uint16_t  dns_count;  // entries of dns_servers in use, at most 4
     tlsc_addr dns_servers[max_dns_servers];
-    tlsc_addr prefix;                              // its kind is the prefix type
+    tlsc_addr prefix;  // its kind is the prefix type
     uint8_t   prefix_length;
-    uint16_t  server_port;                         // host order
-    int32_t   dpd_interval;                        // seconds
-    int32_t   rekey_interval;                      // seconds
-    int32_t   retry_interval;                      // seconds
-    int32_t   fqdn_resolution_interval;            // seconds
+    uint16_t  server_port;               // host order
+    int32_t   dpd_interval;              // seconds
+    int32_t   rekey_interval;            // seconds
+    int32_t   retry_interval;            // seconds
+    int32_t   fqdn_resolution_interval;  // seconds
     char      cookie[cookie_size];
-    int32_t   ssl_auth_mech;                       // tlsc_ssl_auth_mech
+    int32_t   ssl_auth_mech;  // tlsc_ssl_auth_mech
     char      ssl_certificate[path_text_size];
     char      ssl_private_key[path_text_size];
     char      ssl_rootca_bundle[path_text_size];
@@ -279,6 +279,6 @@ enum tlsc_tun_down_cause : int32_t {
 
 // The DNS servers of one configuration response, handed upward by value.
 struct tlsc_dns_list {
-    uint16_t  count;                    // as received from the caller, may exceed the entries
+    uint16_t  count;  // as received from the caller, may exceed the entries
     tlsc_addr servers[max_dns_servers];
 };

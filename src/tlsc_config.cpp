@@ -27,7 +27,10 @@ const char *tlsc_masked_psk_key() { return psk_key[0] != '\0' ? "***" : ""; }
 tlsc_config *tlsc_get_config() { return &config; }
 
 void tlsc_set_config_defaults(tlsc_config *conf) {
-    if (!conf) { TLSC_ERROR("Conf pointer is NULL"); return; }
+    if (!conf) {
+        TLSC_ERROR("Conf pointer is NULL");
+        return;
+    }
 
     memset(conf, 0, sizeof(*conf));
     TLSC_INFO("Setting default configurations");
@@ -71,10 +74,16 @@ bool extract_value(const char *line, char *value_out) {
 
 // By contract: the key counts wherever it stands in a line, also in one that begins with "#"; the last line wins.
 int32_t tlsc_read_param_val(const char *key, char *value_out) {
-    if (!key || !value_out) { TLSC_ERROR("Null ptr received for key/value"); return 0; }
+    if (!key || !value_out) {
+        TLSC_ERROR("Null ptr received for key/value");
+        return 0;
+    }
 
     FILE *file = fopen(local_config_file, "re");
-    if (!file) { TLSC_ERROR("Can't open config file, errno=%d", errno); return 0; }
+    if (!file) {
+        TLSC_ERROR("Can't open config file, errno=%d", errno);
+        return 0;
+    }
 
     int32_t found = 0;
     char    line[line_size];
@@ -123,8 +132,14 @@ bool has_file(const char *path) { return access(path, F_OK) == 0; }
 
 int32_t load_server_ip_address(tlsc_config *conf) {
     char value[value_size];
-    if (!read_server_ip_address(value))               { TLSC_ERROR("Server Addr not found!!"); return 0; }
-    if (strlen(value) >= sizeof(conf->svr_addr_ipv4)) { TLSC_ERROR("Invalid Server Addr!!"); return 0; }
+    if (!read_server_ip_address(value)) {
+        TLSC_ERROR("Server Addr not found!!");
+        return 0;
+    }
+    if (strlen(value) >= sizeof(conf->svr_addr_ipv4)) {
+        TLSC_ERROR("Invalid Server Addr!!");
+        return 0;
+    }
 
     tlsc_copy_text(conf->svr_addr_ipv4, sizeof(conf->svr_addr_ipv4), value);
     TLSC_DEBUG("Server IP address set from config file:%s", conf->svr_addr_ipv4);
@@ -146,8 +161,14 @@ int32_t load_server_port(tlsc_config *conf) {
 
 int32_t load_management_ip(tlsc_config *conf) {
     char value[value_size];
-    if (!read_management_ip(value))                   { TLSC_ERROR("Mgmt IP not found!!"); return 0; }
-    if (strlen(value) >= sizeof(conf->management_ip)) { TLSC_ERROR("Invalid Mgmt IP!!"); return 0; }
+    if (!read_management_ip(value)) {
+        TLSC_ERROR("Mgmt IP not found!!");
+        return 0;
+    }
+    if (strlen(value) >= sizeof(conf->management_ip)) {
+        TLSC_ERROR("Invalid Mgmt IP!!");
+        return 0;
+    }
 
     tlsc_copy_text(conf->management_ip, sizeof(conf->management_ip), value);
     return 1;
@@ -155,8 +176,14 @@ int32_t load_management_ip(tlsc_config *conf) {
 
 int32_t load_tun_interface_name(tlsc_config *conf) {
     char value[value_size];
-    if (!read_tun_interface_name(value))                   { TLSC_ERROR("TUN name not found!!"); return 0; }
-    if (strlen(value) >= sizeof(conf->tun_interface_name)) { TLSC_ERROR("Invalid TUN name!!"); return 0; }
+    if (!read_tun_interface_name(value)) {
+        TLSC_ERROR("TUN name not found!!");
+        return 0;
+    }
+    if (strlen(value) >= sizeof(conf->tun_interface_name)) {
+        TLSC_ERROR("Invalid TUN name!!");
+        return 0;
+    }
 
     tlsc_copy_text(conf->tun_interface_name, sizeof(conf->tun_interface_name), value);
     TLSC_DEBUG("Tun Interface name set from config file");
@@ -165,7 +192,10 @@ int32_t load_tun_interface_name(tlsc_config *conf) {
 
 int32_t load_ssl_auth_mech(tlsc_config *conf) {
     char value[value_size];
-    if (!read_ssl_auth_mech(value)) { TLSC_ERROR("SSL Authentication mechanism not found in config file"); return 0; }
+    if (!read_ssl_auth_mech(value)) {
+        TLSC_ERROR("SSL Authentication mechanism not found in config file");
+        return 0;
+    }
 
     if (strcmp(value, "certificate") == 0) {
         conf->ssl_auth_mech = SSL_AUTH_CERTIFICATE;
@@ -182,9 +212,18 @@ int32_t load_ssl_auth_mech(tlsc_config *conf) {
 
 int32_t load_ssl_certificate(tlsc_config *conf) {
     char value[value_size];
-    if (!read_ssl_certificate(value))                   { TLSC_ERROR("SSL certificate not provided!!"); return 0; }
-    if (strlen(value) >= sizeof(conf->ssl_certificate)) { TLSC_ERROR("The ssl-certificate file-path is more than max-size(%d)", printed_max_path); return 0; }
-    if (!has_file(value))                               { TLSC_ERROR("Invalid SSL certificate file. No file found with name(%s)!!", value); return 0; }
+    if (!read_ssl_certificate(value)) {
+        TLSC_ERROR("SSL certificate not provided!!");
+        return 0;
+    }
+    if (strlen(value) >= sizeof(conf->ssl_certificate)) {
+        TLSC_ERROR("The ssl-certificate file-path is more than max-size(%d)", printed_max_path);
+        return 0;
+    }
+    if (!has_file(value)) {
+        TLSC_ERROR("Invalid SSL certificate file. No file found with name(%s)!!", value);
+        return 0;
+    }
 
     tlsc_copy_text(conf->ssl_certificate, sizeof(conf->ssl_certificate), value);
     TLSC_DEBUG("SSL certificate file path set successfully");
@@ -193,9 +232,18 @@ int32_t load_ssl_certificate(tlsc_config *conf) {
 
 int32_t load_ssl_private_key(tlsc_config *conf) {
     char value[value_size];
-    if (!read_ssl_private_key(value))                   { TLSC_ERROR("SSL private_key not provided!!"); return 0; }
-    if (strlen(value) >= sizeof(conf->ssl_private_key)) { TLSC_ERROR("The ssl-private_key file-path is more than max-size(%d)", printed_max_path); return 0; }
-    if (!has_file(value))                               { TLSC_ERROR("Invalid SSL private-key file!! No file found with name(%s)!!", value); return 0; }
+    if (!read_ssl_private_key(value)) {
+        TLSC_ERROR("SSL private_key not provided!!");
+        return 0;
+    }
+    if (strlen(value) >= sizeof(conf->ssl_private_key)) {
+        TLSC_ERROR("The ssl-private_key file-path is more than max-size(%d)", printed_max_path);
+        return 0;
+    }
+    if (!has_file(value)) {
+        TLSC_ERROR("Invalid SSL private-key file!! No file found with name(%s)!!", value);
+        return 0;
+    }
 
     tlsc_copy_text(conf->ssl_private_key, sizeof(conf->ssl_private_key), value);
     TLSC_DEBUG("SSL private_key file path set successfully");
@@ -204,9 +252,18 @@ int32_t load_ssl_private_key(tlsc_config *conf) {
 
 int32_t load_ssl_rootca_bundle(tlsc_config *conf) {
     char value[value_size];
-    if (!read_ssl_rootca_bundle(value))                   { TLSC_ERROR("SSL root-ca not provided!!"); return 0; }
-    if (strlen(value) >= sizeof(conf->ssl_rootca_bundle)) { TLSC_ERROR("The ssl-root_ca file-path is more than max-size(%d)", printed_max_path); return 0; }
-    if (!has_file(value))                                 { TLSC_ERROR("Invalid SSL root-ca file!! No file found with name(%s)!!", value); return 0; }
+    if (!read_ssl_rootca_bundle(value)) {
+        TLSC_ERROR("SSL root-ca not provided!!");
+        return 0;
+    }
+    if (strlen(value) >= sizeof(conf->ssl_rootca_bundle)) {
+        TLSC_ERROR("The ssl-root_ca file-path is more than max-size(%d)", printed_max_path);
+        return 0;
+    }
+    if (!has_file(value)) {
+        TLSC_ERROR("Invalid SSL root-ca file!! No file found with name(%s)!!", value);
+        return 0;
+    }
 
     tlsc_copy_text(conf->ssl_rootca_bundle, sizeof(conf->ssl_rootca_bundle), value);
     TLSC_DEBUG("SSL root_ca file path set successfully");
@@ -215,13 +272,19 @@ int32_t load_ssl_rootca_bundle(tlsc_config *conf) {
 
 int32_t load_ssl_crl(tlsc_config *conf) {
     char value[value_size];
-    if (!read_ssl_crl(value)) { TLSC_ERROR("SSL crl not provided!!"); return 0; }
+    if (!read_ssl_crl(value)) {
+        TLSC_ERROR("SSL crl not provided!!");
+        return 0;
+    }
     if (strlen(value) >= sizeof(conf->ssl_crl)) {
         // By contract: an over-long CRL path is reported with the root-ca text.
         TLSC_ERROR("The ssl-root_ca file-path is more than max-size(%d)", printed_max_path);
         return 0;
     }
-    if (!has_file(value)) { TLSC_ERROR("Invalid SSL crl file!! No file found with name(%s)!!", value); return 0; }
+    if (!has_file(value)) {
+        TLSC_ERROR("Invalid SSL crl file!! No file found with name(%s)!!", value);
+        return 0;
+    }
 
     tlsc_copy_text(conf->ssl_crl, sizeof(conf->ssl_crl), value);
     TLSC_DEBUG("SSL crl file path set successfully");
@@ -230,7 +293,10 @@ int32_t load_ssl_crl(tlsc_config *conf) {
 
 int32_t load_psk_identity() {
     char value[value_size];
-    if (!read_psk_identity(value)) { TLSC_ERROR("PSK ID not found!!"); return 0; }
+    if (!read_psk_identity(value)) {
+        TLSC_ERROR("PSK ID not found!!");
+        return 0;
+    }
 
     int length = static_cast<int>(strlen(value));
     if (length < min_psk_identity_text || length > max_psk_identity_text) {
@@ -244,7 +310,10 @@ int32_t load_psk_identity() {
 
 int32_t load_psk_key() {
     char value[value_size];
-    if (!read_psk_key(value)) { TLSC_ERROR("PSK Key not found in config file!!"); return 0; }
+    if (!read_psk_key(value)) {
+        TLSC_ERROR("PSK Key not found in config file!!");
+        return 0;
+    }
 
     int length = static_cast<int>(strlen(value));
     if (length < min_psk_key_text || length > max_psk_key_text) {
@@ -260,7 +329,8 @@ int32_t load_psk_key() {
 // The settings that belong to the mechanism; those of the other one are not looked at.
 int32_t load_credentials(tlsc_config *conf) {
     if (conf->ssl_auth_mech == SSL_AUTH_CERTIFICATE)
-        return load_ssl_certificate(conf) && load_ssl_private_key(conf) && load_ssl_rootca_bundle(conf) && load_ssl_crl(conf);
+        return load_ssl_certificate(conf) && load_ssl_private_key(conf) && load_ssl_rootca_bundle(conf) &&
+               load_ssl_crl(conf);
     return load_psk_identity() && load_psk_key();
 }
 
@@ -271,7 +341,10 @@ int32_t load_cipher_algo(tlsc_config *conf) {
         tlsc_copy_text(conf->cipher_algo, sizeof(conf->cipher_algo), default_cipher_algo);
         return 1;
     }
-    if (strlen(value) >= sizeof(conf->cipher_algo)) { TLSC_ERROR("Invalid Cipher Algo!!"); return 0; }
+    if (strlen(value) >= sizeof(conf->cipher_algo)) {
+        TLSC_ERROR("Invalid Cipher Algo!!");
+        return 0;
+    }
 
     tlsc_copy_text(conf->cipher_algo, sizeof(conf->cipher_algo), value);
     TLSC_DEBUG("Cipher-algo set from config file");
@@ -280,8 +353,14 @@ int32_t load_cipher_algo(tlsc_config *conf) {
 
 int32_t load_device_id(tlsc_config *conf) {
     char value[value_size];
-    if (!read_device_id(value))                   { TLSC_ERROR("Device ID not found!!"); return 0; }
-    if (strlen(value) >= sizeof(conf->device_id)) { TLSC_ERROR("Invalid Device ID!!"); return 0; }
+    if (!read_device_id(value)) {
+        TLSC_ERROR("Device ID not found!!");
+        return 0;
+    }
+    if (strlen(value) >= sizeof(conf->device_id)) {
+        TLSC_ERROR("Invalid Device ID!!");
+        return 0;
+    }
 
     tlsc_copy_text(conf->device_id, sizeof(conf->device_id), value);
     TLSC_DEBUG("Device id set from config file");
@@ -290,8 +369,14 @@ int32_t load_device_id(tlsc_config *conf) {
 
 int32_t load_device_name(tlsc_config *conf) {
     char value[value_size];
-    if (!read_device_name(value))                   { TLSC_WARNING("Device Name not found!!"); return 1; }
-    if (strlen(value) >= sizeof(conf->device_name)) { TLSC_ERROR("Device Name longer than max allowed(%d)!!", printed_max_device_name); return 0; }
+    if (!read_device_name(value)) {
+        TLSC_WARNING("Device Name not found!!");
+        return 1;
+    }
+    if (strlen(value) >= sizeof(conf->device_name)) {
+        TLSC_ERROR("Device Name longer than max allowed(%d)!!", printed_max_device_name);
+        return 0;
+    }
 
     tlsc_copy_text(conf->device_name, sizeof(conf->device_name), value);
     TLSC_DEBUG("Device name set from config file");
@@ -300,8 +385,14 @@ int32_t load_device_name(tlsc_config *conf) {
 
 int32_t load_serial_no(tlsc_config *conf) {
     char value[value_size];
-    if (!read_serial_no(value))                   { TLSC_WARNING("Device serial no. not found!!"); return 1; }
-    if (strlen(value) >= sizeof(conf->serial_no)) { TLSC_ERROR("Device serial no. longer than max allowed(%d)!!", printed_max_serial_no); return 0; }
+    if (!read_serial_no(value)) {
+        TLSC_WARNING("Device serial no. not found!!");
+        return 1;
+    }
+    if (strlen(value) >= sizeof(conf->serial_no)) {
+        TLSC_ERROR("Device serial no. longer than max allowed(%d)!!", printed_max_serial_no);
+        return 0;
+    }
 
     tlsc_copy_text(conf->serial_no, sizeof(conf->serial_no), value);
     TLSC_DEBUG("Device serial no. set from config file");
@@ -332,17 +423,13 @@ int32_t load_log_level() {
 // ---- 4 the whole local file -----------------------------------------------------------------------------------------------
 
 int32_t tlsc_read_config_file(tlsc_config *conf) {
-    if (!conf) { TLSC_ERROR("Null ptr received for conf"); return 0; }
+    if (!conf) {
+        TLSC_ERROR("Null ptr received for conf");
+        return 0;
+    }
 
-    return load_server_ip_address(conf) &&
-           load_server_port(conf) &&
-           load_management_ip(conf) &&
-           load_tun_interface_name(conf) &&
-           load_ssl_auth_mech(conf) &&
-           load_credentials(conf) &&
-           load_cipher_algo(conf) &&
-           load_device_id(conf) &&
-           load_device_name(conf) &&
-           load_serial_no(conf) &&
+    return load_server_ip_address(conf) && load_server_port(conf) && load_management_ip(conf) &&
+           load_tun_interface_name(conf) && load_ssl_auth_mech(conf) && load_credentials(conf) &&
+           load_cipher_algo(conf) && load_device_id(conf) && load_device_name(conf) && load_serial_no(conf) &&
            load_log_level();
 }

@@ -42,7 +42,10 @@ size_t payload_length(const tlsc_cstp_header &header) {
 }  // namespace
 
 int32_t tlsc_cstp_read_frame(tlsc_sock *sock, tlsc_cstp_frame *frame) {
-    if (!sock || !frame || !sock->ssl) { TLSC_ERROR("Null pointer received for sock/frame/ssl"); return 0; }
+    if (!sock || !frame || !sock->ssl) {
+        TLSC_ERROR("Null pointer received for sock/frame/ssl");
+        return 0;
+    }
 
     auto *const   bytes  = reinterpret_cast<uint8_t *>(frame);  // header and payload in one
     int32_t       result = TLSC_SSL_ERROR;
@@ -64,7 +67,10 @@ int32_t tlsc_cstp_read_frame(tlsc_sock *sock, tlsc_cstp_frame *frame) {
 }
 
 int32_t tlsc_write_cstp_data_pak(tlsc_sock *sock, const uint8_t *buff, int32_t len) {
-    if (!buff || !sock || !sock->sess) { TLSC_ERROR("Null pointer received for buff/sock/sess"); return 0; }
+    if (!buff || !sock || !sock->sess) {
+        TLSC_ERROR("Null pointer received for buff/sock/sess");
+        return 0;
+    }
     if (len < 0 || len > static_cast<int32_t>(max_packet_size)) return 0;  // more than one TUN read can give
 
     uint8_t                frame[sizeof(tlsc_cstp_header) + max_packet_size];
@@ -108,8 +114,9 @@ constexpr size_t header_line_size = 1024;
 constexpr size_t max_request_text = max_req_frame_size - sizeof(tlsc_cstp_header);
 
 // Longest request: five names with their values and line ends. It always fits.
-static_assert(sizeof("X-CSTP-Address:") + INET_ADDRSTRLEN + sizeof("X-CSTP-Device-ID:") + id_text_size + sizeof("X-CSTP-Cookie:") + cookie_size +
-                  sizeof("X-CSTP-Device-Name:") + name_text_size + sizeof("X-CSTP-Device-SerialNo:") + id_text_size <
+static_assert(sizeof("X-CSTP-Address:") + INET_ADDRSTRLEN + sizeof("X-CSTP-Device-ID:") + id_text_size +
+                  sizeof("X-CSTP-Cookie:") + cookie_size + sizeof("X-CSTP-Device-Name:") + name_text_size +
+                  sizeof("X-CSTP-Device-SerialNo:") + id_text_size <
               300);
 static_assert(300 < max_request_text);
 
@@ -215,7 +222,10 @@ void store_cookie(const char *value, char (&cookie)[cookie_size]) {
 int32_t tlsc_parse_config_resp(tlsc_sock *sock, const char *buff) {
     tlsc_config    *conf        = tlsc_get_config();
     const tlsc_addr saved_inner = conf->inner_addr;
-    if (!sock || !buff) { TLSC_ERROR("Null pointer received for sock/buff"); return 0; }
+    if (!sock || !buff) {
+        TLSC_ERROR("Null pointer received for sock/buff");
+        return 0;
+    }
     TLSC_INFO("Parsing CSTP-CONFIG-RESPONSE msg");
 
     tlsc_addr prefix{};
@@ -232,7 +242,8 @@ int32_t tlsc_parse_config_resp(tlsc_sock *sock, const char *buff) {
     }
     if (const char *value = find_value(buff, "X-CSTP-Prefix-Length:")) {
         conf->prefix_length = static_cast<uint8_t>(tlsc_decimal(value));
-        TLSC_DEBUG("Prefix len received in config-resp: %d %d", conf->prefix_length, static_cast<unsigned char>(value[0]));
+        TLSC_DEBUG("Prefix len received in config-resp: %d %d", conf->prefix_length,
+                   static_cast<unsigned char>(value[0]));
     }
     if (const char *value = find_value(buff, "X-CSTP-DPD:")) {
         conf->dpd_interval = tlsc_decimal(value);
@@ -240,7 +251,10 @@ int32_t tlsc_parse_config_resp(tlsc_sock *sock, const char *buff) {
     }
 
     const char *client_value = find_value(buff, "X-CSTP-Address-Client:");
-    if (!client_value) { TLSC_ERROR("Did not receive IP addr from GW"); return 0; }
+    if (!client_value) {
+        TLSC_ERROR("Did not receive IP addr from GW");
+        return 0;
+    }
     char client_text[value_text_size];
     copy_value(client_value, client_text);
     conf->inner_addr.kind = ADDR_IPV4;
@@ -312,7 +326,10 @@ int32_t tlsc_process_config_resp(tlsc_sock *sock, const char *buff) {
         TLSC_DEBUG("Closing the old transport-fd(%d)", tlsc_old_transport_fd);
         tlsc_close_old_transport();
     }
-    if (!sock || !buff) { TLSC_ERROR("Null pointer received for sock/buff"); return 0; }
+    if (!sock || !buff) {
+        TLSC_ERROR("Null pointer received for sock/buff");
+        return 0;
+    }
 
     const int32_t result = tlsc_parse_config_resp(sock, buff);
     if (result == 1) {
@@ -337,7 +354,8 @@ int32_t process_response_frame(tlsc_sock *sock, tlsc_cstp_frame *frame, size_t l
     TLSC_DEBUG("Got CSTP config resp frame of len %d for conn %p", static_cast<int>(length), shown(sock));
     tlsc_count(&tlsc_stats::ctrl_pkt_rx);
     if (!tlsc_process_config_resp(sock, reinterpret_cast<const char *>(frame->payload))) {
-        TLSC_ERROR("Could not process config resp for conn %p. Error = %s", shown(sock), tlsc_cstp_resp_name(TLSC_CSTP_RESP_ERR_NONE));
+        TLSC_ERROR("Could not process config resp for conn %p. Error = %s", shown(sock),
+                   tlsc_cstp_resp_name(TLSC_CSTP_RESP_ERR_NONE));
         return 0;
     }
     if (!tlsc_start_timer(&tlsc_timers.dpd, 1)) {

@@ -12,7 +12,8 @@ int32_t tlsc_cstp_read_frame(tlsc_sock *sock, tlsc_cstp_frame *frame);
 
 // Dispatches one received frame by its type. Returns 1, or 0 on failure (logged; the connection is left alone).
 // epoll_fd and resp are accepted for the caller's sake and not used.
-int32_t tlsc_process_cstp_frame(tlsc_sock *sock, tlsc_cstp_frame *frame, int32_t epoll_fd = -1, int32_t *resp = nullptr);
+int32_t tlsc_process_cstp_frame(tlsc_sock *sock, tlsc_cstp_frame *frame, int32_t epoll_fd = -1,
+                                int32_t *resp = nullptr);
 
 // Sends one IP packet of len bytes, at most 1436, as a data frame. Returns the outcome of the TLS write
 // (tlsc_ssl_result): 1 on success, 0 for bad arguments.

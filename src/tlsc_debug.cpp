@@ -83,7 +83,8 @@ void tlsc_log_lock_destroy() {
     }
     destroyed_log_lock = true;
     log_lock_alive.store(false, std::memory_order_release);
-    (void)pthread_mutex_destroy(&log_lock);  // EBUSY when another thread is about to give it back: nobody writes any more
+    (void)pthread_mutex_destroy(
+        &log_lock);  // EBUSY when another thread is about to give it back: nobody writes any more
 }
 
 const char *tlsc_log_timestamp() {
@@ -282,17 +283,9 @@ constexpr named_code alert_descriptions[] = {
 };
 
 constexpr named_code handshake_messages[] = {
-    {0, ", HelloRequest"},
-    {1, ", ClientHello"},
-    {2, ", ServerHello"},
-    {3, ", HelloVerifyRequest"},
-    {11, ", Certificate"},
-    {12, ", ServerKeyExchange"},
-    {13, ", CertificateRequest"},
-    {14, ", ServerHelloDone"},
-    {15, ", CertificateVerify"},
-    {16, ", ClientKeyExchange"},
-    {20, ", Finished"},
+    {0, ", HelloRequest"},       {1, ", ClientHello"},        {2, ", ServerHello"},         {3, ", HelloVerifyRequest"},
+    {11, ", Certificate"},       {12, ", ServerKeyExchange"}, {13, ", CertificateRequest"}, {14, ", ServerHelloDone"},
+    {15, ", CertificateVerify"}, {16, ", ClientKeyExchange"}, {20, ", Finished"},
 };
 
 template <size_t N>
@@ -315,9 +308,7 @@ const char *version_text(int version, size_t length) {
     }
 }
 
-bool is_detailed_version(int version) {
-    return (version >= 0x0300 && version <= 0x0303) || version == 0xFEFF;
-}
+bool is_detailed_version(int version) { return (version >= 0x0300 && version <= 0x0303) || version == 0xFEFF; }
 
 struct message_texts {
     const char *type     = "";
@@ -363,9 +354,10 @@ void tlsc_ssl_msg_cb(int write_p, int version, int content_type, const void *buf
 
     const int     shown_version = tlsc_ossl_msg_version(version, content_type);
     message_texts texts;
-    if (is_detailed_version(shown_version)) texts = describe_message(content_type, static_cast<const uint8_t *>(buf), len);
-    TLSC_SSL_DEBUG("%s %s%s [length %04lx]%s%s", write_p == 0 ? "<<<" : ">>>", version_text(shown_version, len), texts.type,
-                   static_cast<unsigned long>(len), texts.details1, texts.details2);
+    if (is_detailed_version(shown_version))
+        texts = describe_message(content_type, static_cast<const uint8_t *>(buf), len);
+    TLSC_SSL_DEBUG("%s %s%s [length %04lx]%s%s", write_p == 0 ? "<<<" : ">>>", version_text(shown_version, len),
+                   texts.type, static_cast<unsigned long>(len), texts.details1, texts.details2);
 
     if (len == 0 || !tlsc_log_wanted(LOG_BUF_PRINT)) return;
     tlsc_log_piece("\n   ");
@@ -385,14 +377,17 @@ void tlsc_ssl_info_cb(const ssl_st *ssl, int where, int ret) {
     if (where & SSL_CB_LOOP) {
         TLSC_SSL_DEBUG("%s:%s", role, SSL_state_string_long(ssl));
     } else if (where & SSL_CB_ALERT) {
-        TLSC_SSL_DEBUG("SSL3 alert %s:%s:%s", where & SSL_CB_READ ? "read" : "write", SSL_alert_type_string_long(ret), SSL_alert_desc_string_long(ret));
+        TLSC_SSL_DEBUG("SSL3 alert %s:%s:%s", where & SSL_CB_READ ? "read" : "write", SSL_alert_type_string_long(ret),
+                       SSL_alert_desc_string_long(ret));
     } else if (where & SSL_CB_EXIT) {
         if (ret == 0) {
             TLSC_SSL_DEBUG("%s:failed in %s", role, SSL_state_string_long(ssl));
         } else if (ret < 0) {
             const int error = SSL_get_error(ssl, ret);
-            if (error == SSL_ERROR_WANT_READ) TLSC_SSL_DEBUG("%s:would block on read in %s", role, SSL_state_string_long(ssl));
-            else if (error == SSL_ERROR_WANT_WRITE) TLSC_SSL_DEBUG("%s:would block on write in %s", role, SSL_state_string_long(ssl));
+            if (error == SSL_ERROR_WANT_READ)
+                TLSC_SSL_DEBUG("%s:would block on read in %s", role, SSL_state_string_long(ssl));
+            else if (error == SSL_ERROR_WANT_WRITE)
+                TLSC_SSL_DEBUG("%s:would block on write in %s", role, SSL_state_string_long(ssl));
         }
     } else if (where & SSL_CB_HANDSHAKE_START) {
         TLSC_SSL_DEBUG("Handshake start: %s", SSL_state_string_long(ssl));

@@ -201,7 +201,10 @@ void tlsc_init_openssl() {
 }
 
 int32_t tlsc_load_certs(SSL_CTX *ctx, tlsc_config *conf) {
-    if (!ctx || !conf) { TLSC_ERROR("Null pointer received for ctx/conf"); return 0; }
+    if (!ctx || !conf) {
+        TLSC_ERROR("Null pointer received for ctx/conf");
+        return 0;
+    }
 
     if (SSL_CTX_use_certificate_file(ctx, conf->ssl_certificate, SSL_FILETYPE_PEM) < 1) {
         ERR_print_errors_fp(stderr);
@@ -286,22 +289,37 @@ int tlsc_verify_cert_cb(int, X509_STORE_CTX *store) {
     callback_turn turn_of_callback;
     TLSC_INFO("tlsc_verify_cert_cb received...");
     tlsc_config *conf = tlsc_get_config();
-    if (!conf) { TLSC_ERROR("Null ptr received for conf"); return 0; }
+    if (!conf) {
+        TLSC_ERROR("Null ptr received for conf");
+        return 0;
+    }
     X509 *cert = X509_STORE_CTX_get_current_cert(store);
-    if (!cert) { TLSC_ERROR("Could not fetch the current certificate \n"); return 0; }
+    if (!cert) {
+        TLSC_ERROR("Could not fetch the current certificate \n");
+        return 0;
+    }
 
     verification v;
     if (!v.store) return 0;
     X509_STORE_set_flags(v.store, crl_flags);
 
     v.file = fopen(conf->ssl_crl, "re");
-    if (!v.file) { TLSC_ERROR("Could not open crl file"); return 0; }
+    if (!v.file) {
+        TLSC_ERROR("Could not open crl file");
+        return 0;
+    }
     add_first_crl(v.store, v.file);
     v.close_file();
 
     v.file = fopen(conf->ssl_rootca_bundle, "re");
-    if (!v.file) { TLSC_ERROR("Could not open root certificate file"); return 0; }
-    if (!add_first_certificate(v.store, v.file)) { TLSC_ERROR("Failed to add root certificate to store"); return 0; }
+    if (!v.file) {
+        TLSC_ERROR("Could not open root certificate file");
+        return 0;
+    }
+    if (!add_first_certificate(v.store, v.file)) {
+        TLSC_ERROR("Failed to add root certificate to store");
+        return 0;
+    }
     v.close_file();
 
     const verdict result = verify_alone(v.store, cert);
@@ -318,7 +336,8 @@ int tlsc_verify_cert_cb(int, X509_STORE_CTX *store) {
     return 0;
 }
 
-unsigned tlsc_psk_client_cb(SSL *, const char *hint, char *identity, unsigned max_identity_len, unsigned char *psk, unsigned) {
+unsigned tlsc_psk_client_cb(SSL *, const char *hint, char *identity, unsigned max_identity_len, unsigned char *psk,
+                            unsigned) {
     callback_turn turn_of_callback;
     TLSC_INFO("psk_client_cb received...");
     if (!hint) TLSC_WARNING("NULL received for PSK-identity-hint, continuing anyway...");
@@ -355,9 +374,15 @@ void require_checked_certificates(SSL_CTX *ctx) {
 
 int32_t tlsc_init_ssl_config() {
     tlsc_config *conf = tlsc_get_config();
-    if (!conf) { TLSC_ERROR("Null ptr received for tlsc_config"); return 0; }
+    if (!conf) {
+        TLSC_ERROR("Null ptr received for tlsc_config");
+        return 0;
+    }
     tlsc_sock *sock = tlsc_get_sock();
-    if (!sock) { TLSC_ERROR("Null ptr received for client-socket"); return 0; }
+    if (!sock) {
+        TLSC_ERROR("Null ptr received for client-socket");
+        return 0;
+    }
 
     tlsc_ssl_ctx = SSL_CTX_new(TLSv1_2_client_method());
     if (!tlsc_ssl_ctx) {
@@ -395,9 +420,9 @@ int32_t tlsc_init_ssl_config() {
 
 namespace {
 
-constexpr int32_t conn_failed           = 0;
-constexpr int32_t conn_up               = 1;
-constexpr int32_t conn_handshake_failed = 7;
+constexpr int32_t  conn_failed           = 0;
+constexpr int32_t  conn_up               = 1;
+constexpr int32_t  conn_handshake_failed = 7;
 constexpr unsigned request_pause_seconds = 2;  // between the handshake and the configuration request
 
 sockaddr_in server_address(const char *text, uint16_t port) {
@@ -481,10 +506,16 @@ int32_t tlsc_create_tcp_conn() {
     tlsc_stop_all_timers();
     tlsc_config *conf = tlsc_get_config();
     tlsc_sock   *sock = tlsc_get_sock();
-    if (!sock) { TLSC_ERROR("Null ptr received for sock"); return conn_failed; }
+    if (!sock) {
+        TLSC_ERROR("Null ptr received for sock");
+        return conn_failed;
+    }
 
     sock->ssl = SSL_new(tlsc_ssl_ctx);
-    if (!sock->ssl) { TLSC_ERROR("Could not get new SSL handle"); return conn_failed; }
+    if (!sock->ssl) {
+        TLSC_ERROR("Could not get new SSL handle");
+        return conn_failed;
+    }
 
     char server[addr_text_size];  // the main thread may read the configuration anew while this one waits below
     tlsc_copy_text(server, sizeof(server), conf->svr_addr_ipv4);
@@ -550,7 +581,8 @@ int32_t tlsc_ssl_write(tlsc_sock *sock, const void *buff, int32_t length, int32_
         const int     error       = tlsc_ossl_get_error(sock->ssl, written);
         const int32_t translated  = translate_ssl_error(error);
         count_ssl_error(ssl_write_errors, error);
-        TLSC_ERROR("SSL write error received = %d, translated-ssl-error = %d, write_len = %d, errno = %d", error, translated, written, saved_errno);
+        TLSC_ERROR("SSL write error received = %d, translated-ssl-error = %d, write_len = %d, errno = %d", error,
+                   translated, written, saved_errno);
         if (result) *result = translated;
         return 0;
     }
@@ -559,7 +591,10 @@ int32_t tlsc_ssl_write(tlsc_sock *sock, const void *buff, int32_t length, int32_
 }
 
 int32_t tlsc_ssl_read(tlsc_sock *sock, void *buff, int32_t length, int32_t *result) {
-    if (!sock || !buff || !sock->ssl) { TLSC_ERROR("Null ptr received for sock/buff"); return 0; }
+    if (!sock || !buff || !sock->ssl) {
+        TLSC_ERROR("Null ptr received for sock/buff");
+        return 0;
+    }
 
     drop_stale_errors();
     const int count = read_tls(sock->ssl, buff, length);
@@ -576,7 +611,10 @@ int32_t tlsc_ssl_read(tlsc_sock *sock, void *buff, int32_t length, int32_t *resu
 }
 
 void tlsc_ssl_cleanup(SSL *ssl) {
-    if (!ssl) { TLSC_WARNING("SSL-handle is NULL"); return; }
+    if (!ssl) {
+        TLSC_WARNING("SSL-handle is NULL");
+        return;
+    }
 
     TLSC_INFO("SSL-handle and Engine cleanup");
     (void)SSL_shutdown(ssl);  // the peer is not waited for
@@ -598,16 +636,28 @@ void tlsc_close_old_transport() {
 
 int32_t tlsc_set_sock_nonblocking(int32_t fd) {
     const int flags = fcntl(fd, F_GETFL);
-    if (flags < 0) { TLSC_ERROR("Could not get flags for socket %d", fd); return 0; }
-    if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) { TLSC_ERROR("fcntl error while set"); return 0; }
+    if (flags < 0) {
+        TLSC_ERROR("Could not get flags for socket %d", fd);
+        return 0;
+    }
+    if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
+        TLSC_ERROR("fcntl error while set");
+        return 0;
+    }
     TLSC_INFO("Setting sock-fd(%d) as non-blocking", fd);
     return 1;
 }
 
 int32_t tlsc_set_sock_blocking(int32_t fd) {
     const int flags = fcntl(fd, F_GETFL);
-    if (flags < 0) { TLSC_ERROR("Could not get flags for socket %d", fd); return 0; }
-    if (fcntl(fd, F_SETFL, ~(~flags & O_NONBLOCK)) < 0) { TLSC_ERROR("fcntl error while set"); return 0; }
+    if (flags < 0) {
+        TLSC_ERROR("Could not get flags for socket %d", fd);
+        return 0;
+    }
+    if (fcntl(fd, F_SETFL, ~(~flags & O_NONBLOCK)) < 0) {
+        TLSC_ERROR("fcntl error while set");
+        return 0;
+    }
     TLSC_INFO("Setting sock-fd(%d) as blocking", fd);
     return 1;
 }
@@ -699,7 +749,8 @@ void tlsc_set_dp_state(int8_t state) {
         TLSC_WARNING("Invalid DP state change req received. State already [%d].", state);
         return;
     }
-    if (write(cli_pipe_wr_fd, &state, sizeof(state)) < 0) TLSC_ERROR("Writing to pipe-fd(%d) failed", cli_pipe_wr_fd.load());
+    if (write(cli_pipe_wr_fd, &state, sizeof(state)) < 0)
+        TLSC_ERROR("Writing to pipe-fd(%d) failed", cli_pipe_wr_fd.load());
     TLSC_ERROR("DP state changed. Old state [%d], new state [%d].", tlsc_dp_state, state);
 }
 
@@ -768,12 +819,12 @@ struct tun_error_counters {
     uint64_t tlsc_stats::*others;
 };
 
-constexpr tun_error_counters tun_read_errors{
-    &tlsc_stats::tun_read_errors_total, &tlsc_stats::tun_read_errors_efault, &tlsc_stats::tun_read_errors_einval,
-    &tlsc_stats::tun_read_errors_ebadf, &tlsc_stats::tun_read_errors_others};
-constexpr tun_error_counters tun_write_errors{
-    &tlsc_stats::tun_write_errors_total, &tlsc_stats::tun_write_errors_efault, &tlsc_stats::tun_write_errors_einval,
-    &tlsc_stats::tun_write_errors_ebadf, &tlsc_stats::tun_write_errors_others};
+constexpr tun_error_counters tun_read_errors{&tlsc_stats::tun_read_errors_total, &tlsc_stats::tun_read_errors_efault,
+                                             &tlsc_stats::tun_read_errors_einval, &tlsc_stats::tun_read_errors_ebadf,
+                                             &tlsc_stats::tun_read_errors_others};
+constexpr tun_error_counters tun_write_errors{&tlsc_stats::tun_write_errors_total, &tlsc_stats::tun_write_errors_efault,
+                                              &tlsc_stats::tun_write_errors_einval, &tlsc_stats::tun_write_errors_ebadf,
+                                              &tlsc_stats::tun_write_errors_others};
 
 void count_tun_error(const tun_error_counters &counters, int error) {
     tlsc_count(counters.total);
@@ -795,15 +846,9 @@ void exchange_address(uint8_t *packet, size_t offset, const void *address) {
 }
 
 constexpr const char *resp_names[] = {
-    "TLSC_CSTP_RESP_ERR_NONE",
-    "TLSC_CSTP_START_TIMER_FAILED",
-    "TLSC_CSTP_INVALID_FRAME_RECVD",
-    "TLSC_CSTP_FRAME_SIZE_TOO_BIG",
-    "TLSC_CSTP_DATA_WRITE_FAILED",
-    "TLSC_CSTP_EPOLL_CTL_FAILED",
-    "TLSC_CSTP_NULL_PTR_RECVD",
-    "TLSC_CSTP_INVALID_ADDR",
-    "TLSC_CSTP_ADDR_NOT_RECVD",
+    "TLSC_CSTP_RESP_ERR_NONE",      "TLSC_CSTP_START_TIMER_FAILED", "TLSC_CSTP_INVALID_FRAME_RECVD",
+    "TLSC_CSTP_FRAME_SIZE_TOO_BIG", "TLSC_CSTP_DATA_WRITE_FAILED",  "TLSC_CSTP_EPOLL_CTL_FAILED",
+    "TLSC_CSTP_NULL_PTR_RECVD",     "TLSC_CSTP_INVALID_ADDR",       "TLSC_CSTP_ADDR_NOT_RECVD",
     "TLSC_CSTP_SESS_NOT_FOUND",
 };
 
@@ -815,7 +860,10 @@ const char *tlsc_cstp_resp_name(int32_t resp) {
 }
 
 int32_t tlsc_tun_read_and_process(tlsc_sock *sock) {
-    if (!sock || !sock->sess) { TLSC_ERROR("Null ptr received for sock/sock->sess"); return 0; }
+    if (!sock || !sock->sess) {
+        TLSC_ERROR("Null ptr received for sock/sock->sess");
+        return 0;
+    }
 
     uint8_t       packet[max_packet_size] = {};  // the checksum repair may look behind a short packet
     const ssize_t count                   = read(sock->sess->tun_fd, packet, sizeof(packet));
@@ -859,7 +907,8 @@ int32_t tlsc_tun_write(tlsc_sock *sock, uint8_t *buff, int32_t length) {
         return 0;
     }
     if (length < 0 || length > static_cast<int32_t>(max_packet_size)) {
-        TLSC_ERROR("Frame too big to write to tun intf for conn %p. len received = %d, Max-limit = %d", static_cast<void *>(sock), length, static_cast<int>(max_packet_size));
+        TLSC_ERROR("Frame too big to write to tun intf for conn %p. len received = %d, Max-limit = %d",
+                   static_cast<void *>(sock), length, static_cast<int>(max_packet_size));
         TLSC_ERROR("Processing CSTP frame failed due to error %s\n", tlsc_cstp_resp_name(TLSC_CSTP_FRAME_SIZE_TOO_BIG));
         return 0;
     }
@@ -961,7 +1010,8 @@ int32_t tlsc_handle_cli_cmds() {
 }
 
 void tlsc_clear_cli_cmds() {
-    TLSC_INFO("Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d", cli_pipe_rd_fd.load(), cli_pipe_wr_fd.load());
+    TLSC_INFO("Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d", cli_pipe_rd_fd.load(),
+              cli_pipe_wr_fd.load());
     tlsc_cli_cmd cmd;
     int          cleared = 0;
     while (read_command(&cmd) > 0) {
@@ -994,7 +1044,8 @@ void on_dpd_timer(tlsc_sock *sock) {
 void on_retry_timer(tlsc_sock *sock) {
     uint64_t      expirations;
     const ssize_t count = read(tlsc_timers.retry, &expirations, sizeof(expirations));
-    if (count == -1) TLSC_ERROR("Retry timer fd read error, ret1=%d, errstr=%s", static_cast<int>(count), strerror(errno));
+    if (count == -1)
+        TLSC_ERROR("Retry timer fd read error, ret1=%d, errstr=%s", static_cast<int>(count), strerror(errno));
     tlsc_handle_retry_expiry(sock);
 }
 
@@ -1134,7 +1185,8 @@ void register_command_pipe() {
     const int32_t fd = cli_pipe_rd_fd;
     if (fd <= 0) return;
     tlsc_clear_cli_cmds();
-    if (!tlsc_add_fd_to_epoll(tlsc_epoll_fd, fd)) TLSC_ERROR("Could not add pipe-fd(%d) to epoll-fd(%d)", fd, tlsc_epoll_fd);
+    if (!tlsc_add_fd_to_epoll(tlsc_epoll_fd, fd))
+        TLSC_ERROR("Could not add pipe-fd(%d) to epoll-fd(%d)", fd, tlsc_epoll_fd);
     else TLSC_DEBUG("Pipe-fd(%d) added to epoll-fd(%d)", fd, tlsc_epoll_fd);
 }
 

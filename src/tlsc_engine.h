@@ -12,7 +12,7 @@ struct x509_store_ctx_st;
 
 // ---- the tunnel thread's mailbox: what other threads may touch ---------------------------------------------------
 
-extern std::atomic<int32_t> exit_client;          // 1 ends the loop after its current pass; cleared when the loop starts
+extern std::atomic<int32_t> exit_client;  // 1 ends the loop after its current pass; cleared when the loop starts
 extern std::atomic<int32_t> epoll_thread_exited;  // 1 after an orderly end, 0 before it and after a failed set-up
 extern std::atomic<int32_t> cli_pipe_rd_fd;       // command pipe, read end, non-blocking; -1 when closed
 extern std::atomic<int32_t> cli_pipe_wr_fd;       // command pipe, write end, blocking; -1 when closed

@@ -85,7 +85,8 @@ int32_t tlsc_send_log_dest_chg_req(int32_t dest) { return send_command(make_comm
 
 int32_t tlsc_send_gw_ip(tlsc_gw_addr gw) {
     tlsc_cli_cmd cmd = make_command(CLI_CMD_GW_IP, gw.kind);
-    memcpy(cmd.gw_sockaddr, reinterpret_cast<const uint8_t *>(&gw) + offsetof(tlsc_gw_addr, family), sizeof(cmd.gw_sockaddr));
+    memcpy(cmd.gw_sockaddr, reinterpret_cast<const uint8_t *>(&gw) + offsetof(tlsc_gw_addr, family),
+           sizeof(cmd.gw_sockaddr));
     if (!write_command(cmd)) return 0;
     TLSC_DEBUG("Sent CLI cmd: %d, to epoll thread", cmd.id);
     return 1;
@@ -114,10 +115,11 @@ void keep_tunnel_fields(tlsc_config *conf, const tlsc_config *earlier) {
 
 }  // namespace
 
-#define LOG_ALL_SETTINGS(conf)                                                                                               \
-    TLSC_INFO("\n%s() - svr_addr_ipv4:%s, svr_port:%d, management_ip:%s, tun_interface_name:%s, cipher_algo:%s, tlsc_debug_level:%d, psk_identity:%s, psk_key:%s", \
-              __func__, (conf)->svr_addr_ipv4, (conf)->server_port, (conf)->management_ip, (conf)->tun_interface_name,       \
-              (conf)->cipher_algo, tlsc_log_level.load(), psk_identity, tlsc_masked_psk_key())
+#define LOG_ALL_SETTINGS(conf)                                                                                                                               \
+    TLSC_INFO(                                                                                                                                               \
+        "\n%s() - svr_addr_ipv4:%s, svr_port:%d, management_ip:%s, tun_interface_name:%s, cipher_algo:%s, tlsc_debug_level:%d, psk_identity:%s, psk_key:%s", \
+        __func__, (conf)->svr_addr_ipv4, (conf)->server_port, (conf)->management_ip, (conf)->tun_interface_name,                                             \
+        (conf)->cipher_algo, tlsc_log_level.load(), psk_identity, tlsc_masked_psk_key())
 
 int32_t tlsc_init() {
     tlsc_config *conf = tlsc_get_config();

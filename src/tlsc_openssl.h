@@ -52,9 +52,7 @@ inline int tlsc_ossl_get_error(const SSL *ssl, int ret) {
 }
 
 // The version that a message callback is told for a record header (content type 256): the 1.0 series gives 0.
-inline int tlsc_ossl_msg_version(int version, int content_type) {
-    return content_type == 0x100 ? 0 : version;
-}
+inline int tlsc_ossl_msg_version(int version, int content_type) { return content_type == 0x100 ? 0 : version; }
 
 // Forbids renegotiation on a server-side connection.
 inline void tlsc_ossl_forbid_renegotiation(const SSL *ssl) {

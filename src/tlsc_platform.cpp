@@ -37,17 +37,17 @@ namespace {
 constexpr unsigned start_pause_seconds = 1;   // between the first start of the tunnel thread and the wait for its end
 constexpr unsigned retry_pause_seconds = 10;  // before a tunnel thread that ended abnormally is started again
 
-pthread_mutex_t monitor_lock = PTHREAD_MUTEX_INITIALIZER;
-bool            monitor_alive;
+pthread_mutex_t   monitor_lock = PTHREAD_MUTEX_INITIALIZER;
+bool              monitor_alive;
 std::atomic<bool> stop_posted{false};
-bool            run_wanted;
+bool              run_wanted;
 
 const pthread_t no_thread = static_cast<pthread_t>(-1);
 
-pthread_t epoll_thread       = no_thread;  // monitor thread only
-sem_t     tunnel_ended;                    // posted by the tunnel thread as its last act
-pthread_t epoll_mon_thread   = no_thread;  // main thread only
-bool      monitor_unjoined   = false;      // epoll_mon_thread names a thread to join; main thread only
+pthread_t epoll_thread = no_thread;      // monitor thread only
+sem_t     tunnel_ended;                  // posted by the tunnel thread as its last act
+pthread_t epoll_mon_thread = no_thread;  // main thread only
+bool      monitor_unjoined = false;      // epoll_mon_thread names a thread to join; main thread only
 
 class monitor_guard {
 public:
@@ -277,7 +277,10 @@ int32_t tlsc_request_gw_name_resolution() { return tlscWlcMsgSendTlsGwFqdnResolv
 // Look-alikes on purpose: each prints its own name, and four of them begin their null message with a line end.
 
 int32_t tlsc_set_config_server_ip_port(const char *address, int port) {
-    if (!address) { TLSC_ERROR("%s() - Input parm NULL", __func__); return -1; }
+    if (!address) {
+        TLSC_ERROR("%s() - Input parm NULL", __func__);
+        return -1;
+    }
     tlsc_config *conf = tlsc_get_config();
     tlsc_copy_text(conf->svr_addr_ipv4, sizeof(conf->svr_addr_ipv4), address);
     conf->server_port = static_cast<uint16_t>(port);
@@ -286,12 +289,18 @@ int32_t tlsc_set_config_server_ip_port(const char *address, int port) {
 }
 
 int32_t tlsc_set_config_inner_ip(const char *address) {
-    if (!address) { TLSC_ERROR("%s() - Input parm NULL", __func__); return -1; }
+    if (!address) {
+        TLSC_ERROR("%s() - Input parm NULL", __func__);
+        return -1;
+    }
     return 0;
 }
 
 int32_t tlsc_set_config_management_ip(const char *address) {
-    if (!address) { TLSC_ERROR("%s() - Input parm NULL", __func__); return -1; }
+    if (!address) {
+        TLSC_ERROR("%s() - Input parm NULL", __func__);
+        return -1;
+    }
     tlsc_config *conf = tlsc_get_config();
     tlsc_copy_text(conf->management_ip, sizeof(conf->management_ip), address);
     TLSC_INFO("%s() - mgmt_ip:%s", __func__, conf->management_ip);
@@ -299,7 +308,10 @@ int32_t tlsc_set_config_management_ip(const char *address) {
 }
 
 int32_t tlsc_set_config_tun_interface_name(const char *name) {
-    if (!name) { TLSC_ERROR("%s() - Input parm NULL", __func__); return -1; }
+    if (!name) {
+        TLSC_ERROR("%s() - Input parm NULL", __func__);
+        return -1;
+    }
     tlsc_config *conf = tlsc_get_config();
     tlsc_copy_text(conf->tun_interface_name, sizeof(conf->tun_interface_name), name);
     TLSC_INFO("%s() - tun_interface_name:%s", __func__, conf->tun_interface_name);
@@ -307,7 +319,10 @@ int32_t tlsc_set_config_tun_interface_name(const char *name) {
 }
 
 int32_t tlsc_set_config_tun_cipher_algo(const char *cipher_list) {
-    if (!cipher_list) { TLSC_ERROR("\n%s() - Input parm NULL", __func__); return -1; }
+    if (!cipher_list) {
+        TLSC_ERROR("\n%s() - Input parm NULL", __func__);
+        return -1;
+    }
     tlsc_config *conf = tlsc_get_config();
     tlsc_copy_text(conf->cipher_algo, sizeof(conf->cipher_algo), cipher_list);
     TLSC_INFO("%s() - cipher_algo:%s", __func__, conf->cipher_algo);
@@ -315,7 +330,10 @@ int32_t tlsc_set_config_tun_cipher_algo(const char *cipher_list) {
 }
 
 int32_t tlsc_set_config_log_level(const char *word) {
-    if (!word) { TLSC_ERROR("%s() - Input parm NULL", __func__); return -1; }
+    if (!word) {
+        TLSC_ERROR("%s() - Input parm NULL", __func__);
+        return -1;
+    }
     if (strncmp(word, "true", 4) == 0) {
         tlsc_log_level = LOG_WARNINGS;
     } else if (strncmp(word, "false", 5) == 0) {
@@ -330,21 +348,30 @@ int32_t tlsc_set_config_log_level(const char *word) {
 }
 
 int32_t tlsc_set_config_psk_identify(const char *identity) {
-    if (!identity) { TLSC_ERROR("%s() - Input parm NULL", __func__); return -1; }
+    if (!identity) {
+        TLSC_ERROR("%s() - Input parm NULL", __func__);
+        return -1;
+    }
     tlsc_copy_text(psk_identity, sizeof(psk_identity), identity);
     TLSC_INFO("%s() - psk_identity:%s", __func__, psk_identity);
     return 0;
 }
 
 int32_t tlsc_set_config_psk_key(const char *key) {
-    if (!key) { TLSC_ERROR("%s() - Input parm NULL", __func__); return -1; }
+    if (!key) {
+        TLSC_ERROR("%s() - Input parm NULL", __func__);
+        return -1;
+    }
     tlsc_copy_text(psk_key, sizeof(psk_key), key);
     TLSC_INFO("%s() - psk_key:%s", __func__, tlsc_masked_psk_key());
     return 0;
 }
 
 int32_t tlsc_set_config_device_id(const char *id) {
-    if (!id) { TLSC_ERROR("\n%s() - Input parm NULL", __func__); return -1; }
+    if (!id) {
+        TLSC_ERROR("\n%s() - Input parm NULL", __func__);
+        return -1;
+    }
     tlsc_config *conf = tlsc_get_config();
     tlsc_copy_text(conf->device_id, sizeof(conf->device_id), id);
     TLSC_INFO("%s() - device_id:%s", __func__, conf->device_id);
@@ -352,7 +379,10 @@ int32_t tlsc_set_config_device_id(const char *id) {
 }
 
 int32_t tlsc_set_config_serial_num(const char *serial) {
-    if (!serial) { TLSC_ERROR("\n%s() - Input parm NULL", __func__); return -1; }
+    if (!serial) {
+        TLSC_ERROR("\n%s() - Input parm NULL", __func__);
+        return -1;
+    }
     tlsc_config *conf = tlsc_get_config();
     tlsc_copy_text(conf->serial_no, sizeof(conf->serial_no), serial);
     TLSC_INFO("%s() - serial_no:%s", __func__, conf->serial_no);
@@ -360,7 +390,10 @@ int32_t tlsc_set_config_serial_num(const char *serial) {
 }
 
 int32_t tlsc_set_config_device_name(const char *name) {
-    if (!name) { TLSC_ERROR("\n%s() - Input parm NULL", __func__); return -1; }
+    if (!name) {
+        TLSC_ERROR("\n%s() - Input parm NULL", __func__);
+        return -1;
+    }
     tlsc_config *conf = tlsc_get_config();
     tlsc_copy_text(conf->device_name, sizeof(conf->device_name), name);
     TLSC_INFO("%s() - device_name:%s", __func__, conf->device_name);
@@ -503,7 +536,8 @@ constexpr labelled_counter tun_write_counters[] = {
 };
 
 void zero_counters() {
-    for (auto counter : all_counters) std::atomic_ref<uint64_t>(tlsc_stats_record.*counter).store(0, std::memory_order_relaxed);
+    for (auto counter : all_counters)
+        std::atomic_ref<uint64_t>(tlsc_stats_record.*counter).store(0, std::memory_order_relaxed);
 }
 
 void print_heading(const char *heading) {
@@ -527,10 +561,14 @@ void tlsc_stats_init() {
 }
 
 void tlsc_stats_get(tlsc_stats *out) {
-    if (!out) { TLSC_ERROR("Null ptr received for stats"); return; }
+    if (!out) {
+        TLSC_ERROR("Null ptr received for stats");
+        return;
+    }
 
     pthread_mutex_lock(&stats_lock);
-    for (auto counter : all_counters) out->*counter = std::atomic_ref<uint64_t>(tlsc_stats_record.*counter).load(std::memory_order_relaxed);
+    for (auto counter : all_counters)
+        out->*counter = std::atomic_ref<uint64_t>(tlsc_stats_record.*counter).load(std::memory_order_relaxed);
     pthread_mutex_unlock(&stats_lock);
 }
 
@@ -552,14 +590,17 @@ void tlsc_stats_print() {
 
     print_heading("CSTP STATS:");
     printf("Invalid Rx: %llu\n", value(&tlsc_stats::invalid_rx));
-    printf("Data Pkt Tx: %llu    Data Pkt Rx: %llu\n", value(&tlsc_stats::data_pkt_tx), value(&tlsc_stats::data_pkt_rx));
-    printf("Ctrl Pkt Tx: %llu    Ctrl Pkt Rx: %llu\n", value(&tlsc_stats::ctrl_pkt_tx), value(&tlsc_stats::ctrl_pkt_rx));
+    printf("Data Pkt Tx: %llu    Data Pkt Rx: %llu\n", value(&tlsc_stats::data_pkt_tx),
+           value(&tlsc_stats::data_pkt_rx));
+    printf("Ctrl Pkt Tx: %llu    Ctrl Pkt Rx: %llu\n", value(&tlsc_stats::ctrl_pkt_tx),
+           value(&tlsc_stats::ctrl_pkt_rx));
     print_heading("TUN STATS:");
     printf("Tun Pkt Tx: %llu    Tun Pkt Rx: %llu\n", value(&tlsc_stats::tun_pkt_tx), value(&tlsc_stats::tun_pkt_rx));
     print_heading("DPD STATS:");
     printf("DPD Req Tx: %llu    DPD Rsp Rx: %llu\n", value(&tlsc_stats::dpd_req_tx), value(&tlsc_stats::dpd_rsp_rx));
     print_heading("ReKey STATS:");
-    printf("Rekey Attempts: %llu    Rekey Success: %llu\n", value(&tlsc_stats::rekey_attempts), value(&tlsc_stats::rekey_success));
+    printf("Rekey Attempts: %llu    Rekey Success: %llu\n", value(&tlsc_stats::rekey_attempts),
+           value(&tlsc_stats::rekey_success));
     print_heading("SSL READ STATS:");
     print_counters(stats, ssl_read_counters);
     print_heading("SSL WRITE STATS:");

@@ -33,27 +33,27 @@ void tlsc_cleanup_context();
 
 // ---- command-pipe wrappers for the controller's handlers ------------------------------------------------------------
 
-void tlsc_post_log_level(int32_t level);             // failure is printed on standard output
-void tlsc_post_log_dest(int32_t dest);               // failure is printed on standard output
-int32_t tlsc_post_gw_ip(tlsc_gw_addr gw);            // result of tlsc_send_gw_ip
-int32_t tlsc_request_gw_name_resolution();           // 1 when the controller was asked; tunnel thread
+void    tlsc_post_log_level(int32_t level);  // failure is printed on standard output
+void    tlsc_post_log_dest(int32_t dest);    // failure is printed on standard output
+int32_t tlsc_post_gw_ip(tlsc_gw_addr gw);    // result of tlsc_send_gw_ip
+int32_t tlsc_request_gw_name_resolution();   // 1 when the controller was asked; tunnel thread
 
 // ---- configuration setters -------------------------------------------------------------------------------------------
 // Each copies a NUL-terminated text into the configuration, cut silently at the field's width, and logs the new
 // value. Returns 0, or -1 for a null argument (logged). Nothing is validated. Main thread.
 
 int32_t tlsc_set_config_server_ip_port(const char *address, int port);
-int32_t tlsc_set_config_inner_ip(const char *address);        // accepted and ignored
+int32_t tlsc_set_config_inner_ip(const char *address);  // accepted and ignored
 int32_t tlsc_set_config_management_ip(const char *address);
 int32_t tlsc_set_config_tun_interface_name(const char *name);
 int32_t tlsc_set_config_tun_cipher_algo(const char *cipher_list);
-int32_t tlsc_set_config_log_level(const char *word);          // "true" sets level 1, anything else 0
+int32_t tlsc_set_config_log_level(const char *word);  // "true" sets level 1, anything else 0
 int32_t tlsc_set_config_psk_identify(const char *identity);
 int32_t tlsc_set_config_psk_key(const char *key);
 int32_t tlsc_set_config_device_id(const char *id);
 int32_t tlsc_set_config_serial_num(const char *serial);
 int32_t tlsc_set_config_device_name(const char *name);
-int32_t tlsc_set_config_ssl_auth_mech(int32_t mechanism);     // tlsc_ssl_auth_mech
+int32_t tlsc_set_config_ssl_auth_mech(int32_t mechanism);  // tlsc_ssl_auth_mech
 
 // Fills the configuration from the controller's parameter block. Returns 1 always.
 int32_t tlsc_set_config_all();
@@ -79,8 +79,8 @@ inline void tlsc_count(uint64_t tlsc_stats::*counter) {
     std::atomic_ref<uint64_t>(tlsc_stats_record.*counter).fetch_add(1, std::memory_order_relaxed);
 }
 
-void tlsc_stats_init();                   // zeroes the record and creates its lock
-void tlsc_stats_get(tlsc_stats *out);     // copies the record out under the lock
-void tlsc_stats_clear();                  // zeroes the record under the lock
-void tlsc_stats_destroy();                // zeroes the record, then destroys its lock
-void tlsc_stats_print();                  // prints the record on standard output; nothing calls it
+void tlsc_stats_init();                // zeroes the record and creates its lock
+void tlsc_stats_get(tlsc_stats *out);  // copies the record out under the lock
+void tlsc_stats_clear();               // zeroes the record under the lock
+void tlsc_stats_destroy();             // zeroes the record, then destroys its lock
+void tlsc_stats_print();               // prints the record on standard output; nothing calls it

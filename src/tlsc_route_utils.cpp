@@ -74,10 +74,13 @@ int32_t tlsc_create_socket_ipv4(const char *name) {
 }
 
 int32_t tlsc_route_operation_ipv4(int32_t sock, rtentry *route, int32_t add, const char *name) {
-    if (!route) { TLSC_ERROR("Null ptr received for route"); return 0; }
+    if (!route) {
+        TLSC_ERROR("Null ptr received for route");
+        return 0;
+    }
 
     if (add) TLSC_INFO("Adding route to interface %s", tlsc_text_or_null(name));
-    else     TLSC_INFO("Deleting route for interface %s", tlsc_text_or_null(name));
+    else TLSC_INFO("Deleting route for interface %s", tlsc_text_or_null(name));
     return tlsc_ioctl(sock, add ? SIOCADDRT : SIOCDELRT, route);
 }
 
@@ -98,7 +101,8 @@ int32_t tlsc_inject_v4_host_route(const tlsc_addr *addr, const char *name, int32
     close(sock);
 
     if (result == -1) {
-        TLSC_WARNING("Route operation failed due to error[%d], Retrying to do the route operation...", tlsc_ioctl_errno);
+        TLSC_WARNING("Route operation failed due to error[%d], Retrying to do the route operation...",
+                     tlsc_ioctl_errno);
         errno = tlsc_ioctl_errno;
         perror("Route operation failed :");
         if (tlsc_new_socket_needed) {

@@ -17,7 +17,10 @@ tlsc_session *process_session;
 
 tlsc_session *tlsc_init_session() {
     auto *session = static_cast<tlsc_session *>(calloc(1, sizeof(tlsc_session)));
-    if (!session) { TLSC_ERROR("Failed allocting memory to tlsc_session"); return nullptr; }
+    if (!session) {
+        TLSC_ERROR("Failed allocting memory to tlsc_session");
+        return nullptr;
+    }
 
     session->tun_state = 0;
     session->conn      = nullptr;
@@ -34,15 +37,24 @@ void tlsc_free_session() {
 }
 
 void tlsc_attach_session(tlsc_sock *sock) {
-    if (!sock) { TLSC_ERROR("Null ptr received for sock"); return; }
+    if (!sock) {
+        TLSC_ERROR("Null ptr received for sock");
+        return;
+    }
 
     sock->sess = process_session;
     if (process_session) process_session->conn = sock;
 }
 
 tlsc_session *tlsc_start_session(tlsc_sock *sock, const tlsc_addr *prefix) {
-    if (!sock || !prefix) { TLSC_ERROR("Null ptr received for sock/prefix"); return nullptr; }
-    if (!sock->sess)      { TLSC_ERROR("Null ptr received for sock->sess"); return nullptr; }
+    if (!sock || !prefix) {
+        TLSC_ERROR("Null ptr received for sock/prefix");
+        return nullptr;
+    }
+    if (!sock->sess) {
+        TLSC_ERROR("Null ptr received for sock->sess");
+        return nullptr;
+    }
 
     TLSC_INFO("Starting TLS session by making tun-intf up");
     tlsc_session *session = sock->sess;

@@ -86,7 +86,10 @@ void tlsc_close_timer(int32_t *slot) {
 }
 
 int32_t tlsc_start_timer(int32_t *slot, int32_t one_shot) {
-    if (!slot) { TLSC_ERROR("Null ptr received for slot"); return 0; }
+    if (!slot) {
+        TLSC_ERROR("Null ptr received for slot");
+        return 0;
+    }
     if (*slot >= 0) {
         TLSC_WARNING("Timer is already running with fd = %d", *slot);
         return 1;
@@ -123,13 +126,15 @@ int32_t tlsc_stop_timer(int32_t *slot) {
     }
     const itimerspec disarmed{};
     if (timerfd_settime(*slot, 0, &disarmed, nullptr) != 0) TLSC_ERROR("Stop timer failed for fd = %d", *slot);
-    if (tlsc_epoll_fd > 0 && !tlsc_delete_fd_from_epoll(tlsc_epoll_fd, *slot)) TLSC_DEBUG("Couldnt delete Timer FD from Epoll");
+    if (tlsc_epoll_fd > 0 && !tlsc_delete_fd_from_epoll(tlsc_epoll_fd, *slot))
+        TLSC_DEBUG("Couldnt delete Timer FD from Epoll");
     tlsc_close_timer(slot);
     return 1;
 }
 
 void tlsc_stop_all_timers() {
-    for (int32_t *slot : {&tlsc_timers.retry, &tlsc_timers.dpd, &tlsc_timers.rekey, &tlsc_timers.fqdn, &tlsc_timers.backoff, &tlsc_timers.guard})
+    for (int32_t *slot : {&tlsc_timers.retry, &tlsc_timers.dpd, &tlsc_timers.rekey, &tlsc_timers.fqdn,
+                          &tlsc_timers.backoff, &tlsc_timers.guard})
         if (*slot > 0) tlsc_stop_timer(slot);
 }
 
@@ -145,12 +150,17 @@ constexpr int32_t max_retries = 3;
 }  // namespace
 
 void tlsc_handle_dpd_expiry(tlsc_sock *sock) {
-    if (!sock) { TLSC_ERROR("Null ptr received for sock"); return; }
+    if (!sock) {
+        TLSC_ERROR("Null ptr received for sock");
+        return;
+    }
 
     TLSC_DEBUG("DPD timer expiry event");
     (void)tlsc_send_dpd_req(sock);  // a request that was not sent is repeated like one that was lost
-    if (!tlsc_start_timer(&tlsc_timers.retry, 0)) TLSC_ERROR("Could not start Retry timer for client-sock-fd = %d", sock->sockfd);
-    if (!tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_timers.dpd)) TLSC_ERROR("Could not delete the dpd-timer-fd(%d) from epoll", tlsc_timers.dpd);
+    if (!tlsc_start_timer(&tlsc_timers.retry, 0))
+        TLSC_ERROR("Could not start Retry timer for client-sock-fd = %d", sock->sockfd);
+    if (!tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_timers.dpd))
+        TLSC_ERROR("Could not delete the dpd-timer-fd(%d) from epoll", tlsc_timers.dpd);
     tlsc_close_timer(&tlsc_timers.dpd);
 }
 
@@ -198,7 +208,10 @@ void tlsc_handle_rekey_expiry(tlsc_sock *sock) {
 }
 
 int32_t tlsc_start_rekey_proc(tlsc_sock *sock) {
-    if (!sock) { TLSC_ERROR("Null ptr received for sock"); return 0; }
+    if (!sock) {
+        TLSC_ERROR("Null ptr received for sock");
+        return 0;
+    }
 
     tlsc_stop_all_timers();
     if (sock->sockfd > 0) save_old_transport(sock);
@@ -210,7 +223,8 @@ int32_t tlsc_start_rekey_proc(tlsc_sock *sock) {
     }
     if (sock->sockfd > 0) {
         if (!tlsc_add_fd_to_epoll(tlsc_epoll_fd, sock->sockfd))
-            TLSC_ERROR("Could not add the new client-sock-fd(%d) to epoll(%d) after rekey timeout", sock->sockfd, tlsc_epoll_fd);
+            TLSC_ERROR("Could not add the new client-sock-fd(%d) to epoll(%d) after rekey timeout", sock->sockfd,
+                       tlsc_epoll_fd);
         TLSC_INFO("TCP connection established after rekey timeout, client-sock-fd = %d", sock->sockfd);
     }
     // It stays open until the response; what the gateway still sends on it is lost.

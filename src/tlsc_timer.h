@@ -17,11 +17,11 @@ struct tlsc_timer_slots {
 };
 extern tlsc_timer_slots tlsc_timers;
 
-extern uint32_t tlsc_backoff_interval;     // seconds; 0 after start, after a good response and after the loop's end
-extern int32_t  tlsc_retry_ref;            // DPD retries sent since the last response
-extern int32_t  tlsc_rekey_in_progress;    // 1 from the rekey expiry to the next good response
-extern int32_t  tlsc_old_transport_fd;     // the connection that a rekey replaces; -1 when none is saved
-extern ssl_st  *tlsc_old_ssl;              // its TLS session; null when none is saved
+extern uint32_t tlsc_backoff_interval;   // seconds; 0 after start, after a good response and after the loop's end
+extern int32_t  tlsc_retry_ref;          // DPD retries sent since the last response
+extern int32_t  tlsc_rekey_in_progress;  // 1 from the rekey expiry to the next good response
+extern int32_t  tlsc_old_transport_fd;   // the connection that a rekey replaces; -1 when none is saved
+extern ssl_st  *tlsc_old_ssl;            // its TLS session; null when none is saved
 
 // Starts the timer of the slot (one of tlsc_timers): once for one_shot 1, else periodically. Returns 1 when the timer
 // runs afterwards, also when it was running already (it is then left as it is), 0 on failure.

@@ -108,7 +108,8 @@ bool request_flags(const char *name, unsigned long code, ifreq *request, int32_t
     close(sock);
 
     if (result == -1) {
-        TLSC_WARNING("Failed to get flags for interface %s due to %s, Retrying to get flags...", name, strerror(tlsc_ioctl_errno));
+        TLSC_WARNING("Failed to get flags for interface %s due to %s, Retrying to get flags...", name,
+                     strerror(tlsc_ioctl_errno));
         if (!renew_control_socket(name)) {
             *error = tlsc_socket_errno;
             return false;
@@ -137,8 +138,14 @@ ifreq make_addr_request(const char *name, const tlsc_addr *addr) {
 }  // namespace
 
 int32_t tlsc_tun_alloc(const char *name, int32_t fd) {
-    if (!name)  { TLSC_ERROR("Invalid device name for tun device creation"); return 0; }
-    if (fd < 1) { TLSC_ERROR("Invalid tun-fd(%d) received", fd); return 0; }
+    if (!name) {
+        TLSC_ERROR("Invalid device name for tun device creation");
+        return 0;
+    }
+    if (fd < 1) {
+        TLSC_ERROR("Invalid tun-fd(%d) received", fd);
+        return 0;
+    }
 
     ifreq request     = make_request(name);
     request.ifr_flags = IFF_TUN | IFF_NO_PI;
@@ -148,7 +155,8 @@ int32_t tlsc_tun_alloc(const char *name, int32_t fd) {
         tlsc_ioctl_errno = errno;
         if (tlsc_ioctl_errno == EBUSY) {
             delete_stale_interface(name);
-            TLSC_WARNING("IOCTL error[%d] in setting tun interface %s, deleting the existing tun interface", tlsc_ioctl_errno, name);
+            TLSC_WARNING("IOCTL error[%d] in setting tun interface %s, deleting the existing tun interface",
+                         tlsc_ioctl_errno, name);
         } else {
             TLSC_ERROR("IOCTL error[%d] in setting tun interface %s", tlsc_ioctl_errno, name);
         }
@@ -175,7 +183,8 @@ int32_t tlsc_set_tun_mtu(const char *name, int32_t mtu) {
 
     if (result == -1) {
         // By contract: the error text stands in the name's place and the name in the error text's.
-        TLSC_WARNING("Failed to set mtu size for interface %s due to %s, Retrying to set mtu...", strerror(tlsc_ioctl_errno), name);
+        TLSC_WARNING("Failed to set mtu size for interface %s due to %s, Retrying to set mtu...",
+                     strerror(tlsc_ioctl_errno), name);
         if (!renew_control_socket(name)) return tlsc_socket_errno;
     }
     if (result != 1) {
@@ -186,7 +195,10 @@ int32_t tlsc_set_tun_mtu(const char *name, int32_t mtu) {
 }
 
 int32_t tlsc_tun_up(const char *name, int32_t up) {
-    if (!name) { TLSC_ERROR("Null ptr received for dev_name"); return 0; }
+    if (!name) {
+        TLSC_ERROR("Null ptr received for dev_name");
+        return 0;
+    }
 
     ifreq   request = make_request(name);
     int32_t error   = 0;
@@ -202,7 +214,10 @@ int32_t tlsc_tun_up(const char *name, int32_t up) {
 }
 
 int32_t tlsc_add_tun_addr(const char *name, const tlsc_addr *addr, uint32_t prefix_len) {
-    if (!name || !addr)  { TLSC_ERROR("Null ptr received for dev_name/addr"); return 0; }
+    if (!name || !addr) {
+        TLSC_ERROR("Null ptr received for dev_name/addr");
+        return 0;
+    }
     if (prefix_len == 0) TLSC_WARNING("Prefix length is zero");
 
     int32_t sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -226,7 +241,8 @@ int32_t tlsc_add_tun_addr(const char *name, const tlsc_addr *addr, uint32_t pref
             result = 0;
         } else {
             // By contract: no netmask is set; the one that is printed is fixed text.
-            TLSC_INFO("Successfully changed addr and netmask for Interface(%s). Addr = %xu, Netmask: %s", name, stored, netmask_text);
+            TLSC_INFO("Successfully changed addr and netmask for Interface(%s). Addr = %xu, Netmask: %s", name, stored,
+                      netmask_text);
         }
     } else if (addr->kind == ADDR_IPV6) {
         TLSC_ERROR("IPv6 address assignment to interface not supported yet.");
@@ -240,7 +256,10 @@ int32_t tlsc_add_tun_addr(const char *name, const tlsc_addr *addr, uint32_t pref
 // ---- 3 deletion and state -----------------------------------------------------------------------------------------------
 
 void tlsc_tun_delete(tlsc_session *session, int32_t cause) {
-    if (!session) { TLSC_ERROR("Null ptr received for sess"); return; }
+    if (!session) {
+        TLSC_ERROR("Null ptr received for sess");
+        return;
+    }
 
     (void)tlsc_write_tun_intf_state(0, cause);  // A report that fails is not repeated.
 
@@ -257,8 +276,14 @@ void tlsc_tun_delete(tlsc_session *session, int32_t cause) {
 }
 
 int32_t tlsc_chg_tun_state(tlsc_session *session, int32_t state) {
-    if (!session || !session->if_name) { TLSC_ERROR("Session or ifname is Null"); return 0; }
-    if (session->tun_state == state)   { TLSC_DEBUG("Tun-interface is already in same state as requested(%d)", state); return 1; }
+    if (!session || !session->if_name) {
+        TLSC_ERROR("Session or ifname is Null");
+        return 0;
+    }
+    if (session->tun_state == state) {
+        TLSC_DEBUG("Tun-interface is already in same state as requested(%d)", state);
+        return 1;
+    }
 
     if (tlsc_tun_up(session->if_name, state) != 1) {
         TLSC_ERROR("Could not change the tun-interface(%s) state", session->if_name);
@@ -268,7 +293,7 @@ int32_t tlsc_chg_tun_state(tlsc_session *session, int32_t state) {
 
     (void)tlsc_write_tun_intf_state(state ? 1 : 0, TLSC_DOWN_NO_ERROR);  // A report that fails is not repeated.
     if (state) TLSC_INFO("TUN-INTF is UP!!");
-    else       TLSC_INFO("TUN-INTF is DOWN!!");
+    else TLSC_INFO("TUN-INTF is DOWN!!");
     session->tun_state = state ? 1 : 0;
     return 1;
 }
@@ -290,7 +315,10 @@ int32_t open_clone_device() {
 }  // namespace
 
 int32_t tlsc_create_tun(tlsc_session *session) {
-    if (!session) { TLSC_ERROR("Session is Null"); return 0; }
+    if (!session) {
+        TLSC_ERROR("Session is Null");
+        return 0;
+    }
 
     const char *name = tlsc_get_config()->tun_interface_name;
     session->if_name = name;
@@ -299,7 +327,8 @@ int32_t tlsc_create_tun(tlsc_session *session) {
     int32_t attempt = 0;
     while (attempt++ < max_create_attempts) {
         if (tlsc_tun_alloc(name, session->tun_fd)) break;
-        TLSC_WARNING("Failed to create interface for session %p, Retrying to create interface...", static_cast<void *>(session));
+        TLSC_WARNING("Failed to create interface for session %p, Retrying to create interface...",
+                     static_cast<void *>(session));
         tlsc_tun_delete(session, TLSC_DOWN_NO_ERROR);
         session->if_name = name;  // The deletion has cleared it.
         tlsc_sleep_out_of_turn(retry_pause_seconds);
@@ -308,7 +337,8 @@ int32_t tlsc_create_tun(tlsc_session *session) {
     }
     // By contract: an interface obtained on the fifth attempt still counts as a failure, and stays.
     if (attempt >= max_create_attempts) {
-        TLSC_ERROR("Retry count(%d) over. Failed to create interface for session %p", max_create_attempts, static_cast<void *>(session));
+        TLSC_ERROR("Retry count(%d) over. Failed to create interface for session %p", max_create_attempts,
+                   static_cast<void *>(session));
         return 0;
     }
 

@@ -9,9 +9,9 @@
 struct ifreq;
 
 // Kept by the failing ioctl or socket call of this module and of tlsc_route_utils, and returned as its result.
-extern int32_t tlsc_ioctl_errno;         // of the last failed ioctl
-extern int32_t tlsc_socket_errno;        // of the last failed socket creation
-extern bool    tlsc_new_socket_needed;   // an ioctl failed with EBADF: the control socket must be made anew
+extern int32_t tlsc_ioctl_errno;        // of the last failed ioctl
+extern int32_t tlsc_socket_errno;       // of the last failed socket creation
+extern bool    tlsc_new_socket_needed;  // an ioctl failed with EBADF: the control socket must be made anew
 
 // Creates the configured interface for a session whose TUN descriptor is open on the clone device, in at most five
 // attempts one second apart, and sets its MTU. Returns 1, 0 on failure, or the MTU setter's errno.

@@ -11,7 +11,10 @@
 // ---- text ---------------------------------------------------------------------------------------------------------
 
 void tlsc_copy_text(char *field, size_t size, const char *text) {
-    if (!field || size == 0) { TLSC_ERROR("Null ptr received for field"); return; }
+    if (!field || size == 0) {
+        TLSC_ERROR("Null ptr received for field");
+        return;
+    }
 
     memset(field, 0, size);
     if (text) memcpy(field, text, strnlen(text, size - 1));
@@ -25,7 +28,7 @@ int32_t tlsc_decimal(const char *text) { return static_cast<int32_t>(strtoll(tex
 
 namespace {
 
-constexpr size_t proto_off        = 9;   // of the IPv4 header, see RFC 791
+constexpr size_t proto_off        = 9;  // of the IPv4 header, see RFC 791
 constexpr size_t header_sum_off   = 10;
 constexpr size_t tcp_checksum_off = 16;  // of the TCP header
 constexpr size_t udp_checksum_off = 6;   // of the UDP header
@@ -60,7 +63,10 @@ bool is_later_fragment(const uint8_t *packet) { return ((packet[6] & 0x1F) | pac
 uint32_t tlsc_addr_sum(const uint8_t *bytes) { return load_word(bytes) + load_word(bytes + 2); }
 
 void tlsc_checksum(uint8_t *packet, uint32_t old_sum, size_t offset) {
-    if (!packet) { TLSC_ERROR("Null ptr received for packet"); return; }
+    if (!packet) {
+        TLSC_ERROR("Null ptr received for packet");
+        return;
+    }
 
     uint32_t negated_old_addr = complement(fold(old_sum));
     uint32_t new_addr         = fold(tlsc_addr_sum(packet + offset));
@@ -70,19 +76,15 @@ void tlsc_checksum(uint8_t *packet, uint32_t old_sum, size_t offset) {
 
     uint8_t *transport = packet + static_cast<size_t>(packet[0] & 0x0F) * 4;
     switch (packet[proto_off]) {
-    case IPPROTO_TCP:
-        repair_checksum(transport + tcp_checksum_off, new_addr, negated_old_addr);
-        break;
+    case IPPROTO_TCP: repair_checksum(transport + tcp_checksum_off, new_addr, negated_old_addr); break;
     case IPPROTO_UDP:
         // Zero means that the sender made no checksum.
         // By contract: a repaired checksum that comes out as zero is written as zero.
         if (load_word(transport + udp_checksum_off) != 0)
             repair_checksum(transport + udp_checksum_off, new_addr, negated_old_addr);
         break;
-    case IPPROTO_ICMP:
-        break;  // Its checksum does not cover the addresses.
-    default:
-        TLSC_ERROR("Got a packet(Non TCP/UDP/ICMP) whose checksum is not handled from tun");
+    case IPPROTO_ICMP: break;  // Its checksum does not cover the addresses.
+    default: TLSC_ERROR("Got a packet(Non TCP/UDP/ICMP) whose checksum is not handled from tun");
     }
 }
 
@@ -104,10 +106,16 @@ int32_t remove_node(tlsc_list *list, tlsc_list_node **link) {
 }  // namespace
 
 int32_t tlsc_insert_element_to_list(tlsc_list *list, int32_t value) {
-    if (!list) { TLSC_ERROR("Null ptr received for list"); return 0; }
+    if (!list) {
+        TLSC_ERROR("Null ptr received for list");
+        return 0;
+    }
 
     auto *node = static_cast<tlsc_list_node *>(malloc(sizeof(tlsc_list_node)));
-    if (!node) { TLSC_ERROR("Memory allocation failed for list element"); return 0; }
+    if (!node) {
+        TLSC_ERROR("Memory allocation failed for list element");
+        return 0;
+    }
 
     *node      = {.next = list->head, .value = value};
     list->head = node;
@@ -116,15 +124,24 @@ int32_t tlsc_insert_element_to_list(tlsc_list *list, int32_t value) {
 }
 
 int32_t tlsc_list_pop(tlsc_list *list) {
-    if (!list)            { TLSC_ERROR("Null ptr received for list"); return 0; }
+    if (!list) {
+        TLSC_ERROR("Null ptr received for list");
+        return 0;
+    }
     if (list->count == 0) return 0;
-    if (!list->head)      { list->count = 0; return 0; }
+    if (!list->head) {
+        list->count = 0;
+        return 0;
+    }
 
     return remove_node(list, &list->head);
 }
 
 int32_t tlsc_list_remove(tlsc_list *list, int32_t value) {
-    if (!list)                          { TLSC_ERROR("Null ptr received for list"); return 0; }
+    if (!list) {
+        TLSC_ERROR("Null ptr received for list");
+        return 0;
+    }
     if (list->count == 0 || value == 0) return 0;
 
     for (tlsc_list_node **link = &list->head; *link; link = &(*link)->next)
@@ -168,20 +185,29 @@ bool convert_addr(const char *text, tlsc_addr *record) {
 }  // namespace
 
 int32_t tlsc_addr_family(const char *text) {
-    if (!text) { TLSC_ERROR("Null ptr received for addr text"); return ADDR_NONE; }
+    if (!text) {
+        TLSC_ERROR("Null ptr received for addr text");
+        return ADDR_NONE;
+    }
 
     tlsc_addr addr{};
     return convert_addr(text, &addr) ? addr.kind : ADDR_NONE;
 }
 
 int32_t tlsc_parse_addr(const char *text, tlsc_addr *record) {
-    if (!text || !record) { TLSC_ERROR("Null ptr received for addr text/record"); return 0; }
+    if (!text || !record) {
+        TLSC_ERROR("Null ptr received for addr text/record");
+        return 0;
+    }
 
     return convert_addr(text, record) ? 1 : 0;
 }
 
 int32_t tlsc_cmp_addr(const tlsc_addr *a, const tlsc_addr *b) {
-    if (!a || !b)           { TLSC_ERROR("Null ptr received for addr"); return -1; }
+    if (!a || !b) {
+        TLSC_ERROR("Null ptr received for addr");
+        return -1;
+    }
     if (a->kind != b->kind) return -1;
 
     if (a->kind == ADDR_IPV4) return memcmp(a->ipv4, b->ipv4, sizeof(a->ipv4));

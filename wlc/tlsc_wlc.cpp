@@ -235,7 +235,10 @@ bool finish_pass(conf_pass *pass) {
 // The three passes look alike and differ in what they keep, in their texts and in the name that the texts carry.
 
 int32_t wlcSecTunProcessConf(const char *key, const char *value) {
-    if (!key || !value) { WLC_IPC_ERROR("%s() - Input parm NULL", __func__); return 0; }
+    if (!key || !value) {
+        WLC_IPC_ERROR("%s() - Input parm NULL", __func__);
+        return 0;
+    }
 
     int        id    = conf_key_invalid;
     param_text field = nullptr;
@@ -245,16 +248,13 @@ int32_t wlcSecTunProcessConf(const char *key, const char *value) {
             field = known.field;
             break;
         }
-    WLC_IPC_EVENT("%s() - On TLS Client received key value pair Key:%s,value:%s", __func__, key, printable_value(key, value));
+    WLC_IPC_EVENT("%s() - On TLS Client received key value pair Key:%s,value:%s", __func__, key,
+                  printable_value(key, value));
 
-    if (id == conf_key_invalid)
-        WLC_IPC_EVENT("Got invalid keystr:%s value:%s", key, printable_value(key, value));
-    else if (field)
-        tlsc_copy_text(params.*field, param_text_size, value);
-    else if (id == conf_key_server_port)
-        params.server_port = tlsc_decimal(value);
-    else
-        WLC_IPC_EVENT("Unknown, key value not processed keystr:%s value:%s", key, printable_value(key, value));
+    if (id == conf_key_invalid) WLC_IPC_EVENT("Got invalid keystr:%s value:%s", key, printable_value(key, value));
+    else if (field) tlsc_copy_text(params.*field, param_text_size, value);
+    else if (id == conf_key_server_port) params.server_port = tlsc_decimal(value);
+    else WLC_IPC_EVENT("Unknown, key value not processed keystr:%s value:%s", key, printable_value(key, value));
 
     (void)fflush(stdout);
     return 1;
@@ -292,7 +292,10 @@ int32_t wlcSecTunReadAllConf() {
 }
 
 int32_t wlcSecTunUpdateConf(const char *key, const char *value) {
-    if (!key || !value) { WLC_IPC_ERROR("%s() - Input parm NULL", __func__); return 0; }
+    if (!key || !value) {
+        WLC_IPC_ERROR("%s() - Input parm NULL", __func__);
+        return 0;
+    }
 
     conf_pass   pass{};
     bool        updated = false;
@@ -338,7 +341,10 @@ int32_t wlcSecTunUpdateConf(const char *key, const char *value) {
 }
 
 int32_t wlcSecTunReadConf(const char *key, char *value_out) {
-    if (!key || !value_out) { WLC_IPC_ERROR("%s() - Input parm NULL", __func__); return 0; }
+    if (!key || !value_out) {
+        WLC_IPC_ERROR("%s() - Input parm NULL", __func__);
+        return 0;
+    }
 
     conf_pass pass{};
 
@@ -412,7 +418,7 @@ static_assert(inbound_mode == 400);
 int inbound_fd = -1;  // main thread
 
 // The last message read, with one NUL more, so that a text in it always ends. Main thread.
-constexpr size_t            payload_off = offsetof(tlsc_wlc_msg, payload);
+constexpr size_t payload_off = offsetof(tlsc_wlc_msg, payload);
 alignas(tlsc_wlc_msg) char received[wlc_msg_size + 1];
 
 // Kept for the debugger; no message reports them.
@@ -493,7 +499,8 @@ int openWlcToTlscFifo() {
     inbound_fd = open(inbound_path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
     if (inbound_fd == -1) {
         const char *reason = strerror(errno);
-        WLC_IPC_ERROR("%s() - Open %s FIFO failed in O_RDONLY | O_NONBLOCK mode error:%s", __func__, inbound_path, reason);
+        WLC_IPC_ERROR("%s() - Open %s FIFO failed in O_RDONLY | O_NONBLOCK mode error:%s", __func__, inbound_path,
+                      reason);
         return 0;
     }
     WLC_IPC_EVENT("%s() - Open %s FIFO in O_RDONLY | O_NONBLOCK mode success", __func__, inbound_path);
@@ -505,19 +512,24 @@ int readFromTlscFifo() {
     memset(received, 0, sizeof(received));
     if (read(inbound_fd, received, wlc_msg_size) != static_cast<ssize_t>(wlc_msg_size)) return 0;
 
-    WLC_MSG_EVENT("%s() -on TLS client proc, read success,Rcvd message, msgId=%d", __func__, static_cast<int>(received_id()));
+    WLC_MSG_EVENT("%s() -on TLS client proc, read success,Rcvd message, msgId=%d", __func__,
+                  static_cast<int>(received_id()));
     messages_received.fetch_add(1, std::memory_order_relaxed);
     return 1;
 }
 
 int tlscWriteToWLC(const tlsc_wlc_msg *msg) {
-    if (!msg) { WLC_MSG_ERROR("%s() - Input param NULL", __func__); return 0; }
+    if (!msg) {
+        WLC_MSG_ERROR("%s() - Input param NULL", __func__);
+        return 0;
+    }
 
     WLC_MSG_EVENT("%s() ", __func__);
     const int fd = open(outbound_path, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
     if (fd == -1) {
         const char *error = strerror(errno);
-        WLC_MSG_ERROR("%s() - on TLS Client proc, Open %s FIFO failed in O_WRONLY | O_NONBLOCK mode error:%s", __func__, outbound_path, error);
+        WLC_MSG_ERROR("%s() - on TLS Client proc, Open %s FIFO failed in O_WRONLY | O_NONBLOCK mode error:%s", __func__,
+                      outbound_path, error);
         return 0;
     }
 
@@ -528,9 +540,10 @@ int tlscWriteToWLC(const tlsc_wlc_msg *msg) {
         messages_sent.fetch_add(1, std::memory_order_relaxed);
     } else {
         const char *error = strerror(errno);
-        WLC_MSG_ERROR("%s() - on TLS Client, Error writing to FIFO %s, msgId=%d, num bytes written:%d, num bytes to be written:%u, error:%s",
-                      __func__, outbound_path, static_cast<int>(msg->msgId), static_cast<int>(wrote),
-                      static_cast<unsigned>(sizeof(*msg)), error);
+        WLC_MSG_ERROR(
+            "%s() - on TLS Client, Error writing to FIFO %s, msgId=%d, num bytes written:%d, num bytes to be written:%u, error:%s",
+            __func__, outbound_path, static_cast<int>(msg->msgId), static_cast<int>(wrote),
+            static_cast<unsigned>(sizeof(*msg)), error);
         send_failures.fetch_add(1, std::memory_order_relaxed);
     }
 
@@ -667,7 +680,8 @@ uint8_t tlscWlcGetSecTunFeatureStatus() { return feature_status.load(std::memory
 int tlscWlcSetTunState(int state, int cause) {
     const int32_t current = reported_state.load(std::memory_order_relaxed);
 
-    WLC_MSG_EVENT("%s() - tunnel state change update, current state:%s, new state:%s, cause:%d", __func__, state_name(current), state_name(state), cause);
+    WLC_MSG_EVENT("%s() - tunnel state change update, current state:%s, new state:%s, cause:%d", __func__,
+                  state_name(current), state_name(state), cause);
     if (state == current) {
         WLC_MSG_EVENT("Tunnel is already in the same state:%s", state_name(state));
         return 1;
@@ -675,11 +689,13 @@ int tlscWlcSetTunState(int state, int cause) {
 
     // By contract: the two lines name the new state as the current one.
     if (state == state_up) {
-        WLC_MSG_EVENT("%s() - tunnel current state:%s, new state:UP, posting an event:%s to WLC Fifo", __func__, "UP", tlscWlcMsgName(WLC_SEC_TUN_MSG_TLSC_TUN_UP));
+        WLC_MSG_EVENT("%s() - tunnel current state:%s, new state:UP, posting an event:%s to WLC Fifo", __func__, "UP",
+                      tlscWlcMsgName(WLC_SEC_TUN_MSG_TLSC_TUN_UP));
         reported_state.store(state_up, std::memory_order_relaxed);
         (void)tlscWlcPostTlscStateChangeMsg(state_up, cause);
     } else if (state == state_down) {
-        WLC_MSG_ERROR("%s() - tunnel current state:%s, new state:DOWN, errCause:%d, posting an event:%s to WLC Fifo", __func__, "DOWN", cause, tlscWlcMsgName(WLC_SEC_TUN_MSG_TLSC_TUN_DOWN));
+        WLC_MSG_ERROR("%s() - tunnel current state:%s, new state:DOWN, errCause:%d, posting an event:%s to WLC Fifo",
+                      __func__, "DOWN", cause, tlscWlcMsgName(WLC_SEC_TUN_MSG_TLSC_TUN_DOWN));
         reported_state.store(state_down, std::memory_order_relaxed);
         (void)tlscWlcPostTlscStateChangeMsg(state_down, cause);
     } else {
@@ -737,7 +753,10 @@ int tlscWlcPostTlscProcDbgInfoUpdateMsg() {
 }
 
 int tlscWlcPostInnerIpUpdateMsg(const char *ip) {
-    if (!ip) { WLC_MSG_ERROR("%s() - Input param NULL", __func__); return 0; }
+    if (!ip) {
+        WLC_MSG_ERROR("%s() - Input param NULL", __func__);
+        return 0;
+    }
 
     WLC_MSG_EVENT("%s() - inner ip update, ip:%s", __func__, ip);
     tlsc_wlc_msg msg = info_message(WLC_INFO_INNER_IP);
@@ -747,7 +766,10 @@ int tlscWlcPostInnerIpUpdateMsg(const char *ip) {
 }
 
 int tlscWlcPostCloudDnsSvrInfoUpdateMsg(const tlsc_dns_list *list) {
-    if (!list) { WLC_MSG_ERROR("%s() - Input param NULL", __func__); return 0; }
+    if (!list) {
+        WLC_MSG_ERROR("%s() - Input param NULL", __func__);
+        return 0;
+    }
 
     // By contract: the count goes out as given, however many entries there are.
     const size_t entries = list->count < max_dns_servers ? list->count : max_dns_servers;
@@ -783,12 +805,8 @@ struct debug_word {
 };
 
 constexpr debug_word level_words[] = {
-    {"errors", LOG_ERRORS},
-    {"warnings", LOG_WARNINGS},
-    {"info", LOG_INFO},
-    {"debug", LOG_DEBUG},
-    {"ssl-dbg", LOG_SSL_DBG},
-    {"buf-print", LOG_BUF_PRINT},
+    {"errors", LOG_ERRORS}, {"warnings", LOG_WARNINGS}, {"info", LOG_INFO},
+    {"debug", LOG_DEBUG},   {"ssl-dbg", LOG_SSL_DBG},   {"buf-print", LOG_BUF_PRINT},
 };
 
 constexpr debug_word dest_words[] = {
@@ -865,13 +883,15 @@ int tlscWlcMsgRcvSecTunReStart() {
 }
 
 void tlscWlcSetDebugParams() {
-    WLC_MSG_EVENT("%s() - On TLS Client, setting TLSC debug parameters message, level:%s, destination:%s", __func__, params.log_level, params.log_dest);
+    WLC_MSG_EVENT("%s() - On TLS Client, setting TLSC debug parameters message, level:%s, destination:%s", __func__,
+                  params.log_level, params.log_dest);
 
     if (params.log_level[0] != '\0') {
         int32_t level = value_of_word(level_words, params.log_level);
         if (level == unknown_word) {
             level = LOG_ERRORS;
-            WLC_MSG_ERROR("%s() - TLS Client, invalid debug level:%s, setting default level: error", __func__, params.log_level);
+            WLC_MSG_ERROR("%s() - TLS Client, invalid debug level:%s, setting default level: error", __func__,
+                          params.log_level);
         }
         tlsc_post_log_level(level);
     }
@@ -879,7 +899,8 @@ void tlscWlcSetDebugParams() {
         int32_t dest = value_of_word(dest_words, params.log_dest);
         if (dest == unknown_word) {
             dest = LOG_DEST_FILE;
-            WLC_MSG_ERROR("%s() - TLS Client, invalid debug destination:%s, setting default :file", __func__, params.log_dest);
+            WLC_MSG_ERROR("%s() - TLS Client, invalid debug destination:%s, setting default :file", __func__,
+                          params.log_dest);
         }
         tlsc_post_log_dest(dest);
     }
@@ -891,14 +912,18 @@ int tlscWlcMsgRcvTlscDebugsSetHandler() {
     tlsc_copy_text(category, sizeof(category), received_text(offsetof(wlc_debug_set, category)));
     tlsc_copy_text(value, sizeof(value), received_text(offsetof(wlc_debug_set, value)));
 
-    WLC_MSG_EVENT("%s() - On TLS Client, Received  TLS client debugs set message, category:%s, level:%s", __func__, category, value);
+    WLC_MSG_EVENT("%s() - On TLS Client, Received  TLS client debugs set message, category:%s, level:%s", __func__,
+                  category, value);
     const bool    is_level = begins_with(category, "level");
     const bool    is_dest  = !is_level && begins_with(category, "destination");
-    const int32_t setting  = is_level ? value_of_word(level_words, value) : is_dest ? value_of_word(dest_words, value) : unknown_word;
+    const int32_t setting  = is_level  ? value_of_word(level_words, value)
+                             : is_dest ? value_of_word(dest_words, value)
+                                       : unknown_word;
 
     if (setting == unknown_word) {
         // By contract: the arguments stand one place early, and another category than the two is no failure.
-        WLC_MSG_ERROR("%s() - TLS Client, debug set msg received, invalid params,category:%s, level:%s", category, value, "");
+        WLC_MSG_ERROR("%s() - TLS Client, debug set msg received, invalid params,category:%s, level:%s", category,
+                      value, "");
         return is_level || is_dest ? 0 : 1;
     }
     if (is_level) {
@@ -969,13 +994,13 @@ int wlcTlscFifoHandler() {
             WLC_IPC_EVENT("Received Hello from WLC");
             (void)tlscPostMsgToWlc(WLC_SEC_TUN_MSG_HELLO);
             break;
-        case WLC_SEC_TUN_MSG_TLSC_TUN_START:    (void)tlscWlcMsgRcvSecTunStart(); break;
-        case WLC_SEC_TUN_MSG_TLSC_TUN_STOP:     (void)tlscWlcMsgRcvSecTunStop(); break;
-        case WLC_SEC_TUN_MSG_TLSC_TUN_RESTART:  (void)tlscWlcMsgRcvSecTunReStart(); break;
-        case WLC_SEC_TUN_MSG_TLSC_GW_FQDN_RES:  (void)tlscWlcMsgRcvTlsGwFqdnResolveResHandler(); break;
-        case WLC_SEC_TUN_MSG_TLSC_DEBUG_SET:    (void)tlscWlcMsgRcvTlscDebugsSetHandler(); break;
-        case WLC_MSG_STATS_REQ:                 (void)tlscWlcMsgRcvTlscStatsRequestHandler(); break;
-        case WLC_MSG_STATS_CLEAR:               (void)tlscWlcMsgRcvTlscStatsClearHandler(); break;
+        case WLC_SEC_TUN_MSG_TLSC_TUN_START: (void)tlscWlcMsgRcvSecTunStart(); break;
+        case WLC_SEC_TUN_MSG_TLSC_TUN_STOP: (void)tlscWlcMsgRcvSecTunStop(); break;
+        case WLC_SEC_TUN_MSG_TLSC_TUN_RESTART: (void)tlscWlcMsgRcvSecTunReStart(); break;
+        case WLC_SEC_TUN_MSG_TLSC_GW_FQDN_RES: (void)tlscWlcMsgRcvTlsGwFqdnResolveResHandler(); break;
+        case WLC_SEC_TUN_MSG_TLSC_DEBUG_SET: (void)tlscWlcMsgRcvTlscDebugsSetHandler(); break;
+        case WLC_MSG_STATS_REQ: (void)tlscWlcMsgRcvTlscStatsRequestHandler(); break;
+        case WLC_MSG_STATS_CLEAR: (void)tlscWlcMsgRcvTlscStatsClearHandler(); break;
         case WLC_SEC_TUN_MSG_TLSC_DBG_INFO_REQ: (void)tlscWlcMsgRcvTlscDbgInfoReqHandler(); break;
         default:
             // By contract: message 31 bears the name of an exit and is none.

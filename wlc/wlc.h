@@ -5,8 +5,8 @@
 
 // Message identifiers. The name table of the catalogue stands in tlsc_wlc.cpp.
 enum wlc_msg_id : uint32_t {
-    WLC_SEC_TUN_MSG_HELLO                = 1,   // both ways; answered with HELLO
-    WLC_SEC_TUN_MSG_BOOTUP               = 2,   // 2 to 7: not handled
+    WLC_SEC_TUN_MSG_HELLO                = 1,  // both ways; answered with HELLO
+    WLC_SEC_TUN_MSG_BOOTUP               = 2,  // 2 to 7: not handled
     WLC_SEC_TUN_MSG_ENABLE               = 3,
     WLC_SEC_TUN_MSG_DISABLE              = 4,
     WLC_SEC_TUN_MSG_TUN_RESTART          = 5,

@@ -54,7 +54,8 @@ bool make_interface() {
     tlsc_session *session = tlsc_init_session();
     tlsc_attach_session(tlsc_get_sock());
     session->tun_fd = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
-    return show("interface", tlsc_create_tun(session)) == 1 && tlsc_add_fd_to_epoll(tlsc_epoll_fd, session->tun_fd) == 1;
+    return show("interface", tlsc_create_tun(session)) == 1 &&
+           tlsc_add_fd_to_epoll(tlsc_epoll_fd, session->tun_fd) == 1;
 }
 
 // The response to the request that the connection has sent.

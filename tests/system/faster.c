@@ -37,7 +37,8 @@ unsigned sleep(unsigned seconds) {
 
 int timerfd_settime(int fd, int flags, const struct itimerspec *wanted, struct itimerspec *old) {
     static int (*real)(int, int, const struct itimerspec *, struct itimerspec *);
-    if (!real) real = (int (*)(int, int, const struct itimerspec *, struct itimerspec *))dlsym(RTLD_NEXT, "timerfd_settime");
+    if (!real)
+        real = (int (*)(int, int, const struct itimerspec *, struct itimerspec *))dlsym(RTLD_NEXT, "timerfd_settime");
     struct itimerspec shorter = *wanted;
     shorter.it_value          = shorten(wanted->it_value);
     shorter.it_interval       = shorten(wanted->it_interval);

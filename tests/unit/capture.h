@@ -55,7 +55,7 @@ struct text_reader {
     }
     unsigned number_up_to(char end) {
         const std::string digits = up_to(end);
-        ok                       = ok && digits.size() < 10 && digits.find_first_not_of("0123456789") == std::string::npos;
+        ok = ok && digits.size() < 10 && digits.find_first_not_of("0123456789") == std::string::npos;
         return ok ? static_cast<unsigned>(std::stoul(digits)) : 0;
     }
     // "2024-01-31_23_59_07", whichever time it is.
@@ -102,7 +102,8 @@ inline bool parse_log_line(const std::string &text, log_line *out) {
 
     const std::string &word       = out->severity;
     const bool         known_word = out->plain ? word == "EVENT" || word == "ERROR"
-                                               : word == "ERROR" || word == "WARNING" || word == "INFO" || word == "DEBUG" || word == "SSL_DEBUG";
+                                               : word == "ERROR" || word == "WARNING" || word == "INFO" || word == "DEBUG" ||
+                                             word == "SSL_DEBUG";
     return in.ok && known_word;
 }
 
@@ -116,7 +117,8 @@ inline bool is_log_line(const std::string &text, const std::string &severity, co
 }
 
 struct log_capture {
-    explicit log_capture(int32_t level = LOG_DEBUG) : old_level_(tlsc_log_level.load()), old_dest_(tlsc_log_dest.load()) {
+    explicit log_capture(int32_t level = LOG_DEBUG)
+        : old_level_(tlsc_log_level.load()), old_dest_(tlsc_log_dest.load()) {
         fflush(stdout);
         memory_ = memfd_create("log_capture", MFD_CLOEXEC);
         stdout_ = dup(STDOUT_FILENO);
@@ -188,7 +190,8 @@ struct log_capture {
                  const std::string &message) const {
         size_t n = 0;
         for (const log_line &line : entries())
-            n += !line.plain && line.severity == severity && line.file == file && line.function == function && line.message == message;
+            n += !line.plain && line.severity == severity && line.file == file && line.function == function &&
+                 line.message == message;
         return n;
     }
     bool has(const std::string &severity, const std::string &file, const std::string &function,
@@ -199,7 +202,8 @@ struct log_capture {
     // How often exactly this message went over the controller interface's plain path; kind is "EVENT" or "ERROR".
     size_t count_plain(const std::string &kind, const std::string &path, const std::string &message) const {
         size_t n = 0;
-        for (const log_line &line : entries()) n += line.plain && line.severity == kind && line.file == path && line.message == message;
+        for (const log_line &line : entries())
+            n += line.plain && line.severity == kind && line.file == path && line.message == message;
         return n;
     }
 
@@ -213,8 +217,8 @@ private:
         return st.st_size;
     }
     std::string read_memory(off_t from) const {
-        std::string  all(static_cast<size_t>(size() - from), '\0');
-        const auto   got = pread(memory_, all.data(), all.size(), from);
+        std::string all(static_cast<size_t>(size() - from), '\0');
+        const auto  got = pread(memory_, all.data(), all.size(), from);
         if (got != static_cast<ssize_t>(all.size())) abort();
         return all;
     }
@@ -224,7 +228,8 @@ private:
         while (from != std::string::npos) {
             const size_t to = next_header(all, from + 1);
             log_line     line;
-            if (parse_log_line(all.substr(from + 1, to == std::string::npos ? to : to - from - 1), &line)) found.push_back(line);
+            if (parse_log_line(all.substr(from + 1, to == std::string::npos ? to : to - from - 1), &line))
+                found.push_back(line);
             from = to;
         }
         return found;

@@ -32,7 +32,7 @@ public:
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         memcpy(address.sun_path, path.data(), path.size());
-        m_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        m_fd      = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         m_is_open = connect(m_fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
     }
     ~connection() { close(m_fd); }
@@ -50,8 +50,8 @@ public:
                 m_in.erase(0, end + 1);
                 return json::parse(line);
             }
-            pollfd state = {m_fd, POLLIN, 0};
-            char bytes[65536];
+            pollfd  state = {m_fd, POLLIN, 0};
+            char    bytes[65536];
             ssize_t n = poll(&state, 1, patience) == 1 ? recv(m_fd, bytes, sizeof bytes, 0) : 0;
             if (n <= 0) return nullptr;
             m_in.append(bytes, static_cast<size_t>(n));
@@ -63,21 +63,21 @@ public:
     }
 
 private:
-    int m_fd;
-    bool m_is_open;
+    int         m_fd;
+    bool        m_is_open;
     std::string m_in;
 };
 
 class controller_agent : public ::testing::Test {
 protected:
     controller_agent() {
-        char name[] = "/tmp/controller_agent_XXXXXX";
-        directory = mkdtemp(name);
-        options.socket = directory / "socket";
+        char name[]         = "/tmp/controller_agent_XXXXXX";
+        directory           = mkdtemp(name);
+        options.socket      = directory / "socket";
         options.from_daemon = directory / "from";
-        options.to_daemon = directory / "to";
-        options.conf = directory / "conf";
-        options.as_json = true;
+        options.to_daemon   = directory / "to";
+        options.conf        = directory / "conf";
+        options.as_json     = true;
     }
     ~controller_agent() override {
         if (agent > 0) {
@@ -130,7 +130,7 @@ protected:
     std::vector<uint32_t> ids_until(uint32_t last, record *found = nullptr) {
         std::vector<uint32_t> ids;
         for (int i = 0; i < patience / 10; i++) {
-            record r;
+            record  r;
             ssize_t n;
             while ((n = read(daemon_fd, r.data(), r.size())) > 0) {
                 EXPECT_EQ(n, 520);
@@ -153,7 +153,7 @@ protected:
         connection c(options.socket);
         return c.ask({{"verb", "events"}, {"follow", true}, {"kinds", {kind}}, {"since", since}, {"count", 1}});
     }
-    json ask(const json &request) { return connection(options.socket).ask(request); }
+    json        ask(const json &request) { return connection(options.socket).ask(request); }
     std::string content(const char *name) {
         std::ifstream in(directory / name);
         return {std::istreambuf_iterator<char>(in), {}};
@@ -165,9 +165,9 @@ protected:
     }
 
     agent_options options;
-    fs::path directory;
-    pid_t agent = 0;
-    int daemon_fd = -1;
+    fs::path      directory;
+    pid_t         agent     = 0;
+    int           daemon_fd = -1;
 };
 
 }  // namespace
@@ -221,11 +221,29 @@ TEST_F(controller_agent, writes_nothing_into_a_file_that_lies_in_the_pipes_place
 TEST_F(controller_agent, answers_every_malformed_line_and_lives) {
     start_agent();
     connection c(options.socket);
-    for (const char *line : {"x", "[]", "17", "null", "\"status\"", "{", "{}", "{\"verb\":1}", "{\"verb\":\"none\"}", "{\"verb\":\"start\",\"wait\":\"x\"}",
-                             "{\"verb\":\"start\",\"wait\":-1}", "{\"verb\":\"start\",\"wait\":1e300}", "{\"verb\":\"wait\"}", "{\"verb\":\"wait\",\"state\":\"sideways\"}",
-                             "{\"verb\":\"events\",\"since\":-1}", "{\"verb\":\"events\",\"kinds\":[1]}", "{\"verb\":\"events\",\"follow\":1}",
-                             "{\"verb\":\"stats\",\"fresh\":true,\"clear\":true}", "{\"verb\":\"debug\"}", "{\"verb\":\"debug\",\"category\":\"level\",\"value\":\"error\"}",
-                             "{\"verb\":\"resolve\",\"address\":\"gw\"}", "\xff\xfe\x01", "{\"verb\":\"\xff\"}"}) {
+    for (const char *line : {"x",
+                             "[]",
+                             "17",
+                             "null",
+                             "\"status\"",
+                             "{",
+                             "{}",
+                             "{\"verb\":1}",
+                             "{\"verb\":\"none\"}",
+                             "{\"verb\":\"start\",\"wait\":\"x\"}",
+                             "{\"verb\":\"start\",\"wait\":-1}",
+                             "{\"verb\":\"start\",\"wait\":1e300}",
+                             "{\"verb\":\"wait\"}",
+                             "{\"verb\":\"wait\",\"state\":\"sideways\"}",
+                             "{\"verb\":\"events\",\"since\":-1}",
+                             "{\"verb\":\"events\",\"kinds\":[1]}",
+                             "{\"verb\":\"events\",\"follow\":1}",
+                             "{\"verb\":\"stats\",\"fresh\":true,\"clear\":true}",
+                             "{\"verb\":\"debug\"}",
+                             "{\"verb\":\"debug\",\"category\":\"level\",\"value\":\"error\"}",
+                             "{\"verb\":\"resolve\",\"address\":\"gw\"}",
+                             "\xff\xfe\x01",
+                             "{\"verb\":\"\xff\"}"}) {
         c.say(std::string(line) + "\n");
         json answer = c.hear();
         ASSERT_TRUE(answer.is_object()) << line;
@@ -319,12 +337,13 @@ TEST_F(controller_agent, leaves_a_query_unanswered_when_the_lookup_fails) {
 TEST_F(controller_agent, runs_hooks_in_order_one_at_a_time_with_the_facts) {
     std::ofstream(options.conf) << "tun_interface_name;tls0;1\nmanagement_ip;10.1.1.1;1\n";
     std::string log = directory / "log";
-    options.on_up = "echo begin $TLSC_EVENT >>" + log + "; sleep 0.3; echo $TLSC_STATE $TLSC_SOURCE $TLSC_INNER_IP $TLSC_TUN $TLSC_MANAGEMENT_IP >>" + log;
+    options.on_up   = "echo begin $TLSC_EVENT >>" + log +
+                    "; sleep 0.3; echo $TLSC_STATE $TLSC_SOURCE $TLSC_INNER_IP $TLSC_TUN $TLSC_MANAGEMENT_IP >>" + log;
     options.on_down = "echo $TLSC_EVENT $TLSC_CAUSE >>" + log;
     start_daemon();
     start_agent();
     record inner = encode(msg_info_update);
-    inner[8] = 1;
+    inner[8]     = 1;
     memcpy(inner.data() + 16, "10.8.0.2", 8);
     report(inner);
     report(encode(msg_tun_up));
@@ -337,7 +356,7 @@ TEST_F(controller_agent, runs_hooks_in_order_one_at_a_time_with_the_facts) {
 
 TEST_F(controller_agent, ends_a_hook_that_takes_too_long_with_all_its_children) {
     options.hook_timeout = 0.2;
-    options.on_up = "sleep 1000 & echo $! >" + (directory / "pid").string() + "; wait";
+    options.on_up        = "sleep 1000 & echo $! >" + (directory / "pid").string() + "; wait";
     start_daemon();
     start_agent();
     report(encode(msg_tun_up));
@@ -347,7 +366,7 @@ TEST_F(controller_agent, ends_a_hook_that_takes_too_long_with_all_its_children) 
     usleep(50000);
     // The child may be a zombie when nobody collects orphans here; running it must not be.
     std::ifstream stat_file("/proc/" + std::to_string(std::stoi(content("pid"))) + "/stat");
-    std::string pid, name, state = "gone";
+    std::string   pid, name, state = "gone";
     stat_file >> pid >> name >> state;
     EXPECT_TRUE(state == "gone" || state == "Z") << state;
 }
@@ -424,8 +443,8 @@ TEST_F(controller_agent, statistics_are_fresh_disabled_or_unanswered) {
     c.say({{"verb", "stats"}, {"fresh", true}});
     ids_until(msg_process_query);
     record statistics = encode(msg_info_update);
-    statistics[8] = 33;
-    statistics[24] = 7;
+    statistics[8]     = 33;
+    statistics[24]    = 7;
     report(statistics);
     report_pid(getpid());
     json answer = c.hear();
@@ -460,7 +479,7 @@ TEST_F(controller_agent, a_full_pipe_is_a_failure_and_blocks_nothing) {
     start_daemon();
     start_agent();
     connection c(options.socket);
-    json answer;
+    json       answer;
     for (int i = 0; i < 200; i++)
         if (answer = c.ask({{"verb", "debug"}, {"category", "level"}, {"value", "info"}}); answer["exit"] != 0) break;
     EXPECT_EQ(answer["exit"], 1);

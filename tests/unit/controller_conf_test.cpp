@@ -41,9 +41,9 @@ class controller_conf_file : public ::testing::Test {
 protected:
     controller_conf_file() {
         char name[] = "/tmp/controller_conf_XXXXXX";
-        directory = mkdtemp(name);
-        path = directory / "tun.conf";
-        temp = directory / "tun-temp.conf";
+        directory   = mkdtemp(name);
+        path        = directory / "tun.conf";
+        temp        = directory / "tun-temp.conf";
     }
     ~controller_conf_file() override { fs::remove_all(directory); }
 
@@ -56,17 +56,18 @@ const conf_values two = {{"server_ip_address", "192.0.2.1"}, {"psk_key", "secret
 
 }  // namespace
 
-TEST(controller_conf, there_are_13_keys) {
-    EXPECT_EQ(conf_keys.size(), 13u);
-}
+TEST(controller_conf, there_are_13_keys) { EXPECT_EQ(conf_keys.size(), 13u); }
 
 TEST(controller_conf, a_value_has_no_semicolon_no_line_end_and_is_not_empty) {
     EXPECT_TRUE(is_accepted("psk_key", "a b#c"));
-    for (const char *bad : {"", "a;b", "a\nb", "a\rb", "a\tb", "a\x7f"}) EXPECT_FALSE(is_accepted("psk_key", bad)) << bad;
+    for (const char *bad : {"", "a;b", "a\nb", "a\rb", "a\tb", "a\x7f"})
+        EXPECT_FALSE(is_accepted("psk_key", bad)) << bad;
 }
 
 TEST(controller_conf, values_have_the_lengths_that_the_daemon_keeps) {
-    const std::pair<const char *, size_t> limits[] = {{"psk_key", 63}, {"psk_identity", 63}, {"cipher_algo", 49}, {"device_id", 16}, {"serial_num", 16}, {"system_name", 50}, {"tun_interface_name", 15}, {"server_ip_address", 49}};
+    const std::pair<const char *, size_t> limits[] = {
+        {"psk_key", 63},    {"psk_identity", 63}, {"cipher_algo", 49},        {"device_id", 16},
+        {"serial_num", 16}, {"system_name", 50},  {"tun_interface_name", 15}, {"server_ip_address", 49}};
     for (const auto &[key, limit] : limits) {
         EXPECT_TRUE(is_accepted(key, std::string(limit, 'x'))) << key;
         EXPECT_FALSE(is_accepted(key, std::string(limit + 1, 'x'))) << key;
@@ -75,13 +76,15 @@ TEST(controller_conf, values_have_the_lengths_that_the_daemon_keeps) {
 
 TEST(controller_conf, a_port_is_a_number_from_1_to_65535) {
     for (const char *good : {"1", "443", "65535"}) EXPECT_TRUE(is_accepted("server_port", good)) << good;
-    for (const char *bad : {"0", "65536", "-1", "+1", "443 ", "0443", "http", "99999999999999999999"}) EXPECT_FALSE(is_accepted("server_port", bad)) << bad;
+    for (const char *bad : {"0", "65536", "-1", "+1", "443 ", "0443", "http", "99999999999999999999"})
+        EXPECT_FALSE(is_accepted("server_port", bad)) << bad;
 }
 
 TEST(controller_conf, addresses_are_ipv4_and_only_the_gateway_may_be_a_name) {
     EXPECT_EQ(warning_of("server_ip_address", "192.0.2.1"), "");
     EXPECT_NE(warning_of("server_ip_address", "gw-1.example.net"), "");
-    for (const char *bad : {"192.0.2", "192.0.2.256", "2001:db8::1", "-gw", "gw..net", "gw_1", "gw net"}) EXPECT_FALSE(is_accepted("server_ip_address", bad)) << bad;
+    for (const char *bad : {"192.0.2", "192.0.2.256", "2001:db8::1", "-gw", "gw..net", "gw_1", "gw net"})
+        EXPECT_FALSE(is_accepted("server_ip_address", bad)) << bad;
     EXPECT_TRUE(is_accepted("management_ip", "10.0.0.1"));
     EXPECT_FALSE(is_accepted("management_ip", "device.example"));
     EXPECT_FALSE(is_accepted("management_ip", "10.0.0.1 "));
@@ -90,7 +93,8 @@ TEST(controller_conf, addresses_are_ipv4_and_only_the_gateway_may_be_a_name) {
 
 TEST(controller_conf, an_interface_name_is_safe_in_a_command_line) {
     for (const char *good : {"tun0", "tls-1.a_b", "A"}) EXPECT_TRUE(is_accepted("tun_interface_name", good)) << good;
-    for (const char *bad : {"-tun", "tun%d", "a b", "a;b", "$(id)", "a/b", ".", ".."}) EXPECT_FALSE(is_accepted("tun_interface_name", bad)) << bad;
+    for (const char *bad : {"-tun", "tun%d", "a b", "a;b", "$(id)", "a/b", ".", ".."})
+        EXPECT_FALSE(is_accepted("tun_interface_name", bad)) << bad;
 }
 
 TEST(controller_conf, words_of_level_and_destination_match_whole) {
@@ -102,7 +106,8 @@ TEST(controller_conf, words_of_level_and_destination_match_whole) {
 
 TEST(controller_conf, lines_are_read_as_the_daemon_reads_them) {
     size_t skipped = 0;
-    auto entries = parse_conf("\n# a;b;1\nserver_port;8443;1\npsk_key;x\n;;device_id;;d1;0;rest\nkey;;1\nlast;one;1", skipped);
+    auto   entries = parse_conf("\n# a;b;1\nserver_port;8443;1\npsk_key;x\n;;device_id;;d1;0;rest\nkey;;1\nlast;one;1",
+                                skipped);
     ASSERT_EQ(entries.size(), 3u);
     EXPECT_EQ(entries[0].key, "server_port");
     EXPECT_EQ(entries[0].value, "8443");
@@ -116,7 +121,7 @@ TEST(controller_conf, lines_are_read_as_the_daemon_reads_them) {
 
 TEST(controller_conf, a_line_above_511_characters_is_several_lines) {
     size_t skipped = 0;
-    auto entries = parse_conf("k;" + std::string(600, 'v') + ";1\n", skipped);
+    auto   entries = parse_conf("k;" + std::string(600, 'v') + ";1\n", skipped);
     EXPECT_TRUE(entries.empty());
     EXPECT_EQ(skipped, 2u);
 }

@@ -8,9 +8,7 @@ using namespace wlcctl;
 
 namespace {
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
 }  // namespace
 
@@ -27,9 +25,9 @@ TEST(controller_present, a_duration_has_two_units_at_most) {
 }
 
 TEST(controller_present, an_unknown_tunnel_is_shown_as_unknown) {
-    event_log log;
+    event_log        log;
     controller_state state(log, [] { return false; });
-    json answer = {{"verb", "status"}};
+    json             answer = {{"verb", "status"}};
     answer.update(state.describe(moment{1, 0}));
     std::string text = answer_text(answer);
     EXPECT_TRUE(contains(text, "Tunnel        unknown"));
@@ -39,9 +37,9 @@ TEST(controller_present, an_unknown_tunnel_is_shown_as_unknown) {
 }
 
 TEST(controller_present, a_value_shows_its_source_and_age) {
-    event_log log;
+    event_log        log;
     controller_state state(log, [] { return false; });
-    message up;
+    message          up;
     up.kind = report::up;
     state.on_message(up, moment{100, 0});
     json answer = {{"verb", "status"}};
@@ -50,8 +48,11 @@ TEST(controller_present, a_value_shows_its_source_and_age) {
 }
 
 TEST(controller_present, an_answer_without_the_expected_members_is_no_accident) {
-    for (const char *answer : {"{}", "{\"verb\":\"status\"}", "{\"verb\":\"status\",\"tunnel\":null}", "{\"verb\":\"stats\",\"statistics\":7}", "{\"verb\":\"status\",\"tunnel\":{\"last\":7,\"since\":1,\"age\":\"x\"},\"statistics\":{\"value\":7}}", "{\"verb\":\"events\",\"events\":null}",
-                               "{\"verb\":\"conf show\"}", "{\"verb\":\"info\",\"exit\":0}"})
+    for (const char *answer :
+         {"{}", "{\"verb\":\"status\"}", "{\"verb\":\"status\",\"tunnel\":null}",
+          "{\"verb\":\"stats\",\"statistics\":7}",
+          "{\"verb\":\"status\",\"tunnel\":{\"last\":7,\"since\":1,\"age\":\"x\"},\"statistics\":{\"value\":7}}",
+          "{\"verb\":\"events\",\"events\":null}", "{\"verb\":\"conf show\"}", "{\"verb\":\"info\",\"exit\":0}"})
         EXPECT_NO_THROW(answer_text(json::parse(answer))) << answer;
     EXPECT_NO_THROW(event_text(json::parse("{\"event\":1}")));
 }

@@ -10,10 +10,10 @@ namespace {
 
 class controller_state_of : public ::testing::Test {
 protected:
-    event_log log;
-    bool is_alive = false;
+    event_log        log;
+    bool             is_alive = false;
     controller_state state{log, [this] { return is_alive; }};
-    moment now{1000, 1700000000000};
+    moment           now{1000, 1700000000000};
 
     void pass(double seconds) {
         now.mono += seconds;
@@ -29,16 +29,16 @@ protected:
     void hear_dns(std::vector<std::string> servers) {
         pass(0.01);
         message m;
-        m.kind = report::dns;
+        m.kind      = report::dns;
         m.dns_count = static_cast<uint32_t>(servers.size());
-        m.servers = std::move(servers);
+        m.servers   = std::move(servers);
         state.on_message(m, now);
     }
     void hear_pid(int32_t pid) {
         pass(0.01);
         message m;
         m.kind = report::process;
-        m.pid = pid;
+        m.pid  = pid;
         state.on_message(m, now);
     }
     void say(uint32_t id) {
@@ -59,7 +59,7 @@ protected:
         for (const trigger &t : state.take_triggers()) kinds.push_back(t.kind);
         return kinds;
     }
-    json fact_of(const char *name) { return state.describe(now)[name]; }
+    json   fact_of(const char *name) { return state.describe(now)[name]; }
     size_t events(const std::string &kind) {
         size_t n = 0;
         log.each_since(0, [&](const event &e) { return n += e.kind == kind, true; });
@@ -353,6 +353,4 @@ TEST(controller_events, time_is_utc_with_milliseconds) {
     EXPECT_EQ(wall_text(1700000000007), "2023-11-14T22:13:20.007Z");
 }
 
-TEST(controller_events, bytes_that_are_no_utf8_do_not_throw) {
-    EXPECT_NE(json_line({{"id", "\xff\xfe"}}), "");
-}
+TEST(controller_events, bytes_that_are_no_utf8_do_not_throw) { EXPECT_NE(json_line({{"id", "\xff\xfe"}}), ""); }

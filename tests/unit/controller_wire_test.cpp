@@ -46,7 +46,8 @@ TEST(controller_wire, a_text_of_511_characters_fits_and_512_is_cut_to_keep_the_n
 
 TEST(controller_wire, debug_settings_lie_at_8_and_72) {
     EXPECT_EQ(encode_debug("level", "ssl-dbg"), bytes_of(29, {{8, "level"}, {72, "ssl-dbg"}}));
-    EXPECT_EQ(encode_debug(std::string(64, 'c'), std::string(64, 'v')), bytes_of(29, {{8, std::string(63, 'c')}, {72, std::string(63, 'v')}}));
+    EXPECT_EQ(encode_debug(std::string(64, 'c'), std::string(64, 'v')),
+              bytes_of(29, {{8, std::string(63, 'c')}, {72, std::string(63, 'v')}}));
 }
 
 TEST(controller_wire, simple_reports_are_told_apart_by_their_id) {
@@ -87,11 +88,12 @@ TEST(controller_wire, an_inner_address_lies_at_16_and_must_be_an_address) {
 }
 
 TEST(controller_wire, dns_servers_are_entries_of_20_bytes_from_offset_20) {
-    message m = decode(bytes_of(30, {{16, raw({3, 0})},
-                                     {20, raw({0, 0, 0, 0, 8, 8, 4, 4})},
-                                     {40, raw({1, 0, 0, 0, 0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})},
-                                     {60, raw({0, 0, 0, 0, 9, 9, 9, 9})},
-                                     {80, raw({0, 0, 0, 0, 7, 7, 7, 7})}}));
+    message m = decode(
+        bytes_of(30, {{16, raw({3, 0})},
+                      {20, raw({0, 0, 0, 0, 8, 8, 4, 4})},
+                      {40, raw({1, 0, 0, 0, 0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})},
+                      {60, raw({0, 0, 0, 0, 9, 9, 9, 9})},
+                      {80, raw({0, 0, 0, 0, 7, 7, 7, 7})}}));
     EXPECT_EQ(m.kind, report::dns);
     EXPECT_EQ(m.dns_count, 3u);
     EXPECT_EQ(m.servers, (std::vector<std::string>{"8.8.4.4", "2001:db8::1", "9.9.9.9"}));
@@ -108,7 +110,10 @@ TEST(controller_wire, a_dns_count_above_four_is_kept_but_four_entries_are_read) 
 }
 
 TEST(controller_wire, statistics_are_31_numbers_of_8_bytes_from_offset_16) {
-    message m = decode(bytes_of(30, {{8, raw({33})}, {16, raw({1, 2})}, {16 + 30 * 8, raw({0, 0, 0, 0, 0, 0, 0, 0x80})}, {16 + 31 * 8, raw({0xff})}}));
+    message m = decode(bytes_of(30, {{8, raw({33})},
+                                     {16, raw({1, 2})},
+                                     {16 + 30 * 8, raw({0, 0, 0, 0, 0, 0, 0, 0x80})},
+                                     {16 + 31 * 8, raw({0xff})}}));
     EXPECT_EQ(m.kind, report::statistics);
     EXPECT_EQ(m.values[0], 0x201u);
     EXPECT_EQ(m.values[1], 0u);
@@ -133,7 +138,7 @@ TEST(controller_wire, a_process_id_is_signed_and_lies_at_8) {
 
 TEST(controller_wire, several_records_of_one_read_are_cut_in_order) {
     std::vector<record> out;
-    auto all = join({bytes_of(1), bytes_of(24), bytes_of(27)});
+    auto                all = join({bytes_of(1), bytes_of(24), bytes_of(27)});
     EXPECT_EQ(split_records(all.data(), all.size(), out), 0u);
     ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(out[1], bytes_of(24));
@@ -141,7 +146,7 @@ TEST(controller_wire, several_records_of_one_read_are_cut_in_order) {
 
 TEST(controller_wire, a_rest_shorter_than_a_record_is_dropped) {
     std::vector<record> out;
-    auto all = join({bytes_of(1), bytes_of(24)});
+    auto                all = join({bytes_of(1), bytes_of(24)});
     EXPECT_EQ(split_records(all.data(), 520 + 519, out), 519u);
     EXPECT_EQ(out.size(), 1u);
     EXPECT_EQ(split_records(all.data(), 0, out), 0u);
@@ -150,7 +155,7 @@ TEST(controller_wire, a_rest_shorter_than_a_record_is_dropped) {
 
 TEST(controller_wire, what_cannot_be_a_record_is_dropped_with_all_behind_it) {
     std::vector<record> out;
-    auto all = join({bytes_of(24), bytes_of(24, {{4, raw({1})}}), bytes_of(1)});
+    auto                all = join({bytes_of(24), bytes_of(24, {{4, raw({1})}}), bytes_of(1)});
     EXPECT_EQ(split_records(all.data(), all.size(), out), 1040u);
     EXPECT_EQ(out.size(), 1u);
 

@@ -26,7 +26,8 @@ bool                     timers_fail;
 
 }  // namespace
 
-extern "C" int32_t __wrap__Z14tlsc_ssl_writeP9tlsc_sockPKviPi(tlsc_sock *, const void *buff, int32_t length, int32_t *result) {
+extern "C" int32_t __wrap__Z14tlsc_ssl_writeP9tlsc_sockPKviPi(tlsc_sock *, const void *buff, int32_t length,
+                                                              int32_t *result) {
     if (result) *result = tls_result;
     if (tls_result != 1) return 0;
     written.append(static_cast<const char *>(buff), static_cast<size_t>(length));
@@ -45,14 +46,17 @@ extern "C" int32_t __wrap__Z19tlsc_write_inner_ip9tlsc_addr(tlsc_addr addr) {
     return 0;
 }
 
-extern "C" tlsc_session *__wrap__Z18tlsc_start_sessionP9tlsc_sockPK9tlsc_addr(tlsc_sock *sock, const tlsc_addr *prefix) {
+extern "C" tlsc_session *__wrap__Z18tlsc_start_sessionP9tlsc_sockPK9tlsc_addr(tlsc_sock       *sock,
+                                                                              const tlsc_addr *prefix) {
     session_prefix = *prefix;
     events.push_back("session");
     return session_fails ? nullptr : sock->sess;
 }
 
 extern "C" int __real_timerfd_create(int clock, int flags);
-extern "C" int __wrap_timerfd_create(int clock, int flags) { return timers_fail ? -1 : __real_timerfd_create(clock, flags); }
+extern "C" int __wrap_timerfd_create(int clock, int flags) {
+    return timers_fail ? -1 : __real_timerfd_create(clock, flags);
+}
 
 namespace {
 
@@ -75,8 +79,8 @@ protected:
 
     static void set_text(char *field, const std::string &text) { memcpy(field, text.c_str(), text.size() + 1); }
     void        set_inner(const char *text) {
-        conf->inner_addr.kind = ADDR_IPV4;
-        inet_pton(AF_INET, text, conf->inner_addr.ipv4);
+               conf->inner_addr.kind = ADDR_IPV4;
+               inet_pton(AF_INET, text, conf->inner_addr.ipv4);
     }
 
     int32_t parse(const std::string &text) { return tlsc_parse_config_resp(sock, text.c_str()); }
@@ -140,10 +144,12 @@ TEST_F(cstp_config, a_rekey_request_carries_all_five_lines_in_their_order) {
     const std::string info  = "INFO tlsc_send_config_req: ";
     const std::string debug = "DEBUG tlsc_send_config_req: ";
     EXPECT_EQ(lines_from(cstp_file),
-              (strings{info + "Building CSTP-CONFIG-REQ", debug + "Internal IP: 10.20.30.40", debug + "Device ID: 0123456789abcdef",
-                       debug + "Cookie: 0123456789", debug + "Device Name: name with blanks", debug + "Serial No.: SER",
+              (strings{info + "Building CSTP-CONFIG-REQ", debug + "Internal IP: 10.20.30.40",
+                       debug + "Device ID: 0123456789abcdef", debug + "Cookie: 0123456789",
+                       debug + "Device Name: name with blanks", debug + "Serial No.: SER",
                        info + text_of("Config Request msg = [index = %zu] \n%s", text.size(), text.c_str()),
-                       info + text_of("Successfully wrote %zu bytes of config-resq for conn %s", text.size() + 8, conn().c_str())}));
+                       info + text_of("Successfully wrote %zu bytes of config-resq for conn %s", text.size() + 8,
+                                      conn().c_str())}));
     expect_counters({{"ctrl_pkt_tx", 1}});
 }
 
@@ -164,8 +170,9 @@ TEST_F(cstp_config, the_longest_configuration_fits_the_request) {
     set_text(conf->device_name, std::string(50, 'n'));
     set_text(conf->serial_no, std::string(16, 's'));
     EXPECT_EQ(tlsc_send_config_req(sock, nullptr), 1);
-    EXPECT_EQ(written, wire_frame(1, "X-CSTP-Address:255.255.255.255\nX-CSTP-Device-ID:" + std::string(16, 'i') + "\nX-CSTP-Cookie:" +
-                                         std::string(10, 'c') + "\nX-CSTP-Device-Name:" + std::string(50, 'n') +
+    EXPECT_EQ(written, wire_frame(1, "X-CSTP-Address:255.255.255.255\nX-CSTP-Device-ID:" + std::string(16, 'i') +
+                                         "\nX-CSTP-Cookie:" + std::string(10, 'c') +
+                                         "\nX-CSTP-Device-Name:" + std::string(50, 'n') +
                                          "\nX-CSTP-Device-SerialNo:" + std::string(16, 's') + "\n"));
 }
 
@@ -196,7 +203,8 @@ TEST_F(cstp_config, a_guard_timer_that_cannot_start_reports_13_without_a_line_of
     EXPECT_EQ(tlsc_send_config_req(sock, &err), 0);
     EXPECT_EQ(err, 13);
     EXPECT_EQ(tlsc_send_config_req(sock, nullptr), 0);
-    for (const log_line &line : log.entries()) EXPECT_TRUE(line.file != cstp_file || line.severity != "ERROR") << line.message;
+    for (const log_line &line : log.entries())
+        EXPECT_TRUE(line.file != cstp_file || line.severity != "ERROR") << line.message;
     EXPECT_FALSE(log.contains("config-resq"));
     EXPECT_STREQ(tlsc_cstp_resp_name(13), "No error");
     expect_counters({});
@@ -206,9 +214,11 @@ TEST_F(cstp_config, a_guard_timer_that_cannot_start_reports_13_without_a_line_of
 
 TEST_F(cstp_config, a_full_response_sets_everything_and_logs_each_value) {
     const std::string prefix_before = address(conf->prefix);
-    EXPECT_EQ(parse("X-CSTP-Address:10.20.30.0\nX-CSTP-Prefix-Length:24\nX-CSTP-DPD:30\nX-CSTP-Address-Client:10.20.30.40\n"
-                    "X-CSTP-Retry-Time:7\nX-CSTP-Rekey-Time:600\nX-CSTP-Cookie:cookie\nX-CSTP-DNS:9.9.9.9\nX-CSTP-DNS:1.1.1.1\n"),
-              1);
+    EXPECT_EQ(
+        parse(
+            "X-CSTP-Address:10.20.30.0\nX-CSTP-Prefix-Length:24\nX-CSTP-DPD:30\nX-CSTP-Address-Client:10.20.30.40\n"
+            "X-CSTP-Retry-Time:7\nX-CSTP-Rekey-Time:600\nX-CSTP-Cookie:cookie\nX-CSTP-DNS:9.9.9.9\nX-CSTP-DNS:1.1.1.1\n"),
+        1);
     EXPECT_EQ(address(session_prefix), "1 10.20.30.0");
     EXPECT_EQ(address(conf->prefix), prefix_before);  // only the session gets it
     EXPECT_EQ(conf->prefix_length, 24);
@@ -226,13 +236,18 @@ TEST_F(cstp_config, a_full_response_sets_everything_and_logs_each_value) {
     EXPECT_EQ(address(inner_reported), "1 10.20.30.40");
     const std::string info  = "INFO tlsc_parse_config_resp: ";
     const std::string debug = "DEBUG tlsc_parse_config_resp: ";
-    EXPECT_EQ(lines_from(cstp_file),
-              (strings{info + "Parsing CSTP-CONFIG-RESPONSE msg", debug + "Received CSTP prefix-addr in config-resp: 10.20.30.0 for conn: " + conn(),
-                       debug + "Prefix len received in config-resp: 24 50", debug + "DPD interval received in config-resp: 30",
-                       debug + "Received CSTP IPv4 client addr in config-resp: 10.20.30.40 for conn: " + conn(),
-                       debug + "Retry interval received in config-resp: 7", debug + "Rekey interval received in cofig-resp: 600",
-                       debug + "Cookie received in cofig-resp: cookie", debug + "Received CSTP DNS-addr in config-resp: 9.9.9.9 for conn: " + conn(),
-                       debug + "Received CSTP DNS-addr in config-resp: 1.1.1.1 for conn: " + conn(), info + "Rekey interval is set, start the timer"}));
+    EXPECT_EQ(
+        lines_from(cstp_file),
+        (strings{info + "Parsing CSTP-CONFIG-RESPONSE msg",
+                 debug + "Received CSTP prefix-addr in config-resp: 10.20.30.0 for conn: " + conn(),
+                 debug + "Prefix len received in config-resp: 24 50",
+                 debug + "DPD interval received in config-resp: 30",
+                 debug + "Received CSTP IPv4 client addr in config-resp: 10.20.30.40 for conn: " + conn(),
+                 debug + "Retry interval received in config-resp: 7",
+                 debug + "Rekey interval received in cofig-resp: 600", debug + "Cookie received in cofig-resp: cookie",
+                 debug + "Received CSTP DNS-addr in config-resp: 9.9.9.9 for conn: " + conn(),
+                 debug + "Received CSTP DNS-addr in config-resp: 1.1.1.1 for conn: " + conn(),
+                 info + "Rekey interval is set, start the timer"}));
     ASSERT_GT(tlsc_timers.rekey, 0);
     EXPECT_EQ(seconds_left(tlsc_timers.rekey), 600);
     EXPECT_EQ(period(tlsc_timers.rekey), 600);
@@ -266,7 +281,8 @@ TEST_F(cstp_config, a_response_without_rekey_time_sets_3600_even_after_another_v
     EXPECT_EQ(parse(client), 1);
     EXPECT_EQ(conf->rekey_interval, 3600);
     EXPECT_EQ(seconds_left(tlsc_timers.rekey), 3600);
-    EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_parse_config_resp", "Rekey interval not received in cofig-resp, so choosing default value: 3600"));
+    EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_parse_config_resp",
+                        "Rekey interval not received in cofig-resp, so choosing default value: 3600"));
 }
 
 TEST_F(cstp_config, a_received_rekey_time_of_0_becomes_3600) {
@@ -287,7 +303,10 @@ TEST_F(cstp_config, a_missing_client_address_fails_and_keeps_what_was_read_befor
     set_inner("10.0.0.1");
     conf->retry_interval = 12;
     conf->dns_count      = 3;
-    EXPECT_EQ(parse("X-CSTP-DPD:44\nX-CSTP-Prefix-Length:8\nX-CSTP-Retry-Time:5\nX-CSTP-Rekey-Time:6\nX-CSTP-Cookie:c\nX-CSTP-DNS:1.1.1.1\n"), 0);
+    EXPECT_EQ(
+        parse(
+            "X-CSTP-DPD:44\nX-CSTP-Prefix-Length:8\nX-CSTP-Retry-Time:5\nX-CSTP-Rekey-Time:6\nX-CSTP-Cookie:c\nX-CSTP-DNS:1.1.1.1\n"),
+        0);
     EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_parse_config_resp", "Did not receive IP addr from GW"));
     EXPECT_EQ(conf->dpd_interval, 44);
     EXPECT_EQ(conf->prefix_length, 8);
@@ -305,13 +324,16 @@ TEST_F(cstp_config, the_address_header_alone_is_no_client_address) {
 }
 
 TEST_F(cstp_config, texts_that_are_no_address_fail_the_client_address) {
-    for (const char *value : {"", " 10.20.30.40", "10.20.30.40\r", "10.20.30.40 ", "10.20.30", "10.20.30.400", "::1", "gw.example", "0x0a.1.2.3",
-                              "10.20.30.40.50", "1111111111111111111111111111111111111111111111111111111111111111111111111"}) {
+    for (const char *value : {"", " 10.20.30.40", "10.20.30.40\r", "10.20.30.40 ", "10.20.30", "10.20.30.400", "::1",
+                              "gw.example", "0x0a.1.2.3", "10.20.30.40.50",
+                              "1111111111111111111111111111111111111111111111111111111111111111111111111"}) {
         log.clear();
         set_inner("10.0.0.1");
         events.clear();
         EXPECT_EQ(parse(std::string("X-CSTP-Address-Client:") + value + "\nX-CSTP-Retry-Time:5\n"), 0) << value;
-        EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_parse_config_resp", "Invalid IPv4 Client addr received for conn " + conn())) << value;
+        EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_parse_config_resp",
+                            "Invalid IPv4 Client addr received for conn " + conn()))
+            << value;
         EXPECT_EQ(conf->inner_addr.kind, 0) << value;
         EXPECT_EQ(conf->retry_interval, default_retry_seconds) << value;
         EXPECT_TRUE(events.empty());
@@ -347,7 +369,8 @@ TEST_F(cstp_config, an_address_that_a_bad_response_has_taken_away_is_reported_wh
 
 TEST_F(cstp_config, an_invalid_prefix_is_logged_and_processing_goes_on_with_kind_0) {
     EXPECT_EQ(parse("X-CSTP-Address:not-an-address\n" + client), 1);
-    EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_parse_config_resp", "Invalid IPv4 prefix received for conn " + conn()));
+    EXPECT_TRUE(
+        log.has("ERROR", cstp_file, "tlsc_parse_config_resp", "Invalid IPv4 prefix received for conn " + conn()));
     EXPECT_EQ(session_prefix.kind, 0);
 }
 
@@ -356,7 +379,7 @@ TEST_F(cstp_config, the_prefix_length_keeps_the_low_8_bits) {
         const char *text;
         int         kept;
         int         first_code;
-    } cases[] = {{"0", 0, '0'},     {"24", 24, '2'},  {" 32", 32, ' '}, {"255", 255, '2'}, {"256", 0, '2'},
+    } cases[] = {{"0", 0, '0'},   {"24", 24, '2'},  {" 32", 32, ' '}, {"255", 255, '2'}, {"256", 0, '2'},
                  {"257", 1, '2'}, {"-1", 255, '-'}, {"x", 0, 'x'},    {"", 0, '\n'}};
     for (const auto &c : cases) {
         log.clear();
@@ -372,13 +395,20 @@ TEST_F(cstp_config, numbers_are_converted_as_decimal_text_is) {
     const struct {
         const char *text;
         int32_t     value;
-    } cases[] = {{"15", 15},         {" 15", 15},
-                 {"\t15", 15},       {"+15", 15},
-                 {"-15", -15},       {"15s", 15},
-                 {"15\r", 15},       {"abc", 0},
-                 {"0x10", 0},        {"007", 7},
-                 {"2147483647", INT32_MAX}, {"2147483648", INT32_MIN},
-                 {"4294967297", 1},  {"99999999999999999999999999999999", -1},
+    } cases[] = {{"15", 15},
+                 {" 15", 15},
+                 {"\t15", 15},
+                 {"+15", 15},
+                 {"-15", -15},
+                 {"15s", 15},
+                 {"15\r", 15},
+                 {"abc", 0},
+                 {"0x10", 0},
+                 {"007", 7},
+                 {"2147483647", INT32_MAX},
+                 {"2147483648", INT32_MIN},
+                 {"4294967297", 1},
+                 {"99999999999999999999999999999999", -1},
                  {"-99999999999999999999999999999", 0}};
     for (const auto &c : cases) {
         EXPECT_EQ(parse(client + "X-CSTP-DPD:" + c.text + "\nX-CSTP-Retry-Time:" + c.text + "\n"), 1);
@@ -416,9 +446,13 @@ TEST_F(cstp_config, the_tail_of_a_cookie_survives_the_teardown_too) {
 // ---- response: DNS servers ------------------------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, of_five_dns_servers_the_first_four_are_stored) {
-    EXPECT_EQ(parse(client + "X-CSTP-DNS:1.1.1.1\nX-CSTP-DNS:2.2.2.2\nX-CSTP-DNS:3.3.3.3\nX-CSTP-DNS:4.4.4.4\nX-CSTP-DNS:5.5.5.5\n"), 1);
+    EXPECT_EQ(
+        parse(client +
+              "X-CSTP-DNS:1.1.1.1\nX-CSTP-DNS:2.2.2.2\nX-CSTP-DNS:3.3.3.3\nX-CSTP-DNS:4.4.4.4\nX-CSTP-DNS:5.5.5.5\n"),
+        1);
     EXPECT_EQ(conf->dns_count, 4);
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(address(conf->dns_servers[i]), text_of("1 %d.%d.%d.%d", i + 1, i + 1, i + 1, i + 1));
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(address(conf->dns_servers[i]), text_of("1 %d.%d.%d.%d", i + 1, i + 1, i + 1, i + 1));
     EXPECT_EQ(dns_reported.count, 4);
     EXPECT_FALSE(log.contains("5.5.5.5"));
 }
@@ -428,7 +462,8 @@ TEST_F(cstp_config, an_invalid_dns_line_leaves_no_gap) {
     EXPECT_EQ(conf->dns_count, 2);
     EXPECT_EQ(address(conf->dns_servers[0]), "1 1.1.1.1");
     EXPECT_EQ(address(conf->dns_servers[1]), "1 2.2.2.2");
-    EXPECT_EQ(log.count("ERROR", cstp_file, "tlsc_parse_config_resp", "Invalid DNS Ip received for conn " + conn()), 1u);
+    EXPECT_EQ(log.count("ERROR", cstp_file, "tlsc_parse_config_resp", "Invalid DNS Ip received for conn " + conn()),
+              1u);
 }
 
 TEST_F(cstp_config, no_dns_line_sends_no_notification_and_sets_the_count_to_0) {
@@ -459,7 +494,8 @@ TEST_F(cstp_config, the_search_for_the_next_dns_line_starts_behind_the_value) {
     EXPECT_EQ(parse(client + "X-CSTP-DNS:X-CSTP-DNS:1.1.1.1\nX-CSTP-DNS:2.2.2.2\n"), 1);
     EXPECT_EQ(conf->dns_count, 1);
     EXPECT_EQ(address(conf->dns_servers[0]), "1 2.2.2.2");
-    EXPECT_EQ(log.count("ERROR", cstp_file, "tlsc_parse_config_resp", "Invalid DNS Ip received for conn " + conn()), 1u);
+    EXPECT_EQ(log.count("ERROR", cstp_file, "tlsc_parse_config_resp", "Invalid DNS Ip received for conn " + conn()),
+              1u);
 }
 
 TEST_F(cstp_config, a_hundred_dns_lines_end_the_search_at_the_fourth_good_one) {
@@ -499,7 +535,9 @@ TEST_F(cstp_config, the_first_occurrence_of_a_name_counts) {
 
 TEST_F(cstp_config, over_long_values_are_cut_safely) {
     const std::string huge(60000, '1');
-    EXPECT_EQ(parse("X-CSTP-Address:" + huge + "\nX-CSTP-DNS:" + huge + "\nX-CSTP-Cookie:" + huge + "\nX-CSTP-DPD:" + huge + "\n" + client), 1);
+    EXPECT_EQ(parse("X-CSTP-Address:" + huge + "\nX-CSTP-DNS:" + huge + "\nX-CSTP-Cookie:" + huge +
+                    "\nX-CSTP-DPD:" + huge + "\n" + client),
+              1);
     EXPECT_EQ(session_prefix.kind, 0);
     EXPECT_EQ(conf->dns_count, 0);
     EXPECT_STREQ(conf->cookie, "1111111111");
@@ -511,7 +549,8 @@ TEST_F(cstp_config, over_long_values_are_cut_safely) {
 TEST_F(cstp_config, a_session_that_cannot_start_fails_the_response_and_names_the_prefix) {
     session_fails = true;
     EXPECT_EQ(parse("X-CSTP-Address:10.20.30.0\n" + client), 0);
-    EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_parse_config_resp", "Could not allocate a session for prefix 10.20.30.0"));
+    EXPECT_TRUE(
+        log.has("ERROR", cstp_file, "tlsc_parse_config_resp", "Could not allocate a session for prefix 10.20.30.0"));
     EXPECT_EQ(tlsc_timers.rekey, -1);
     log.clear();
     EXPECT_EQ(parse(client), 0);
@@ -533,7 +572,8 @@ TEST_F(cstp_config, a_good_response_enables_the_data_path_and_resets_the_backoff
     EXPECT_EQ(tlsc_dp_state, 1);
     EXPECT_EQ(tlsc_backoff_interval, 0u);
     EXPECT_TRUE(log.has("INFO", cstp_file, "tlsc_process_config_resp", "Process CSTP-CONFIG-RESPONSE"));
-    EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_process_config_resp", "Enabling data reception by changing Dp-State of Client to 1"));
+    EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_process_config_resp",
+                        "Enabling data reception by changing Dp-State of Client to 1"));
     expect_counters({});
 }
 
@@ -566,7 +606,8 @@ TEST_F(cstp_config, the_old_transport_is_closed_before_the_null_check_and_whatev
         EXPECT_EQ(tlsc_process_config_resp(sock, text), 0);
         EXPECT_EQ(tlsc_old_transport_fd, -1);
         EXPECT_FALSE(is_open(old));
-        EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_process_config_resp", text_of("Closing the old transport-fd(%d)", old)));
+        EXPECT_TRUE(
+            log.has("DEBUG", cstp_file, "tlsc_process_config_resp", text_of("Closing the old transport-fd(%d)", old)));
     }
     EXPECT_EQ(tlsc_process_config_resp(nullptr, client.c_str()), 0);
     EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_process_config_resp", "Null pointer received for sock/buff"));
@@ -595,7 +636,8 @@ TEST_F(cstp_config, a_response_frame_stops_the_guard_and_arms_the_dpd_timer) {
     EXPECT_EQ(period(tlsc_timers.dpd), 0);
     const std::string got = "Got CSTP config resp frame of len 49 for conn " + conn();
     EXPECT_TRUE(log.has("DEBUG", cstp_file, "process_response_frame", got));
-    EXPECT_LT(position(text_of("Successfully deleted fd = %d, to epoll-event", guard)), position(got));  // the guard is stopped first
+    EXPECT_LT(position(text_of("Successfully deleted fd = %d, to epoll-event", guard)),
+              position(got));  // the guard is stopped first
     EXPECT_LT(position(got), position("Process CSTP-CONFIG-RESPONSE"));
     expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}});
 }
@@ -605,7 +647,8 @@ TEST_F(cstp_config, a_response_that_cannot_be_parsed_has_stopped_the_guard_and_i
     EXPECT_EQ(receive("nothing of use"), 0);
     EXPECT_EQ(tlsc_timers.guard, -1);
     EXPECT_EQ(tlsc_timers.dpd, -1);
-    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_response_frame", "Could not process config resp for conn " + conn() + ". Error = TLSC_CSTP_RESP_ERR_NONE"));
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_response_frame",
+                        "Could not process config resp for conn " + conn() + ". Error = TLSC_CSTP_RESP_ERR_NONE"));
     EXPECT_FALSE(log.contains("Closing connection and bringing down tun interface"));
     expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}});
 }
@@ -619,8 +662,10 @@ TEST_F(cstp_config, a_dpd_timer_that_cannot_start_fails_the_frame) {
     ASSERT_EQ(tlsc_start_timer(&tlsc_timers.rekey, 0), 1);  // runs already, so only the DPD timer fails
     timers_fail = true;
     EXPECT_EQ(receive(client), 0);
-    EXPECT_TRUE(log.has("WARNING", cstp_file, "process_response_frame", "Could not start DPD timer for conn " + conn()));
-    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_response_frame", "Processing CSTP frame failed due to error TLSC_CSTP_START_TIMER_FAILED\n"));
+    EXPECT_TRUE(
+        log.has("WARNING", cstp_file, "process_response_frame", "Could not start DPD timer for conn " + conn()));
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_response_frame",
+                        "Processing CSTP frame failed due to error TLSC_CSTP_START_TIMER_FAILED\n"));
     EXPECT_EQ(tlsc_dp_state, 1);
 }
 
@@ -655,18 +700,38 @@ TEST_F(cstp_config, a_response_of_every_length_ends_inside_the_frame) {
     for (int announced = 0; announced <= 65535; announced += announced < 1600 ? 1 : 997) {
         tlsc_cstp_frame frame{};
         memset(frame.payload, 'z', sizeof(frame.payload));
-        frame.header = {{'S', 'T', 'F'}, 1, {static_cast<uint8_t>(announced >> 8), static_cast<uint8_t>(announced)}, 2, 0};
+        frame.header = {
+            {'S', 'T', 'F'}, 1, {static_cast<uint8_t>(announced >> 8), static_cast<uint8_t>(announced)}, 2, 0};
         ASSERT_EQ(tlsc_process_cstp_frame(sock, &frame), 0);
         ASSERT_EQ(frame.payload[std::min(announced, 1492)], 0) << announced;
-        if (announced > 0) { ASSERT_EQ(frame.payload[std::min(announced, 1492) - 1], 'z') << announced; }
+        if (announced > 0) {
+            ASSERT_EQ(frame.payload[std::min(announced, 1492) - 1], 'z') << announced;
+        }
     }
 }
 
 TEST_F(cstp_config, responses_put_together_at_random_never_leave_the_record) {
-    const char *pieces[] = {"X-CSTP-Address:", "X-CSTP-Address-Client:", "X-CSTP-Prefix-Length:", "X-CSTP-DPD:", "X-CSTP-Retry-Time:",
-                            "X-CSTP-Rekey-Time:", "X-CSTP-Cookie:", "X-CSTP-DNS:", "10.20.30.40", "\n", "\n", "\r\n", "-", "60",
-                            "99999999999999999999", "%s%n%d", "\xff\xfe", " ", "::1", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"};
-    tlsc_log_level = LOG_ERRORS;
+    const char *pieces[] = {"X-CSTP-Address:",
+                            "X-CSTP-Address-Client:",
+                            "X-CSTP-Prefix-Length:",
+                            "X-CSTP-DPD:",
+                            "X-CSTP-Retry-Time:",
+                            "X-CSTP-Rekey-Time:",
+                            "X-CSTP-Cookie:",
+                            "X-CSTP-DNS:",
+                            "10.20.30.40",
+                            "\n",
+                            "\n",
+                            "\r\n",
+                            "-",
+                            "60",
+                            "99999999999999999999",
+                            "%s%n%d",
+                            "\xff\xfe",
+                            " ",
+                            "::1",
+                            "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"};
+    tlsc_log_level       = LOG_ERRORS;
     std::mt19937 random(20);
     int          accepted = 0;
     for (int round = 0; round < 3000; ++round) {

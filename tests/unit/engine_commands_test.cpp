@@ -17,13 +17,13 @@
 
 namespace {
 
-int  rekeys;
-bool pipe_fails;
-bool nonblock_fails;
-int  short_fd = -2;    // writes to it take short_count bytes
-int  short_count;
+int              rekeys;
+bool             pipe_fails;
+bool             nonblock_fails;
+int              short_fd = -2;  // writes to it take short_count bytes
+int              short_count;
 std::atomic<int> pipe_writes;  // calls, not bytes
-bool conversion_fails;
+bool             conversion_fails;
 
 std::vector<int32_t> closed;
 
@@ -56,7 +56,9 @@ extern "C" const char *__wrap_inet_ntop(int family, const void *address, char *t
 }
 
 extern "C" int32_t __real__Z25tlsc_set_sock_nonblockingi(int32_t fd);
-extern "C" int32_t __wrap__Z25tlsc_set_sock_nonblockingi(int32_t fd) { return nonblock_fails ? 0 : __real__Z25tlsc_set_sock_nonblockingi(fd); }
+extern "C" int32_t __wrap__Z25tlsc_set_sock_nonblockingi(int32_t fd) {
+    return nonblock_fails ? 0 : __real__Z25tlsc_set_sock_nonblockingi(fd);
+}
 
 namespace {
 
@@ -72,7 +74,9 @@ std::string message(int32_t id, int32_t value = 0, const std::string &sockaddr_b
 }
 
 // Family 2 at message offset 8, the address at message offset 12.
-std::string ipv4_sockaddr(const std::string &address) { return std::string("\x02\x00\x00\x00", 4) + address + std::string(20, '\0'); }
+std::string ipv4_sockaddr(const std::string &address) {
+    return std::string("\x02\x00\x00\x00", 4) + address + std::string(20, '\0');
+}
 
 tlsc_gw_addr gateway(int32_t kind, const std::string &address) {
     tlsc_gw_addr gw{};
@@ -90,11 +94,11 @@ protected:
             return true;
         }();
         (void)once;
-        rekeys         = 0;
-        pipe_fails     = false;
-        nonblock_fails = false;
-        short_fd       = -2;
-        short_count    = 5;
+        rekeys           = 0;
+        pipe_fails       = false;
+        nonblock_fails   = false;
+        short_fd         = -2;
+        short_count      = 5;
         conversion_fails = false;
         EXPECT_EQ(tlsc_create_pipe_for_cli_cmds(), 1);
         tlsc_log_level = LOG_DEBUG;
@@ -107,7 +111,9 @@ protected:
         const ssize_t count = read(cli_pipe_rd_fd, bytes, sizeof(bytes));
         return count > 0 ? std::string(bytes, static_cast<size_t>(count)) : "";
     }
-    void    put(const std::string &bytes) { ASSERT_EQ(write(cli_pipe_wr_fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size())); }
+    void put(const std::string &bytes) {
+        ASSERT_EQ(write(cli_pipe_wr_fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    }
     int32_t handle(const std::string &bytes) {
         put(bytes);
         return tlsc_handle_cli_cmds();
@@ -120,7 +126,8 @@ TEST_F(engine_commands, the_read_end_does_not_block_and_the_write_end_does) {
     EXPECT_TRUE(fcntl(cli_pipe_rd_fd, F_GETFL) & O_NONBLOCK);
     EXPECT_FALSE(fcntl(cli_pipe_wr_fd, F_GETFL) & O_NONBLOCK);
     EXPECT_EQ(tlsc_create_pipe_for_cli_cmds(), 1);
-    EXPECT_TRUE(log.has("INFO", main_file, "tlsc_create_pipe_for_cli_cmds", text_of("Set non-block flag on CLI pipe read fd:%d success.", cli_pipe_rd_fd.load())));
+    EXPECT_TRUE(log.has("INFO", main_file, "tlsc_create_pipe_for_cli_cmds",
+                        text_of("Set non-block flag on CLI pipe read fd:%d success.", cli_pipe_rd_fd.load())));
 }
 
 TEST_F(engine_commands, a_new_pipe_closes_the_previous_one) {
@@ -162,7 +169,8 @@ TEST_F(engine_commands, closing_takes_the_write_end_first_and_then_the_read_end)
 TEST_F(engine_commands, without_a_pipe_every_sender_fails) {
     pipe_fails = true;
     EXPECT_EQ(tlsc_create_pipe_for_cli_cmds(), 0);
-    EXPECT_TRUE(log.has("ERROR", main_file, "tlsc_create_pipe_for_cli_cmds", "Could not create pipe fd for comm to server thread"));
+    EXPECT_TRUE(log.has("ERROR", main_file, "tlsc_create_pipe_for_cli_cmds",
+                        "Could not create pipe fd for comm to server thread"));
     EXPECT_EQ(cli_pipe_wr_fd, -1);
     log.clear();
     EXPECT_EQ(tlsc_send_exit_client_req(), 0);
@@ -179,7 +187,8 @@ TEST_F(engine_commands, a_read_end_that_cannot_be_made_non_blocking_is_used_all_
     EXPECT_EQ(tlsc_create_pipe_for_cli_cmds(), 1);
     EXPECT_GT(cli_pipe_wr_fd, 0);
     EXPECT_FALSE(fcntl(cli_pipe_rd_fd, F_GETFL) & O_NONBLOCK);
-    EXPECT_TRUE(log.has("ERROR", main_file, "tlsc_create_pipe_for_cli_cmds", text_of("Set non-block flag on CLI pipe read fd:%d failed.", cli_pipe_rd_fd.load())));
+    EXPECT_TRUE(log.has("ERROR", main_file, "tlsc_create_pipe_for_cli_cmds",
+                        text_of("Set non-block flag on CLI pipe read fd:%d failed.", cli_pipe_rd_fd.load())));
 }
 
 // ---- senders -------------------------------------------------------------------------------------------------------------
@@ -187,7 +196,8 @@ TEST_F(engine_commands, a_read_end_that_cannot_be_made_non_blocking_is_used_all_
 TEST_F(engine_commands, the_exit_command_is_36_bytes_with_id_1) {
     EXPECT_EQ(tlsc_send_exit_client_req(), 1);
     EXPECT_EQ(read_pipe(), message(1));
-    EXPECT_EQ(log.messages(), (strings{text_of("Wrote 36 bytes on pipe-fd: %d", cli_pipe_wr_fd.load()), "Sent CLI cmd: 1, to child thread"}));
+    EXPECT_EQ(log.messages(), (strings{text_of("Wrote 36 bytes on pipe-fd: %d", cli_pipe_wr_fd.load()),
+                                       "Sent CLI cmd: 1, to child thread"}));
     EXPECT_EQ(log.entries()[0].severity, "DEBUG");
     EXPECT_EQ(log.entries()[1].severity, "DEBUG");
 }
@@ -206,7 +216,9 @@ TEST_F(engine_commands, the_gateway_command_carries_the_whole_record_behind_its_
     memset(gw.ipv6, 0x66, sizeof(gw.ipv6));
     gw.scope_id = 0x01020304;
     EXPECT_EQ(tlsc_send_gw_ip(gw), 1);
-    EXPECT_EQ(read_pipe(), message(4, 1, std::string("\x02\x00\x00\x00\x0a\x01\x02\x03", 8) + std::string(16, '\x66') + "\x04\x03\x02\x01"));
+    EXPECT_EQ(read_pipe(), message(4, 1,
+                                   std::string("\x02\x00\x00\x00\x0a\x01\x02\x03", 8) + std::string(16, '\x66') +
+                                       "\x04\x03\x02\x01"));
     EXPECT_TRUE(log.has("DEBUG", main_file, "tlsc_send_gw_ip", "Sent CLI cmd: 4, to epoll thread"));
 }
 
@@ -230,12 +242,14 @@ TEST_F(engine_commands, every_command_is_one_write_so_that_those_of_two_threads_
 
 TEST_F(engine_commands, a_sender_waits_while_the_pipe_is_full) {
     pollfd room{cli_pipe_wr_fd, POLLOUT, 0};
-    for (int sent = 0; sent < 5000 && poll(&room, 1, 0) == 1; ++sent) ASSERT_EQ(tlsc_send_log_lvl_chg_req(LOG_DEBUG), 1);
+    for (int sent = 0; sent < 5000 && poll(&room, 1, 0) == 1; ++sent)
+        ASSERT_EQ(tlsc_send_log_lvl_chg_req(LOG_DEBUG), 1);
     std::atomic<bool>    ended{false};
     std::atomic<int32_t> result{-1};
     std::thread          sender([&] {
         // The pipe has room for some commands while poll calls it full.
-        for (int more = 0; more < 5000 && result != 0 && !ended; ++more) result = tlsc_send_log_dest_chg_req(LOG_DEST_CONSOLE);
+        for (int more = 0; more < 5000 && result != 0 && !ended; ++more)
+            result = tlsc_send_log_dest_chg_req(LOG_DEST_CONSOLE);
     });
     for (int i = 0; i < 5000 && result == -1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     int held = -1;
@@ -245,9 +259,10 @@ TEST_F(engine_commands, a_sender_waits_while_the_pipe_is_full) {
     }
     EXPECT_GT(held, 1000 * 36);
     EXPECT_EQ(held % 36, 0);  // nobody wrote a part of a command
-    ended = true;
+    ended          = true;
     tlsc_log_level = LOG_ERRORS;
-    for (int i = 0; i < 200; ++i) EXPECT_EQ(tlsc_handle_cli_cmds(), 36);  // more than a page, which is what a writer waits for
+    for (int i = 0; i < 200; ++i)
+        EXPECT_EQ(tlsc_handle_cli_cmds(), 36);  // more than a page, which is what a writer waits for
     sender.join();
     EXPECT_EQ(result, 1);
 }
@@ -292,14 +307,16 @@ TEST_F(engine_commands, an_empty_pipe_does_nothing_and_gives_the_result_of_the_r
 
 TEST_F(engine_commands, the_invalid_command_is_rejected) {
     EXPECT_EQ(handle(message(0)), 36);
-    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_handle_cli_cmds", "Invalid command type received from CLI... Ignore!!"));
+    EXPECT_TRUE(
+        log.has("ERROR", engine_file, "tlsc_handle_cli_cmds", "Invalid command type received from CLI... Ignore!!"));
     EXPECT_EQ(exit_client, 0);
 }
 
 TEST_F(engine_commands, the_exit_command_sets_the_exit_flag) {
     EXPECT_EQ(handle(message(1)), 36);
     EXPECT_EQ(exit_client, 1);
-    EXPECT_TRUE(log.has("INFO", engine_file, "tlsc_handle_cli_cmds", "Exit cmd rcvd for child thread, set exit_client flag to true"));
+    EXPECT_TRUE(log.has("INFO", engine_file, "tlsc_handle_cli_cmds",
+                        "Exit cmd rcvd for child thread, set exit_client flag to true"));
 }
 
 TEST_F(engine_commands, a_new_log_level_is_set_without_a_range_check) {
@@ -338,7 +355,8 @@ TEST_F(engine_commands, a_new_log_destination_is_set_without_a_range_check) {
 TEST_F(engine_commands, an_unknown_id_is_reported) {
     for (int32_t id : {5, -1, INT32_MAX}) {
         EXPECT_EQ(handle(message(id)), 36);
-        EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_handle_cli_cmds", text_of("Invalid value received for CLI-CMD: %d", id)));
+        EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_handle_cli_cmds",
+                            text_of("Invalid value received for CLI-CMD: %d", id)));
     }
     EXPECT_EQ(rekeys, 0);
 }
@@ -352,7 +370,8 @@ TEST_F(engine_commands, a_resolved_ipv4_address_replaces_the_servers_and_reconne
     EXPECT_EQ(rekeys, 1);
     EXPECT_EQ(tlsc_rekey_in_progress, 0);
     EXPECT_EQ(tlsc_dp_state, 1);
-    EXPECT_TRUE(log.has("INFO", engine_file, "tlsc_handle_cli_cmds", "Received FQDN resolved GW IP, trying to connect"));
+    EXPECT_TRUE(
+        log.has("INFO", engine_file, "tlsc_handle_cli_cmds", "Received FQDN resolved GW IP, trying to connect"));
     expect_counters({});
 }
 
@@ -407,7 +426,8 @@ TEST_F(engine_commands, no_bytes_in_the_pipe_harm_the_tunnel_thread) {
             bytes += static_cast<char>(state >> 24);
         }
         if (round % 2 == 0) {  // half of them have an id of the catalogue, or the one behind it, and a small value
-            const std::string head = message(round / 2 % 6, round / 12 % 4).substr(0, std::min<size_t>(8, bytes.size()));
+            const std::string head =
+                message(round / 2 % 6, round / 12 % 4).substr(0, std::min<size_t>(8, bytes.size()));
             bytes.replace(0, head.size(), head);
         }
         rekeys               = 0;
@@ -432,22 +452,27 @@ TEST_F(engine_commands, stale_commands_are_discarded_unexecuted_and_counted) {
     EXPECT_EQ(exit_client, 0);
     EXPECT_EQ(tlsc_log_level, LOG_DEBUG);
     EXPECT_EQ(rekeys, 0);
-    EXPECT_EQ(log.messages(), (strings{text_of("Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d", cli_pipe_rd_fd.load(), cli_pipe_wr_fd.load()),
+    EXPECT_EQ(log.messages(), (strings{text_of("Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d",
+                                               cli_pipe_rd_fd.load(), cli_pipe_wr_fd.load()),
                                        "Clear CLI commands: message id read:1", "Clear CLI commands: message id read:2",
-                                       "Clear CLI commands: message id read:4", "Total number of stale commands cleared from CLI pipe:3"}));
+                                       "Clear CLI commands: message id read:4",
+                                       "Total number of stale commands cleared from CLI pipe:3"}));
     for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "INFO");
     EXPECT_EQ(read_pipe(), "");
 }
 
 TEST_F(engine_commands, the_lines_of_sending_and_draining_name_their_functions) {
     EXPECT_EQ(tlsc_send_exit_client_req(), 1);
-    EXPECT_EQ(lines_from(main_file), (strings{text_of("DEBUG write_command: Wrote 36 bytes on pipe-fd: %d", cli_pipe_wr_fd.load()),
-                                              "DEBUG send_command: Sent CLI cmd: 1, to child thread"}));
+    EXPECT_EQ(lines_from(main_file),
+              (strings{text_of("DEBUG write_command: Wrote 36 bytes on pipe-fd: %d", cli_pipe_wr_fd.load()),
+                       "DEBUG send_command: Sent CLI cmd: 1, to child thread"}));
     tlsc_clear_cli_cmds();
-    EXPECT_EQ(lines_from(engine_file),
-              (strings{text_of("INFO tlsc_clear_cli_cmds: Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d", cli_pipe_rd_fd.load(), cli_pipe_wr_fd.load()),
-                       "INFO tlsc_clear_cli_cmds: Clear CLI commands: message id read:1",
-                       "INFO tlsc_clear_cli_cmds: Total number of stale commands cleared from CLI pipe:1"}));
+    EXPECT_EQ(
+        lines_from(engine_file),
+        (strings{text_of("INFO tlsc_clear_cli_cmds: Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d",
+                         cli_pipe_rd_fd.load(), cli_pipe_wr_fd.load()),
+                 "INFO tlsc_clear_cli_cmds: Clear CLI commands: message id read:1",
+                 "INFO tlsc_clear_cli_cmds: Total number of stale commands cleared from CLI pipe:1"}));
 }
 
 TEST_F(engine_commands, draining_an_empty_pipe_counts_0) {
@@ -467,7 +492,8 @@ TEST_F(engine_commands, a_drain_of_a_blocking_read_end_waits_for_a_command_and_d
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_FALSE(ended);
     put(message(1));
-    for (int i = 0; i < 5000 && !log.contains("Clear CLI commands: message id read:1"); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    for (int i = 0; i < 5000 && !log.contains("Clear CLI commands: message id read:1"); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_TRUE(log.contains("Clear CLI commands: message id read:1"));
     EXPECT_FALSE(ended);
     close(cli_pipe_wr_fd.exchange(-1));  // no more writers: the only way out

@@ -23,7 +23,7 @@ int32_t     send_result;  // its outcome
 int         broken_fd;    // reads and writes of it fail
 int         broken_errno;
 ssize_t     broken_result;
-size_t      read_room;    // bytes asked for by the last read of the TUN descriptor
+size_t      read_room;  // bytes asked for by the last read of the TUN descriptor
 
 }  // namespace
 
@@ -67,7 +67,8 @@ void put_word(std::string &bytes, size_t at, uint16_t value) {
 // RFC 1071 over the bytes and a start value; 0 for a text that holds its own correct checksum.
 uint16_t checksum(const std::string &bytes, uint32_t sum = 0) {
     for (size_t i = 0; i < bytes.size(); i += 2)
-        sum += static_cast<uint32_t>(static_cast<uint8_t>(bytes[i]) << 8 | (i + 1 < bytes.size() ? static_cast<uint8_t>(bytes[i + 1]) : 0));
+        sum += static_cast<uint32_t>(static_cast<uint8_t>(bytes[i]) << 8 |
+                                     (i + 1 < bytes.size() ? static_cast<uint8_t>(bytes[i + 1]) : 0));
     while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
     return static_cast<uint16_t>(~sum);
 }
@@ -149,9 +150,11 @@ protected:
 // ---- names ---------------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_data_path, result_codes_0_to_9_have_names_and_all_others_no_error) {
-    const char *names[] = {"TLSC_CSTP_RESP_ERR_NONE",     "TLSC_CSTP_START_TIMER_FAILED", "TLSC_CSTP_INVALID_FRAME_RECVD", "TLSC_CSTP_FRAME_SIZE_TOO_BIG",
-                           "TLSC_CSTP_DATA_WRITE_FAILED", "TLSC_CSTP_EPOLL_CTL_FAILED",   "TLSC_CSTP_NULL_PTR_RECVD",      "TLSC_CSTP_INVALID_ADDR",
-                           "TLSC_CSTP_ADDR_NOT_RECVD",    "TLSC_CSTP_SESS_NOT_FOUND"};
+    const char *names[] = {"TLSC_CSTP_RESP_ERR_NONE",       "TLSC_CSTP_START_TIMER_FAILED",
+                           "TLSC_CSTP_INVALID_FRAME_RECVD", "TLSC_CSTP_FRAME_SIZE_TOO_BIG",
+                           "TLSC_CSTP_DATA_WRITE_FAILED",   "TLSC_CSTP_EPOLL_CTL_FAILED",
+                           "TLSC_CSTP_NULL_PTR_RECVD",      "TLSC_CSTP_INVALID_ADDR",
+                           "TLSC_CSTP_ADDR_NOT_RECVD",      "TLSC_CSTP_SESS_NOT_FOUND"};
     for (int code = 0; code < 10; ++code) EXPECT_STREQ(tlsc_cstp_resp_name(code), names[code]);
     for (int code : {-1, 10, 11, 12, 13, INT32_MAX, INT32_MIN}) EXPECT_STREQ(tlsc_cstp_resp_name(code), "No error");
 }
@@ -166,7 +169,8 @@ TEST_F(engine_data_path, an_outbound_packet_leaves_with_the_assigned_address_and
     EXPECT_EQ(dotted(sent, 16), "8.8.8.8");
     expect_good_checksums(sent);
     EXPECT_EQ(sent.substr(28), packet.substr(28));
-    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_tun_read_and_process", "read 100 bytes from tun in read and process"));
+    EXPECT_TRUE(
+        log.has("DEBUG", engine_file, "tlsc_tun_read_and_process", "read 100 bytes from tun in read and process"));
     expect_counters({{"tun_pkt_rx", 1}});
 }
 
@@ -213,7 +217,8 @@ TEST_F(engine_data_path, packets_of_every_short_length_are_handled_inside_the_bu
 }
 
 TEST_F(engine_data_path, one_call_takes_one_packet) {
-    const std::string first = udp_packet("192.168.1.5", "8.8.8.8", 40), second = udp_packet("192.168.1.5", "9.9.9.9", 50);
+    const std::string first  = udp_packet("192.168.1.5", "8.8.8.8", 40),
+                      second = udp_packet("192.168.1.5", "9.9.9.9", 50);
     ASSERT_EQ(__real_write(ends[1], first.data(), first.size()), 40);
     EXPECT_EQ(carry_out(second), 1);
     ASSERT_EQ(sends, 1);
@@ -227,7 +232,8 @@ TEST_F(engine_data_path, a_disabled_data_path_reads_and_drops_the_packet_and_ret
     tlsc_dp_state = 0;
     EXPECT_EQ(carry_out(udp_packet("192.168.1.5", "8.8.8.8", 40)), 0);
     EXPECT_EQ(sends, 0);
-    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_tun_read_and_process", "DP-STATE for client = 0... Not writing data-frame on ssl-socket"));
+    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_tun_read_and_process",
+                        "DP-STATE for client = 0... Not writing data-frame on ssl-socket"));
     expect_counters({{"tun_pkt_rx", 1}});
     char byte;
     EXPECT_LT(recv(ends[0], &byte, 1, MSG_DONTWAIT), 0);
@@ -237,7 +243,8 @@ TEST_F(engine_data_path, a_read_without_context_or_session_is_refused) {
     EXPECT_EQ(tlsc_tun_read_and_process(nullptr), 0);
     sock->sess = nullptr;
     EXPECT_EQ(tlsc_tun_read_and_process(sock), 0);
-    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_tun_read_and_process", "Null ptr received for sock/sock->sess"), 2u);
+    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_tun_read_and_process", "Null ptr received for sock/sock->sess"),
+              2u);
     expect_counters({});
 }
 
@@ -245,8 +252,11 @@ TEST_F(engine_data_path, read_errors_are_counted_by_errno) {
     const struct {
         int         error;
         const char *counter;
-    } cases[] = {{EFAULT, "tun_read_errors_efault"}, {EINVAL, "tun_read_errors_einval"}, {EBADF, "tun_read_errors_ebadf"},
-                 {EIO, "tun_read_errors_others"},    {EAGAIN, "tun_read_errors_others"}};
+    } cases[] = {{EFAULT, "tun_read_errors_efault"},
+                 {EINVAL, "tun_read_errors_einval"},
+                 {EBADF, "tun_read_errors_ebadf"},
+                 {EIO, "tun_read_errors_others"},
+                 {EAGAIN, "tun_read_errors_others"}};
     for (const auto &c : cases) {
         tlsc_stats_clear();
         break_tun(c.error);
@@ -274,7 +284,8 @@ TEST_F(engine_data_path, an_inbound_packet_arrives_with_the_management_address_a
     EXPECT_EQ(dotted(out, 16), "192.168.1.5");
     expect_good_checksums(out);
     EXPECT_EQ(out.substr(28), packet.substr(28));
-    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_tun_write", text_of("Successfully wrote 100 bytes on TUN-interface(%d)", ends[0])));
+    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_tun_write",
+                        text_of("Successfully wrote 100 bytes on TUN-interface(%d)", ends[0])));
     expect_counters({{"tun_pkt_tx", 1}});
 }
 
@@ -287,8 +298,12 @@ TEST_F(engine_data_path, a_management_text_that_is_no_address_becomes_all_ones) 
 }
 
 TEST_F(engine_data_path, a_changed_management_address_counts_from_the_next_packet_on) {
-    for (const auto &[text, expected] : std::vector<std::pair<const char *, const char *>>{
-             {"192.168.1.5", "192.168.1.5"}, {"192.168.1.55", "192.168.1.55"}, {"", "255.255.255.255"}, {"10.1", "10.0.0.1"}, {"192.168.1.5", "192.168.1.5"}}) {
+    for (const auto &[text, expected] :
+         std::vector<std::pair<const char *, const char *>>{{"192.168.1.5", "192.168.1.5"},
+                                                            {"192.168.1.55", "192.168.1.55"},
+                                                            {"", "255.255.255.255"},
+                                                            {"10.1", "10.0.0.1"},
+                                                            {"192.168.1.5", "192.168.1.5"}}) {
         strcpy(conf->management_ip, text);
         ASSERT_EQ(carry_in(udp_packet("8.8.8.8", "10.99.0.7", 60)), 60);
         EXPECT_EQ(dotted(arrived(), 16), expected) << text;
@@ -306,10 +321,14 @@ TEST_F(engine_data_path, an_inbound_packet_of_1436_bytes_is_written_and_1437_ref
     log.clear();
     for (int32_t length : {1437, 1492, 65535}) {
         EXPECT_EQ(carry_in(udp_packet("8.8.8.8", "10.99.0.7", 1437), length), 0);
-        EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_tun_write",
-                            text_of("Frame too big to write to tun intf for conn %s. len received = %d, Max-limit = 1436", conn().c_str(), length)));
+        EXPECT_TRUE(
+            log.has("ERROR", engine_file, "tlsc_tun_write",
+                    text_of("Frame too big to write to tun intf for conn %s. len received = %d, Max-limit = 1436",
+                            conn().c_str(), length)));
     }
-    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_tun_write", "Processing CSTP frame failed due to error TLSC_CSTP_FRAME_SIZE_TOO_BIG\n"), 3u);
+    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_tun_write",
+                        "Processing CSTP frame failed due to error TLSC_CSTP_FRAME_SIZE_TOO_BIG\n"),
+              3u);
     EXPECT_EQ(arrived(), "");
     expect_counters({{"tun_pkt_tx", 1}});
 }
@@ -342,7 +361,9 @@ TEST_F(engine_data_path, a_write_without_context_buffer_or_session_is_refused) {
     sock->sess = nullptr;
     EXPECT_EQ(tlsc_tun_write(sock, buffer, 1), 0);
     EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_tun_write", "Null ptr received for sock/buff/sock->sess"), 3u);
-    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_tun_write", "Processing CSTP frame failed due to error TLSC_CSTP_NULL_PTR_RECVD\n"), 3u);
+    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_tun_write",
+                        "Processing CSTP frame failed due to error TLSC_CSTP_NULL_PTR_RECVD\n"),
+              3u);
     expect_counters({});
 }
 
@@ -350,16 +371,23 @@ TEST_F(engine_data_path, write_errors_are_counted_by_errno) {
     const struct {
         int         error;
         const char *counter;
-    } cases[] = {{EFAULT, "tun_write_errors_efault"}, {EINVAL, "tun_write_errors_einval"}, {EBADF, "tun_write_errors_ebadf"},
-                 {EIO, "tun_write_errors_others"},    {ENOBUFS, "tun_write_errors_others"}};
+    } cases[] = {{EFAULT, "tun_write_errors_efault"},
+                 {EINVAL, "tun_write_errors_einval"},
+                 {EBADF, "tun_write_errors_ebadf"},
+                 {EIO, "tun_write_errors_others"},
+                 {ENOBUFS, "tun_write_errors_others"}};
     for (const auto &c : cases) {
         tlsc_stats_clear();
         break_tun(c.error);
         EXPECT_EQ(carry_in(ipv6_packet), 0);
         expect_counters({{"tun_write_errors_total", 1}, {c.counter, 1}});
     }
-    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_tun_write", "Error writing data to tun interface for conn " + conn()), 5u);
-    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_tun_write", "Processing CSTP frame failed due to error TLSC_CSTP_DATA_WRITE_FAILED\n"), 5u);
+    EXPECT_EQ(
+        log.count("ERROR", engine_file, "tlsc_tun_write", "Error writing data to tun interface for conn " + conn()),
+        5u);
+    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_tun_write",
+                        "Processing CSTP frame failed due to error TLSC_CSTP_DATA_WRITE_FAILED\n"),
+              5u);
 }
 
 TEST_F(engine_data_path, a_write_of_0_bytes_counts_as_written_and_returns_0) {
@@ -425,8 +453,10 @@ protected:
 TEST_F(engine_real_tun, a_packet_of_the_devices_stack_goes_out_with_the_assigned_address) {
     bring_up();
     const std::string packet = udp_packet("192.168.1.5", "8.8.8.8", 200);
-    ASSERT_EQ(sendto(packets, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&place), sizeof(place)), 200);
-    for (int i = 0; i < 20 && dotted(sent + std::string(20, '\0'), 16) != "8.8.8.8"; ++i) {  // the kernel sends IPv6 of its own
+    ASSERT_EQ(sendto(packets, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&place), sizeof(place)),
+              200);
+    for (int i = 0; i < 20 && dotted(sent + std::string(20, '\0'), 16) != "8.8.8.8";
+         ++i) {  // the kernel sends IPv6 of its own
         pollfd ready{tun, POLLIN, 0};
         ASSERT_EQ(poll(&ready, 1, 5000), 1);
         ASSERT_EQ(tlsc_tun_read_and_process(sock), 1);

@@ -35,13 +35,19 @@ extern "C" unsigned __wrap_sleep(unsigned seconds) {
 }
 
 extern "C" int __real_socket(int domain, int type, int protocol);
-extern "C" int __wrap_socket(int domain, int type, int protocol) { return socket_fails ? -1 : __real_socket(domain, type, protocol); }
+extern "C" int __wrap_socket(int domain, int type, int protocol) {
+    return socket_fails ? -1 : __real_socket(domain, type, protocol);
+}
 
 extern "C" int __real_SSL_get_error(const SSL *ssl, int ret);
-extern "C" int __wrap_SSL_get_error(const SSL *ssl, int ret) { return forced_class >= 0 ? forced_class : __real_SSL_get_error(ssl, ret); }
+extern "C" int __wrap_SSL_get_error(const SSL *ssl, int ret) {
+    return forced_class >= 0 ? forced_class : __real_SSL_get_error(ssl, ret);
+}
 
 extern "C" int __real_timerfd_create(int clock, int flags);
-extern "C" int __wrap_timerfd_create(int clock, int flags) { return timers_fail ? -1 : __real_timerfd_create(clock, flags); }
+extern "C" int __wrap_timerfd_create(int clock, int flags) {
+    return timers_fail ? -1 : __real_timerfd_create(clock, flags);
+}
 
 extern "C" int __real_fcntl(int fd, int command, long argument);
 extern "C" int __wrap_fcntl(int fd, int command, long argument) {
@@ -103,7 +109,9 @@ protected:
         tls_peer gone;
         return gone.port();
     }
-    size_t teardowns() { return log.count("ERROR", engine_file, "tlsc_sock_error", "Closing connection and bringing down tun interface"); }
+    size_t teardowns() {
+        return log.count("ERROR", engine_file, "tlsc_sock_error", "Closing connection and bringing down tun interface");
+    }
 
     void expect_nothing_open() {
         EXPECT_LE(sock->sockfd, 0);
@@ -142,8 +150,12 @@ TEST_F(engine_io, a_good_connection_logs_its_steps_pauses_2_seconds_and_sends_th
     };
     for (size_t i = 0; i < steps.size(); ++i) {
         EXPECT_GE(position(steps[i]), 0) << steps[i];
-        if (i > 0) { EXPECT_LT(position(steps[i - 1]), position(steps[i])) << steps[i]; }
-        if (i < 5) { EXPECT_TRUE(log.has(i < 4 ? "INFO" : "DEBUG", engine_file, "tlsc_create_tcp_conn", steps[i])) << steps[i]; }
+        if (i > 0) {
+            EXPECT_LT(position(steps[i - 1]), position(steps[i])) << steps[i];
+        }
+        if (i < 5) {
+            EXPECT_TRUE(log.has(i < 4 ? "INFO" : "DEBUG", engine_file, "tlsc_create_tcp_conn", steps[i])) << steps[i];
+        }
     }
     EXPECT_EQ(teardowns(), 0u);
     expect_counters({{"ctrl_pkt_tx", 1}});
@@ -219,7 +231,8 @@ TEST_F(engine_io, a_refused_connection_tears_down_first_and_then_closes_the_new_
     const int before  = open_descriptors();
     EXPECT_EQ(tlsc_create_tcp_conn(), 0);
     EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_create_tcp_conn", "TCP connection failed to server"));
-    EXPECT_LT(position("TCP connection failed to server"), position("Closing connection and bringing down tun interface"));
+    EXPECT_LT(position("TCP connection failed to server"),
+              position("Closing connection and bringing down tun interface"));
     EXPECT_EQ(open_descriptors(), before + 1);  // the backoff timer's
     expect_nothing_open();
     EXPECT_EQ(seconds_left(tlsc_timers.backoff), 10);
@@ -229,7 +242,8 @@ TEST_F(engine_io, the_new_socket_is_still_open_during_the_teardown_of_a_refused_
     conf->server_port = unused_port();
     EXPECT_EQ(tlsc_create_tcp_conn(), 0);
     EXPECT_FALSE(is_open(tlsc_timers.backoff - 1));
-    EXPECT_EQ(position(text_of("Successfully created new sock-fd for client: %d", tlsc_timers.backoff)), -1);  // its number was not free for the timer
+    EXPECT_EQ(position(text_of("Successfully created new sock-fd for client: %d", tlsc_timers.backoff)),
+              -1);  // its number was not free for the timer
     EXPECT_GE(position(text_of("Successfully created new sock-fd for client: %d", tlsc_timers.backoff - 1)), 0);
 }
 
@@ -255,7 +269,8 @@ TEST_F(engine_io, a_wrong_key_returns_7_after_the_teardown) {
     EXPECT_EQ(tlsc_create_tcp_conn(), 7);
     EXPECT_TRUE(logged_like("ERROR", "tlsc_create_tcp_conn", "ssl-connect error : 1, ssl-connect ret-value = *"));
     EXPECT_TRUE(logged_like("ERROR", "tlsc_create_tcp_conn", "SSL connect failed!! Error = error:*, SSL state = *"));
-    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_create_tcp_conn", "Could not build a SSL session to: 127.0.0.1, Initiate session and ssl cleanup"));
+    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_create_tcp_conn",
+                        "Could not build a SSL session to: 127.0.0.1, Initiate session and ssl cleanup"));
     EXPECT_EQ(teardowns(), 1u);
     EXPECT_TRUE(sleeps.empty());
     expect_nothing_open();
@@ -290,45 +305,52 @@ TEST_F(engine_io, a_peer_that_does_not_speak_tls_is_class_1) {
 
 TEST_F(engine_io, no_answer_to_the_handshake_harms_the_client_or_shows_the_key) {
     const auto record = [](char type, const char *version, const std::string &body, size_t length) {
-        return std::string(1, type) + std::string(version, 2) + static_cast<char>(length >> 8) + static_cast<char>(length) + body;
+        return std::string(1, type) + std::string(version, 2) + static_cast<char>(length >> 8) +
+               static_cast<char>(length) + body;
     };
     const auto whole = [&](char type, const std::string &body) { return record(type, "\x03\x03", body, body.size()); };
-    const std::string hello_body = std::string("\x03\x03", 2) + std::string(32, 'r') + std::string("\x00\x00\x8d\x00", 4);
-    const auto        hello      = [&](const std::string &body, size_t length) {
-        return whole('\x16', std::string("\x02\x00", 2) + static_cast<char>(length >> 8) + static_cast<char>(length) + body);
+    const std::string hello_body = std::string("\x03\x03", 2) + std::string(32, 'r') +
+                                   std::string("\x00\x00\x8d\x00", 4);
+    const auto hello = [&](const std::string &body, size_t length) {
+        return whole('\x16',
+                     std::string("\x02\x00", 2) + static_cast<char>(length >> 8) + static_cast<char>(length) + body);
     };
-    const std::string done = whole('\x16', std::string("\x0e\x00\x00\x00", 4));
+    const std::string done      = whole('\x16', std::string("\x0e\x00\x00\x00", 4));
     const std::string answers[] = {
         "",
         "HTTP/1.1 400 Bad Request\r\n\r\n",
-        std::string(3, '\x16'),                                             // a part of a header
+        std::string(3, '\x16'),  // a part of a header
         std::string(20000, '\0'),
         std::string(20000, '\xff'),
-        record('\x16', "\x03\x03", "", 0),                                  // an empty record
-        record('\x16', "\x03\x03", "", 65535),                              // a length beyond the largest
-        record('\x16', "\x03\x03", std::string(10, 'x'), 200),              // a record cut short
-        record('\x16', "\x09\x09", std::string(40, 'x'), 40),               // no version
+        record('\x16', "\x03\x03", "", 0),                      // an empty record
+        record('\x16', "\x03\x03", "", 65535),                  // a length beyond the largest
+        record('\x16', "\x03\x03", std::string(10, 'x'), 200),  // a record cut short
+        record('\x16', "\x09\x09", std::string(40, 'x'), 40),   // no version
         whole('\x17', "data before the handshake"),
-        whole('\x14', "\x01"),                                              // a change of the cipher at once
-        whole('\x15', "\x02\x28"),                                          // an alert
-        whole('\x15', "\x02"),                                              // a part of one
+        whole('\x14', "\x01"),      // a change of the cipher at once
+        whole('\x15', "\x02\x28"),  // an alert
+        whole('\x15', "\x02"),      // a part of one
         whole('\x63', "no such content"),
         hello("", 0),
         hello(hello_body, hello_body.size() - 5),
         hello(hello_body, hello_body.size() + 5) + whole('\x15', "\x01\x00"),
         hello(hello_body, 0xffff),
-        hello(std::string("\x03\x03", 2) + std::string(32, 'r') + std::string("\xff\x00\x8d\x00", 4), 38),  // a session id that goes on behind the end
-        hello(std::string("\x03\x03", 2) + std::string(32, 'r') + std::string("\x00\x13\x37\x00", 4), 38),  // a cipher nobody offered
-        hello(hello_body, hello_body.size()) + whole('\x16', std::string("\x0c\x00\x00\x02\xff\xff", 6)) + done,  // a hint that goes on behind the end
-        hello(hello_body, hello_body.size()) + whole('\x16', std::string("\x0c\x00\x01\x02\x01\x00", 6) + std::string(256, '%')) + done,  // one too long
+        hello(std::string("\x03\x03", 2) + std::string(32, 'r') + std::string("\xff\x00\x8d\x00", 4),
+              38),  // a session id that goes on behind the end
+        hello(std::string("\x03\x03", 2) + std::string(32, 'r') + std::string("\x00\x13\x37\x00", 4),
+              38),  // a cipher nobody offered
+        hello(hello_body, hello_body.size()) + whole('\x16', std::string("\x0c\x00\x00\x02\xff\xff", 6)) +
+            done,  // a hint that goes on behind the end
+        hello(hello_body, hello_body.size()) +
+            whole('\x16', std::string("\x0c\x00\x01\x02\x01\x00", 6) + std::string(256, '%')) + done,  // one too long
         hello(hello_body, hello_body.size()) + done + whole('\x14', "\x01") + whole('\x16', std::string(64, 'f')),
     };
     tls_peer peer;
     peer.meet_with(tls_peer::manner::nothing);
-    conf->server_port  = peer.port();
-    const int      before = open_descriptors() - 1;  // the first connection of the peer comes on top
-    size_t         number = 0;
-    tlsc_log_level = LOG_BUF_PRINT;
+    conf->server_port = peer.port();
+    const int before  = open_descriptors() - 1;  // the first connection of the peer comes on top
+    size_t    number  = 0;
+    tlsc_log_level    = LOG_BUF_PRINT;
     for (const std::string &answer : answers) {
         std::thread server([&] {
             peer_connection &connection = peer.connection(number);
@@ -400,8 +422,9 @@ TEST_F(engine_io, a_full_socket_is_want_write_when_it_does_not_block) {
     for (int i = 0; i < 2000 && result == 1; ++i) count = tlsc_ssl_write(sock, block.data(), 16000, &result);
     EXPECT_EQ(count, 0);
     EXPECT_EQ(result, 3);
-    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_ssl_write",
-                        text_of("SSL write error received = 3, translated-ssl-error = 3, write_len = -1, errno = %d", EAGAIN)));
+    EXPECT_TRUE(
+        log.has("ERROR", engine_file, "tlsc_ssl_write",
+                text_of("SSL write error received = 3, translated-ssl-error = 3, write_len = -1, errno = %d", EAGAIN)));
     expect_counters({{"ssl_write_errors_total", 1}, {"ssl_write_errors_writewouldblock", 1}});
 }
 
@@ -415,10 +438,14 @@ TEST_F(engine_io, every_write_error_class_is_translated_and_counted) {
         int32_t result = -1;
         EXPECT_EQ(tlsc_ssl_write(sock, "x", 1, &result), 0);
         EXPECT_EQ(result, error == 2 || error == 3 ? error : 0) << error;
-        EXPECT_TRUE(log.contains(text_of("SSL write error received = %d, translated-ssl-error = %d, write_len = -1", error, result)));
+        EXPECT_TRUE(log.contains(
+            text_of("SSL write error received = %d, translated-ssl-error = %d, write_len = -1", error, result)));
     }
     EXPECT_EQ(tlsc_ssl_write(sock, "x", 1, nullptr), 0);
-    expect_counters({{"ssl_write_errors_total", 10}, {"ssl_write_errors_readwouldblock", 1}, {"ssl_write_errors_writewouldblock", 1}, {"ssl_write_errors_others", 8}});
+    expect_counters({{"ssl_write_errors_total", 10},
+                     {"ssl_write_errors_readwouldblock", 1},
+                     {"ssl_write_errors_writewouldblock", 1},
+                     {"ssl_write_errors_others", 8}});
 }
 
 TEST_F(engine_io, writing_to_a_peer_that_went_away_is_an_error_and_not_a_signal) {
@@ -513,7 +540,8 @@ TEST_F(engine_io, a_read_that_wants_more_counts_in_total_and_in_readwouldblock_a
     int32_t result = -1;
     EXPECT_EQ(tlsc_ssl_read(sock, bytes, sizeof(bytes), &result), 0);
     EXPECT_EQ(result, 2);
-    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_ssl_read", "SSL Read error received = 2, translated-ssl-error = 2"));
+    EXPECT_TRUE(
+        log.has("ERROR", engine_file, "tlsc_ssl_read", "SSL Read error received = 2, translated-ssl-error = 2"));
     expect_counters({{"ssl_read_errors_total", 1}, {"ssl_read_errors_readwouldblock", 1}});
 }
 
@@ -527,9 +555,13 @@ TEST_F(engine_io, every_read_error_class_is_translated_and_counted) {
         int32_t result = -1;
         EXPECT_EQ(tlsc_ssl_read(sock, bytes, sizeof(bytes), &result), 0);
         EXPECT_EQ(result, error == 2 || error == 3 ? error : 0) << error;
-        EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_ssl_read", text_of("SSL Read error received = %d, translated-ssl-error = %d", error, result)));
+        EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_ssl_read",
+                            text_of("SSL Read error received = %d, translated-ssl-error = %d", error, result)));
     }
-    expect_counters({{"ssl_read_errors_total", 9}, {"ssl_read_errors_readwouldblock", 1}, {"ssl_read_errors_writewouldblock", 1}, {"ssl_read_errors_others", 7}});
+    expect_counters({{"ssl_read_errors_total", 9},
+                     {"ssl_read_errors_readwouldblock", 1},
+                     {"ssl_read_errors_writewouldblock", 1},
+                     {"ssl_read_errors_others", 7}});
 }
 
 TEST_F(engine_io, a_bare_fin_reads_as_class_5) {
@@ -611,13 +643,15 @@ TEST_F(engine_io, non_blocking_adds_its_flag_and_keeps_the_others) {
     EXPECT_EQ(tlsc_set_sock_nonblocking(ends[1]), 1);
     EXPECT_TRUE(fcntl(ends[1], F_GETFL) & O_NONBLOCK);
     EXPECT_TRUE(fcntl(ends[1], F_GETFL) & O_DIRECT);
-    EXPECT_TRUE(log.has("INFO", engine_file, "tlsc_set_sock_nonblocking", text_of("Setting sock-fd(%d) as non-blocking", ends[1])));
+    EXPECT_TRUE(log.has("INFO", engine_file, "tlsc_set_sock_nonblocking",
+                        text_of("Setting sock-fd(%d) as non-blocking", ends[1])));
     fcntl_failure = F_SETFL;
     EXPECT_EQ(tlsc_set_sock_nonblocking(ends[1]), 0);
     EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_set_sock_nonblocking", "fcntl error while set"));
     fcntl_failure = F_GETFL;
     EXPECT_EQ(tlsc_set_sock_nonblocking(ends[1]), 0);
-    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_set_sock_nonblocking", text_of("Could not get flags for socket %d", ends[1])));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_set_sock_nonblocking",
+                        text_of("Could not get flags for socket %d", ends[1])));
     fcntl_failure = -1;
     for (int fd : ends) close(fd);
 }
@@ -636,7 +670,8 @@ TEST_F(engine_io, blocking_leaves_o_nonblock_as_it_is_and_turns_all_other_status
     fcntl_failure = -1;
     for (int fd : ends) close(fd);
     EXPECT_EQ(tlsc_set_sock_blocking(ends[0]), 0);
-    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_set_sock_blocking", text_of("Could not get flags for socket %d", ends[0])));
+    EXPECT_TRUE(
+        log.has("ERROR", engine_file, "tlsc_set_sock_blocking", text_of("Could not get flags for socket %d", ends[0])));
 }
 
 TEST_F(engine_io, blocking_that_succeeds_says_so) {
@@ -645,7 +680,8 @@ TEST_F(engine_io, blocking_that_succeeds_says_so) {
     set_is_pretended = true;
     EXPECT_EQ(tlsc_set_sock_blocking(ends[0]), 1);
     EXPECT_EQ(log.entries().size(), 1u);
-    EXPECT_TRUE(log.has("INFO", engine_file, "tlsc_set_sock_blocking", text_of("Setting sock-fd(%d) as blocking", ends[0])));
+    EXPECT_TRUE(
+        log.has("INFO", engine_file, "tlsc_set_sock_blocking", text_of("Setting sock-fd(%d) as blocking", ends[0])));
     for (int fd : ends) close(fd);
 }
 
@@ -663,7 +699,8 @@ TEST_F(engine_io, exhaustion_of_memory_or_descriptors_ends_the_client) {
 }
 
 TEST_F(engine_io, six_codes_are_passed_through_in_silence) {
-    for (int32_t error : {EACCES, EINVAL, ENFILE, ENOTTY, EPROTONOSUPPORT, EAFNOSUPPORT}) EXPECT_EQ(tlsc_error_handling(error), error);
+    for (int32_t error : {EACCES, EINVAL, ENFILE, ENOTTY, EPROTONOSUPPORT, EAFNOSUPPORT})
+        EXPECT_EQ(tlsc_error_handling(error), error);
     EXPECT_EQ(log.text(), "");
     EXPECT_FALSE(client_restarted);
 }

@@ -22,31 +22,31 @@
 
 namespace {
 
-std::atomic<int>      epoll_create_result{1};  // what is returned in place of a descriptor, unless above 0
-std::atomic<bool>     calloc_fails;
-std::atomic<bool>     tun_open_fails;
-std::atomic<int>      create_tun_result{-2};  // what the interface creation returns; -2 for the real one
-std::atomic<int>      add_failure;            // adding the n-th descriptor to epoll fails
-std::atomic<int>      adds;
-std::atomic<int>      forced_add_errno;
-std::atomic<int>      mods;
-std::atomic<bool>     mod_fails;
-std::atomic<int>      undeletable{-1};        // removing this descriptor from epoll fails
-std::atomic<int>      max_events_asked;
-std::atomic<int>      timeout_asked;
-std::atomic<int>      wait_failures;          // so many waits return 0 or -1, in turn
-std::atomic<int>      forged_fd{-1};          // the next wait returns one event, of this descriptor
-std::atomic<uint32_t> forged_mask;
-std::atomic<bool>     hold_wait;              // no wait returns while this is set
-std::atomic<int>      next_class{-1};         // what SSL_get_error says
-std::atomic<int>      resolution_result;      // of the question to the controller
-std::atomic<int>      resolutions;
-std::atomic<uint32_t> tun_events;             // the mask that the TUN descriptor was registered with
-std::mutex            state_mutex;
-std::vector<std::string> states;              // what the controller was told of the interface
-std::atomic<bool>     retry_read_fails;
-std::atomic<bool>     tun_read_gives_0;
-std::atomic<int>      first_in_pass{-1};      // its event is put in front of the others of a pass
+std::atomic<int>         epoll_create_result{1};  // what is returned in place of a descriptor, unless above 0
+std::atomic<bool>        calloc_fails;
+std::atomic<bool>        tun_open_fails;
+std::atomic<int>         create_tun_result{-2};  // what the interface creation returns; -2 for the real one
+std::atomic<int>         add_failure;            // adding the n-th descriptor to epoll fails
+std::atomic<int>         adds;
+std::atomic<int>         forced_add_errno;
+std::atomic<int>         mods;
+std::atomic<bool>        mod_fails;
+std::atomic<int>         undeletable{-1};  // removing this descriptor from epoll fails
+std::atomic<int>         max_events_asked;
+std::atomic<int>         timeout_asked;
+std::atomic<int>         wait_failures;  // so many waits return 0 or -1, in turn
+std::atomic<int>         forged_fd{-1};  // the next wait returns one event, of this descriptor
+std::atomic<uint32_t>    forged_mask;
+std::atomic<bool>        hold_wait;          // no wait returns while this is set
+std::atomic<int>         next_class{-1};     // what SSL_get_error says
+std::atomic<int>         resolution_result;  // of the question to the controller
+std::atomic<int>         resolutions;
+std::atomic<uint32_t>    tun_events;  // the mask that the TUN descriptor was registered with
+std::mutex               state_mutex;
+std::vector<std::string> states;  // what the controller was told of the interface
+std::atomic<bool>        retry_read_fails;
+std::atomic<bool>        tun_read_gives_0;
+std::atomic<int>         first_in_pass{-1};  // its event is put in front of the others of a pass
 
 }  // namespace
 
@@ -160,9 +160,10 @@ namespace {
 
 using strings = std::vector<std::string>;
 
-const std::string request   = "X-CSTP-Device-ID:device\n";
-const std::string good      = "X-CSTP-Address:10.99.0.0\nX-CSTP-Prefix-Length:24\nX-CSTP-DPD:100\nX-CSTP-Address-Client:10.99.0.7\nX-CSTP-Retry-Time:20\n"
-                              "X-CSTP-Rekey-Time:600\nX-CSTP-Cookie:oatmeal\n";
+const std::string request = "X-CSTP-Device-ID:device\n";
+const std::string good =
+    "X-CSTP-Address:10.99.0.0\nX-CSTP-Prefix-Length:24\nX-CSTP-DPD:100\nX-CSTP-Address-Client:10.99.0.7\nX-CSTP-Retry-Time:20\n"
+    "X-CSTP-Rekey-Time:600\nX-CSTP-Cookie:oatmeal\n";
 const std::string data_mark = "tunnel payload mark";
 
 std::string udp_packet(const char *from, const char *to) {
@@ -200,9 +201,9 @@ protected:
         (void)once;
         hand_clock::forget();
         calloc_fails = tun_open_fails = hold_wait = retry_read_fails = tun_read_gives_0 = mod_fails = false;
-        epoll_create_result = 1;
-        create_tun_result   = -2;
-        tun_events          = 0;
+        epoll_create_result                                                                         = 1;
+        create_tun_result                                                                           = -2;
+        tun_events                                                                                  = 0;
         undeletable = forged_fd = -1;
         add_failure = adds = forced_add_errno = mods = wait_failures = resolution_result = resolutions = 0;
         next_class = first_in_pass = -1;
@@ -325,9 +326,15 @@ protected:
         forged_fd   = fd;
         ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));
     }
-    bool   logged(const std::string &message) { return eventually([&] { return position(message) >= 0; }); }
-    size_t teardowns() { return log.count("ERROR", engine_file, "tlsc_sock_error", "Closing connection and bringing down tun interface"); }
-    bool   torn_down(size_t times = 1) { return hand_clock::wait_for("backoff", times) && eventually_at_rest([&] { return teardowns() >= times; }); }
+    bool logged(const std::string &message) {
+        return eventually([&] { return position(message) >= 0; });
+    }
+    size_t teardowns() {
+        return log.count("ERROR", engine_file, "tlsc_sock_error", "Closing connection and bringing down tun interface");
+    }
+    bool torn_down(size_t times = 1) {
+        return hand_clock::wait_for("backoff", times) && eventually_at_rest([&] { return teardowns() >= times; });
+    }
     // Holds the thread that waits for this peer inside OpenSSL, ends the wait, and sees that nothing happens before the thread
     // is resumed.
     void expect_held_back(tls_peer &peer) {
@@ -346,9 +353,9 @@ protected:
 
     // The device's side of the interface.
     int open_packet_socket() {
-        const int   fd = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, htons(ETH_P_IP));
-        place_            = {};
-        place_.sll_family = AF_PACKET;
+        const int fd        = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, htons(ETH_P_IP));
+        place_              = {};
+        place_.sll_family   = AF_PACKET;
         place_.sll_protocol = htons(ETH_P_IP);
         place_.sll_ifindex  = static_cast<int>(if_nametoindex("loop0"));
         EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&place_), sizeof(place_)), 0) << strerror(errno);
@@ -357,7 +364,9 @@ protected:
         return fd;
     }
     void emit(int packets, const std::string &packet) {
-        ASSERT_EQ(sendto(packets, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&place_), sizeof(place_)), static_cast<ssize_t>(packet.size()));
+        ASSERT_EQ(
+            sendto(packets, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&place_), sizeof(place_)),
+            static_cast<ssize_t>(packet.size()));
     }
     static bool interface_exists() { return if_nametoindex("loop0") != 0; }
 
@@ -398,27 +407,32 @@ TEST_F(engine_loop, a_run_goes_from_connection_to_orderly_end) {
     EXPECT_EQ(reported_states(), (strings{"1/0", "0/0"}));
     EXPECT_EQ(hand_clock::sleeps(), (std::vector<unsigned>{2}));
 
-    const strings order = {"In epoll thread",
-                           text_of("Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d", cli_pipe_rd_fd.load(), cli_pipe_wr_fd.load()),
-                           "Added interface loop0 to epoll list",
-                           "Successfully enabled SSL/TLS session to: 127.0.0.1.",
-                           "Building CSTP-CONFIG-REQ",
-                           "Got data on SSL socket",
-                           "TUN-INTF is UP!!",
-                           "Exit cmd rcvd for child thread, set exit_client flag to true",
-                           text_of("Successfully deleted fd = %d, to epoll-event", tun_fd),  // the interface goes before the timers
-                           text_of("Successfully deleted fd = %d, to epoll-event", dpd_fd),
-                           "TLS Client: epoll thread exiting normally",
-                           "TLS Client: epoll thread exiting"};
+    const strings order = {
+        "In epoll thread",
+        text_of("Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d", cli_pipe_rd_fd.load(),
+                cli_pipe_wr_fd.load()),
+        "Added interface loop0 to epoll list",
+        "Successfully enabled SSL/TLS session to: 127.0.0.1.",
+        "Building CSTP-CONFIG-REQ",
+        "Got data on SSL socket",
+        "TUN-INTF is UP!!",
+        "Exit cmd rcvd for child thread, set exit_client flag to true",
+        text_of("Successfully deleted fd = %d, to epoll-event", tun_fd),  // the interface goes before the timers
+        text_of("Successfully deleted fd = %d, to epoll-event", dpd_fd),
+        "TLS Client: epoll thread exiting normally",
+        "TLS Client: epoll thread exiting"};
     for (size_t i = 0; i < order.size(); ++i) {
         EXPECT_GE(position(order[i]), 0) << order[i];
-        if (i > 0) { EXPECT_LT(position(order[i - 1]), position(order[i])) << order[i]; }
+        if (i > 0) {
+            EXPECT_LT(position(order[i - 1]), position(order[i])) << order[i];
+        }
     }
     EXPECT_TRUE(log.has("WARNING", engine_file, "register_tun", "Added interface loop0 to epoll list"));
     EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_start_epoll", "TLS Client: epoll thread exiting normally"));
     EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_start_epoll", "TLS Client: epoll thread exiting"));
     EXPECT_TRUE(logged_like("INFO", "create_epoll", "Created epoll-fd(~) to handle maximum 80 events"));
-    EXPECT_TRUE(logged_like("DEBUG", "register_command_pipe", text_of("Pipe-fd(%d) added to epoll-fd(~)", cli_pipe_rd_fd.load())));
+    EXPECT_TRUE(logged_like("DEBUG", "register_command_pipe",
+                            text_of("Pipe-fd(%d) added to epoll-fd(~)", cli_pipe_rd_fd.load())));
     EXPECT_TRUE(logged_like("INFO", "connect_and_register", "Successfully added Client-socket-fd(~) to epoll-fd"));
     expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}, {"tun_alloc", 1}, {"tun_freed", 1}});
 }
@@ -428,8 +442,9 @@ TEST_F(engine_loop, an_epoll_instance_that_cannot_be_made_ends_the_thread) {
         epoll_create_result = result;
         log.clear();
         expect_early_end();
-        EXPECT_EQ(lines_from(engine_file), (strings{"INFO tlsc_start_epoll: In epoll thread",
-                                                    text_of("ERROR create_epoll: Could not create epoll-fd, due to error %d", EMFILE)}));
+        EXPECT_EQ(lines_from(engine_file),
+                  (strings{"INFO tlsc_start_epoll: In epoll thread",
+                           text_of("ERROR create_epoll: Could not create epoll-fd, due to error %d", EMFILE)}));
         tlsc_epoll_fd = -1;
     }
 }
@@ -491,7 +506,8 @@ TEST_F(engine_loop, an_interface_that_epoll_refuses_ends_the_thread) {
     add_failure      = 2;  // behind the command pipe
     forced_add_errno = ENOMEM;
     expect_early_end();
-    EXPECT_TRUE(log.has("ERROR", engine_file, "register_tun", text_of("Could not add intf(loop0) to epoll. ErrorNo = %d", ENOMEM)));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "register_tun",
+                        text_of("Could not add intf(loop0) to epoll. ErrorNo = %d", ENOMEM)));
     EXPECT_EQ(mods, 0);
     close(sock->sess->tun_fd);
 }
@@ -501,8 +517,10 @@ TEST_F(engine_loop, an_interface_that_epoll_can_neither_add_nor_update_ends_the_
     forced_add_errno = EEXIST;
     mod_fails        = true;
     expect_early_end();
-    EXPECT_TRUE(log.has("WARNING", engine_file, "register_tun", "Intf FD already exists in the epoll.. updating event.."));
-    EXPECT_TRUE(log.has("ERROR", engine_file, "register_tun", text_of("Could not add intf(loop0) to epoll. ErrorNo = %d", EPERM)));
+    EXPECT_TRUE(
+        log.has("WARNING", engine_file, "register_tun", "Intf FD already exists in the epoll.. updating event.."));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "register_tun",
+                        text_of("Could not add intf(loop0) to epoll. ErrorNo = %d", EPERM)));
     EXPECT_EQ(mods, 1);
     EXPECT_GT(tlsc_epoll_fd, 0);  // left open like the interface
     EXPECT_TRUE(interface_exists());
@@ -515,7 +533,8 @@ TEST_F(engine_loop, an_interface_that_epoll_knows_already_is_updated) {
     tls_peer peer;
     bring_up(peer);
     EXPECT_EQ(mods, 1);
-    EXPECT_TRUE(log.has("WARNING", engine_file, "register_tun", "Intf FD already exists in the epoll.. updating event.."));
+    EXPECT_TRUE(
+        log.has("WARNING", engine_file, "register_tun", "Intf FD already exists in the epoll.. updating event.."));
     EXPECT_TRUE(log.contains("Added interface loop0 to epoll list"));
 }
 
@@ -582,7 +601,8 @@ TEST_F(engine_loop, with_the_gateway_unreachable_the_loop_is_entered_and_waits_f
     conf->server_port = port;
     start();
     ASSERT_TRUE(torn_down(2));  // the connection's own and the start's
-    EXPECT_TRUE(eventually([&] { return log.has("ERROR", engine_file, "connect_and_register", "TCP Connection failed"); }));
+    EXPECT_TRUE(
+        eventually([&] { return log.has("ERROR", engine_file, "connect_and_register", "TCP Connection failed"); }));
     EXPECT_TRUE(interface_exists());
     EXPECT_EQ(tun_events, static_cast<uint32_t>(EPOLLIN));
     EXPECT_GE(hand_clock::seconds("backoff"), 10);
@@ -673,7 +693,14 @@ TEST_F(engine_loop, packets_go_both_ways_with_their_addresses_exchanged) {
     stop();
     EXPECT_TRUE(log.has("DEBUG", engine_file, "on_tun_event", "Got data on Tun interface"));
     EXPECT_TRUE(log.has("DEBUG", engine_file, "on_ssl_event", "Got data on SSL socket"));
-    expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}, {"tun_alloc", 1}, {"tun_freed", 1}, {"data_pkt_tx", 1}, {"data_pkt_rx", 1}, {"tun_pkt_rx", 1}, {"tun_pkt_tx", 1}});
+    expect_counters({{"ctrl_pkt_tx", 1},
+                     {"ctrl_pkt_rx", 1},
+                     {"tun_alloc", 1},
+                     {"tun_freed", 1},
+                     {"data_pkt_tx", 1},
+                     {"data_pkt_rx", 1},
+                     {"tun_pkt_rx", 1},
+                     {"tun_pkt_tx", 1}});
 }
 
 TEST_F(engine_loop, until_the_first_teardown_packets_are_sent_even_before_the_response) {
@@ -701,7 +728,8 @@ TEST_F(engine_loop, packets_stay_queued_while_the_data_path_is_down) {
     hand_clock::expire("rekey");  // stops the data path while the controller is asked
     ASSERT_TRUE(hand_clock::wait_for("fqdn"));
     emit(packets, udp_packet("192.168.1.5", "8.8.8.8"));
-    ASSERT_TRUE(eventually([&] { return log.count("DEBUG", engine_file, "on_tun_event", "DP STATE DOWN") >= 3; }));  // at every wakeup
+    ASSERT_TRUE(eventually(
+        [&] { return log.count("DEBUG", engine_file, "on_tun_event", "DP STATE DOWN") >= 3; }));  // at every wakeup
     EXPECT_EQ(tlsc_stats_record.tun_pkt_rx, 0u);
     tlsc_log_level = LOG_INFO;  // it logs at every turn
     hand_clock::expire("fqdn");
@@ -728,7 +756,9 @@ TEST_F(engine_loop, two_frames_in_two_records_of_one_segment_are_both_handled) {
 TEST_F(engine_loop, the_processor_is_given_nowhere_to_report_to_so_a_bad_frame_does_not_end_the_connection) {
     tls_peer peer;
     bring_up(peer);
-    for (const std::string &bad : {wire_frame(1, "x"), wire_frame(77, ""), wire_frame(CSTP_CONFIG_RESPONSE, "no address"), std::string("S"), std::string("STF\x01\xff\xff\x00\x00", 8)})
+    for (const std::string &bad :
+         {wire_frame(1, "x"), wire_frame(77, ""), wire_frame(CSTP_CONFIG_RESPONSE, "no address"), std::string("S"),
+          std::string("STF\x01\xff\xff\x00\x00", 8)})
         ASSERT_TRUE(peer.connection(0).write(bad));
     ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
     EXPECT_TRUE(eventually_at_rest([] { return tlsc_stats_record.dpd_rsp_rx == 1; }));
@@ -767,7 +797,8 @@ TEST_F(engine_loop, a_read_result_of_2_or_3_keeps_the_connection) {
         next_class = error;
         peer.connection(0).send_raw(std::string("\x17\x03\x03\x00\x01x", 6));  // a record that cannot be read
         ASSERT_TRUE(eventually([&] {
-            return log.has("ERROR", engine_file, "on_ssl_event", text_of("SSL returned error = %d, while trying to read data", error));
+            return log.has("ERROR", engine_file, "on_ssl_event",
+                           text_of("SSL returned error = %d, while trying to read data", error));
         }));
         hand_clock::expire("rekey");  // the loop goes on
         EXPECT_NE(peer.connection(1).read_record(), "");
@@ -812,7 +843,8 @@ TEST_F(engine_loop, an_error_or_a_hang_up_in_any_form_tears_down_and_nothing_is_
             forge_event(peer, fd, EPOLLIN | mask);
             ASSERT_TRUE(torn_down());
             EXPECT_TRUE(log.has("ERROR", engine_file, on_tun ? "on_tun_event" : "on_ssl_event",
-                                text_of("Error [%u] occured on %s-Socket-fd(%d).. closing connection", EPOLLIN | mask, on_tun ? "TUN" : "SSL", fd)));
+                                text_of("Error [%u] occured on %s-Socket-fd(%d).. closing connection", EPOLLIN | mask,
+                                        on_tun ? "TUN" : "SSL", fd)));
             EXPECT_FALSE(log.contains("Got data on"));
             EXPECT_EQ(tlsc_stats_record.invalid_rx, 0u);
             stop();
@@ -825,7 +857,8 @@ TEST_F(engine_loop, an_event_of_an_unknown_descriptor_is_only_logged) {
     bring_up(peer);
     forge_event(peer, 999, EPOLLIN | EPOLLERR);
     EXPECT_TRUE(eventually([&] {
-        return log.has("ERROR", engine_file, "on_unknown_event", "Epoll indicated event on an unknown socket with ltype = 0");
+        return log.has("ERROR", engine_file, "on_unknown_event",
+                       "Epoll indicated event on an unknown socket with ltype = 0");
     }));
     EXPECT_TRUE(eventually_at_rest([] { return tlsc_stats_record.invalid_rx == 1; }));  // the waking frame
     stop();
@@ -976,15 +1009,17 @@ TEST_F(engine_loop, a_retry_timer_that_cannot_be_read_is_handled_all_the_same) {
     hand_clock::expire("retry");
     EXPECT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_DPD_REQ, ""));
     retry_read_fails = false;
-    EXPECT_TRUE(log.has("ERROR", engine_file, "on_retry_timer", text_of("Retry timer fd read error, ret1=-1, errstr=%s", strerror(EIO))));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "on_retry_timer",
+                        text_of("Retry timer fd read error, ret1=-1, errstr=%s", strerror(EIO))));
 }
 
 TEST_F(engine_loop, a_rekey_builds_a_new_connection_and_closes_the_old_one_with_the_response) {
     tls_peer peer;
     bring_up(peer);
     hand_clock::expire("rekey");
-    EXPECT_EQ(peer.connection(1).read_record(),
-              wire_frame(CSTP_CONFIG_REQ, "X-CSTP-Address:10.99.0.7\nX-CSTP-Device-ID:device\nX-CSTP-Cookie:oatmeal\n"));
+    EXPECT_EQ(
+        peer.connection(1).read_record(),
+        wire_frame(CSTP_CONFIG_REQ, "X-CSTP-Address:10.99.0.7\nX-CSTP-Device-ID:device\nX-CSTP-Cookie:oatmeal\n"));
     EXPECT_TRUE(log.contains("FQDN Resoln failed, try rekeying with previous GW IP"));
     EXPECT_TRUE(peer.connection(0).is_still_open());
     EXPECT_EQ(tlsc_stats_record.rekey_attempts, 1u);
@@ -1093,7 +1128,8 @@ TEST_F(engine_loop, an_expired_timer_that_epoll_does_not_know_is_closed_and_hand
     int fd = tlsc_timers.rekey;
     expire_unknown("rekey", fd);
     ASSERT_TRUE(hand_clock::wait_for("fqdn"));
-    EXPECT_TRUE(log.has("ERROR", engine_file, "on_rekey_timer", text_of("Couldnt delete the rekey-timer-fd(%d) after rekeying", fd)));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "on_rekey_timer",
+                        text_of("Couldnt delete the rekey-timer-fd(%d) after rekeying", fd)));
 
     fd = tlsc_timers.fqdn;
     expire_unknown("fqdn", fd);
@@ -1105,15 +1141,19 @@ TEST_F(engine_loop, an_expired_timer_that_epoll_does_not_know_is_closed_and_hand
     fd = tlsc_timers.guard;
     expire_unknown("guard", fd);
     ASSERT_TRUE(torn_down());
-    EXPECT_TRUE(log.has("ERROR", engine_file, "on_guard_timer", text_of("Couldnt delete the guard-timer-fd(%d) upon expiry", fd)));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "on_guard_timer",
+                        text_of("Couldnt delete the guard-timer-fd(%d) upon expiry", fd)));
 
     fd = tlsc_timers.backoff;
     expire_unknown("backoff", fd);
     ASSERT_TRUE(hand_clock::wait_for("fqdn", 2));
-    EXPECT_TRUE(log.has("ERROR", engine_file, "on_backoff_timer", text_of("Couldnt delete the backoff-timer-fd(%d) after rekeying", fd)));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "on_backoff_timer",
+                        text_of("Couldnt delete the backoff-timer-fd(%d) after rekeying", fd)));
     undeletable = -1;
     stop();
-    for (int32_t slot : {tlsc_timers.dpd, tlsc_timers.retry, tlsc_timers.rekey, tlsc_timers.fqdn, tlsc_timers.guard, tlsc_timers.backoff}) EXPECT_EQ(slot, -1);
+    for (int32_t slot : {tlsc_timers.dpd, tlsc_timers.retry, tlsc_timers.rekey, tlsc_timers.fqdn, tlsc_timers.guard,
+                         tlsc_timers.backoff})
+        EXPECT_EQ(slot, -1);
 }
 
 TEST_F(engine_loop, a_reconnection_after_a_backoff_asks_the_controller_but_is_no_rekey) {
@@ -1122,7 +1162,8 @@ TEST_F(engine_loop, a_reconnection_after_a_backoff_asks_the_controller_but_is_no
     peer.connection(0).reset();
     ASSERT_TRUE(torn_down());
     hand_clock::expire("backoff");
-    EXPECT_EQ(peer.connection(1).read_record(), wire_frame(CSTP_CONFIG_REQ, "X-CSTP-Address:10.99.0.7\nX-CSTP-Device-ID:device\n"));  // no cookie
+    EXPECT_EQ(peer.connection(1).read_record(),
+              wire_frame(CSTP_CONFIG_REQ, "X-CSTP-Address:10.99.0.7\nX-CSTP-Device-ID:device\n"));  // no cookie
     answer(peer, 1);
     EXPECT_EQ(resolutions, 1);
     EXPECT_EQ(tlsc_stats_record.rekey_attempts, 0u);
@@ -1163,7 +1204,8 @@ TEST_F(engine_loop, events_of_one_pass_are_handled_in_the_order_epoll_gives_them
         hold_wait = false;
         EXPECT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_DPD_REQ, ""));
         ASSERT_TRUE(eventually([&] { return log.contains("Receieved invalid cstp frame(9)"); }));
-        EXPECT_EQ(log.text().find("Receieved invalid cstp frame(9)") < log.text().find("DPD timer expiry event"), socket_first);
+        EXPECT_EQ(log.text().find("Receieved invalid cstp frame(9)") < log.text().find("DPD timer expiry event"),
+                  socket_first);
         ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
         ASSERT_TRUE(hand_clock::wait_for("dpd", round + 1));
     }

@@ -85,11 +85,13 @@ TEST_F(engine_registry, zero_and_negative_descriptors_are_unknown_even_when_they
         sock->ssl_fd   = fd;
         session.tun_fd = fd;
         EXPECT_EQ(tlsc_get_fd_type(fd, sock), TLSC_FD_UNKNOWN);
-        EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_get_fd_type",
-                            text_of("FD is zero/negative value, or sock ptr is NULL. Return unknown-fd for fd = %d", fd)));
+        EXPECT_TRUE(
+            log.has("ERROR", engine_file, "tlsc_get_fd_type",
+                    text_of("FD is zero/negative value, or sock ptr is NULL. Return unknown-fd for fd = %d", fd)));
     }
     EXPECT_EQ(tlsc_get_fd_type(5, nullptr), TLSC_FD_UNKNOWN);
-    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_get_fd_type", "FD is zero/negative value, or sock ptr is NULL. Return unknown-fd for fd = 5"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_get_fd_type",
+                        "FD is zero/negative value, or sock ptr is NULL. Return unknown-fd for fd = 5"));
 }
 
 // ---- epoll ---------------------------------------------------------------------------------------------------------------
@@ -99,7 +101,8 @@ TEST_F(engine_registry, a_descriptor_is_registered_for_input_and_peer_hang_up) {
     EXPECT_EQ(tlsc_add_fd_to_epoll(tlsc_epoll_fd, ends[0]), 1);
     EXPECT_EQ(added_events, 0x2001u);
     EXPECT_EQ(added_user_data, ends[0]);
-    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_add_fd_to_epoll", text_of("Successfully added fd = %d, to epoll-event", ends[0])));
+    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_add_fd_to_epoll",
+                        text_of("Successfully added fd = %d, to epoll-event", ends[0])));
 
     ASSERT_EQ(write(ends[1], "xy", 2), 2);
     epoll_event event{};
@@ -113,8 +116,9 @@ TEST_F(engine_registry, a_failed_registration_is_logged_with_its_errno) {
     open_epoll();
     EXPECT_EQ(tlsc_add_fd_to_epoll(tlsc_epoll_fd, ends[0]), 1);
     EXPECT_EQ(tlsc_add_fd_to_epoll(tlsc_epoll_fd, ends[0]), 0);
-    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_add_fd_to_epoll",
-                        text_of("Could not add fd %d to epoll-event(fd = %d). errno = %d", ends[0], tlsc_epoll_fd, EEXIST)));
+    EXPECT_TRUE(
+        log.has("ERROR", engine_file, "tlsc_add_fd_to_epoll",
+                text_of("Could not add fd %d to epoll-event(fd = %d). errno = %d", ends[0], tlsc_epoll_fd, EEXIST)));
     EXPECT_EQ(tlsc_add_fd_to_epoll(-1, ends[0]), 0);
     EXPECT_TRUE(log.contains(text_of("Could not add fd %d to epoll-event(fd = -1). errno = %d", ends[0], EBADF)));
 }
@@ -123,7 +127,8 @@ TEST_F(engine_registry, a_descriptor_is_removed_and_a_failed_removal_logged) {
     open_epoll();
     ASSERT_EQ(tlsc_add_fd_to_epoll(tlsc_epoll_fd, ends[0]), 1);
     EXPECT_EQ(tlsc_delete_fd_from_epoll(tlsc_epoll_fd, ends[0]), 1);
-    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_delete_fd_from_epoll", text_of("Successfully deleted fd = %d, to epoll-event", ends[0])));
+    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_delete_fd_from_epoll",
+                        text_of("Successfully deleted fd = %d, to epoll-event", ends[0])));
     EXPECT_EQ(tlsc_delete_fd_from_epoll(tlsc_epoll_fd, ends[0]), 0);
     EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_delete_fd_from_epoll",
                         text_of("Could not delete fd = %d, from epoll-event. Errno = %d", ends[0], ENOENT)));
@@ -140,7 +145,8 @@ TEST_F(engine_registry, requesting_the_current_state_warns_and_writes_nothing) {
     for (int8_t state : {0, 1}) {
         tlsc_dp_state = state;
         tlsc_set_dp_state(state);
-        EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_set_dp_state", text_of("Invalid DP state change req received. State already [%d].", state)));
+        EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_set_dp_state",
+                            text_of("Invalid DP state change req received. State already [%d].", state)));
     }
     char byte;
     EXPECT_LT(read(cli_pipe_rd_fd, &byte, 1), 0);
@@ -168,8 +174,9 @@ TEST_F(engine_registry, a_state_that_cannot_be_written_changes_nothing_either) {
     ASSERT_EQ(cli_pipe_wr_fd, -1);
     tlsc_set_dp_state(0);
     EXPECT_EQ(tlsc_dp_state, 1);
-    EXPECT_EQ(lines_from(engine_file), (std::vector<std::string>{"ERROR tlsc_set_dp_state: Writing to pipe-fd(-1) failed",
-                                                                 "ERROR tlsc_set_dp_state: DP state changed. Old state [1], new state [0]."}));
+    EXPECT_EQ(lines_from(engine_file),
+              (std::vector<std::string>{"ERROR tlsc_set_dp_state: Writing to pipe-fd(-1) failed",
+                                        "ERROR tlsc_set_dp_state: DP state changed. Old state [1], new state [0]."}));
 }
 
 }  // namespace

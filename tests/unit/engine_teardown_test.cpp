@@ -13,9 +13,9 @@
 
 namespace {
 
-std::vector<std::string> steps;      // what the code under test did, in order
-int                      reuse_fd;   // a number that somebody else takes while the interface goes down; 0 for none
-int                      taken_fd;   // the number as it was taken
+std::vector<std::string> steps;     // what the code under test did, in order
+int                      reuse_fd;  // a number that somebody else takes while the interface goes down; 0 for none
+int                      taken_fd;  // the number as it was taken
 
 }  // namespace
 
@@ -103,12 +103,14 @@ TEST_F(engine_teardown, closes_the_transport_lowers_the_interface_stops_the_time
     const int retry = tlsc_timers.retry;
     const int dpd   = tlsc_timers.dpd;
     tear_down();
-    EXPECT_EQ(steps, (strings{text_of("forget %d", fd), text_of("close %d", fd), "interface 0", text_of("forget %d", retry), text_of("close %d", retry),
-                              text_of("forget %d", dpd), text_of("close %d", dpd), text_of("watch %d", tlsc_timers.backoff)}));
+    EXPECT_EQ(steps, (strings{text_of("forget %d", fd), text_of("close %d", fd), "interface 0",
+                              text_of("forget %d", retry), text_of("close %d", retry), text_of("forget %d", dpd),
+                              text_of("close %d", dpd), text_of("watch %d", tlsc_timers.backoff)}));
     EXPECT_EQ(log.messages(),
               (strings{"Closing connection and bringing down tun interface", "Disable data transfer, new state 0",
                        text_of("Successfully deleted fd = %d, to epoll-event", fd), "SSL-handle and Engine cleanup",
-                       text_of("Successfully deleted fd = %d, to epoll-event", retry), text_of("Successfully deleted fd = %d, to epoll-event", dpd),
+                       text_of("Successfully deleted fd = %d, to epoll-event", retry),
+                       text_of("Successfully deleted fd = %d, to epoll-event", dpd),
                        text_of("Created timer with fd = %d", tlsc_timers.backoff), "Started Backoff Timer for 10 sec",
                        text_of("Successfully added fd = %d, to epoll-event", tlsc_timers.backoff)}));
     EXPECT_EQ(log.entries()[0].severity, "ERROR");
@@ -163,7 +165,8 @@ TEST_F(engine_teardown, a_second_teardown_closes_nothing_and_restarts_the_backof
     const int backoff = tlsc_timers.backoff;
     tear_down();
     EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_ssl_cleanup", "SSL-handle is NULL"));
-    EXPECT_EQ(steps, (strings{text_of("forget %d", backoff), text_of("close %d", backoff), text_of("watch %d", tlsc_timers.backoff)}));
+    EXPECT_EQ(steps, (strings{text_of("forget %d", backoff), text_of("close %d", backoff),
+                              text_of("watch %d", tlsc_timers.backoff)}));
     EXPECT_TRUE(tlsc_backoff_interval == 10 || tlsc_backoff_interval == 11);
     EXPECT_TRUE(log.contains(text_of("Started Backoff Timer for %u sec", tlsc_backoff_interval)));
 }
@@ -214,7 +217,8 @@ TEST_F(engine_teardown, a_failed_removal_is_logged_and_the_descriptor_closed_all
     const int fd = sock->sockfd;
     ASSERT_EQ(__real_epoll_ctl(tlsc_epoll_fd, EPOLL_CTL_DEL, fd, nullptr), 0);
     tear_down();
-    EXPECT_TRUE(log.has("ERROR", engine_file, "drop_transport", text_of("Could not delete the transport-fd(%d) from epoll-list", fd)));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "drop_transport",
+                        text_of("Could not delete the transport-fd(%d) from epoll-list", fd)));
     EXPECT_EQ(std::count(steps.begin(), steps.end(), text_of("close %d", fd)), 1);
 }
 
@@ -225,8 +229,8 @@ TEST_F(engine_teardown, the_old_transport_of_a_rekey_is_closed_first) {
     connect();
     const int current = sock->sockfd;
     tear_down();
-    EXPECT_EQ(steps, (strings{text_of("forget %d", old), text_of("close %d", old), text_of("forget %d", current), text_of("close %d", current),
-                              text_of("watch %d", tlsc_timers.backoff)}));
+    EXPECT_EQ(steps, (strings{text_of("forget %d", old), text_of("close %d", old), text_of("forget %d", current),
+                              text_of("close %d", current), text_of("watch %d", tlsc_timers.backoff)}));
     EXPECT_TRUE(log.has("INFO", engine_file, "drop_old_transport", text_of("Closing the old transport-fd(%d)", old)));
     EXPECT_EQ(log.count("INFO", engine_file, "tlsc_ssl_cleanup", "SSL-handle and Engine cleanup"), 2u);
     EXPECT_EQ(tlsc_old_transport_fd, -1);
@@ -240,7 +244,8 @@ TEST_F(engine_teardown, an_old_transport_that_epoll_has_forgotten_is_logged_and_
     ASSERT_EQ(__real_epoll_ctl(tlsc_epoll_fd, EPOLL_CTL_DEL, old, nullptr), 0);
     connect();
     tear_down();
-    EXPECT_TRUE(log.has("ERROR", engine_file, "drop_old_transport", text_of("Could not delete the old-transport-fd(%d) from epoll-list", old)));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "drop_old_transport",
+                        text_of("Could not delete the old-transport-fd(%d) from epoll-list", old)));
     EXPECT_EQ(std::count(steps.begin(), steps.end(), text_of("close %d", old)), 1);
 }
 

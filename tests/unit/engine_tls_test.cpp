@@ -12,17 +12,21 @@
 
 namespace {
 
-bool              ctx_fails;
-bool              conf_is_missing;
-unsigned long     param_flags;
+bool          ctx_fails;
+bool          conf_is_missing;
+unsigned long param_flags;
 
 }  // namespace
 
 extern "C" SSL_CTX *__real_SSL_CTX_new(const SSL_METHOD *method);
-extern "C" SSL_CTX *__wrap_SSL_CTX_new(const SSL_METHOD *method) { return ctx_fails ? nullptr : __real_SSL_CTX_new(method); }
+extern "C" SSL_CTX *__wrap_SSL_CTX_new(const SSL_METHOD *method) {
+    return ctx_fails ? nullptr : __real_SSL_CTX_new(method);
+}
 
 extern "C" tlsc_config *__real__Z15tlsc_get_configv();
-extern "C" tlsc_config *__wrap__Z15tlsc_get_configv() { return conf_is_missing ? nullptr : __real__Z15tlsc_get_configv(); }
+extern "C" tlsc_config *__wrap__Z15tlsc_get_configv() {
+    return conf_is_missing ? nullptr : __real__Z15tlsc_get_configv();
+}
 
 extern "C" int __real_SSL_CTX_set1_param(SSL_CTX *ctx, X509_VERIFY_PARAM *param);
 extern "C" int __wrap_SSL_CTX_set1_param(SSL_CTX *ctx, X509_VERIFY_PARAM *param) {
@@ -167,7 +171,9 @@ protected:
         if ((where & SSL_CB_READ_ALERT) == SSL_CB_READ_ALERT) alert = ret & 0xFF;
     }
 
-    size_t callbacks() { return log.count("INFO", engine_file, "tlsc_verify_cert_cb", "tlsc_verify_cert_cb received..."); }
+    size_t callbacks() {
+        return log.count("INFO", engine_file, "tlsc_verify_cert_cb", "tlsc_verify_cert_cb received...");
+    }
 
     static std::atomic<int> alert;  // that the server got
     long                    verify_result = -1;
@@ -178,9 +184,11 @@ std::atomic<int> engine_tls::alert;
 
 TEST_F(engine_tls, the_lock_array_is_made_and_destroyed_with_its_count) {
     tlsc_init_locks();
-    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_init_locks", text_of("Initialized the crypto lock array with no. of locks = %d", CRYPTO_num_locks())));
+    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_init_locks",
+                        text_of("Initialized the crypto lock array with no. of locks = %d", CRYPTO_num_locks())));
     tlsc_destroy_locks();
-    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_destroy_locks", text_of("Destroyed the crypto lock array with no. of locks = %d", CRYPTO_num_locks())));
+    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_destroy_locks",
+                        text_of("Destroyed the crypto lock array with no. of locks = %d", CRYPTO_num_locks())));
 }
 
 TEST_F(engine_tls, destroying_locks_that_were_never_made_is_harmless) {
@@ -191,7 +199,9 @@ TEST_F(engine_tls, destroying_locks_that_were_never_made_is_harmless) {
 
 TEST_F(engine_tls, initialising_openssl_makes_the_locks_and_says_so) {
     tlsc_init_openssl();
-    EXPECT_EQ(log.messages(), (strings{text_of("Initialized the crypto lock array with no. of locks = %d", CRYPTO_num_locks()), "OpenSSL initialized..."}));
+    EXPECT_EQ(log.messages(),
+              (strings{text_of("Initialized the crypto lock array with no. of locks = %d", CRYPTO_num_locks()),
+                       "OpenSSL initialized..."}));
     tlsc_destroy_locks();
 }
 
@@ -231,7 +241,8 @@ TEST_F(engine_tls, a_psk_context_is_made_for_tls_1_2_alone) {
     EXPECT_EQ(tlsc_init_ssl_config(), 1);
     ASSERT_NE(tlsc_ssl_ctx, nullptr);
     EXPECT_EQ(sock->ssl_ctx, tlsc_ssl_ctx);
-    EXPECT_EQ(lines_from(engine_file), (strings{"INFO tlsc_init_ssl_config: Cipher set successfully for SSL-Ctx : PSK-AES256-CBC-SHA"}));
+    EXPECT_EQ(lines_from(engine_file),
+              (strings{"INFO tlsc_init_ssl_config: Cipher set successfully for SSL-Ctx : PSK-AES256-CBC-SHA"}));
     EXPECT_EQ(SSL_CTX_get_quiet_shutdown(tlsc_ssl_ctx), 1);
     EXPECT_EQ(SSL_CTX_get_options(tlsc_ssl_ctx) & static_cast<uint64_t>(SSL_OP_ALL), static_cast<uint64_t>(SSL_OP_ALL));
     EXPECT_EQ(SSL_CTX_get_verify_mode(tlsc_ssl_ctx), SSL_VERIFY_NONE);
@@ -254,7 +265,9 @@ TEST_F(engine_tls, a_mechanism_never_set_fails_and_keeps_the_context) {
         SSL_CTX_free(tlsc_ssl_ctx);
         tlsc_ssl_ctx = nullptr;
     }
-    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_init_ssl_config", "Invalid ssl_auth_mechanism found in global-config"), 3u);
+    EXPECT_EQ(
+        log.count("ERROR", engine_file, "tlsc_init_ssl_config", "Invalid ssl_auth_mechanism found in global-config"),
+        3u);
 }
 
 TEST_F(engine_tls, an_invalid_cipher_list_fails_and_leaves_no_context) {
@@ -263,14 +276,18 @@ TEST_F(engine_tls, an_invalid_cipher_list_fails_and_leaves_no_context) {
         EXPECT_EQ(tlsc_init_ssl_config(), 0);
         EXPECT_EQ(sock->ssl_ctx, nullptr);
         EXPECT_EQ(tlsc_ssl_ctx, nullptr);
-        EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_init_ssl_config", std::string("Could not set the SSL Cipher: ") + list));
+        EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_init_ssl_config",
+                            std::string("Could not set the SSL Cipher: ") + list));
     }
 }
 
 TEST_F(engine_tls, a_context_that_cannot_be_made_is_reported) {
     ctx_fails = true;
     EXPECT_EQ(tlsc_init_ssl_config(), 0);
-    EXPECT_EQ(lines_from(engine_file), (strings{"ERROR tlsc_init_ssl_config: Allocating ssl-ctx failed using API: SSL_CTX_new(), with TLSv1_2 method"}));
+    EXPECT_EQ(
+        lines_from(engine_file),
+        (strings{
+            "ERROR tlsc_init_ssl_config: Allocating ssl-ctx failed using API: SSL_CTX_new(), with TLSv1_2 method"}));
     EXPECT_EQ(sock->ssl_ctx, nullptr);
 }
 
@@ -319,7 +336,8 @@ TEST_F(engine_tls, the_protocol_is_traced_by_both_callbacks_of_the_context) {
     tls_peer peer;
     EXPECT_EQ(connect_to(peer), 1);
     EXPECT_TRUE(logged_like("SSL_DEBUG", "tlsc_ssl_msg_cb", ">>> TLS 1.2 Handshake [length *], ClientHello*"));
-    EXPECT_TRUE(log.has("SSL_DEBUG", "tlsc_debug.c", "tlsc_ssl_info_cb", "Handshake done: SSL negotiation finished successfully"));
+    EXPECT_TRUE(log.has("SSL_DEBUG", "tlsc_debug.c", "tlsc_ssl_info_cb",
+                        "Handshake done: SSL negotiation finished successfully"));
 }
 
 // ---- certificates of the client ----------------------------------------------------------------------------------------------
@@ -374,11 +392,28 @@ TEST_F(engine_tls, a_key_of_another_kind_is_reported_as_not_matching) {
 }
 
 // Files that are none, or hold something else, or are damaged.
-const char *const broken_files[] = {
-    "no-such-file.pem", "empty.pem",          "directory.pem",          "random.pem",            "zeros.pem",
-    "root-cut.pem",     "root-without-end.pem", "root-without-frame.pem", "root-line-lost.pem",    "root-foreign-letter.pem",
-    "crl-cut.pem",      "crl-without-end.pem",  "crl-without-frame.pem",  "crl-line-lost.pem",     "crl-foreign-letter.pem",
-    "crl-of-a-certificate.pem", "certificate-of-a-crl.pem", "root.key", "root-long-line.pem", "crl-long-line.pem", "crl-other-bytes.pem", "root-other-bytes.pem"};
+const char *const broken_files[] = {"no-such-file.pem",
+                                    "empty.pem",
+                                    "directory.pem",
+                                    "random.pem",
+                                    "zeros.pem",
+                                    "root-cut.pem",
+                                    "root-without-end.pem",
+                                    "root-without-frame.pem",
+                                    "root-line-lost.pem",
+                                    "root-foreign-letter.pem",
+                                    "crl-cut.pem",
+                                    "crl-without-end.pem",
+                                    "crl-without-frame.pem",
+                                    "crl-line-lost.pem",
+                                    "crl-foreign-letter.pem",
+                                    "crl-of-a-certificate.pem",
+                                    "certificate-of-a-crl.pem",
+                                    "root.key",
+                                    "root-long-line.pem",
+                                    "crl-long-line.pem",
+                                    "crl-other-bytes.pem",
+                                    "root-other-bytes.pem"};
 
 TEST_F(engine_tls, no_broken_file_in_the_place_of_one_of_the_clients_gets_past_the_loading) {
     testing::internal::CaptureStderr();
@@ -389,10 +424,12 @@ TEST_F(engine_tls, no_broken_file_in_the_place_of_one_of_the_clients_gets_past_t
             char *const fields[] = {conf->ssl_certificate, conf->ssl_private_key, conf->ssl_rootca_bundle};
             if (which == 1 && file == std::string("root.key")) continue;  // is one, only not the certificate's
             set_text(fields[which], authority::path(file));
-            SSL_CTX *ctx = __real_SSL_CTX_new(TLS_client_method());
+            SSL_CTX      *ctx    = __real_SSL_CTX_new(TLS_client_method());
             const int32_t result = tlsc_load_certs(ctx, conf);
             const bool    is_crl = std::string(file).find("crl") == 0;  // which a bundle may hold
-            if (which != 2 || !is_crl) { EXPECT_EQ(result, 0) << file << " " << which; }
+            if (which != 2 || !is_crl) {
+                EXPECT_EQ(result, 0) << file << " " << which;
+            }
             ERR_clear_error();
             SSL_CTX_free(ctx);
         }
@@ -456,8 +493,8 @@ TEST_F(engine_tls, openssls_own_verdict_is_ignored) {
     FILE *file = fopen(authority::path("leaf.pem").c_str(), "r");
     X509 *leaf = PEM_read_X509(file, nullptr, nullptr, nullptr);
     fclose(file);
-    file        = fopen(authority::path("revoked.pem").c_str(), "r");
-    X509 *bad   = PEM_read_X509(file, nullptr, nullptr, nullptr);
+    file      = fopen(authority::path("revoked.pem").c_str(), "r");
+    X509 *bad = PEM_read_X509(file, nullptr, nullptr, nullptr);
     fclose(file);
     X509_STORE *store = X509_STORE_new();
     for (int preverified : {0, 1}) {
@@ -484,8 +521,10 @@ TEST_F(engine_tls, a_revoked_leaf_is_rejected_with_error_23_and_the_peer_told_so
     use_certificates();
     EXPECT_LT(shake_hands_with("revoked.pem", "revoked.key"), 1);
     EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_verify_cert_cb", "SSL error in certificate = 23"));
-    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_verify_cert_cb", "Verification failed for cert, error str = certificate revoked"));
-    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_verify_cert_cb", "Depth of certificate where error occurred = 0"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_verify_cert_cb",
+                        "Verification failed for cert, error str = certificate revoked"));
+    EXPECT_TRUE(
+        log.has("WARNING", engine_file, "tlsc_verify_cert_cb", "Depth of certificate where error occurred = 0"));
     EXPECT_EQ(alert, SSL_AD_CERTIFICATE_REVOKED);
 }
 
@@ -562,9 +601,10 @@ TEST_F(engine_tls, the_key_is_the_configured_text_itself_byte_for_byte_not_decod
     EXPECT_STREQ(identity, "device-7");
     EXPECT_EQ(std::string(reinterpret_cast<char *>(key), 8), "abcd1234");
     EXPECT_EQ(key[8], 0xEE);  // no terminator
-    EXPECT_EQ(lines_from(engine_file),
-              (strings{"INFO tlsc_psk_client_cb: psk_client_cb received...", "DEBUG tlsc_psk_client_cb: Received PSK-identity-hint 'the hint'",
-                       "DEBUG tlsc_psk_client_cb: created identity 'device-7' len=8", "INFO tlsc_psk_client_cb: created PSK of len = 8"}));
+    EXPECT_EQ(lines_from(engine_file), (strings{"INFO tlsc_psk_client_cb: psk_client_cb received...",
+                                                "DEBUG tlsc_psk_client_cb: Received PSK-identity-hint 'the hint'",
+                                                "DEBUG tlsc_psk_client_cb: created identity 'device-7' len=8",
+                                                "INFO tlsc_psk_client_cb: created PSK of len = 8"}));
 }
 
 TEST_F(engine_tls, a_missing_hint_is_a_warning_only) {
@@ -573,13 +613,15 @@ TEST_F(engine_tls, a_missing_hint_is_a_warning_only) {
     char          identity[129];
     unsigned char key[257];
     EXPECT_EQ(tlsc_psk_client_cb(nullptr, nullptr, identity, sizeof(identity), key, sizeof(key)), 1u);
-    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_psk_client_cb", "NULL received for PSK-identity-hint, continuing anyway..."));
+    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_psk_client_cb",
+                        "NULL received for PSK-identity-hint, continuing anyway..."));
 }
 
 TEST_F(engine_tls, a_hint_is_shown_as_it_is_and_influences_nothing) {
     set_text(psk_identity, "i");
     set_text(psk_key, "k");
-    for (const std::string &hint : {std::string(), std::string("%s%n%x"), std::string("a\nb\x01\xff"), std::string(500, 'h')}) {
+    for (const std::string &hint :
+         {std::string(), std::string("%s%n%x"), std::string("a\nb\x01\xff"), std::string(500, 'h')}) {
         char          identity[129];
         unsigned char key[257];
         EXPECT_EQ(tlsc_psk_client_cb(nullptr, hint.c_str(), identity, sizeof(identity), key, sizeof(key)), 1u);

@@ -11,8 +11,8 @@ using namespace gwtest;
 namespace {
 
 struct Party {
-    EVP_PKEY *key = nullptr;
-    X509 *certificate = nullptr;
+    EVP_PKEY *key         = nullptr;
+    X509     *certificate = nullptr;
 
     ~Party() {
         EVP_PKEY_free(key);
@@ -22,7 +22,7 @@ struct Party {
 
 // A certificate for `name` with that serial number, signed by `issuer` or, without one, by itself as a CA.
 void issue(Party &party, const char *name, long serial, const Party *issuer) {
-    party.key = EVP_EC_gen("P-256");
+    party.key         = EVP_EC_gen("P-256");
     party.certificate = X509_new();
     X509 *certificate = party.certificate;
     X509_set_version(certificate, 2);
@@ -54,7 +54,9 @@ std::string write_certificate(const TempDir &dir, const std::string &name, const
 }
 
 std::string write_key(const TempDir &dir, const std::string &name, const Party &party) {
-    return write_pem(dir, name, [&](FILE *file) { return PEM_write_PrivateKey(file, party.key, nullptr, nullptr, 0, nullptr, nullptr); });
+    return write_pem(dir, name, [&](FILE *file) {
+        return PEM_write_PrivateKey(file, party.key, nullptr, nullptr, 0, nullptr, nullptr);
+    });
 }
 
 std::string write_crl(const TempDir &dir, const Party &ca, long revoked_serial) {
@@ -66,7 +68,7 @@ std::string write_crl(const TempDir &dir, const Party &ca, long revoked_serial) 
     X509_gmtime_adj(time, 86400);
     X509_CRL_set1_nextUpdate(crl, time);
     X509_REVOKED *revoked = X509_REVOKED_new();
-    ASN1_INTEGER *serial = ASN1_INTEGER_new();
+    ASN1_INTEGER *serial  = ASN1_INTEGER_new();
     ASN1_INTEGER_set(serial, revoked_serial);
     X509_REVOKED_set_serialNumber(revoked, serial);
     X509_gmtime_adj(time, -60);
@@ -90,14 +92,17 @@ protected:
         issue(good_, "device-7", 3, &ca_);
         issue(revoked_, "device-8", 4, &ca_);
         issue(stranger_, "device-7", 3, &other_ca_);
-        options_ = {"--cert", write_certificate(dir_, "server.pem", server_), "--key", write_key(dir_, "server.key", server_)};
+        options_ = {"--cert", write_certificate(dir_, "server.pem", server_), "--key",
+                    write_key(dir_, "server.key", server_)};
     }
 
     std::vector<std::string> options_with(std::vector<std::string> more) {
         more.insert(more.begin(), options_.begin(), options_.end());
         return more;
     }
-    std::vector<std::string> require_clients() { return options_with({"--client-ca", write_certificate(dir_, "ca.pem", ca_), "--crl", write_crl(dir_, ca_, 4)}); }
+    std::vector<std::string> require_clients() {
+        return options_with({"--client-ca", write_certificate(dir_, "ca.pem", ca_), "--crl", write_crl(dir_, ca_, 4)});
+    }
 
     TestClient::Settings settings(const Party *party) {
         TestClient::Settings made;
@@ -108,8 +113,8 @@ protected:
         return made;
     }
 
-    TempDir dir_;
-    Party ca_, other_ca_, server_, good_, revoked_, stranger_;
+    TempDir                  dir_;
+    Party                    ca_, other_ca_, server_, good_, revoked_, stranger_;
     std::vector<std::string> options_;
 };
 
@@ -117,7 +122,7 @@ protected:
 
 TEST_F(gateway_certificate, a_client_with_a_good_certificate_is_let_in_under_its_common_name) {
     TestGateway gateway(require_clients(), false);
-    TestClient client(gateway.port(), settings(&good_));
+    TestClient  client(gateway.port(), settings(&good_));
     ASSERT_TRUE(client.up) << client.reason;
     EXPECT_NE(client.configure(), "");
     EXPECT_EQ(gateway.controller().event("tls_up")["identity"], "device-7");
@@ -125,7 +130,7 @@ TEST_F(gateway_certificate, a_client_with_a_good_certificate_is_let_in_under_its
 
 TEST_F(gateway_certificate, a_revoked_certificate_is_refused_with_its_own_alert) {
     TestGateway gateway(require_clients(), false);
-    TestClient client(gateway.port(), settings(&revoked_));
+    TestClient  client(gateway.port(), settings(&revoked_));
     EXPECT_FALSE(client.up);
     EXPECT_EQ(client.reason, "sslv3 alert certificate revoked");
     EXPECT_EQ(gateway.controller().event("tls_failed")["reason"], "certificate verify failed");
@@ -155,6 +160,10 @@ TEST_F(gateway_certificate, files_that_do_not_fit_together_are_complained_of) {
     std::string other_key = write_key(dir_, "other.key", good_);
     EXPECT_THROW(TlsContext({.cert = options_[1], .key = other_key}), UsageError);
     EXPECT_THROW(TlsContext({.cert = options_[1], .key = options_[3], .client_ca = dir_.file("none")}), UsageError);
-    EXPECT_THROW(TlsContext({.cert = options_[1], .key = options_[3], .client_ca = dir_.write("empty", "")}), UsageError);
-    EXPECT_THROW(TlsContext({.cert = options_[1], .key = options_[3], .client_ca = options_[1], .crl = dir_.write("junk", "junk")}), UsageError);
+    EXPECT_THROW(TlsContext({.cert = options_[1], .key = options_[3], .client_ca = dir_.write("empty", "")}),
+                 UsageError);
+    EXPECT_THROW(
+        TlsContext(
+            {.cert = options_[1], .key = options_[3], .client_ca = options_[1], .crl = dir_.write("junk", "junk")}),
+        UsageError);
 }

@@ -5,7 +5,8 @@
 using namespace gw;
 
 TEST(gateway_config_exchange, request_lines_are_found_and_missing_ones_told_from_empty_ones) {
-    auto request = parse_config_request("X-CSTP-Address:10.9.0.7\nX-CSTP-Device-ID:\nX-CSTP-Device-SerialNo:a:b\nX-Other:1\n");
+    auto request = parse_config_request(
+        "X-CSTP-Address:10.9.0.7\nX-CSTP-Device-ID:\nX-CSTP-Device-SerialNo:a:b\nX-Other:1\n");
     EXPECT_EQ(request.address, "10.9.0.7");
     EXPECT_EQ(request.device_id, "");
     EXPECT_EQ(request.serial, "a:b");
@@ -50,7 +51,7 @@ TEST(gateway_config_exchange, a_fatal_dpd_inside_another_value_is_seen) {
 }
 
 TEST(gateway_config_exchange, overrides_replace_in_place_omit_repeat_and_append) {
-    Headers headers = {{"A", "1"}, {"B", "2"}, {"C", "3"}};
+    Headers   headers = {{"A", "1"}, {"B", "2"}, {"C", "3"}};
     Overrides overrides;
     overrides.set("B", {"x", "y"}, false);
     overrides.set("A", {}, false);

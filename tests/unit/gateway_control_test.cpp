@@ -7,13 +7,36 @@ using namespace gwtest;
 
 TEST(gateway_control, garbage_is_answered_and_changes_nothing) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    for (const char *line : {"{", "[]", "17", "null", "\"status\"", "{}", R"({"cmd":7})", R"({"cmd":"nonsense"})", R"({"cmd":"status","more":1})", R"({"cmd":"close"})",
-                             R"({"cmd":"close","client":99})", R"({"cmd":"close","client":-1})", R"({"cmd":"close","client":"x"})", R"({"cmd":"dpd"})", R"({"cmd":"dpd","on":"yes"})",
-                             R"({"cmd":"set","header":"","value":"1"})", R"({"cmd":"set","header":"X"})", R"({"cmd":"set","header":"X","value":[1]})", R"({"cmd":"config","mode":"odd"})",
-                             R"({"cmd":"config","mode":"replace"})", R"({"cmd":"config","mode":"malform","hex":"abc"})", R"({"cmd":"accept","mode":""})", R"({"cmd":"events","since":"x"})",
-                             R"({"cmd":"wait","event":7})", R"({"cmd":"wait","event":"x","match":[]})", R"({"cmd":"subscribe","events":[1]})", R"({"cmd":"send_packet","hex":"zz"})",
-                             R"({"cmd":"config","mode":"delay","ms":99999999999})", "\xff\xfe"}) {
+    auto        controller = gateway.controller();
+    for (const char *line : {"{",
+                             "[]",
+                             "17",
+                             "null",
+                             "\"status\"",
+                             "{}",
+                             R"({"cmd":7})",
+                             R"({"cmd":"nonsense"})",
+                             R"({"cmd":"status","more":1})",
+                             R"({"cmd":"close"})",
+                             R"({"cmd":"close","client":99})",
+                             R"({"cmd":"close","client":-1})",
+                             R"({"cmd":"close","client":"x"})",
+                             R"({"cmd":"dpd"})",
+                             R"({"cmd":"dpd","on":"yes"})",
+                             R"({"cmd":"set","header":"","value":"1"})",
+                             R"({"cmd":"set","header":"X"})",
+                             R"({"cmd":"set","header":"X","value":[1]})",
+                             R"({"cmd":"config","mode":"odd"})",
+                             R"({"cmd":"config","mode":"replace"})",
+                             R"({"cmd":"config","mode":"malform","hex":"abc"})",
+                             R"({"cmd":"accept","mode":""})",
+                             R"({"cmd":"events","since":"x"})",
+                             R"({"cmd":"wait","event":7})",
+                             R"({"cmd":"wait","event":"x","match":[]})",
+                             R"({"cmd":"subscribe","events":[1]})",
+                             R"({"cmd":"send_packet","hex":"zz"})",
+                             R"({"cmd":"config","mode":"delay","ms":99999999999})",
+                             "\xff\xfe"}) {
         Json answer = controller.ask(line);
         EXPECT_EQ(answer["ok"], false) << line;
         EXPECT_TRUE(answer["error"].is_string()) << line;
@@ -23,7 +46,7 @@ TEST(gateway_control, garbage_is_answered_and_changes_nothing) {
 
 TEST(gateway_control, answers_repeat_the_id_and_keep_the_order) {
     TestGateway gateway;
-    auto controller = gateway.controller();
+    auto        controller = gateway.controller();
     controller.send_line(R"({"cmd":"status","id":1})"
                          "\n"
                          R"({"cmd":"none","id":{"a":[2]}})"
@@ -36,8 +59,8 @@ TEST(gateway_control, answers_repeat_the_id_and_keep_the_order) {
 
 TEST(gateway_control, several_controllers_are_served_and_only_subscribers_get_events) {
     TestGateway gateway;
-    auto listener = gateway.controller();
-    auto other = gateway.controller();
+    auto        listener = gateway.controller();
+    auto        other    = gateway.controller();
     listener.ok(R"({"cmd":"subscribe","events":["tls_up","closed"]})");
     { TestClient client(gateway.port()); }
     Json up = listener.next(), closed = listener.next();
@@ -51,7 +74,7 @@ TEST(gateway_control, several_controllers_are_served_and_only_subscribers_get_ev
 
 TEST(gateway_control, a_subscription_can_start_in_the_past_and_end) {
     TestGateway gateway;
-    auto controller = gateway.controller();
+    auto        controller = gateway.controller();
     { TestClient client(gateway.port()); }
     controller.event("closed");
     controller.send_line(R"({"cmd":"subscribe","since":0})");
@@ -66,7 +89,7 @@ TEST(gateway_control, a_subscription_can_start_in_the_past_and_end) {
 
 TEST(gateway_control, events_are_numbered_without_gaps_and_can_be_polled) {
     TestGateway gateway;
-    auto controller = gateway.controller();
+    auto        controller = gateway.controller();
     { TestClient client(gateway.port()); }
     controller.event("closed");
     Json all = controller.ask(R"({"cmd":"events","since":0})");
@@ -81,11 +104,11 @@ TEST(gateway_control, events_are_numbered_without_gaps_and_can_be_polled) {
 
 TEST(gateway_control, a_wait_ends_with_the_event_or_its_time_and_lets_other_requests_pass) {
     TestGateway gateway;
-    auto controller = gateway.controller();
+    auto        controller = gateway.controller();
     controller.send_line(R"({"cmd":"wait","event":"tls_up","id":"w"})");
     EXPECT_TRUE(controller.ok(R"({"cmd":"status"})"));
     TestClient client(gateway.port());
-    Json answer = controller.next();
+    Json       answer = controller.next();
     EXPECT_EQ(answer["id"], "w");
     EXPECT_EQ(answer["event_data"]["event"], "tls_up");
     Json late = controller.ask(R"({"cmd":"wait","event":"closed","timeout_ms":50,"id":2})");
@@ -121,14 +144,14 @@ TEST(gateway_control, the_newest_ten_thousand_events_are_kept) {
 
 TEST(gateway_control, a_socket_in_use_is_not_taken_and_a_leftover_is) {
     TestGateway gateway;
-    Loop loop;
+    Loop        loop;
     Gateway second(options_from({"--listen", "127.0.0.1:0", "--no-tun", "--psk-file", gateway.dir.file("psk")}), loop);
     EXPECT_THROW(Control(gateway.dir.file("control"), second, loop), RuntimeFailure);
     EXPECT_TRUE(gateway.controller().ok(R"({"cmd":"status"})"));
 
     std::string left = gateway.dir.file("left");
     {
-        UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
+        UniqueFd    fd(socket(AF_UNIX, SOCK_STREAM, 0));
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         left.copy(address.sun_path, sizeof address.sun_path - 1);

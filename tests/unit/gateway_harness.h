@@ -37,10 +37,10 @@ class TempDir {
 public:
     TempDir() {
         char name[] = "/tmp/gateway_test_XXXXXX";
-        path_ = mkdtemp(name);
+        path_       = mkdtemp(name);
     }
     ~TempDir() { std::filesystem::remove_all(path_); }
-    TempDir(const TempDir &) = delete;
+    TempDir(const TempDir &)            = delete;
     TempDir &operator=(const TempDir &) = delete;
 
     std::string file(const std::string &name) const { return path_ + "/" + name; }
@@ -62,12 +62,12 @@ inline gw::Options options_from(std::vector<std::string> words) {
 // The controller's end of the control socket.
 class Controller {
 public:
-    explicit Controller(const std::string &path)
-        : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit Controller(const std::string &path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);
-        if (connect(fd_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) throw std::runtime_error("no control socket");
+        if (connect(fd_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+            throw std::runtime_error("no control socket");
     }
 
     void send_line(const std::string &line) { (void)!write(fd_.get(), (line + "\n").data(), line.size() + 1); }
@@ -76,8 +76,8 @@ public:
     Json next() {
         size_t end;
         while ((end = text_.find('\n')) == std::string::npos) {
-            pollfd one{fd_.get(), POLLIN, 0};
-            char buffer[65536];
+            pollfd  one{fd_.get(), POLLIN, 0};
+            char    buffer[65536];
             ssize_t count = poll(&one, 1, 5000) == 1 ? read(fd_.get(), buffer, sizeof buffer) : 0;
             if (count <= 0) return nullptr;
             text_.append(buffer, static_cast<size_t>(count));
@@ -109,7 +109,8 @@ public:
 
     // The event of that kind after `since`, waiting for it.
     Json event(const std::string &kind, const std::string &more = "", uint64_t since = 0) {
-        return ask(R"({"cmd":"wait","timeout_ms":4000,"event":")" + kind + R"(","since":)" + std::to_string(since) + more + "}")["event_data"];
+        return ask(R"({"cmd":"wait","timeout_ms":4000,"event":")" + kind + R"(","since":)" + std::to_string(since) +
+                   more + "}")["event_data"];
     }
 
     uint64_t counter(const std::string &name) { return ask(R"({"cmd":"counters"})")["counters"][name].get<uint64_t>(); }
@@ -125,22 +126,23 @@ public:
 
 private:
     gw::UniqueFd fd_;
-    std::string text_;
+    std::string  text_;
 };
 
 // The gateway in its thread. Listens on a free loopback port.
 class TestGateway {
 public:
-    explicit TestGateway(std::vector<std::string> words = {}, bool with_psk = true)
-        : stop_(eventfd(0, EFD_CLOEXEC)) {
+    explicit TestGateway(std::vector<std::string> words = {}, bool with_psk = true) : stop_(eventfd(0, EFD_CLOEXEC)) {
         spdlog::set_level(spdlog::level::off);
         std::vector<std::string> all = {"--listen", "127.0.0.1:0"};
-        if (with_psk) all.insert(all.end(), {"--psk-file", dir.write("psk", "dev:0123456789abcdef\nsecond:key of two\n")});
+        if (with_psk)
+            all.insert(all.end(), {"--psk-file", dir.write("psk", "dev:0123456789abcdef\nsecond:key of two\n")});
         if (std::find(words.begin(), words.end(), "--tun") == words.end()) all.push_back("--no-tun");
         all.insert(all.end(), words.begin(), words.end());
         gateway_ = std::make_unique<gw::Gateway>(options_from(all), loop_);
         control_ = std::make_unique<gw::Control>(dir.file("control"), *gateway_, loop_);
-        port_ = static_cast<uint16_t>(std::stoi(gateway_->listen_text().substr(gateway_->listen_text().rfind(':') + 1)));
+        port_    = static_cast<uint16_t>(
+            std::stoi(gateway_->listen_text().substr(gateway_->listen_text().rfind(':') + 1)));
         loop_.watch(stop_.get(), EPOLLIN, [this](uint32_t) {
             gateway_->shut_down("test");
             loop_.stop();
@@ -157,21 +159,21 @@ public:
         (void)!write(stop_.get(), &one, sizeof one);
         thread_.join();
     }
-    TestGateway(const TestGateway &) = delete;
+    TestGateway(const TestGateway &)            = delete;
     TestGateway &operator=(const TestGateway &) = delete;
 
-    uint16_t port() const { return port_; }
+    uint16_t   port() const { return port_; }
     Controller controller() const { return Controller(dir.file("control")); }
 
     TempDir dir;
 
 private:
-    gw::UniqueFd stop_;
-    gw::Loop loop_;
+    gw::UniqueFd                 stop_;
+    gw::Loop                     loop_;
     std::unique_ptr<gw::Gateway> gateway_;
     std::unique_ptr<gw::Control> control_;
-    std::thread thread_;
-    uint16_t port_ = 0;
+    std::thread                  thread_;
+    uint16_t                     port_ = 0;
 };
 
 // A client that speaks TLS 1.2 with a pre-shared key or a certificate, and shows each record as it comes.
@@ -179,32 +181,31 @@ class TestClient {
 public:
     struct Settings {
         std::string identity = "dev";
-        std::string key = "0123456789abcdef";
-        std::string ciphers = "PSK-AES256-GCM-SHA384";
+        std::string key      = "0123456789abcdef";
+        std::string ciphers  = "PSK-AES256-GCM-SHA384";
         std::string certificate;  // PEM files; used instead of the key when given
         std::string private_key;
-        bool encrypt_then_mac = true;
+        bool        encrypt_then_mac = true;
     };
 
     // What a read brought: bytes of a record, nothing in time, or the end of the connection.
     struct Got {
-        Bytes bytes;
-        bool ended = false;
-        int error = SSL_ERROR_NONE;  // class, when ended
-        std::string reason;          // OpenSSL's, when ended
+        Bytes       bytes;
+        bool        ended = false;
+        int         error = SSL_ERROR_NONE;  // class, when ended
+        std::string reason;                  // OpenSSL's, when ended
 
         std::string text() const { return std::string(gw::text_of(bytes)); }
     };
 
-    explicit TestClient(uint16_t port)
-        : TestClient(port, Settings()) {}
+    explicit TestClient(uint16_t port) : TestClient(port, Settings()) {}
     TestClient(uint16_t port, const Settings &settings)
         : settings_(settings), fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
+        address.sin_family      = AF_INET;
+        address.sin_port        = htons(port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected = connect(fd_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+        connected               = connect(fd_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
         timeval limit{5, 0};
         setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         if (connected) handshake();
@@ -213,23 +214,27 @@ public:
         SSL_free(ssl_);
         SSL_CTX_free(context_);
     }
-    TestClient(const TestClient &) = delete;
+    TestClient(const TestClient &)            = delete;
     TestClient &operator=(const TestClient &) = delete;
 
-    bool connected = false;
-    bool up = false;     // handshake done
-    std::string reason;  // why not
-    std::string hint;    // PSK identity hint
+    bool        connected = false;
+    bool        up        = false;  // handshake done
+    std::string reason;             // why not
+    std::string hint;               // PSK identity hint
 
     int fd() const { return fd_.get(); }
 
-    void write_record(const Bytes &bytes) { EXPECT_GT(SSL_write(ssl_, bytes.data(), static_cast<int>(bytes.size())), 0); }
-    void send(uint8_t type, const std::string &payload = "") { write_record(gw::make_frame(type, gw::bytes_of(payload))); }
+    void write_record(const Bytes &bytes) {
+        EXPECT_GT(SSL_write(ssl_, bytes.data(), static_cast<int>(bytes.size())), 0);
+    }
+    void send(uint8_t type, const std::string &payload = "") {
+        write_record(gw::make_frame(type, gw::bytes_of(payload)));
+    }
 
     Got read(int milliseconds = 3000) {
-        Got got;
+        Got     got;
         uint8_t buffer[20000];
-        auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+        auto    end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
         for (;;) {
             ERR_clear_error();
             int flags = fcntl(fd_.get(), F_GETFL);
@@ -241,12 +246,13 @@ public:
                 return got;
             }
             if (error != SSL_ERROR_WANT_READ) {
-                got.ended = true;
-                got.error = error;
+                got.ended  = true;
+                got.error  = error;
                 got.reason = gw::take_openssl_error();
                 return got;
             }
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
+            auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
             pollfd one{fd_.get(), POLLIN, 0};
             if (left <= 0 || poll(&one, 1, static_cast<int>(left)) == 0) return got;
         }
@@ -288,10 +294,10 @@ private:
         return static_cast<unsigned>(self->settings_.key.size());
     }
 
-    Settings settings_;
+    Settings     settings_;
     gw::UniqueFd fd_;
-    SSL_CTX *context_ = nullptr;
-    SSL *ssl_ = nullptr;
+    SSL_CTX     *context_ = nullptr;
+    SSL         *ssl_     = nullptr;
 };
 
 inline std::string line_of(const std::string &text, const std::string &name) {
@@ -299,28 +305,32 @@ inline std::string line_of(const std::string &text, const std::string &name) {
 }
 
 // A UDP packet with correct checksums, as its bytes.
-inline Bytes udp_packet(const std::string &source, const std::string &destination, uint16_t port, const std::string &data) {
+inline Bytes udp_packet(const std::string &source, const std::string &destination, uint16_t port,
+                        const std::string &data) {
     auto sum = [](const Bytes &bytes) {
         uint32_t total = 0;
-        for (size_t i = 0; i < bytes.size(); i += 2) total += static_cast<uint32_t>(bytes[i] << 8 | (i + 1 < bytes.size() ? bytes[i + 1] : 0));
+        for (size_t i = 0; i < bytes.size(); i += 2)
+            total += static_cast<uint32_t>(bytes[i] << 8 | (i + 1 < bytes.size() ? bytes[i + 1] : 0));
         while (total >> 16) total = (total & 0xffff) + (total >> 16);
         return static_cast<uint16_t>(~total);
     };
-    auto u16 = [](Bytes &to, size_t value) { to.insert(to.end(), {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)}); };
+    auto u16 = [](Bytes &to, size_t value) {
+        to.insert(to.end(), {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
+    };
     auto u32 = [&](Bytes &to, uint32_t value) {
         u16(to, value >> 16);
         u16(to, value & 0xffff);
     };
     size_t length = 28 + data.size();
-    Bytes packet = {0x45, 0};
+    Bytes  packet = {0x45, 0};
     u16(packet, length);
     u32(packet, 0x12340000);
     u32(packet, 0x40110000);
     u32(packet, *gw::parse_ipv4(source));
     u32(packet, *gw::parse_ipv4(destination));
     uint16_t checksum = sum(packet);
-    packet[10] = static_cast<uint8_t>(checksum >> 8);
-    packet[11] = static_cast<uint8_t>(checksum);
+    packet[10]        = static_cast<uint8_t>(checksum >> 8);
+    packet[11]        = static_cast<uint8_t>(checksum);
     u16(packet, 40000);
     u16(packet, port);
     u16(packet, 8 + data.size());

@@ -57,7 +57,8 @@ TEST(gateway_options, a_dpd_below_5_needs_allow_fatal) {
 }
 
 TEST(gateway_options, headers_can_be_omitted_and_dns_repeated) {
-    Options options = options_from({"--psk-file", "x", "--rekey", "omit", "--prefix", "omit", "--dns", "1.1.1.1", "--dns", "2.2.2.2"});
+    Options options = options_from(
+        {"--psk-file", "x", "--rekey", "omit", "--prefix", "omit", "--dns", "1.1.1.1", "--dns", "2.2.2.2"});
     EXPECT_FALSE(options.rekey);
     EXPECT_FALSE(options.prefix);
     EXPECT_EQ(options.dns, (std::vector<std::string>{"1.1.1.1", "2.2.2.2"}));
@@ -96,7 +97,7 @@ TEST(gateway_options, wrong_words_are_complained_of) {
 
 TEST(gateway_options, psk_file_gives_identities_and_key_characters) {
     TempDir dir;
-    auto table = read_psk_file(dir.write("psk", "# comment\n\none:abcd1234\ntwo:with: colon and blank \r\n"));
+    auto    table = read_psk_file(dir.write("psk", "# comment\n\none:abcd1234\ntwo:with: colon and blank \r\n"));
     EXPECT_EQ(table.size(), 2u);
     EXPECT_EQ(table["one"], "abcd1234");
     EXPECT_EQ(table["two"], "with: colon and blank ");
@@ -119,8 +120,8 @@ TEST(gateway_options, an_empty_psk_file_is_refused) {
 }
 
 TEST(gateway_options, unusable_tls_files_and_lists_are_complained_of) {
-    TempDir dir;
-    std::string psk = dir.write("psk", "a:b\n");
+    TempDir     dir;
+    std::string psk  = dir.write("psk", "a:b\n");
     std::string junk = dir.write("junk", "junk\n");
     EXPECT_NO_THROW(TlsContext({.psk_file = psk}));
     EXPECT_THROW(TlsContext({.psk_file = psk, .ciphers = "nonsense"}), UsageError);

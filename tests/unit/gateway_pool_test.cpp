@@ -7,16 +7,13 @@ using namespace gw;
 
 namespace {
 
-uint32_t address(const char *text) {
-    return *parse_ipv4(text);
-}
+uint32_t address(const char *text) { return *parse_ipv4(text); }
 
 // Five addresses, of which .1 is the gateway's own.
-Pool small_pool() {
-    return Pool({address("10.0.0.1"), address("10.0.0.5")}, {address("10.0.0.1")});
-}
+Pool small_pool() { return Pool({address("10.0.0.1"), address("10.0.0.5")}, {address("10.0.0.1")}); }
 
-Pool::Asker asker(const char *device, std::optional<uint32_t> wanted = {}, const char *cookie = "", const char *identity = "id") {
+Pool::Asker asker(const char *device, std::optional<uint32_t> wanted = {}, const char *cookie = "",
+                  const char *identity = "id") {
     return {identity, device, cookie, wanted};
 }
 
@@ -29,7 +26,7 @@ TEST(gateway_pool, first_address_is_the_first_that_is_not_excluded) {
 }
 
 TEST(gateway_pool, a_device_keeps_its_address_while_it_is_away) {
-    Pool pool = small_pool();
+    Pool   pool  = small_pool();
     Lease *lease = pool.acquire(asker("a"));
     pool.release(*lease);
     (void)pool.acquire(asker("b"));
@@ -53,7 +50,7 @@ TEST(gateway_pool, an_address_outside_the_pool_or_excluded_is_not_granted) {
 }
 
 TEST(gateway_pool, an_address_of_a_connected_device_is_not_granted_and_of_an_absent_one_is) {
-    Pool pool = small_pool();
+    Pool   pool = small_pool();
     Lease *held = pool.acquire(asker("a", address("10.0.0.4")));
     EXPECT_NE(ipv4_text(pool.acquire(asker("b", address("10.0.0.4")))->address), "10.0.0.4");
     pool.release(*held);
@@ -61,8 +58,8 @@ TEST(gateway_pool, an_address_of_a_connected_device_is_not_granted_and_of_an_abs
 }
 
 TEST(gateway_pool, a_full_pool_gives_away_the_address_of_the_device_absent_for_longest) {
-    Pool pool = small_pool();
-    Lease *leases[4];
+    Pool        pool = small_pool();
+    Lease      *leases[4];
     const char *names[4] = {"a", "b", "c", "d"};
     for (int i = 0; i < 4; i++) leases[i] = pool.acquire(asker(names[i]));
     EXPECT_EQ(pool.acquire(asker("e")), nullptr);
@@ -74,7 +71,7 @@ TEST(gateway_pool, a_full_pool_gives_away_the_address_of_the_device_absent_for_l
 }
 
 TEST(gateway_pool, a_second_connection_of_a_device_shares_the_lease) {
-    Pool pool = small_pool();
+    Pool   pool  = small_pool();
     Lease *lease = pool.acquire(asker("a"));
     EXPECT_EQ(pool.acquire(asker("a", lease->address)), lease);
     EXPECT_EQ(lease->connections, 2u);
@@ -83,8 +80,8 @@ TEST(gateway_pool, a_second_connection_of_a_device_shares_the_lease) {
 }
 
 TEST(gateway_pool, devices_without_an_id_are_told_apart_by_address_and_cookie) {
-    Pool pool = small_pool();
-    Lease *first = pool.acquire(asker(""));
+    Pool   pool   = small_pool();
+    Lease *first  = pool.acquire(asker(""));
     Lease *second = pool.acquire(asker(""));
     EXPECT_NE(first, second);
     EXPECT_EQ(pool.acquire(asker("", second->address)), second);
@@ -93,7 +90,7 @@ TEST(gateway_pool, devices_without_an_id_are_told_apart_by_address_and_cookie) {
 }
 
 TEST(gateway_pool, a_device_without_an_id_gets_the_lease_of_an_absent_one) {
-    Pool pool = small_pool();
+    Pool   pool  = small_pool();
     Lease *first = pool.acquire(asker(""));
     pool.release(*first);
     EXPECT_EQ(pool.acquire(asker("")), first);
@@ -110,9 +107,9 @@ TEST(gateway_pool, a_cookie_is_known_by_its_first_ten_characters_and_with_an_old
 }
 
 TEST(gateway_pool, a_lease_moves_only_to_an_address_that_no_connected_device_holds) {
-    Pool pool = small_pool();
-    Lease *a = pool.acquire(asker("a"));
-    Lease *b = pool.acquire(asker("b"));
+    Pool   pool = small_pool();
+    Lease *a    = pool.acquire(asker("a"));
+    Lease *b    = pool.acquire(asker("b"));
     EXPECT_FALSE(pool.move(*a, b->address));
     EXPECT_FALSE(pool.move(*a, address("10.0.0.9")));
     EXPECT_TRUE(pool.move(*a, address("10.0.0.5")));
@@ -120,8 +117,8 @@ TEST(gateway_pool, a_lease_moves_only_to_an_address_that_no_connected_device_hol
 }
 
 TEST(gateway_pool, a_range_is_covered_exactly_by_its_networks) {
-    auto networks = networks_of({address("10.0.0.1"), address("10.0.0.6")});
-    uint64_t covered = 0;
+    auto     networks = networks_of({address("10.0.0.1"), address("10.0.0.6")});
+    uint64_t covered  = 0;
     for (const Cidr &network : networks) {
         EXPECT_GE(network.network(), address("10.0.0.1"));
         EXPECT_LE(network.broadcast(), address("10.0.0.6"));

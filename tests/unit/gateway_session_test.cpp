@@ -13,15 +13,15 @@ const std::string site = "10.9.0.1";
 // A configured client; `inner` is the address it was given.
 struct Up {
     explicit Up(TestGateway &gateway, const std::string &request = "X-CSTP-Device-ID:d1\n")
-        : client(gateway.port()), response(client.configure(request)), inner(line_of(response, "X-CSTP-Address-Client")) {}
-    TestClient client;
+        : client(gateway.port()),
+          response(client.configure(request)),
+          inner(line_of(response, "X-CSTP-Address-Client")) {}
+    TestClient  client;
     std::string response;
     std::string inner;
 };
 
-std::string hex(const std::string &text) {
-    return to_hex(bytes_of(text));
-}
+std::string hex(const std::string &text) { return to_hex(bytes_of(text)); }
 
 std::string record_request(const std::string &hex_or_list, const std::string &more = "") {
     return R"({"cmd":"send_record","hex":)" + hex_or_list + more + "}";
@@ -31,23 +31,26 @@ std::string record_request(const std::string &hex_or_list, const std::string &mo
 
 TEST(gateway_session, response_has_the_documented_lines_in_order) {
     TestGateway gateway({"--dns", "10.9.0.1", "--dns", "10.9.0.2", "--cookie", "abc"});
-    Up up(gateway);
-    EXPECT_EQ(up.response, "X-CSTP-Address:10.9.0.0\nX-CSTP-Prefix-Length:24\nX-CSTP-DPD:10\nX-CSTP-Address-Client:10.9.0.2\n"
-                           "X-CSTP-Retry-Time:20\nX-CSTP-Rekey-Time:3600\nX-CSTP-Cookie:abc\nX-CSTP-DNS:10.9.0.1\nX-CSTP-DNS:10.9.0.2\n");
+    Up          up(gateway);
+    EXPECT_EQ(
+        up.response,
+        "X-CSTP-Address:10.9.0.0\nX-CSTP-Prefix-Length:24\nX-CSTP-DPD:10\nX-CSTP-Address-Client:10.9.0.2\n"
+        "X-CSTP-Retry-Time:20\nX-CSTP-Rekey-Time:3600\nX-CSTP-Cookie:abc\nX-CSTP-DNS:10.9.0.1\nX-CSTP-DNS:10.9.0.2\n");
 }
 
 TEST(gateway_session, every_header_can_be_omitted) {
-    TestGateway gateway({"--prefix", "omit", "--prefix-length", "omit", "--dpd", "omit", "--retry", "omit", "--rekey", "omit", "--cookie", "none"});
-    Up up(gateway);
+    TestGateway gateway({"--prefix", "omit", "--prefix-length", "omit", "--dpd", "omit", "--retry", "omit", "--rekey",
+                         "omit", "--cookie", "none"});
+    Up          up(gateway);
     EXPECT_EQ(up.response, "X-CSTP-Address-Client:10.9.0.2\n");
 }
 
 TEST(gateway_session, request_is_reported_verbatim) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    std::string request = "X-CSTP-Device-ID:\nX-CSTP-Device-Name:n\nX-Unknown:\x01\n";
-    Up up(gateway, request);
-    Json event = controller.event("config_req");
+    auto        controller = gateway.controller();
+    std::string request    = "X-CSTP-Device-ID:\nX-CSTP-Device-Name:n\nX-Unknown:\x01\n";
+    Up          up(gateway, request);
+    Json        event = controller.event("config_req");
     EXPECT_EQ(event["text"], request);
     EXPECT_EQ(event["hex"], hex(request));
     EXPECT_EQ(event["device_id"], "");
@@ -57,8 +60,8 @@ TEST(gateway_session, request_is_reported_verbatim) {
 
 TEST(gateway_session, dpd_requests_are_answered_unless_told_otherwise) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    Up up(gateway);
+    auto        controller = gateway.controller();
+    Up          up(gateway);
     up.client.send(frame_dpd_request);
     EXPECT_EQ(up.client.read().text(), dpd_response);
     controller.ok(R"({"cmd":"dpd","on":false})");
@@ -73,9 +76,9 @@ TEST(gateway_session, dpd_requests_are_answered_unless_told_otherwise) {
 
 TEST(gateway_session, frames_may_come_split_and_joined) {
     TestGateway gateway;
-    Up up(gateway);
-    Bytes frame = make_frame(frame_dpd_request, {});
-    Bytes five;
+    Up          up(gateway);
+    Bytes       frame = make_frame(frame_dpd_request, {});
+    Bytes       five;
     for (int i = 0; i < 5; i++) five.insert(five.end(), frame.begin(), frame.end());
     up.client.write_record(Bytes(five.begin(), five.begin() + 19));
     up.client.write_record(Bytes(five.begin() + 19, five.begin() + 20));
@@ -85,8 +88,8 @@ TEST(gateway_session, frames_may_come_split_and_joined) {
 
 TEST(gateway_session, unknown_frame_type_is_dropped_and_bad_magic_or_version_closes) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    Up up(gateway);
+    auto        controller = gateway.controller();
+    Up          up(gateway);
     up.client.send(7, "abc");
     EXPECT_EQ(controller.event("frame_invalid")["action"], "dropped");
     up.client.send(frame_dpd_request);
@@ -103,10 +106,10 @@ TEST(gateway_session, unknown_frame_type_is_dropped_and_bad_magic_or_version_clo
 
 TEST(gateway_session, packets_with_another_source_or_before_the_response_are_dropped_and_counted) {
     TestGateway gateway;
-    auto controller = gateway.controller();
+    auto        controller = gateway.controller();
     controller.ok(R"({"cmd":"data_events","on":true})");
     TestClient client(gateway.port());
-    auto send_packet = [&](const Bytes &packet) { client.send(frame_data, std::string(text_of(packet))); };
+    auto       send_packet = [&](const Bytes &packet) { client.send(frame_data, std::string(text_of(packet))); };
     send_packet(udp_packet("10.9.0.2", site, 9, "early"));
     client.configure();
     Bytes good = udp_packet("10.9.0.2", site, 9, "good");
@@ -115,8 +118,8 @@ TEST(gateway_session, packets_with_another_source_or_before_the_response_are_dro
     send_packet(*from_hex("45"));
     send_packet({});
     Bytes solicitation(48, 0);
-    solicitation[0] = 0x60;
-    solicitation[6] = 58;
+    solicitation[0]  = 0x60;
+    solicitation[6]  = 58;
     solicitation[40] = 133;
     send_packet(solicitation);
     solicitation[40] = 128;
@@ -135,21 +138,23 @@ TEST(gateway_session, packets_with_another_source_or_before_the_response_are_dro
 
 TEST(gateway_session, packets_are_routed_by_destination_one_frame_per_record) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    Up first(gateway, "X-CSTP-Device-ID:a\n");
-    Up second(gateway, "X-CSTP-Device-ID:b\n");
+    auto        controller = gateway.controller();
+    Up          first(gateway, "X-CSTP-Device-ID:a\n");
+    Up          second(gateway, "X-CSTP-Device-ID:b\n");
     ASSERT_NE(first.inner, second.inner);
     Bytes packet = udp_packet(site, first.inner, 9, "down");
     controller.ok(R"({"cmd":"send_packet","count":3,"hex":")" + to_hex(packet) + "\"}");
     for (int i = 0; i < 3; i++) EXPECT_EQ(first.client.read().bytes, make_frame(frame_data, packet));
     EXPECT_TRUE(second.client.read(50).bytes.empty());
-    EXPECT_EQ(controller.ask(R"({"cmd":"send_packet","hex":")" + to_hex(udp_packet(site, "10.9.0.77", 9, "")) + "\"}")["ok"], false);
+    EXPECT_EQ(
+        controller.ask(R"({"cmd":"send_packet","hex":")" + to_hex(udp_packet(site, "10.9.0.77", 9, "")) + "\"}")["ok"],
+        false);
 }
 
 TEST(gateway_session, a_rekeying_client_keeps_address_and_cookie_and_is_served_on_the_newest_configured_connection) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    Up old(gateway);
+    auto        controller = gateway.controller();
+    Up          old(gateway);
     std::string cookie = line_of(old.response, "X-CSTP-Cookie");
     EXPECT_EQ(cookie.size(), 10u);
     std::string packet = R"({"cmd":"send_packet","hex":")" + to_hex(udp_packet(site, old.inner, 9, "x")) + "\"}";
@@ -157,7 +162,8 @@ TEST(gateway_session, a_rekeying_client_keeps_address_and_cookie_and_is_served_o
     auto fresh = std::make_unique<TestClient>(gateway.port());
     controller.ok(packet);  // not configured yet: the old one gets it
     EXPECT_FALSE(old.client.read().bytes.empty());
-    std::string response = fresh->configure("X-CSTP-Address:" + old.inner + "\nX-CSTP-Device-ID:d1\nX-CSTP-Cookie:" + cookie + "\n");
+    std::string response = fresh->configure("X-CSTP-Address:" + old.inner +
+                                            "\nX-CSTP-Device-ID:d1\nX-CSTP-Cookie:" + cookie + "\n");
     EXPECT_EQ(line_of(response, "X-CSTP-Address-Client"), old.inner);
     EXPECT_EQ(line_of(response, "X-CSTP-Cookie"), cookie);
     EXPECT_EQ(controller.event("config_req", R"(,"client":2)")["cookie_known"], true);
@@ -177,7 +183,7 @@ TEST(gateway_session, a_rekeying_client_keeps_address_and_cookie_and_is_served_o
 
 TEST(gateway_session, response_can_be_held_and_released) {
     TestGateway gateway;
-    auto controller = gateway.controller();
+    auto        controller = gateway.controller();
     controller.ok(R"({"cmd":"config","mode":"hold"})");
     TestClient client(gateway.port());
     client.send(frame_config_request, "X-CSTP-Device-ID:d\n");
@@ -191,8 +197,8 @@ TEST(gateway_session, response_can_be_held_and_released) {
 
 TEST(gateway_session, response_can_be_delayed_dropped_replaced_and_malformed_for_once) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    TestClient client(gateway.port());
+    auto        controller = gateway.controller();
+    TestClient  client(gateway.port());
     std::string request = "X-CSTP-Device-ID:d\n";
 
     controller.ok(R"({"cmd":"config","mode":"delay","ms":200,"once":true})");
@@ -217,8 +223,8 @@ TEST(gateway_session, response_can_be_delayed_dropped_replaced_and_malformed_for
 
 TEST(gateway_session, headers_can_be_set_for_one_response_or_all) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    TestClient client(gateway.port());
+    auto        controller = gateway.controller();
+    TestClient  client(gateway.port());
     controller.ok(R"({"cmd":"set","header":"X-CSTP-Rekey-Time:","value":"60","once":true})");
     controller.ok(R"({"cmd":"set","header":"X-CSTP-DNS","value":["1.1.1.1","nonsense","2.2.2.2"]})");
     controller.ok(R"({"cmd":"set","header":"X-CSTP-Cookie","value":null})");
@@ -234,8 +240,8 @@ TEST(gateway_session, headers_can_be_set_for_one_response_or_all) {
 
 TEST(gateway_session, a_fatal_dpd_is_refused_on_every_way_unless_allowed) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    TestClient client(gateway.port());
+    auto        controller = gateway.controller();
+    TestClient  client(gateway.port());
     std::string response = "STF\1" + std::string("\0\x0d\2\0", 4) + "X-CSTP-DPD:4\n";
     for (const std::string &line : {
              std::string(R"({"cmd":"set","header":"X-CSTP-DPD","value":"4"})"),
@@ -245,7 +251,8 @@ TEST(gateway_session, a_fatal_dpd_is_refused_on_every_way_unless_allowed) {
              std::string(R"({"cmd":"config","mode":"malform","hex":")") + hex(response) + "\"}",
              std::string(R"({"cmd":"send_frame","raw":")") + hex(response) + "\"}",
              record_request("[\"" + hex(response.substr(0, 14)) + "\",\"" + hex(response.substr(14)) + "\"]"),
-         }) EXPECT_EQ(controller.ask(line)["ok"], false) << line;
+         })
+        EXPECT_EQ(controller.ask(line)["ok"], false) << line;
     EXPECT_EQ(line_of(client.configure(), "X-CSTP-DPD"), "10");
 
     TestGateway reckless({"--allow-fatal"});
@@ -255,10 +262,10 @@ TEST(gateway_session, a_fatal_dpd_is_refused_on_every_way_unless_allowed) {
 class gateway_records : public testing::TestWithParam<std::pair<const char *, bool>> {};
 
 TEST_P(gateway_records, records_of_any_content_leave_the_stream_intact) {
-    TestGateway gateway;
-    auto controller = gateway.controller();
+    TestGateway          gateway;
+    auto                 controller = gateway.controller();
     TestClient::Settings settings;
-    settings.ciphers = GetParam().first;
+    settings.ciphers          = GetParam().first;
     settings.encrypt_then_mac = GetParam().second;
     TestClient client(gateway.port(), settings);
     ASSERT_TRUE(client.up) << client.reason;
@@ -274,18 +281,21 @@ TEST_P(gateway_records, records_of_any_content_leave_the_stream_intact) {
     controller.ok(record_request("\"" + std::string(2 * 16385, '5') + "\""));
     auto got = client.read();
     EXPECT_TRUE(got.ended);
-    EXPECT_EQ(controller.event("alert_rx")["code"], SSL3_AD_UNEXPECTED_MESSAGE + 12) << got.reason;  // record_overflow, 22
+    EXPECT_EQ(controller.event("alert_rx")["code"], SSL3_AD_UNEXPECTED_MESSAGE + 12)
+        << got.reason;  // record_overflow, 22
 }
 
-INSTANTIATE_TEST_SUITE_P(ciphers, gateway_records,
-                         testing::Values(std::pair("PSK-AES256-GCM-SHA384", true), std::pair("PSK-AES128-GCM-SHA256", true), std::pair("PSK-AES256-CBC-SHA", true),
-                                         std::pair("PSK-AES256-CBC-SHA", false), std::pair("PSK-AES128-CBC-SHA256", true), std::pair("PSK-AES128-CBC-SHA256", false),
-                                         std::pair("DHE-PSK-AES256-CBC-SHA384", true), std::pair("DHE-PSK-AES256-CBC-SHA384", false),
-                                         std::pair("ECDHE-PSK-CHACHA20-POLY1305", true)));
+INSTANTIATE_TEST_SUITE_P(
+    ciphers, gateway_records,
+    testing::Values(std::pair("PSK-AES256-GCM-SHA384", true), std::pair("PSK-AES128-GCM-SHA256", true),
+                    std::pair("PSK-AES256-CBC-SHA", true), std::pair("PSK-AES256-CBC-SHA", false),
+                    std::pair("PSK-AES128-CBC-SHA256", true), std::pair("PSK-AES128-CBC-SHA256", false),
+                    std::pair("DHE-PSK-AES256-CBC-SHA384", true), std::pair("DHE-PSK-AES256-CBC-SHA384", false),
+                    std::pair("ECDHE-PSK-CHACHA20-POLY1305", true)));
 
 TEST(gateway_session, a_cipher_that_cannot_be_crafted_keeps_its_connection) {
-    TestGateway gateway;
-    auto controller = gateway.controller();
+    TestGateway          gateway;
+    auto                 controller = gateway.controller();
     TestClient::Settings settings;
     settings.ciphers = "PSK-AES256-CCM";
     TestClient client(gateway.port(), settings);
@@ -296,9 +306,9 @@ TEST(gateway_session, a_cipher_that_cannot_be_crafted_keeps_its_connection) {
 
 TEST(gateway_session, a_record_can_arrive_in_two_parts) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    Up up(gateway);
-    auto before = std::chrono::steady_clock::now();
+    auto        controller = gateway.controller();
+    Up          up(gateway);
+    auto        before = std::chrono::steady_clock::now();
     controller.ok(record_request("\"41424344\"", R"(,"cut":7,"gap_ms":150)"));
     EXPECT_EQ(up.client.read().text(), "ABCD");
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(140));
@@ -306,9 +316,10 @@ TEST(gateway_session, a_record_can_arrive_in_two_parts) {
 
 TEST(gateway_session, frames_can_be_sent_with_any_header) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    Up up(gateway);
-    controller.ok(R"({"cmd":"send_frame","type":9,"payload":"6162","version":7,"length":65535,"reserved":1,"magic":"XYZ"})");
+    auto        controller = gateway.controller();
+    Up          up(gateway);
+    controller.ok(
+        R"({"cmd":"send_frame","type":9,"payload":"6162","version":7,"length":65535,"reserved":1,"magic":"XYZ"})");
     EXPECT_EQ(to_hex(up.client.read().bytes), "58595a07ffff09016162");
     controller.ok(R"({"cmd":"send_frame","type":4})");
     EXPECT_EQ(up.client.read().text(), dpd_response);
@@ -316,8 +327,8 @@ TEST(gateway_session, frames_can_be_sent_with_any_header) {
 
 TEST(gateway_session, bytes_past_tls_break_the_client) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    Up up(gateway);
+    auto        controller = gateway.controller();
+    Up          up(gateway);
     controller.ok(R"({"cmd":"send_bytes","hex":"00112233445566778899"})");
     auto got = up.client.read();
     EXPECT_TRUE(got.ended);
@@ -326,8 +337,8 @@ TEST(gateway_session, bytes_past_tls_break_the_client) {
 
 TEST(gateway_session, connections_end_the_way_that_is_asked_for) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    auto end = [&](const std::string &how) {
+    auto        controller = gateway.controller();
+    auto        end        = [&](const std::string &how) {
         Up up(gateway);
         controller.ok(R"({"cmd":"close","how":)" + how + "}");
         return up.client.read();
@@ -345,8 +356,8 @@ TEST(gateway_session, connections_end_the_way_that_is_asked_for) {
 
 TEST(gateway_session, a_half_closed_connection_is_still_read) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    Up up(gateway);
+    auto        controller = gateway.controller();
+    Up          up(gateway);
     controller.ok(R"({"cmd":"close","how":"half"})");
     EXPECT_EQ(controller.ask(R"({"cmd":"clients"})")["clients"][0]["state"], "half");
     up.client.send(frame_dpd_request);
@@ -357,17 +368,17 @@ TEST(gateway_session, a_half_closed_connection_is_still_read) {
 
 TEST(gateway_session, the_peers_end_is_told_apart) {
     TestGateway gateway;
-    auto controller = gateway.controller();
+    auto        controller = gateway.controller();
     { Up up(gateway); }  // quiet shutdown: a bare FIN
     EXPECT_EQ(controller.event("closed", R"(,"client":1)")["how"], "fin");
     {
-        Up up(gateway);
+        Up            up(gateway);
         struct linger hard = {1, 0};
         setsockopt(up.client.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
     }
     EXPECT_EQ(controller.event("closed", R"(,"client":2)")["how"], "rst");
     {
-        Up up(gateway);
+        Up    up(gateway);
         Bytes part = *from_hex("5354");
         up.client.write_record(part);
     }
@@ -377,8 +388,8 @@ TEST(gateway_session, the_peers_end_is_told_apart) {
 
 TEST(gateway_session, a_silent_connection_does_nothing_until_it_is_woken_and_its_end_is_noticed) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    auto up = std::make_unique<Up>(gateway);
+    auto        controller = gateway.controller();
+    auto        up         = std::make_unique<Up>(gateway);
     controller.ok(R"({"cmd":"silence"})");
     up->client.send(frame_dpd_request);
     EXPECT_TRUE(up->client.read(100).bytes.empty());
@@ -391,8 +402,8 @@ TEST(gateway_session, a_silent_connection_does_nothing_until_it_is_woken_and_its
 
 TEST(gateway_session, packets_for_a_slow_client_wait_up_to_the_limit_and_are_dropped_beyond) {
     TestGateway gateway({"--queue", "10"});
-    auto controller = gateway.controller();
-    Up up(gateway);
+    auto        controller = gateway.controller();
+    Up          up(gateway);
     controller.ok(R"({"cmd":"silence"})");
     std::string packet = to_hex(udp_packet(site, up.inner, 9, "x"));
     EXPECT_EQ(controller.ask(R"({"cmd":"send_packet","count":15,"hex":")" + packet + "\"}")["packets"], 10);
@@ -404,9 +415,9 @@ TEST(gateway_session, packets_for_a_slow_client_wait_up_to_the_limit_and_are_dro
 
 TEST(gateway_session, a_client_that_never_reads_costs_nobody_else_anything) {
     TestGateway gateway({"--queue", "100"});
-    auto controller = gateway.controller();
-    Up deaf(gateway, "X-CSTP-Device-ID:deaf\n");
-    Up other(gateway, "X-CSTP-Device-ID:other\n");
+    auto        controller = gateway.controller();
+    Up          deaf(gateway, "X-CSTP-Device-ID:deaf\n");
+    Up          other(gateway, "X-CSTP-Device-ID:other\n");
     std::string packet = to_hex(udp_packet(site, deaf.inner, 9, std::string(1400, 'x')));
     controller.ok(R"({"cmd":"send_packet","count":20000,"hex":")" + packet + "\"}");
     EXPECT_GT(controller.counter("drop_queue"), 0u);
@@ -419,12 +430,12 @@ TEST(gateway_session, a_client_that_never_reads_costs_nobody_else_anything) {
 
 TEST(gateway_session, new_connections_can_be_refused_reset_and_stalled) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    auto raw_connect = [&](char &seen, int milliseconds) {
-        UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
+    auto        controller  = gateway.controller();
+    auto        raw_connect = [&](char &seen, int milliseconds) {
+        UniqueFd    fd(socket(AF_INET, SOCK_STREAM, 0));
         sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(gateway.port());
+        address.sin_family      = AF_INET;
+        address.sin_port        = htons(gateway.port());
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         if (connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) return errno;
         pollfd one{fd.get(), POLLIN, 0};
@@ -447,8 +458,8 @@ TEST(gateway_session, new_connections_can_be_refused_reset_and_stalled) {
 }
 
 TEST(gateway_session, handshakes_fail_for_a_stated_reason) {
-    TestGateway gateway({"--psk-hint", "hello"});
-    auto controller = gateway.controller();
+    TestGateway          gateway({"--psk-hint", "hello"});
+    auto                 controller = gateway.controller();
     TestClient::Settings wrong_key;
     wrong_key.key = "fedcba9876543210";
     EXPECT_FALSE(TestClient(gateway.port(), wrong_key).up);
@@ -461,7 +472,7 @@ TEST(gateway_session, handshakes_fail_for_a_stated_reason) {
     EXPECT_EQ(controller.event("tls_failed", R"(,"client":2)")["reason"], "psk identity not found");
     TestClient::Settings second;
     second.identity = "second";
-    second.key = "key of two";
+    second.key      = "key of two";
     EXPECT_TRUE(TestClient(gateway.port(), second).up);
     EXPECT_EQ(controller.event("tls_up")["identity"], "second");
     EXPECT_EQ(controller.counter("closed"), 2u + (controller.event("closed", R"(,"client":3)").is_object() ? 1 : 0));
@@ -469,11 +480,11 @@ TEST(gateway_session, handshakes_fail_for_a_stated_reason) {
 
 TEST(gateway_session, a_handshake_that_does_not_come_times_out) {
     TestGateway gateway({"--handshake-timeout", "1"});
-    auto controller = gateway.controller();
-    UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
+    auto        controller = gateway.controller();
+    UniqueFd    fd(socket(AF_INET, SOCK_STREAM, 0));
     sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(gateway.port());
+    address.sin_family      = AF_INET;
+    address.sin_port        = htons(gateway.port());
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ASSERT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     EXPECT_EQ(controller.event("tls_failed")["reason"], "timeout");
@@ -482,8 +493,8 @@ TEST(gateway_session, a_handshake_that_does_not_come_times_out) {
 
 TEST(gateway_session, clients_above_the_limit_are_reset) {
     TestGateway gateway({"--max-clients", "2"});
-    auto controller = gateway.controller();
-    TestClient one(gateway.port()), two(gateway.port()), three(gateway.port());
+    auto        controller = gateway.controller();
+    TestClient  one(gateway.port()), two(gateway.port()), three(gateway.port());
     EXPECT_TRUE(two.up);
     EXPECT_FALSE(three.up);
     EXPECT_EQ(controller.event("accept_refused")["why"], "max_clients");
@@ -491,30 +502,31 @@ TEST(gateway_session, clients_above_the_limit_are_reset) {
 
 TEST(gateway_session, a_full_pool_withholds_the_response) {
     TestGateway gateway({"--pool", "10.9.0.2-10.9.0.2"});
-    auto controller = gateway.controller();
-    Up up(gateway, "X-CSTP-Device-ID:a\n");
-    TestClient late(gateway.port());
+    auto        controller = gateway.controller();
+    Up          up(gateway, "X-CSTP-Device-ID:a\n");
+    TestClient  late(gateway.port());
     late.send(frame_config_request, "X-CSTP-Device-ID:b\n");
     EXPECT_EQ(controller.event("config_resp_withheld")["why"], "pool_exhausted");
 }
 
 TEST(gateway_session, sessions_are_resumed_with_the_same_identity) {
     TestGateway gateway;
-    auto controller = gateway.controller();
-    SSL_CTX *context = SSL_CTX_new(TLS_client_method());
+    auto        controller = gateway.controller();
+    SSL_CTX    *context    = SSL_CTX_new(TLS_client_method());
     SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set_cipher_list(context, "PSK-AES256-GCM-SHA384");
-    SSL_CTX_set_psk_client_callback(context, [](SSL *, const char *, char *identity, unsigned, unsigned char *key, unsigned) -> unsigned {
-        strcpy(identity, "dev");
-        memcpy(key, "0123456789abcdef", 16);
-        return 16;
-    });
+    SSL_CTX_set_psk_client_callback(
+        context, [](SSL *, const char *, char *identity, unsigned, unsigned char *key, unsigned) -> unsigned {
+            strcpy(identity, "dev");
+            memcpy(key, "0123456789abcdef", 16);
+            return 16;
+        });
     SSL_SESSION *session = nullptr;
     for (bool resumed : {false, true}) {
-        UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
+        UniqueFd    fd(socket(AF_INET, SOCK_STREAM, 0));
         sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(gateway.port());
+        address.sin_family      = AF_INET;
+        address.sin_port        = htons(gateway.port());
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         ASSERT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         SSL *ssl = SSL_new(context);
@@ -523,9 +535,12 @@ TEST(gateway_session, sessions_are_resumed_with_the_same_identity) {
         ASSERT_EQ(SSL_connect(ssl), 1);
         EXPECT_EQ(SSL_session_reused(ssl), resumed);
         if (!session) session = SSL_get1_session(ssl);
-        SSL_set_shutdown(ssl, SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN);  // a session that ends in any other way is not kept
+        SSL_set_shutdown(ssl, SSL_SENT_SHUTDOWN |
+                                  SSL_RECEIVED_SHUTDOWN);  // a session that ends in any other way is not kept
         SSL_free(ssl);
-        EXPECT_EQ(controller.event("tls_up", std::string(R"(,"match":{"resumed":)") + (resumed ? "true}" : "false}"))["identity"], "dev");
+        EXPECT_EQ(controller.event("tls_up",
+                                   std::string(R"(,"match":{"resumed":)") + (resumed ? "true}" : "false}"))["identity"],
+                  "dev");
     }
     SSL_SESSION_free(session);
     SSL_CTX_free(context);

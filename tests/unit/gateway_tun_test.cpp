@@ -9,22 +9,20 @@ using namespace gwtest;
 
 namespace {
 
-bool can_create_tun() {
-    return geteuid() == 0 && access("/dev/net/tun", R_OK | W_OK) == 0;
-}
+bool can_create_tun() { return geteuid() == 0 && access("/dev/net/tun", R_OK | W_OK) == 0; }
 
 const std::vector<std::string> tun_options = {"--tun", "gwtest0", "--tun-addr", "10.99.0.1/24"};
 
 sockaddr_in udp_address(const std::string &text, uint16_t port) {
     sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
+    address.sin_family      = AF_INET;
+    address.sin_port        = htons(port);
     address.sin_addr.s_addr = htonl(*parse_ipv4(text));
     return address;
 }
 
 UniqueFd udp_socket(const std::string &address, uint16_t port) {
-    UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    UniqueFd    fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in local = udp_address(address, port);
     EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&local), sizeof local), 0) << strerror(errno);
     timeval limit{5, 0};
@@ -37,14 +35,14 @@ UniqueFd udp_socket(const std::string &address, uint16_t port) {
 TEST(gateway_tun, a_packet_of_a_client_reaches_the_site_and_the_answer_comes_back) {
     if (!can_create_tun()) GTEST_SKIP() << "needs root and /dev/net/tun";
     TestGateway gateway(tun_options);
-    TestClient client(gateway.port());
+    TestClient  client(gateway.port());
     std::string inner = line_of(client.configure(), "X-CSTP-Address-Client");
-    UniqueFd site = udp_socket("10.99.0.1", 5000);
+    UniqueFd    site  = udp_socket("10.99.0.1", 5000);
     client.send(frame_data, std::string(text_of(udp_packet(inner, "10.99.0.1", 5000, "question"))));
 
-    char data[64] = "";
+    char        data[64] = "";
     sockaddr_in from{};
-    socklen_t size = sizeof from;
+    socklen_t   size = sizeof from;
     ASSERT_EQ(recvfrom(site.get(), data, sizeof data, 0, reinterpret_cast<sockaddr *>(&from), &size), 8);
     EXPECT_STREQ(data, "question");
     EXPECT_EQ(ipv4_text(ntohl(from.sin_addr.s_addr)), inner);
@@ -59,7 +57,7 @@ TEST(gateway_tun, a_packet_of_a_client_reaches_the_site_and_the_answer_comes_bac
 TEST(gateway_tun, packets_for_nobody_are_counted) {
     if (!can_create_tun()) GTEST_SKIP() << "needs root and /dev/net/tun";
     TestGateway gateway(tun_options);
-    UniqueFd site = udp_socket("10.99.0.1", 5000);
+    UniqueFd    site   = udp_socket("10.99.0.1", 5000);
     sockaddr_in nobody = udp_address("10.99.0.200", 1);
     sendto(site.get(), "x", 1, 0, reinterpret_cast<sockaddr *>(&nobody), sizeof nobody);
     EXPECT_TRUE(gateway.controller().counts("tun_no_route", 1));
@@ -70,11 +68,11 @@ TEST(gateway_tun, a_pool_outside_the_interface_gets_its_route) {
     auto options = tun_options;
     options.insert(options.end(), {"--pool", "10.98.1.5-10.98.1.9"});
     TestGateway gateway(options);
-    TestClient client(gateway.port());
+    TestClient  client(gateway.port());
     std::string inner = line_of(client.configure(), "X-CSTP-Address-Client");
     EXPECT_EQ(inner, "10.98.1.5");
-    UniqueFd site = udp_socket("10.99.0.1", 5000);
-    sockaddr_in to = udp_address(inner, 9);
+    UniqueFd    site = udp_socket("10.99.0.1", 5000);
+    sockaddr_in to   = udp_address(inner, 9);
     sendto(site.get(), "x", 1, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
     EXPECT_EQ(client.read().bytes.size(), 8u + 28 + 1);
 }
@@ -84,10 +82,10 @@ TEST(gateway_tun, packets_of_the_interfaces_mtu_pass_and_keep_their_bytes) {
     auto options = tun_options;
     options.insert(options.end(), {"--mtu", "1436"});
     TestGateway gateway(options);
-    TestClient client(gateway.port());
+    TestClient  client(gateway.port());
     std::string inner = line_of(client.configure(), "X-CSTP-Address-Client");
-    UniqueFd site = udp_socket("10.99.0.1", 5000);
-    sockaddr_in to = udp_address(inner, 9);
+    UniqueFd    site  = udp_socket("10.99.0.1", 5000);
+    sockaddr_in to    = udp_address(inner, 9);
     std::string data(1436 - 28, 'm');
     sendto(site.get(), data.data(), data.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
     Bytes frame = client.read().bytes;
@@ -107,8 +105,8 @@ TEST(gateway_tun, the_interface_goes_with_the_gateway) {
 TEST(gateway_tun, an_interface_that_is_in_use_is_a_failure_with_one_line) {
     if (!can_create_tun()) GTEST_SKIP() << "needs root and /dev/net/tun";
     TestGateway gateway(tun_options);
-    Loop loop;
-    auto words = tun_options;
+    Loop        loop;
+    auto        words = tun_options;
     words.insert(words.end(), {"--listen", "127.0.0.1:0", "--psk-file", gateway.dir.file("psk")});
     try {
         Gateway second(options_from(words), loop);

@@ -28,7 +28,7 @@ public:
     // How often the timer was armed so far.
     static size_t count(const std::string &name) {
         const std::lock_guard<std::mutex> guard(mutex());
-        size_t n = 0;
+        size_t                            n = 0;
         for (const armed_timer &timer : timers()) n += timer.name == name;
         return n;
     }

@@ -35,11 +35,9 @@ struct source_file {
 const std::set<std::string>      records{"tlsc.h", "wlc.h"};
 const std::set<std::string>      services{"tlsc_debug.h", "tlsc_config.h", "tlsc_utils.h"};
 const std::map<std::string, int> ranks{
-    {"tlsc.h", 0}, {"wlc.h", 0}, {"tlsc_openssl.h", 0},
-    {"tlsc_debug.h", 1}, {"tlsc_config.h", 1}, {"tlsc_utils.h", 1},
-    {"tlsc_tun_intf.h", 2}, {"tlsc_route_utils.h", 2}, {"tlsc_session.h", 2}, {"tlsc_timer.h", 2}, {"tlsc_cstp.h", 2}, {"tlsc_engine.h", 2},
-    {"tlsc_platform.h", 3},
-    {"tlsc_main.h", 4}, {"tlsc_wlc.h", 4}};
+    {"tlsc.h", 0},       {"wlc.h", 0},           {"tlsc_openssl.h", 0},     {"tlsc_debug.h", 1},   {"tlsc_config.h", 1},
+    {"tlsc_utils.h", 1}, {"tlsc_tun_intf.h", 2}, {"tlsc_route_utils.h", 2}, {"tlsc_session.h", 2}, {"tlsc_timer.h", 2},
+    {"tlsc_cstp.h", 2},  {"tlsc_engine.h", 2},   {"tlsc_platform.h", 3},    {"tlsc_main.h", 4},    {"tlsc_wlc.h", 4}};
 
 // Takes '#include "name"  // reason' apart; false for any other line.
 bool parse_include(const std::string &line, include_line *out) {
@@ -114,20 +112,26 @@ TEST(include_rules, every_header_has_a_rank) {
 TEST(include_rules, headers_include_system_headers_and_records_only) {
     for (const source_file &file : read_tree(".h"))
         for (const include_line &include : file.includes)
-            if (include.own_tree) { EXPECT_TRUE(records.contains(include.name)) << place(file, include); }
+            if (include.own_tree) {
+                EXPECT_TRUE(records.contains(include.name)) << place(file, include);
+            }
 }
 
 TEST(include_rules, the_tunnel_records_know_nothing_of_the_controller) {
     for (const source_file &file : read_tree(".h"))
         for (const include_line &include : file.includes)
-            if (file.name == "tlsc.h") { EXPECT_FALSE(include.own_tree) << place(file, include); }
+            if (file.name == "tlsc.h") {
+                EXPECT_FALSE(include.own_tree) << place(file, include);
+            }
 }
 
 TEST(include_rules, openssl_headers_stand_in_one_header_only) {
     for (const char *suffix : {".h", ".cpp"})
         for (const source_file &file : read_tree(suffix))
             for (const include_line &include : file.includes)
-                if (include.name.starts_with("openssl/")) { EXPECT_EQ(file.name, "tlsc_openssl.h") << place(file, include); }
+                if (include.name.starts_with("openssl/")) {
+                    EXPECT_EQ(file.name, "tlsc_openssl.h") << place(file, include);
+                }
 }
 
 TEST(include_rules, every_header_is_guarded) {
@@ -156,21 +160,27 @@ TEST(include_rules, a_source_includes_services_before_peers) {
 TEST(include_rules, an_include_of_a_peer_or_upward_says_what_for) {
     for (const source_file &file : read_tree(".cpp"))
         for (const include_line &include : file.includes)
-            if (include.own_tree && include.name != own_header(file) && rank_of(include.name) >= 2) { EXPECT_TRUE(include.has_reason) << place(file, include); }
+            if (include.own_tree && include.name != own_header(file) && rank_of(include.name) >= 2) {
+                EXPECT_TRUE(include.has_reason) << place(file, include);
+            }
 }
 
 TEST(include_rules, services_call_services_only) {
     for (const source_file &file : read_tree(".cpp"))
         if (services.contains(own_header(file)))
             for (const include_line &include : file.includes)
-                if (include.own_tree) { EXPECT_LE(rank_of(include.name), 1) << place(file, include); }
+                if (include.own_tree) {
+                    EXPECT_LE(rank_of(include.name), 1) << place(file, include);
+                }
 }
 
 TEST(include_rules, the_tunnel_thread_reaches_upward_through_the_platform_only) {
     for (const source_file &file : read_tree(".cpp"))
         if (rank_of(own_header(file)) == 2)
             for (const include_line &include : file.includes)
-                if (include.own_tree) { EXPECT_LE(rank_of(include.name), 3) << place(file, include); }
+                if (include.own_tree) {
+                    EXPECT_LE(rank_of(include.name), 3) << place(file, include);
+                }
 }
 
 TEST(include_rules, in_the_tunnel_client_only_main_and_platform_know_the_controller_interface) {
@@ -195,5 +205,6 @@ TEST(include_rules, nothing_uses_streams) {
     const std::set<std::string> streams{"iostream", "fstream", "sstream", "ostream", "istream", "iomanip"};
     for (const char *suffix : {".h", ".cpp"})
         for (const source_file &file : read_tree(suffix))
-            for (const include_line &include : file.includes) EXPECT_FALSE(streams.contains(include.name)) << place(file, include);
+            for (const include_line &include : file.includes)
+                EXPECT_FALSE(streams.contains(include.name)) << place(file, include);
 }

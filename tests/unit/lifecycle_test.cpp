@@ -27,21 +27,21 @@ extern "C" const char *__tsan_default_options() { return "report_thread_leaks=0"
 
 namespace {
 
-std::mutex            sleep_mutex;
-std::vector<unsigned> slept;
-std::atomic<bool>     hold_long_sleeps;   // sleeps of 10 seconds last while this is set
-std::atomic<int>      tunnel_failures;    // so many runs of the tunnel thread end early
-std::atomic<bool>     hold_before_drain;  // a run waits here, before it drains the pipe
-std::atomic<bool>     hold_connecting;    // and here, behind the drain
-std::atomic<int>      runs;               // of the tunnel thread so far
-std::atomic<int>      alive;              // tunnel threads at this moment
-std::atomic<int>      most_alive;
-std::atomic<int>      tunnel_creations_to_fail;
-std::atomic<bool>     monitor_creation_fails;
-std::atomic<bool>     halt_fails;
-std::vector<std::string> steps;           // of the clean-up
+std::mutex               sleep_mutex;
+std::vector<unsigned>    slept;
+std::atomic<bool>        hold_long_sleeps;   // sleeps of 10 seconds last while this is set
+std::atomic<int>         tunnel_failures;    // so many runs of the tunnel thread end early
+std::atomic<bool>        hold_before_drain;  // a run waits here, before it drains the pipe
+std::atomic<bool>        hold_connecting;    // and here, behind the drain
+std::atomic<int>         runs;               // of the tunnel thread so far
+std::atomic<int>         alive;              // tunnel threads at this moment
+std::atomic<int>         most_alive;
+std::atomic<int>         tunnel_creations_to_fail;
+std::atomic<bool>        monitor_creation_fails;
+std::atomic<bool>        halt_fails;
+std::vector<std::string> steps;  // of the clean-up
 int                      mutexes_destroyed;
-std::mutex               turn;            // the tunnel thread has it while it touches the pipe, who halted it for good
+std::mutex               turn;  // the tunnel thread has it while it touches the pipe, who halted it for good
 std::atomic<bool>        monitor_gone;
 bool                     monitor_gone_at_last_step;  // when the clean-up destroyed the locks
 
@@ -50,7 +50,7 @@ struct farewell {
     ~farewell() { monitor_gone = true; }
 };
 
-bool                     print_steps;           // among the log lines, to see what comes before what
+bool print_steps;  // among the log lines, to see what comes before what
 
 void note_step(const std::string &step) {
     steps.push_back(step);
@@ -106,11 +106,14 @@ extern "C" void *__wrap__Z16tlsc_start_epollPv(void *) {
     return nullptr;
 }
 
-extern "C" int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument);
-extern "C" int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument) {
+extern "C" int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
+                                     void *argument);
+extern "C" int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
+                                     void *argument) {
     EXPECT_EQ(attributes, nullptr);
     EXPECT_EQ(argument, nullptr);
-    if (body == tlsc_epoll_mon_thread) return monitor_creation_fails ? EAGAIN : __real_pthread_create(thread, attributes, body, argument);
+    if (body == tlsc_epoll_mon_thread)
+        return monitor_creation_fails ? EAGAIN : __real_pthread_create(thread, attributes, body, argument);
     if (tunnel_creations_to_fail > 0) {
         --tunnel_creations_to_fail;
         return ENOMEM;
@@ -124,11 +127,11 @@ extern "C" bool __wrap__Z23tlsc_halt_tunnel_threadi(int32_t seconds) {
     return !halt_fails;
 }
 
-#define RECORD_STEP(name, symbol)        \
-    extern "C" void __real_##symbol();   \
-    extern "C" void __wrap_##symbol() {  \
-        note_step(name);                 \
-        __real_##symbol();               \
+#define RECORD_STEP(name, symbol)       \
+    extern "C" void __real_##symbol();  \
+    extern "C" void __wrap_##symbol() { \
+        note_step(name);                \
+        __real_##symbol();              \
     }
 RECORD_STEP("free session", _Z17tlsc_free_sessionv)
 RECORD_STEP("close pipe", _Z19tlsc_close_cli_pipev)
@@ -140,7 +143,9 @@ extern "C" void __wrap__Z18tlsc_destroy_locksv() {
     __real__Z18tlsc_destroy_locksv();
 }
 
-extern "C" void __wrap__Z15tlsc_tun_deleteP12tlsc_sessioni(tlsc_session *, int32_t cause) { note_step(text_of("delete interface %d", cause)); }
+extern "C" void __wrap__Z15tlsc_tun_deleteP12tlsc_sessioni(tlsc_session *, int32_t cause) {
+    note_step(text_of("delete interface %d", cause));
+}
 
 extern "C" void __real__Z16tlsc_ssl_cleanupP6ssl_st(ssl_st *ssl);
 extern "C" void __wrap__Z16tlsc_ssl_cleanupP6ssl_st(ssl_st *ssl) {
@@ -177,7 +182,7 @@ protected:
         print_steps      = false;
         hold_long_sleeps = hold_before_drain = hold_connecting = monitor_creation_fails = halt_fails = false;
         tunnel_failures = runs = alive = most_alive = tunnel_creations_to_fail = 0;
-        epoll_thread_exited = 0;
+        epoll_thread_exited                                                    = 0;
         EXPECT_EQ(tlsc_create_pipe_for_cli_cmds(), 1);
         steps.clear();
         log.clear();
@@ -194,8 +199,10 @@ protected:
         const std::lock_guard<std::mutex> guard(sleep_mutex);
         return slept;
     }
-    size_t ends_of_monitors() { return log.count("WARNING", platform_file, "tlsc_epoll_mon_thread", "epoll monitor thread exiting!!"); }
-    bool   running(int number) {
+    size_t ends_of_monitors() {
+        return log.count("WARNING", platform_file, "tlsc_epoll_mon_thread", "epoll monitor thread exiting!!");
+    }
+    bool running(int number) {
         return eventually([number] { return runs == number && alive == 1; });
     }
     // Orders the end of the client and waits for the monitor's.
@@ -238,8 +245,10 @@ TEST_F(lifecycle, a_clean_up_releases_everything_in_its_order) {
                   tlsc_count(&tlsc_stats::invalid_rx);
                   const int32_t ends[] = {cli_pipe_rd_fd, cli_pipe_wr_fd};
                   tlsc_cleanup_context();
-                  EXPECT_EQ(steps, (strings{"close pipe", "delete interface 0", "free session", "release tls", "free context", "destroy locks"}));
-                  EXPECT_EQ(mutexes_destroyed, CRYPTO_num_locks() + 1);  // the TLS library's, and that of the statistics
+                  EXPECT_EQ(steps, (strings{"close pipe", "delete interface 0", "free session", "release tls",
+                                            "free context", "destroy locks"}));
+                  EXPECT_EQ(mutexes_destroyed,
+                            CRYPTO_num_locks() + 1);  // the TLS library's, and that of the statistics
                   for (int32_t fd : ends) EXPECT_FALSE(is_open(fd));
                   EXPECT_EQ(cli_pipe_rd_fd, -1);
                   EXPECT_EQ(cli_pipe_wr_fd, -1);
@@ -258,22 +267,25 @@ TEST_F(lifecycle, a_clean_up_releases_everything_in_its_order) {
 }
 
 TEST_F(lifecycle, a_clean_up_says_so_between_the_pipe_and_the_rest) {
-    EXPECT_EQ(in_child([&] {
-                  strcpy(conf->cipher_algo, peer_cipher);
-                  conf->ssl_auth_mech = SSL_AUTH_PSK;
-                  EXPECT_EQ(tlsc_init_ssl_config(), 1);
-                  EXPECT_NE(tlsc_init_session(), nullptr);
-                  tlsc_attach_session(sock);
-                  log.clear();
-                  print_steps = true;
-                  tlsc_cleanup_context();
-                  EXPECT_EQ(log.text().find("\n<close pipe>\nTLSC["), 0u);
-                  EXPECT_EQ(log.messages(), (strings{"Cleaning up Tls-session and SSL context\n<delete interface 0>\n<free session>\n<release tls>",
-                                                     "SSL-handle is NULL", "Freeing up SSL-ctx\n<free context>\n<destroy locks>",
-                                                     text_of("Destroyed the crypto lock array with no. of locks = %d", CRYPTO_num_locks())}));
-                  return 0;
-              }),
-              0);
+    EXPECT_EQ(
+        in_child([&] {
+            strcpy(conf->cipher_algo, peer_cipher);
+            conf->ssl_auth_mech = SSL_AUTH_PSK;
+            EXPECT_EQ(tlsc_init_ssl_config(), 1);
+            EXPECT_NE(tlsc_init_session(), nullptr);
+            tlsc_attach_session(sock);
+            log.clear();
+            print_steps = true;
+            tlsc_cleanup_context();
+            EXPECT_EQ(log.text().find("\n<close pipe>\nTLSC["), 0u);
+            EXPECT_EQ(
+                log.messages(),
+                (strings{"Cleaning up Tls-session and SSL context\n<delete interface 0>\n<free session>\n<release tls>",
+                         "SSL-handle is NULL", "Freeing up SSL-ctx\n<free context>\n<destroy locks>",
+                         text_of("Destroyed the crypto lock array with no. of locks = %d", CRYPTO_num_locks())}));
+            return 0;
+        }),
+        0);
 }
 
 TEST_F(lifecycle, a_clean_up_cancels_a_monitor_that_sleeps_and_one_that_waits_for_the_tunnel) {
@@ -363,7 +375,8 @@ TEST_F(lifecycle, a_client_starts_runs_and_ends_with_its_monitor_on_the_exit_com
     EXPECT_EQ(runs, 1);  // no restart follows
     EXPECT_EQ(sleeps(), (std::vector<unsigned>{1}));
     EXPECT_FALSE(log.contains("exited abnormally"));
-    EXPECT_TRUE(log.has("INFO", platform_file, "tlsc_start_epoll_mon_thread", "Started the epoll monitor thread successfully"));
+    EXPECT_TRUE(
+        log.has("INFO", platform_file, "tlsc_start_epoll_mon_thread", "Started the epoll monitor thread successfully"));
     EXPECT_TRUE(log.has("INFO", platform_file, "tlsc_epoll_mon_thread", "In TLS Client epoll monitor thread"));
     EXPECT_TRUE(log.has("INFO", platform_file, "tlsc_start_client", "Starting epoll thread"));
     EXPECT_TRUE(log.has("INFO", platform_file, "tlsc_stop_client", "Posting message to stop TLS Client..."));
@@ -375,7 +388,8 @@ TEST_F(lifecycle, a_tunnel_thread_that_fails_is_started_again_after_exactly_10_s
     ASSERT_TRUE(running(7));
     EXPECT_EQ(sleeps(), (std::vector<unsigned>{1, 10, 10, 10, 10, 10, 10}));
     EXPECT_EQ(log.count("WARNING", platform_file, "tlsc_epoll_mon_thread", "TLSC Client exited abnormally"), 6u);
-    EXPECT_EQ(log.count("INFO", platform_file, "tlsc_epoll_mon_thread", "Retrying tlsc-start-client after sleep 10"), 6u);
+    EXPECT_EQ(log.count("INFO", platform_file, "tlsc_epoll_mon_thread", "Retrying tlsc-start-client after sleep 10"),
+              6u);
     end();
     EXPECT_EQ(runs, 7);
     EXPECT_EQ(most_alive, 1);
@@ -388,12 +402,14 @@ TEST_F(lifecycle, the_monitors_lines_tell_start_failure_pause_and_next_start_in_
     const auto lines = [&] {
         strings found;
         for (const std::string &line : lines_from(platform_file))
-            if (line.find("tlsc_start_epoll_mon_thread") == std::string::npos && line.find("tlsc_stop_client") == std::string::npos)
+            if (line.find("tlsc_start_epoll_mon_thread") == std::string::npos &&
+                line.find("tlsc_stop_client") == std::string::npos)
                 found.push_back(line);  // not one of the main thread's
         return found;
     };
     ASSERT_TRUE(eventually([] { return sleeps().size() == 2; }));
-    const strings before_the_pause = {"INFO tlsc_epoll_mon_thread: In TLS Client epoll monitor thread", "INFO tlsc_start_client: Starting epoll thread",
+    const strings before_the_pause = {"INFO tlsc_epoll_mon_thread: In TLS Client epoll monitor thread",
+                                      "INFO tlsc_start_client: Starting epoll thread",
                                       "INFO tlsc_start_client: Started the epoll thread, wait for thread to be up..",
                                       "WARNING tlsc_epoll_mon_thread: TLSC Client exited abnormally",
                                       "INFO tlsc_epoll_mon_thread: Retrying tlsc-start-client after sleep 10"};
@@ -402,7 +418,8 @@ TEST_F(lifecycle, the_monitors_lines_tell_start_failure_pause_and_next_start_in_
     ASSERT_TRUE(running(2));
     end();
     strings all = before_the_pause;
-    all.insert(all.end(), {"INFO tlsc_start_client: Starting epoll thread", "INFO tlsc_start_client: Started the epoll thread, wait for thread to be up.."});
+    all.insert(all.end(), {"INFO tlsc_start_client: Starting epoll thread",
+                           "INFO tlsc_start_client: Started the epoll thread, wait for thread to be up.."});
     const strings found = lines();
     ASSERT_GT(found.size(), all.size());
     EXPECT_EQ(strings(found.begin(), found.begin() + static_cast<long>(all.size())), all);
@@ -422,14 +439,17 @@ TEST_F(lifecycle, a_thread_that_cannot_be_created_counts_as_an_abnormal_end) {
     EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
     ASSERT_TRUE(running(1));
     EXPECT_EQ(sleeps(), (std::vector<unsigned>{1, 10, 10}));
-    EXPECT_EQ(log.count("ERROR", platform_file, "tlsc_start_client", text_of("epollthread creation failed, ret:%d", ENOMEM)), 2u);
+    EXPECT_EQ(
+        log.count("ERROR", platform_file, "tlsc_start_client", text_of("epollthread creation failed, ret:%d", ENOMEM)),
+        2u);
     end();
 }
 
 TEST_F(lifecycle, a_monitor_that_cannot_be_created_is_reported_and_can_be_started_later) {
     monitor_creation_fails = true;
     EXPECT_EQ(tlsc_start_epoll_mon_thread(), 0);
-    EXPECT_TRUE(log.has("ERROR", platform_file, "tlsc_start_epoll_mon_thread", text_of("epoll monitor thread creation failed,ret:%d ", EAGAIN)));
+    EXPECT_TRUE(log.has("ERROR", platform_file, "tlsc_start_epoll_mon_thread",
+                        text_of("epoll monitor thread creation failed,ret:%d ", EAGAIN)));
     monitor_creation_fails = false;
     EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
     ASSERT_TRUE(running(1));
@@ -458,7 +478,8 @@ TEST_F(lifecycle, without_a_pipe_a_stop_is_printed_as_failed) {
 TEST_F(lifecycle, restart_client_only_sets_the_exit_flag) {
     tlsc_restart_client();
     EXPECT_EQ(exit_client, 1);
-    EXPECT_EQ(lines_from(platform_file), (strings{"DEBUG tlsc_restart_client: Main function should kill the child thread\n"}));
+    EXPECT_EQ(lines_from(platform_file),
+              (strings{"DEBUG tlsc_restart_client: Main function should kill the child thread\n"}));
     EXPECT_EQ(log.entries().front().severity, "DEBUG");
     EXPECT_EQ(runs, 0);
 }
@@ -536,7 +557,8 @@ TEST_F(lifecycle, a_restart_before_the_tunnel_drains_its_pipe_is_not_lost) {
     ASSERT_TRUE(eventually([] { return runs == 1; }));
     EXPECT_EQ(tlsc_stop_client(), 1);
     hold_before_drain = false;
-    ASSERT_TRUE(eventually([&] { return log.contains("Clear CLI commands: message id read:1"); }));  // the order is dropped
+    ASSERT_TRUE(
+        eventually([&] { return log.contains("Clear CLI commands: message id read:1"); }));  // the order is dropped
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
     ASSERT_TRUE(running(2));

@@ -212,7 +212,8 @@ constexpr known_log_line known_log_lines[] = {
     {timer_file, "ERROR", "Could not start Retry timer for client-sock-fd = %d"},
     {timer_file, "ERROR", "Could not delete the dpd-timer-fd(%d) from epoll"},
     {timer_file, "DEBUG", "Retry timer expiry event"},
-    {timer_file, "ERROR", "Retry count exceeded, no response received from Server. Close connection and start back-off timer"},
+    {timer_file, "ERROR",
+     "Retry count exceeded, no response received from Server. Close connection and start back-off timer"},
     {timer_file, "DEBUG", "Rekey timer expiry event received"},
     {timer_file, "DEBUG", "Disable data transfer till rekey completes, new state %d"},
     {timer_file, "ERROR", "FQDN Resoln failed, try rekeying with previous GW IP"},
@@ -266,7 +267,8 @@ constexpr known_log_line known_log_lines[] = {
     {main_file, "DEBUG", "Wrote %d bytes on pipe-fd: %d"},
     {main_file, "DEBUG", "Sent CLI cmd: %d, to child thread"},
     {main_file, "DEBUG", "Sent CLI cmd: %d, to epoll thread"},
-    {main_file, "INFO", "\n%s() - svr_addr_ipv4:%s, svr_port:%d, management_ip:%s, tun_interface_name:%s, cipher_algo:%s, tlsc_debug_level:%d, psk_identity:%s, psk_key:%s"},
+    {main_file, "INFO",
+     "\n%s() - svr_addr_ipv4:%s, svr_port:%d, management_ip:%s, tun_interface_name:%s, cipher_algo:%s, tlsc_debug_level:%d, psk_identity:%s, psk_key:%s"},
     {main_file, "INFO", "tlsc_init called again... Reading configuration again."},
     {main_file, "INFO", "%s() - Invoking config set APIs"},
     {main_file, "ERROR", "-------- %s() ERROR: Setting the configuration"},
@@ -284,7 +286,8 @@ inline bool is_other_output(const char *text) {
     if (*text == '\0') return true;
     for (const char *start : {"\n", "Failed to ", "-------- ", "Shutting down "})
         if (strncmp(text, start, strlen(start)) == 0) return true;
-    return text[0] == ' ' && isxdigit(static_cast<unsigned char>(text[1])) && isxdigit(static_cast<unsigned char>(text[2]));
+    return text[0] == ' ' && isxdigit(static_cast<unsigned char>(text[1])) &&
+           isxdigit(static_cast<unsigned char>(text[2]));
 }
 
 // True when printf could have made the text from the format.

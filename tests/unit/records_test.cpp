@@ -55,7 +55,8 @@ TEST(records, address_record_is_32_bytes_with_ipv4_at_8_and_ipv6_at_12) {
     memcpy(addr.ipv4, ipv4.data(), ipv4.size());
     memcpy(addr.ipv6, ipv6.data(), ipv6.size());
 
-    EXPECT_EQ(bytes_of(addr), joined({stored<int32_t>(2), stored<uint16_t>(0x1234), stored<uint16_t>(0x5678), ipv4, ipv6, stored<uint32_t>(0x9ABCDEF0)}));
+    EXPECT_EQ(bytes_of(addr), joined({stored<int32_t>(2), stored<uint16_t>(0x1234), stored<uint16_t>(0x5678), ipv4,
+                                      ipv6, stored<uint32_t>(0x9ABCDEF0)}));
     EXPECT_EQ(bytes_of(addr).size(), 32u);
 }
 
@@ -117,23 +118,43 @@ TEST(records, frame_holds_the_largest_read_and_a_terminator_behind_it) {
 }
 
 TEST(records, frame_types_are_0_data_to_4_dpd_response) {
-    EXPECT_EQ(bytes({CSTP_DATA, CSTP_CONFIG_REQ, CSTP_CONFIG_RESPONSE, CSTP_DPD_REQ, CSTP_DPD_RESPONSE}), bytes({0, 1, 2, 3, 4}));
+    EXPECT_EQ(bytes({CSTP_DATA, CSTP_CONFIG_REQ, CSTP_CONFIG_RESPONSE, CSTP_DPD_REQ, CSTP_DPD_RESPONSE}),
+              bytes({0, 1, 2, 3, 4}));
 }
 
 TEST(records, statistics_are_31_counters_in_wire_order) {
     tlsc_stats stats{};
-    uint64_t tlsc_stats::*const in_order[] = {
-        &tlsc_stats::data_pkt_rx, &tlsc_stats::data_pkt_tx, &tlsc_stats::ctrl_pkt_rx, &tlsc_stats::ctrl_pkt_tx,
-        &tlsc_stats::invalid_rx, &tlsc_stats::tun_pkt_rx, &tlsc_stats::tun_pkt_tx, &tlsc_stats::dpd_req_tx,
-        &tlsc_stats::dpd_rsp_rx, &tlsc_stats::rekey_attempts, &tlsc_stats::rekey_success, &tlsc_stats::tun_alloc,
-        &tlsc_stats::tun_freed, &tlsc_stats::ssl_read_errors_total, &tlsc_stats::ssl_read_errors_readwouldblock,
-        &tlsc_stats::ssl_read_errors_writewouldblock, &tlsc_stats::ssl_read_errors_others,
-        &tlsc_stats::ssl_write_errors_total, &tlsc_stats::ssl_write_errors_readwouldblock,
-        &tlsc_stats::ssl_write_errors_writewouldblock, &tlsc_stats::ssl_write_errors_others,
-        &tlsc_stats::tun_read_errors_total, &tlsc_stats::tun_read_errors_einval, &tlsc_stats::tun_read_errors_ebadf,
-        &tlsc_stats::tun_read_errors_efault, &tlsc_stats::tun_read_errors_others, &tlsc_stats::tun_write_errors_total,
-        &tlsc_stats::tun_write_errors_einval, &tlsc_stats::tun_write_errors_ebadf, &tlsc_stats::tun_write_errors_efault,
-        &tlsc_stats::tun_write_errors_others};
+    uint64_t tlsc_stats::*const in_order[] = {&tlsc_stats::data_pkt_rx,
+                                              &tlsc_stats::data_pkt_tx,
+                                              &tlsc_stats::ctrl_pkt_rx,
+                                              &tlsc_stats::ctrl_pkt_tx,
+                                              &tlsc_stats::invalid_rx,
+                                              &tlsc_stats::tun_pkt_rx,
+                                              &tlsc_stats::tun_pkt_tx,
+                                              &tlsc_stats::dpd_req_tx,
+                                              &tlsc_stats::dpd_rsp_rx,
+                                              &tlsc_stats::rekey_attempts,
+                                              &tlsc_stats::rekey_success,
+                                              &tlsc_stats::tun_alloc,
+                                              &tlsc_stats::tun_freed,
+                                              &tlsc_stats::ssl_read_errors_total,
+                                              &tlsc_stats::ssl_read_errors_readwouldblock,
+                                              &tlsc_stats::ssl_read_errors_writewouldblock,
+                                              &tlsc_stats::ssl_read_errors_others,
+                                              &tlsc_stats::ssl_write_errors_total,
+                                              &tlsc_stats::ssl_write_errors_readwouldblock,
+                                              &tlsc_stats::ssl_write_errors_writewouldblock,
+                                              &tlsc_stats::ssl_write_errors_others,
+                                              &tlsc_stats::tun_read_errors_total,
+                                              &tlsc_stats::tun_read_errors_einval,
+                                              &tlsc_stats::tun_read_errors_ebadf,
+                                              &tlsc_stats::tun_read_errors_efault,
+                                              &tlsc_stats::tun_read_errors_others,
+                                              &tlsc_stats::tun_write_errors_total,
+                                              &tlsc_stats::tun_write_errors_einval,
+                                              &tlsc_stats::tun_write_errors_ebadf,
+                                              &tlsc_stats::tun_write_errors_efault,
+                                              &tlsc_stats::tun_write_errors_others};
     ASSERT_EQ(std::size(in_order), 31u);
 
     bytes expected;
@@ -222,7 +243,11 @@ TEST(records, dns_information_is_a_count_and_four_entries_of_20_bytes) {
     }
     bytes expected = joined({stored<uint16_t>(6), zeros(2)});
     for (uint8_t i = 0; i < 4; ++i)
-        expected = joined({expected, stored<uint32_t>(i % 2), {static_cast<uint8_t>(10 + i)}, zeros(14), {static_cast<uint8_t>(20 + i)}});
+        expected = joined({expected,
+                           stored<uint32_t>(i % 2),
+                           {static_cast<uint8_t>(10 + i)},
+                           zeros(14),
+                           {static_cast<uint8_t>(20 + i)}});
     EXPECT_EQ(bytes_of(info), expected);
     EXPECT_EQ(expected.size(), 84u);
 }
@@ -247,26 +272,42 @@ TEST(records, configuration_fields_have_the_documented_widths) {
 }
 
 TEST(records, configuration_fields_stand_in_the_documented_order) {
-    const size_t in_order[] = {
-        offsetof(tlsc_config, svr_addr_ipv4), offsetof(tlsc_config, inner_addr), offsetof(tlsc_config, device_id),
-        offsetof(tlsc_config, device_name), offsetof(tlsc_config, serial_no), offsetof(tlsc_config, management_ip),
-        offsetof(tlsc_config, tun_interface_name), offsetof(tlsc_config, cipher_algo), offsetof(tlsc_config, reserved_addr),
-        offsetof(tlsc_config, dns_count), offsetof(tlsc_config, dns_servers), offsetof(tlsc_config, prefix),
-        offsetof(tlsc_config, prefix_length), offsetof(tlsc_config, server_port), offsetof(tlsc_config, dpd_interval),
-        offsetof(tlsc_config, rekey_interval), offsetof(tlsc_config, retry_interval),
-        offsetof(tlsc_config, fqdn_resolution_interval), offsetof(tlsc_config, cookie), offsetof(tlsc_config, ssl_auth_mech),
-        offsetof(tlsc_config, ssl_certificate), offsetof(tlsc_config, ssl_private_key),
-        offsetof(tlsc_config, ssl_rootca_bundle), offsetof(tlsc_config, ssl_crl)};
+    const size_t in_order[] = {offsetof(tlsc_config, svr_addr_ipv4),
+                               offsetof(tlsc_config, inner_addr),
+                               offsetof(tlsc_config, device_id),
+                               offsetof(tlsc_config, device_name),
+                               offsetof(tlsc_config, serial_no),
+                               offsetof(tlsc_config, management_ip),
+                               offsetof(tlsc_config, tun_interface_name),
+                               offsetof(tlsc_config, cipher_algo),
+                               offsetof(tlsc_config, reserved_addr),
+                               offsetof(tlsc_config, dns_count),
+                               offsetof(tlsc_config, dns_servers),
+                               offsetof(tlsc_config, prefix),
+                               offsetof(tlsc_config, prefix_length),
+                               offsetof(tlsc_config, server_port),
+                               offsetof(tlsc_config, dpd_interval),
+                               offsetof(tlsc_config, rekey_interval),
+                               offsetof(tlsc_config, retry_interval),
+                               offsetof(tlsc_config, fqdn_resolution_interval),
+                               offsetof(tlsc_config, cookie),
+                               offsetof(tlsc_config, ssl_auth_mech),
+                               offsetof(tlsc_config, ssl_certificate),
+                               offsetof(tlsc_config, ssl_private_key),
+                               offsetof(tlsc_config, ssl_rootca_bundle),
+                               offsetof(tlsc_config, ssl_crl)};
     for (size_t i = 1; i < std::size(in_order); ++i) EXPECT_LT(in_order[i - 1], in_order[i]) << "field " << i;
 }
 
 TEST(records, parameter_block_is_twelve_texts_of_64_bytes_and_the_port) {
     wlc_sec_tun_params params{};
     char(wlc_sec_tun_params::*const in_order[])[64] = {
-        &wlc_sec_tun_params::server_ip_address, &wlc_sec_tun_params::management_ip, &wlc_sec_tun_params::inner_ip,
-        &wlc_sec_tun_params::tun_interface_name, &wlc_sec_tun_params::cipher_algo, &wlc_sec_tun_params::psk_identity,
-        &wlc_sec_tun_params::psk_key, &wlc_sec_tun_params::log_level, &wlc_sec_tun_params::log_dest,
-        &wlc_sec_tun_params::device_id, &wlc_sec_tun_params::serial_num, &wlc_sec_tun_params::system_name};
+        &wlc_sec_tun_params::server_ip_address, &wlc_sec_tun_params::management_ip,
+        &wlc_sec_tun_params::inner_ip,          &wlc_sec_tun_params::tun_interface_name,
+        &wlc_sec_tun_params::cipher_algo,       &wlc_sec_tun_params::psk_identity,
+        &wlc_sec_tun_params::psk_key,           &wlc_sec_tun_params::log_level,
+        &wlc_sec_tun_params::log_dest,          &wlc_sec_tun_params::device_id,
+        &wlc_sec_tun_params::serial_num,        &wlc_sec_tun_params::system_name};
     bytes expected;
     for (size_t i = 0; i < std::size(in_order); ++i) {
         (params.*(in_order[i]))[0] = static_cast<char>('a' + i);

@@ -9,22 +9,23 @@
 
 namespace {
 
-std::string              written;  // on the TLS session
-int32_t                  tls_result = 1;
-std::vector<int32_t>     teardowns;       // causes
-bool                     resolution_asked;
-int32_t                  resolution_result;
-int                      dp_state_at_query;  // the data-path state when the controller was asked
-int                      connections;        // attempts
-int32_t                  connection_result;  // of the next attempts
-int                      next_socket = -1;   // the socket that the next attempt leaves in the context
-bool                     timers_fail;
-bool                     epoll_add_fails;
-int32_t                  timers_at_connect;  // sum of the slots at the attempt: -6 when all are stopped
+std::string          written;  // on the TLS session
+int32_t              tls_result = 1;
+std::vector<int32_t> teardowns;  // causes
+bool                 resolution_asked;
+int32_t              resolution_result;
+int                  dp_state_at_query;  // the data-path state when the controller was asked
+int                  connections;        // attempts
+int32_t              connection_result;  // of the next attempts
+int                  next_socket = -1;   // the socket that the next attempt leaves in the context
+bool                 timers_fail;
+bool                 epoll_add_fails;
+int32_t              timers_at_connect;  // sum of the slots at the attempt: -6 when all are stopped
 
 }  // namespace
 
-extern "C" int32_t __wrap__Z14tlsc_ssl_writeP9tlsc_sockPKviPi(tlsc_sock *, const void *buff, int32_t length, int32_t *result) {
+extern "C" int32_t __wrap__Z14tlsc_ssl_writeP9tlsc_sockPKviPi(tlsc_sock *, const void *buff, int32_t length,
+                                                              int32_t *result) {
     if (result) *result = tls_result;
     if (tls_result != 1) return 0;
     written.append(static_cast<const char *>(buff), static_cast<size_t>(length));
@@ -44,7 +45,8 @@ extern "C" int32_t __wrap__Z31tlsc_request_gw_name_resolutionv() {
 
 extern "C" int32_t __wrap__Z20tlsc_create_tcp_connv() {
     ++connections;
-    timers_at_connect = tlsc_timers.dpd + tlsc_timers.retry + tlsc_timers.rekey + tlsc_timers.fqdn + tlsc_timers.guard + tlsc_timers.backoff;
+    timers_at_connect = tlsc_timers.dpd + tlsc_timers.retry + tlsc_timers.rekey + tlsc_timers.fqdn + tlsc_timers.guard +
+                        tlsc_timers.backoff;
     if (connection_result == 1) tlsc_get_sock()->sockfd = tlsc_get_sock()->ssl_fd = next_socket;
     if (connection_result == 7) {  // its teardown has closed both transports
         tlsc_get_sock()->sockfd = tlsc_get_sock()->ssl_fd = -1;
@@ -54,7 +56,9 @@ extern "C" int32_t __wrap__Z20tlsc_create_tcp_connv() {
 }
 
 extern "C" int __real_timerfd_create(int clock, int flags);
-extern "C" int __wrap_timerfd_create(int clock, int flags) { return timers_fail ? -1 : __real_timerfd_create(clock, flags); }
+extern "C" int __wrap_timerfd_create(int clock, int flags) {
+    return timers_fail ? -1 : __real_timerfd_create(clock, flags);
+}
 
 extern "C" int __real_epoll_ctl(int epoll_fd, int operation, int fd, epoll_event *event);
 extern "C" int __wrap_epoll_ctl(int epoll_fd, int operation, int fd, epoll_event *event) {
@@ -125,7 +129,8 @@ TEST_F(timer_expiry, dpd_expiry_sends_a_request_starts_the_retry_timer_and_close
     EXPECT_TRUE(log.has("DEBUG", timer_file, "tlsc_handle_dpd_expiry", "DPD timer expiry event"));
     EXPECT_LT(position("DPD timer expiry event"), position("Sending DPD Request [Req Retry Ref #0]"));
     EXPECT_LT(position("Sending DPD Request [Req Retry Ref #0]"), position("Started Retry Timer for 20 sec"));
-    EXPECT_LT(position("Started Retry Timer for 20 sec"), position(text_of("Successfully deleted fd = %d, to epoll-event", dpd)));
+    EXPECT_LT(position("Started Retry Timer for 20 sec"),
+              position(text_of("Successfully deleted fd = %d, to epoll-event", dpd)));
     EXPECT_NE(tlsc_timers.retry, dpd);
     expect_counters({{"dpd_req_tx", 1}, {"ctrl_pkt_tx", 1}});
 }
@@ -145,7 +150,8 @@ TEST_F(timer_expiry, dpd_expiry_goes_on_when_the_retry_timer_cannot_start) {
     tlsc_handle_dpd_expiry(sock);
     EXPECT_EQ(tlsc_timers.retry, -1);
     EXPECT_EQ(tlsc_timers.dpd, -1);
-    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_handle_dpd_expiry", text_of("Could not start Retry timer for client-sock-fd = %d", old_pair[0])));
+    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_handle_dpd_expiry",
+                        text_of("Could not start Retry timer for client-sock-fd = %d", old_pair[0])));
     EXPECT_TRUE(teardowns.empty());
 }
 
@@ -154,7 +160,8 @@ TEST_F(timer_expiry, dpd_expiry_closes_a_timer_that_epoll_does_not_know) {
     const int32_t dpd = tlsc_timers.dpd;
     ASSERT_EQ(epoll_ctl(tlsc_epoll_fd, EPOLL_CTL_DEL, dpd, nullptr), 0);
     tlsc_handle_dpd_expiry(sock);
-    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_handle_dpd_expiry", text_of("Could not delete the dpd-timer-fd(%d) from epoll", dpd)));
+    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_handle_dpd_expiry",
+                        text_of("Could not delete the dpd-timer-fd(%d) from epoll", dpd)));
     EXPECT_EQ(tlsc_timers.dpd, -1);
     EXPECT_FALSE(is_open(dpd));
 }
@@ -180,8 +187,9 @@ TEST_F(timer_expiry, four_requests_go_out_before_the_fourth_retry_expiry_gives_u
     EXPECT_EQ(tlsc_timers.retry, -1);
     EXPECT_FALSE(is_open(retry_timer));
     EXPECT_EQ(log.count("DEBUG", timer_file, "tlsc_handle_retry_expiry", "Retry timer expiry event"), 4u);
-    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_handle_retry_expiry",
-                        "Retry count exceeded, no response received from Server. Close connection and start back-off timer"));
+    EXPECT_TRUE(
+        log.has("ERROR", timer_file, "tlsc_handle_retry_expiry",
+                "Retry count exceeded, no response received from Server. Close connection and start back-off timer"));
     expect_counters({{"dpd_req_tx", 4}, {"ctrl_pkt_tx", 4}});
 }
 
@@ -224,7 +232,8 @@ TEST_F(timer_expiry, rekey_expiry_stops_the_data_path_and_waits_for_the_controll
     EXPECT_GT(tlsc_timers.dpd, 0);  // the old connection still serves
     EXPECT_TRUE(is_registered(old_pair[0]));
     EXPECT_TRUE(log.has("DEBUG", timer_file, "tlsc_handle_rekey_expiry", "Rekey timer expiry event received"));
-    EXPECT_TRUE(log.has("DEBUG", timer_file, "tlsc_handle_rekey_expiry", "Disable data transfer till rekey completes, new state 0"));
+    EXPECT_TRUE(log.has("DEBUG", timer_file, "tlsc_handle_rekey_expiry",
+                        "Disable data transfer till rekey completes, new state 0"));
 }
 
 TEST_F(timer_expiry, a_question_that_cannot_be_sent_falls_back_to_the_previous_address_at_once) {
@@ -233,7 +242,8 @@ TEST_F(timer_expiry, a_question_that_cannot_be_sent_falls_back_to_the_previous_a
     tlsc_handle_rekey_expiry(sock);
     EXPECT_EQ(connections, 1);
     EXPECT_EQ(tlsc_timers.fqdn, -1);
-    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_handle_rekey_expiry", "FQDN Resoln failed, try rekeying with previous GW IP"));
+    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_handle_rekey_expiry",
+                        "FQDN Resoln failed, try rekeying with previous GW IP"));
 }
 
 TEST_F(timer_expiry, a_resolution_timer_that_cannot_start_falls_back_at_once_too) {
@@ -315,8 +325,8 @@ TEST_F(timer_expiry, a_connection_whose_request_failed_leaves_no_socket_to_regis
         next_socket = none;
         EXPECT_EQ(tlsc_start_rekey_proc(sock), 1);
     }
-    EXPECT_EQ(lines_from(timer_file),
-              (strings{"INFO tlsc_start_rekey_proc: Establish new TCP connection", "INFO tlsc_start_rekey_proc: Establish new TCP connection"}));
+    EXPECT_EQ(lines_from(timer_file), (strings{"INFO tlsc_start_rekey_proc: Establish new TCP connection",
+                                               "INFO tlsc_start_rekey_proc: Establish new TCP connection"}));
     EXPECT_EQ(lines_from(engine_file), strings{});
 }
 
@@ -335,7 +345,8 @@ TEST_F(timer_expiry, a_new_socket_that_cannot_be_registered_is_reported_and_kept
     epoll_add_fails   = true;
     EXPECT_EQ(tlsc_start_rekey_proc(sock), 1);
     EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_start_rekey_proc",
-                        text_of("Could not add the new client-sock-fd(%d) to epoll(%d) after rekey timeout", new_pair[0], tlsc_epoll_fd)));
+                        text_of("Could not add the new client-sock-fd(%d) to epoll(%d) after rekey timeout",
+                                new_pair[0], tlsc_epoll_fd)));
     EXPECT_TRUE(log.contains("TCP connection established after rekey timeout"));
     tlsc_old_transport_fd = -1;
     tlsc_old_ssl          = nullptr;
@@ -346,7 +357,8 @@ TEST_F(timer_expiry, an_old_transport_that_epoll_does_not_know_is_reported) {
     ASSERT_EQ(epoll_ctl(tlsc_epoll_fd, EPOLL_CTL_DEL, old_pair[0], nullptr), 0);
     connection_result = 1;
     EXPECT_EQ(tlsc_start_rekey_proc(sock), 1);
-    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_start_rekey_proc", text_of("Could not delete the old-transport-fd(%d) from epoll-list", old_pair[0])));
+    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_start_rekey_proc",
+                        text_of("Could not delete the old-transport-fd(%d) from epoll-list", old_pair[0])));
     tlsc_old_transport_fd = -1;
     tlsc_old_ssl          = nullptr;
 }
@@ -369,8 +381,8 @@ TEST_F(timer_expiry, null_contexts_are_refused) {
     tlsc_handle_dpd_expiry(nullptr);
     EXPECT_EQ(tlsc_start_rekey_proc(nullptr), 0);
     EXPECT_EQ(connections, 0);
-    EXPECT_EQ(lines_from(timer_file),
-              (strings{"ERROR tlsc_handle_dpd_expiry: Null ptr received for sock", "ERROR tlsc_start_rekey_proc: Null ptr received for sock"}));
+    EXPECT_EQ(lines_from(timer_file), (strings{"ERROR tlsc_handle_dpd_expiry: Null ptr received for sock",
+                                               "ERROR tlsc_start_rekey_proc: Null ptr received for sock"}));
 }
 
 }  // namespace

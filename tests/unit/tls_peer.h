@@ -57,7 +57,9 @@ public:
     }
 
     // One TLS record.
-    bool write(const std::string &bytes) { return SSL_write(ssl_, bytes.data(), static_cast<int>(bytes.size())) == static_cast<int>(bytes.size()); }
+    bool write(const std::string &bytes) {
+        return SSL_write(ssl_, bytes.data(), static_cast<int>(bytes.size())) == static_cast<int>(bytes.size());
+    }
 
     // True when the client closes its side within the patience; what it still sends is thrown away.
     bool is_closed_by_client() {
@@ -74,7 +76,9 @@ public:
         return count > 0 || (count < 0 && errno == EAGAIN);
     }
 
-    void send_raw(const std::string &bytes) { EXPECT_EQ(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size())); }
+    void send_raw(const std::string &bytes) {
+        EXPECT_EQ(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    }
     void send_fin() { shutdown(fd_, SHUT_WR); }
     void hang_up() {
         close(fd_);
@@ -93,10 +97,17 @@ private:
 
 class tls_peer {
 public:
-    enum class manner { handshake, hang_up, reset, garbage, nothing };
+    enum class manner {
+        handshake,
+        hang_up,
+        reset,
+        garbage,
+        nothing
+    };
 
     // prepare gets the server's context before the first connection; without it the server takes peer_key.
-    explicit tls_peer(const std::function<void(SSL_CTX *)> &prepare = nullptr, std::string key = peer_key) : key_(std::move(key)) {
+    explicit tls_peer(const std::function<void(SSL_CTX *)> &prepare = nullptr, std::string key = peer_key)
+        : key_(std::move(key)) {
         ctx_ = SSL_CTX_new(TLS_server_method());
         SSL_CTX_set_max_proto_version(ctx_, TLS1_2_VERSION);
         EXPECT_EQ(SSL_CTX_set_ecdh_auto(ctx_, 1), 1);
@@ -149,7 +160,8 @@ public:
     // The connection with this number, counted from 0; waits for it. The reference stays valid.
     peer_connection &connection(size_t number) {
         std::unique_lock<std::mutex> guard(mutex_);
-        const bool there = arrived_.wait_for(guard, std::chrono::milliseconds(peer_patience_ms), [&] { return connections_.size() > number; });
+        const bool                   there = arrived_.wait_for(guard, std::chrono::milliseconds(peer_patience_ms),
+                                                               [&] { return connections_.size() > number; });
         if (!there) {
             ADD_FAILURE() << "no connection number " << number;
             connections_.resize(number + 1);
@@ -164,9 +176,9 @@ public:
 
 private:
     static unsigned give_key(SSL *ssl, const char *identity, unsigned char *psk, unsigned max) {
-        auto *self = static_cast<tls_peer *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
+        auto                             *self = static_cast<tls_peer *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
         const std::lock_guard<std::mutex> guard(self->mutex_);
-        self->identity_ = identity;
+        self->identity_     = identity;
         const size_t length = std::min<size_t>(self->key_.size(), max);
         memcpy(psk, self->key_.data(), length);
         return static_cast<unsigned>(length);
@@ -187,7 +199,7 @@ private:
             setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
             const int at_once = 1;  // small records in a row arrive without waiting for each other
             setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof(at_once));
-            auto met = meet(fd);
+            auto                              met = meet(fd);
             const std::lock_guard<std::mutex> guard(mutex_);
             connections_.push_back(std::move(met));
             arrived_.notify_all();
@@ -227,15 +239,15 @@ private:
         return nullptr;
     }
 
-    const std::string       key_;
-    SSL_CTX                *ctx_      = nullptr;
-    int                     listener_ = -1;
-    int                     stop_[2]  = {-1, -1};
-    uint16_t                port_     = 0;
-    std::thread             thread_;
-    std::mutex              mutex_;
-    std::condition_variable arrived_;
-    manner                  manner_ = manner::handshake;
-    std::string             identity_;
+    const std::string                             key_;
+    SSL_CTX                                      *ctx_      = nullptr;
+    int                                           listener_ = -1;
+    int                                           stop_[2]  = {-1, -1};
+    uint16_t                                      port_     = 0;
+    std::thread                                   thread_;
+    std::mutex                                    mutex_;
+    std::condition_variable                       arrived_;
+    manner                                        manner_ = manner::handshake;
+    std::string                                   identity_;
     std::vector<std::unique_ptr<peer_connection>> connections_;
 };

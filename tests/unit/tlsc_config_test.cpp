@@ -23,17 +23,32 @@ constexpr char file_name[] = "tls_client_config.txt";
 using settings = std::vector<std::pair<std::string, std::string>>;
 
 // A complete file for each mechanism.
-const settings psk_settings{
-    {"server_ip_address", "203.0.113.5"}, {"server_port", "4433"}, {"management_ip", "192.0.2.10"},
-    {"tun_interface_name", "tun7"}, {"ssl_authentication_mechanism", "psk"}, {"psk_identity", "device-7"},
-    {"psk_key", "very-secret-key"}, {"cipher_algo", "PSK-AES256-CBC-SHA"}, {"device_id", "dev-0001"},
-    {"device_name", "north gate"}, {"serial_no", "SN123456"}, {"log_level", "3"}};
-const settings certificate_settings{
-    {"server_ip_address", "203.0.113.5"}, {"server_port", "4433"}, {"management_ip", "192.0.2.10"},
-    {"tun_interface_name", "tun7"}, {"ssl_authentication_mechanism", "certificate"}, {"ssl_certificate", "cert.pem"},
-    {"ssl_private_key", "key.pem"}, {"ssl_rootca_bundle", "ca.pem"}, {"ssl_crl", "crl.pem"},
-    {"cipher_algo", "AES256-SHA"}, {"device_id", "dev-0001"}, {"device_name", "north gate"},
-    {"serial_no", "SN123456"}, {"log_level", "3"}};
+const settings psk_settings{{"server_ip_address", "203.0.113.5"},
+                            {"server_port", "4433"},
+                            {"management_ip", "192.0.2.10"},
+                            {"tun_interface_name", "tun7"},
+                            {"ssl_authentication_mechanism", "psk"},
+                            {"psk_identity", "device-7"},
+                            {"psk_key", "very-secret-key"},
+                            {"cipher_algo", "PSK-AES256-CBC-SHA"},
+                            {"device_id", "dev-0001"},
+                            {"device_name", "north gate"},
+                            {"serial_no", "SN123456"},
+                            {"log_level", "3"}};
+const settings certificate_settings{{"server_ip_address", "203.0.113.5"},
+                                    {"server_port", "4433"},
+                                    {"management_ip", "192.0.2.10"},
+                                    {"tun_interface_name", "tun7"},
+                                    {"ssl_authentication_mechanism", "certificate"},
+                                    {"ssl_certificate", "cert.pem"},
+                                    {"ssl_private_key", "key.pem"},
+                                    {"ssl_rootca_bundle", "ca.pem"},
+                                    {"ssl_crl", "crl.pem"},
+                                    {"cipher_algo", "AES256-SHA"},
+                                    {"device_id", "dev-0001"},
+                                    {"device_name", "north gate"},
+                                    {"serial_no", "SN123456"},
+                                    {"log_level", "3"}};
 
 settings without(settings all, const std::string &key) {
     std::erase_if(all, [&](const auto &entry) { return entry.first == key; });
@@ -140,16 +155,15 @@ TEST(tlsc_config, defaults_are_logged_with_one_info_and_five_debug_lines) {
     log_capture log;
     tlsc_set_config_defaults(&conf);
     const std::vector<std::pair<const char *, const char *>> expected{
-        {"INFO", "Setting default configurations"},
-        {"DEBUG", "DPD Interval default = 10"},
-        {"DEBUG", "Retry Interval default = 20"},
-        {"DEBUG", "Rekey Interval default = 3600"},
-        {"DEBUG", "FQDN Resoln Interval default = 30"},
-        {"DEBUG", "Default prefix type = ADDR_IPV4"}};
+        {"INFO", "Setting default configurations"},     {"DEBUG", "DPD Interval default = 10"},
+        {"DEBUG", "Retry Interval default = 20"},       {"DEBUG", "Rekey Interval default = 3600"},
+        {"DEBUG", "FQDN Resoln Interval default = 30"}, {"DEBUG", "Default prefix type = ADDR_IPV4"}};
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), expected.size());
     for (size_t i = 0; i < lines.size(); ++i)
-        EXPECT_TRUE(is_log_line(lines[i], expected[i].first, "tlsc_config.c", "tlsc_set_config_defaults", expected[i].second)) << lines[i];
+        EXPECT_TRUE(
+            is_log_line(lines[i], expected[i].first, "tlsc_config.c", "tlsc_set_config_defaults", expected[i].second))
+            << lines[i];
 }
 
 TEST(tlsc_config, defaults_for_a_null_record_are_refused) {
@@ -236,7 +250,8 @@ TEST_F(tlsc_config_file, missing_file_is_reported_with_its_errno) {
     char        value[500];
     EXPECT_EQ(tlsc_read_param_val("server_port", value), 0);
     ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_TRUE(log.has("ERROR", "tlsc_config.c", "tlsc_read_param_val", "Can't open config file, errno=" + std::to_string(ENOENT)));
+    EXPECT_TRUE(log.has("ERROR", "tlsc_config.c", "tlsc_read_param_val",
+                        "Can't open config file, errno=" + std::to_string(ENOENT)));
 }
 
 TEST_F(tlsc_config_file, null_arguments_are_refused) {
@@ -314,14 +329,17 @@ TEST_F(tlsc_config_file, complete_certificate_file_fills_the_four_paths) {
 
     const auto all = log.messages();
     ASSERT_GE(all.size(), 8u);
-    EXPECT_EQ(std::vector<std::string>(all.begin() + 3, all.begin() + 8),
-              (std::vector<std::string>{"SSL auth-mech set to Certificate", "SSL certificate file path set successfully",
-                                        "SSL private_key file path set successfully", "SSL root_ca file path set successfully",
-                                        "SSL crl file path set successfully"}));
+    EXPECT_EQ(
+        std::vector<std::string>(all.begin() + 3, all.begin() + 8),
+        (std::vector<std::string>{"SSL auth-mech set to Certificate", "SSL certificate file path set successfully",
+                                  "SSL private_key file path set successfully",
+                                  "SSL root_ca file path set successfully", "SSL crl file path set successfully"}));
     for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "DEBUG") << line.message;
     EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_auth_mech", "SSL auth-mech set to Certificate"));
-    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_certificate", "SSL certificate file path set successfully"));
-    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_private_key", "SSL private_key file path set successfully"));
+    EXPECT_TRUE(
+        log.has("DEBUG", "tlsc_config.c", "load_ssl_certificate", "SSL certificate file path set successfully"));
+    EXPECT_TRUE(
+        log.has("DEBUG", "tlsc_config.c", "load_ssl_private_key", "SSL private_key file path set successfully"));
     EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_rootca_bundle", "SSL root_ca file path set successfully"));
     EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_crl", "SSL crl file path set successfully"));
 }
@@ -359,7 +377,8 @@ TEST_F(tlsc_config_file, missing_file_ends_the_load_at_the_server_address) {
     EXPECT_EQ(tlsc_read_config_file(&conf), 0);
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(is_log_line(lines[0], "ERROR", "tlsc_config.c", "tlsc_read_param_val", "Can't open config file, errno=2"));
+    EXPECT_TRUE(
+        is_log_line(lines[0], "ERROR", "tlsc_config.c", "tlsc_read_param_val", "Can't open config file, errno=2"));
     EXPECT_TRUE(is_log_line(lines[1], "ERROR", "tlsc_config.c", "load_server_ip_address", "Server Addr not found!!"));
     EXPECT_TRUE(is_all_zero(conf));
 }
@@ -388,10 +407,14 @@ TEST_F(tlsc_config_file, every_fatal_error_of_a_psk_file_ends_the_load_with_its_
         {"management_ip", text_of(50), 0, "ERROR", "load_management_ip", "Invalid Mgmt IP!!"},
         {"tun_interface_name", "-", 0, "ERROR", "load_tun_interface_name", "TUN name not found!!"},
         {"tun_interface_name", text_of(50), 0, "ERROR", "load_tun_interface_name", "Invalid TUN name!!"},
-        {"ssl_authentication_mechanism", "-", 0, "ERROR", "load_ssl_auth_mech", "SSL Authentication mechanism not found in config file"},
-        {"ssl_authentication_mechanism", "PSK", 0, "ERROR", "load_ssl_auth_mech", "Invalid SSL authentication-mechanism!!"},
-        {"ssl_authentication_mechanism", "pskx", 0, "ERROR", "load_ssl_auth_mech", "Invalid SSL authentication-mechanism!!"},
-        {"ssl_authentication_mechanism", "", 0, "ERROR", "load_ssl_auth_mech", "Invalid SSL authentication-mechanism!!"},
+        {"ssl_authentication_mechanism", "-", 0, "ERROR", "load_ssl_auth_mech",
+         "SSL Authentication mechanism not found in config file"},
+        {"ssl_authentication_mechanism", "PSK", 0, "ERROR", "load_ssl_auth_mech",
+         "Invalid SSL authentication-mechanism!!"},
+        {"ssl_authentication_mechanism", "pskx", 0, "ERROR", "load_ssl_auth_mech",
+         "Invalid SSL authentication-mechanism!!"},
+        {"ssl_authentication_mechanism", "", 0, "ERROR", "load_ssl_auth_mech",
+         "Invalid SSL authentication-mechanism!!"},
         {"psk_identity", "-", 0, "ERROR", "load_psk_identity", "PSK ID not found!!"},
         {"psk_identity", "ab", 0, "ERROR", "load_psk_identity", "Invalid PSK ID length(2). Range(3-128)!!"},
         {"psk_identity", text_of(129), 0, "ERROR", "load_psk_identity", "Invalid PSK ID length(129). Range(3-128)!!"},
@@ -405,40 +428,55 @@ TEST_F(tlsc_config_file, every_fatal_error_of_a_psk_file_ends_the_load_with_its_
         {"serial_no", text_of(17), 0, "ERROR", "load_serial_no", "Device serial no. longer than max allowed(16)!!"}};
     for (const spoilt &entry : table) {
         log_capture log;
-        EXPECT_EQ(load(entry.value == "-" ? without(psk_settings, entry.key) : with(psk_settings, entry.key, entry.value)), entry.result) << entry.message;
+        EXPECT_EQ(
+            load(entry.value == "-" ? without(psk_settings, entry.key) : with(psk_settings, entry.key, entry.value)),
+            entry.result)
+            << entry.message;
         const auto lines = log.lines();
         ASSERT_FALSE(lines.empty());
-        EXPECT_TRUE(is_log_line(lines.back(), entry.severity, "tlsc_config.c", entry.function, entry.message)) << lines.back();
+        EXPECT_TRUE(is_log_line(lines.back(), entry.severity, "tlsc_config.c", entry.function, entry.message))
+            << lines.back();
     }
 }
 
 TEST_F(tlsc_config_file, every_fatal_error_of_a_certificate_file_ends_the_load_with_its_line) {
     const std::vector<spoilt> table{
         {"ssl_certificate", "-", 0, "ERROR", "load_ssl_certificate", "SSL certificate not provided!!"},
-        {"ssl_certificate", text_of(100), 0, "ERROR", "load_ssl_certificate", "The ssl-certificate file-path is more than max-size(100)"},
-        {"ssl_certificate", "absent", 0, "ERROR", "load_ssl_certificate", "Invalid SSL certificate file. No file found with name(absent)!!"},
+        {"ssl_certificate", text_of(100), 0, "ERROR", "load_ssl_certificate",
+         "The ssl-certificate file-path is more than max-size(100)"},
+        {"ssl_certificate", "absent", 0, "ERROR", "load_ssl_certificate",
+         "Invalid SSL certificate file. No file found with name(absent)!!"},
         {"ssl_private_key", "-", 0, "ERROR", "load_ssl_private_key", "SSL private_key not provided!!"},
-        {"ssl_private_key", text_of(100), 0, "ERROR", "load_ssl_private_key", "The ssl-private_key file-path is more than max-size(100)"},
-        {"ssl_private_key", "absent", 0, "ERROR", "load_ssl_private_key", "Invalid SSL private-key file!! No file found with name(absent)!!"},
+        {"ssl_private_key", text_of(100), 0, "ERROR", "load_ssl_private_key",
+         "The ssl-private_key file-path is more than max-size(100)"},
+        {"ssl_private_key", "absent", 0, "ERROR", "load_ssl_private_key",
+         "Invalid SSL private-key file!! No file found with name(absent)!!"},
         {"ssl_rootca_bundle", "-", 0, "ERROR", "load_ssl_rootca_bundle", "SSL root-ca not provided!!"},
-        {"ssl_rootca_bundle", text_of(100), 0, "ERROR", "load_ssl_rootca_bundle", "The ssl-root_ca file-path is more than max-size(100)"},
-        {"ssl_rootca_bundle", "absent", 0, "ERROR", "load_ssl_rootca_bundle", "Invalid SSL root-ca file!! No file found with name(absent)!!"},
+        {"ssl_rootca_bundle", text_of(100), 0, "ERROR", "load_ssl_rootca_bundle",
+         "The ssl-root_ca file-path is more than max-size(100)"},
+        {"ssl_rootca_bundle", "absent", 0, "ERROR", "load_ssl_rootca_bundle",
+         "Invalid SSL root-ca file!! No file found with name(absent)!!"},
         {"ssl_crl", "-", 0, "ERROR", "load_ssl_crl", "SSL crl not provided!!"},
         {"ssl_crl", text_of(100), 0, "ERROR", "load_ssl_crl", "The ssl-root_ca file-path is more than max-size(100)"},
         {"ssl_crl", "absent", 0, "ERROR", "load_ssl_crl", "Invalid SSL crl file!! No file found with name(absent)!!"}};
     for (const spoilt &entry : table) {
         log_capture log;
-        EXPECT_EQ(load(entry.value == "-" ? without(certificate_settings, entry.key) : with(certificate_settings, entry.key, entry.value)), entry.result) << entry.message;
+        EXPECT_EQ(load(entry.value == "-" ? without(certificate_settings, entry.key)
+                                          : with(certificate_settings, entry.key, entry.value)),
+                  entry.result)
+            << entry.message;
         const auto lines = log.lines();
         ASSERT_FALSE(lines.empty());
-        EXPECT_TRUE(is_log_line(lines.back(), entry.severity, "tlsc_config.c", entry.function, entry.message)) << lines.back();
+        EXPECT_TRUE(is_log_line(lines.back(), entry.severity, "tlsc_config.c", entry.function, entry.message))
+            << lines.back();
     }
 }
 
 TEST_F(tlsc_config_file, values_of_the_largest_and_smallest_accepted_length_are_kept_whole) {
     log_capture log;
     settings    longest = with(psk_settings, "server_ip_address", text_of(49));
-    for (const char *key : {"management_ip", "tun_interface_name", "cipher_algo"}) longest = with(longest, key, text_of(49));
+    for (const char *key : {"management_ip", "tun_interface_name", "cipher_algo"})
+        longest = with(longest, key, text_of(49));
     longest = with(with(longest, "psk_identity", text_of(128)), "psk_key", text_of(256));
     longest = with(with(with(longest, "device_id", text_of(16)), "device_name", text_of(50)), "serial_no", text_of(16));
     ASSERT_EQ(load(longest), 1);
@@ -475,9 +513,10 @@ TEST_F(tlsc_config_file, missing_port_falls_back_to_443) {
 }
 
 TEST_F(tlsc_config_file, port_is_not_range_checked) {
-    log_capture log;
+    log_capture                                          log;
     const std::vector<std::pair<const char *, uint16_t>> table{
-        {"1", 1}, {"65535", 65535}, {"65536", 0}, {"-1", 65535}, {"70000", 4464}, {"abc", 0}, {" 22x", 22}, {"4294967297", 1}, {"", 0}, {"010", 10}, {"0x10", 0}};
+        {"1", 1},     {"65535", 65535},  {"65536", 0}, {"-1", 65535}, {"70000", 4464}, {"abc", 0},
+        {" 22x", 22}, {"4294967297", 1}, {"", 0},      {"010", 10},   {"0x10", 0}};
     for (const auto &[text, port] : table) {
         ASSERT_EQ(load(with(psk_settings, "server_port", text)), 1);
         EXPECT_EQ(conf.server_port, port) << text;
@@ -512,7 +551,9 @@ TEST_F(tlsc_config_file, log_levels_0_to_5_are_stored_as_given) {
         log_capture log;
         ASSERT_EQ(load(with(psk_settings, "log_level", std::to_string(level))), 1);
         EXPECT_EQ(tlsc_log_level, level);
-        EXPECT_EQ(log.has("DEBUG", "tlsc_config.c", "load_log_level", "Log level set from config file, Log-Level = " + std::to_string(level)), level >= 3)
+        EXPECT_EQ(log.has("DEBUG", "tlsc_config.c", "load_log_level",
+                          "Log level set from config file, Log-Level = " + std::to_string(level)),
+                  level >= 3)
             << "the new level decides over its own line";
     }
 }
@@ -522,12 +563,14 @@ TEST_F(tlsc_config_file, log_level_outside_0_to_5_becomes_2_with_a_warning) {
         log_capture log;
         ASSERT_EQ(load(with(psk_settings, "log_level", level)), 1) << level;
         EXPECT_EQ(tlsc_log_level, 2);
-        EXPECT_TRUE(log.has("WARNING", "tlsc_config.c", "load_log_level", "Invalid log level received in config file... Setting to default level INFO(2)"));
+        EXPECT_TRUE(log.has("WARNING", "tlsc_config.c", "load_log_level",
+                            "Invalid log level received in config file... Setting to default level INFO(2)"));
     }
 }
 
 TEST_F(tlsc_config_file, log_level_is_read_as_a_number_whatever_it_says) {
-    for (const auto &[text, level] : std::vector<std::pair<const char *, int32_t>>{{"", 0}, {"debug", 0}, {" 4 and more", 4}, {"+1", 1}, {"03", 3}}) {
+    for (const auto &[text, level] : std::vector<std::pair<const char *, int32_t>>{
+             {"", 0}, {"debug", 0}, {" 4 and more", 4}, {"+1", 1}, {"03", 3}}) {
         log_capture log;
         ASSERT_EQ(load(with(psk_settings, "log_level", text)), 1) << text;
         EXPECT_EQ(tlsc_log_level, level) << text;
@@ -564,7 +607,7 @@ TEST_F(tlsc_config_file, value_of_the_last_line_without_a_line_end_loses_its_las
 }
 
 TEST_F(tlsc_config_file, malformed_files_end_the_load_at_what_they_lack_and_never_show_the_key) {
-    const std::string                                      good = as_text(psk_settings);
+    const std::string                                       good = as_text(psk_settings);
     const std::vector<std::pair<std::string, const char *>> table{
         {"", "Server Addr not found!!"},
         {"=", "Server Addr not found!!"},
@@ -572,11 +615,13 @@ TEST_F(tlsc_config_file, malformed_files_end_the_load_at_what_they_lack_and_neve
         {std::string(100000, '\n'), "Server Addr not found!!"},
         {std::string(100000, '\0'), "Server Addr not found!!"},
         {std::string(3, '\0') + "\n" + good, "Log level set from config file, Log-Level = 3"},  // a line of its own
-        {std::string(1, '\0') + good, "Server Addr not found!!"},                                // the first line ends before it begins
-        {std::string(499, 'x') + good, "Log level set from config file, Log-Level = 3"},         // the first piece of the line holds no key
-        {std::string(495, 'x') + good, "Server Addr not found!!"},                               // the key lies in two pieces
+        {std::string(1, '\0') + good, "Server Addr not found!!"},  // the first line ends before it begins
+        {std::string(499, 'x') + good,
+         "Log level set from config file, Log-Level = 3"},          // the first piece of the line holds no key
+        {std::string(495, 'x') + good, "Server Addr not found!!"},  // the key lies in two pieces
         {"server_ip_address" + std::string(482, ' ') + good, "Log level set from config file, Log-Level = 3"},
-        {"server_ip_address=\n" + as_text(without(psk_settings, "server_ip_address")), "Log level set from config file, Log-Level = 3"},
+        {"server_ip_address=\n" + as_text(without(psk_settings, "server_ip_address")),
+         "Log level set from config file, Log-Level = 3"},
         {good + "server_ip_address=" + std::string(1000, '9') + "\n", "Invalid Server Addr!!"},
         {good + "psk_key=" + std::string(5000, 'k') + "very-secret-key\n", "Invalid PSK Key length(490). Range(5-4)!!"},
         {good + "psk_key==very-secret-key=\n", "Invalid PSK Key length(0). Range(5-4)!!"},
@@ -590,7 +635,9 @@ TEST_F(tlsc_config_file, malformed_files_end_the_load_at_what_they_lack_and_neve
         const bool loads = std::string(table[i].second).find("Log level set") == 0;
         EXPECT_EQ(tlsc_read_config_file(&conf), loads ? 1 : 0) << i;
         ASSERT_FALSE(log.entries().empty()) << i;
-        if (tlsc_log_level >= LOG_DEBUG) { EXPECT_EQ(log.entries().back().message, table[i].second) << i; }
+        if (tlsc_log_level >= LOG_DEBUG) {
+            EXPECT_EQ(log.entries().back().message, table[i].second) << i;
+        }
         EXPECT_FALSE(log.contains("very-secret-key")) << i;
     }
     unlink(file_name);
@@ -607,7 +654,7 @@ TEST_F(tlsc_config_file, any_bytes_are_survived) {
     for (int round = 0; round < 300; ++round) {
         std::string text;
         for (int i = 0; i < 2000; ++i) {
-            state = state * 1664525u + 1013904223u;
+            state             = state * 1664525u + 1013904223u;
             const char pool[] = {'=', '\n', '\0', '\xFF', 'a', '#'};
             text += pool[(state >> 16) % sizeof(pool)];
             if ((state >> 8) % 37 == 0) text += "psk_key=";

@@ -13,20 +13,21 @@
 
 namespace {
 
-std::string           written;            // what the code under test gave to the TLS layer
-tlsc_sock            *written_on;         // and on which connection
-int32_t               tls_result = 1;     // outcome of the next TLS operations
-std::string           to_read;            // what the next TLS read delivers
-int                   reads;              // TLS reads asked for
-int32_t               read_room;          // bytes asked for by the last TLS read
-std::string           tun_bytes;          // what the TUN writer got, by its announced length, at most what is readable
-int32_t               tun_length = -1;
-int32_t               tun_result = 1;
-bool                  timers_fail;
+std::string written;         // what the code under test gave to the TLS layer
+tlsc_sock  *written_on;      // and on which connection
+int32_t     tls_result = 1;  // outcome of the next TLS operations
+std::string to_read;         // what the next TLS read delivers
+int         reads;           // TLS reads asked for
+int32_t     read_room;       // bytes asked for by the last TLS read
+std::string tun_bytes;       // what the TUN writer got, by its announced length, at most what is readable
+int32_t     tun_length = -1;
+int32_t     tun_result = 1;
+bool        timers_fail;
 
 }  // namespace
 
-extern "C" int32_t __wrap__Z14tlsc_ssl_writeP9tlsc_sockPKviPi(tlsc_sock *sock, const void *buff, int32_t length, int32_t *result) {
+extern "C" int32_t __wrap__Z14tlsc_ssl_writeP9tlsc_sockPKviPi(tlsc_sock *sock, const void *buff, int32_t length,
+                                                              int32_t *result) {
     if (!sock) return 0;  // the holder is left alone
     if (result) *result = tls_result;
     if (tls_result != 1) return 0;
@@ -47,12 +48,15 @@ extern "C" int32_t __wrap__Z13tlsc_ssl_readP9tlsc_sockPviPi(tlsc_sock *, void *b
 
 extern "C" int32_t __wrap__Z14tlsc_tun_writeP9tlsc_sockPhi(tlsc_sock *, uint8_t *buff, int32_t length) {
     tun_length = length;
-    tun_bytes.assign(reinterpret_cast<const char *>(buff), std::min<size_t>(static_cast<size_t>(length), max_payload_size));
+    tun_bytes.assign(reinterpret_cast<const char *>(buff),
+                     std::min<size_t>(static_cast<size_t>(length), max_payload_size));
     return tun_result;
 }
 
 extern "C" int __real_timerfd_create(int clock, int flags);
-extern "C" int __wrap_timerfd_create(int clock, int flags) { return timers_fail ? -1 : __real_timerfd_create(clock, flags); }
+extern "C" int __wrap_timerfd_create(int clock, int flags) {
+    return timers_fail ? -1 : __real_timerfd_create(clock, flags);
+}
 
 namespace {
 
@@ -63,11 +67,11 @@ protected:
         written_on = nullptr;
         tls_result = 1;
         to_read.clear();
-        reads      = 0;
-        read_room  = 0;
+        reads     = 0;
+        read_room = 0;
         tun_bytes.clear();
-        tun_length = -1;
-        tun_result = 1;
+        tun_length  = -1;
+        tun_result  = 1;
         timers_fail = false;
         attach_session();
         open_epoll();
@@ -90,7 +94,9 @@ protected:
     }
 
     std::string frame_bytes() const { return {reinterpret_cast<const char *>(&frame), sizeof(frame)}; }
-    std::string failed_due_to(const char *name) const { return text_of("Processing CSTP frame failed due to error %s\n", name); }
+    std::string failed_due_to(const char *name) const {
+        return text_of("Processing CSTP frame failed due to error %s\n", name);
+    }
 
     tlsc_cstp_frame frame{};
 };
@@ -112,7 +118,8 @@ TEST_F(tlsc_cstp, one_read_of_at_most_1500_bytes_gives_one_frame) {
     EXPECT_EQ(read_room, 1500);
     EXPECT_EQ(frame_bytes().substr(0, 14), wire_frame(0, "packet"));
     EXPECT_EQ(frame_bytes().substr(14), std::string(1501 - 14, '\0'));
-    EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_cstp_read_frame", text_of("Read 14 bytes from SSL for conn %p", static_cast<void *>(sock))));
+    EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_cstp_read_frame",
+                        text_of("Read 14 bytes from SSL for conn %p", static_cast<void *>(sock))));
     EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_cstp_read_frame", "Header data len = 6, Reading the rest of msg"));
 }
 
@@ -172,9 +179,11 @@ TEST_F(tlsc_cstp, a_failed_read_returns_its_result_and_says_writing) {
         log.clear();
         tls_result = result;
         EXPECT_EQ(read_bytes("STF"), result);
-        EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_cstp_read_frame", text_of("Read 0 bytes from SSL for conn %p", static_cast<void *>(sock))));
-        EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_cstp_read_frame",
-                            text_of("Got error %d while writing data pak to SSL for conn %p", result, static_cast<void *>(sock))));
+        EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_cstp_read_frame",
+                            text_of("Read 0 bytes from SSL for conn %p", static_cast<void *>(sock))));
+        EXPECT_TRUE(log.has(
+            "ERROR", cstp_file, "tlsc_cstp_read_frame",
+            text_of("Got error %d while writing data pak to SSL for conn %p", result, static_cast<void *>(sock))));
         EXPECT_FALSE(log.contains("Header data len"));
     }
 }
@@ -185,8 +194,9 @@ TEST_F(tlsc_cstp, a_data_frame_is_the_header_and_the_packet) {
     const uint8_t packet[] = {0x45, 0x00, 0x01};
     EXPECT_EQ(tlsc_write_cstp_data_pak(sock, packet, 3), 1);
     EXPECT_EQ(written, std::string("\x53\x54\x46\x01\x00\x03\x00\x00\x45\x00\x01", 11));
-    EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_write_cstp_data_pak",
-                        text_of("Successfully wrote 11 bytes out of 11 bytes, on SSL conn %p", static_cast<void *>(sock))));
+    EXPECT_TRUE(
+        log.has("DEBUG", cstp_file, "tlsc_write_cstp_data_pak",
+                text_of("Successfully wrote 11 bytes out of 11 bytes, on SSL conn %p", static_cast<void *>(sock))));
     expect_counters({{"data_pkt_tx", 1}});
 }
 
@@ -222,7 +232,8 @@ TEST_F(tlsc_cstp, null_arguments_of_the_data_writer_are_refused_with_0) {
     EXPECT_EQ(tlsc_write_cstp_data_pak(sock, nullptr, 1), 0);
     sock->sess = nullptr;
     EXPECT_EQ(tlsc_write_cstp_data_pak(sock, packet, 1), 0);
-    EXPECT_EQ(log.count("ERROR", cstp_file, "tlsc_write_cstp_data_pak", "Null pointer received for buff/sock/sess"), 3u);
+    EXPECT_EQ(log.count("ERROR", cstp_file, "tlsc_write_cstp_data_pak", "Null pointer received for buff/sock/sess"),
+              3u);
     expect_counters({});
 }
 
@@ -231,8 +242,9 @@ TEST_F(tlsc_cstp, a_failed_data_write_returns_the_outcome_and_counts_nothing) {
     for (int32_t result : {0, 2, 3}) {
         tls_result = result;
         EXPECT_EQ(tlsc_write_cstp_data_pak(sock, packet, 1), result);
-        EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_write_cstp_data_pak",
-                            text_of("Got error %d while writing data pak to SSL for conn %p", result, static_cast<void *>(sock))));
+        EXPECT_TRUE(log.has(
+            "ERROR", cstp_file, "tlsc_write_cstp_data_pak",
+            text_of("Got error %d while writing data pak to SSL for conn %p", result, static_cast<void *>(sock))));
     }
     expect_counters({});
 }
@@ -250,7 +262,9 @@ TEST_F(tlsc_cstp, dpd_request_returns_0_on_success_and_1_on_failure_unlike_every
         tls_result = result;
         EXPECT_EQ(tlsc_send_dpd_req(sock), 1);
     }
-    EXPECT_EQ(log.count("ERROR", cstp_file, "tlsc_send_dpd_req", text_of("SSL write failed for connection = %p", static_cast<void *>(sock))), 3u);
+    EXPECT_EQ(log.count("ERROR", cstp_file, "tlsc_send_dpd_req",
+                        text_of("SSL write failed for connection = %p", static_cast<void *>(sock))),
+              3u);
     tls_result = 1;
     EXPECT_EQ(tlsc_send_dpd_req(nullptr), 1);
     expect_counters({{"dpd_req_tx", 1}, {"ctrl_pkt_tx", 1}});
@@ -269,7 +283,8 @@ TEST_F(tlsc_cstp, a_data_frame_is_counted_and_handed_to_the_tun_writer) {
     EXPECT_EQ(process(0, "E-packet"), 1);
     EXPECT_EQ(tun_length, 8);
     EXPECT_EQ(tun_bytes, "E-packet");
-    EXPECT_TRUE(log.has("DEBUG", cstp_file, "process_data_frame", text_of("Got CSTP Data frame of len 8 for conn %p", static_cast<void *>(sock))));
+    EXPECT_TRUE(log.has("DEBUG", cstp_file, "process_data_frame",
+                        text_of("Got CSTP Data frame of len 8 for conn %p", static_cast<void *>(sock))));
     expect_counters({{"data_pkt_rx", 1}});
 }
 
@@ -303,10 +318,12 @@ TEST_F(tlsc_cstp, every_type_but_0_2_and_4_is_counted_as_invalid_and_dropped) {
         log.clear();
         EXPECT_EQ(process(type, "payload"), 0) << type;
         ++invalid;
-        EXPECT_TRUE(log.has("ERROR", cstp_file, "drop_invalid_frame",
-                            text_of("Receieved invalid cstp frame(%d) for conn %p.. dropping..", type, static_cast<void *>(sock))))
+        EXPECT_TRUE(log.has(
+            "ERROR", cstp_file, "drop_invalid_frame",
+            text_of("Receieved invalid cstp frame(%d) for conn %p.. dropping..", type, static_cast<void *>(sock))))
             << type;
-        EXPECT_TRUE(log.has("ERROR", cstp_file, "drop_invalid_frame", failed_due_to("TLSC_CSTP_INVALID_FRAME_RECVD"))) << type;
+        EXPECT_TRUE(log.has("ERROR", cstp_file, "drop_invalid_frame", failed_due_to("TLSC_CSTP_INVALID_FRAME_RECVD")))
+            << type;
         EXPECT_FALSE(log.contains("Closing connection"));
     }
     EXPECT_EQ(tun_length, -1);
@@ -342,8 +359,8 @@ TEST_F(tlsc_cstp, a_dpd_response_while_the_dpd_timer_is_armed_does_not_postpone_
     ASSERT_EQ(tlsc_start_timer(&tlsc_timers.retry, 0), 1);
     const itimerspec in_an_hour{{0, 0}, {3600, 0}};
     ASSERT_EQ(timerfd_settime(tlsc_timers.dpd, 0, &in_an_hour, nullptr), 0);
-    tlsc_retry_ref      = 2;
-    const int32_t fd    = tlsc_timers.dpd;
+    tlsc_retry_ref   = 2;
+    const int32_t fd = tlsc_timers.dpd;
     EXPECT_EQ(process(4, ""), 1);
     EXPECT_EQ(tlsc_timers.dpd, fd);
     itimerspec setting{};
@@ -361,7 +378,8 @@ TEST_F(tlsc_cstp, the_retry_timer_keeps_running_when_the_dpd_timer_cannot_be_arm
     EXPECT_EQ(process(4, ""), 0);
     EXPECT_GT(tlsc_timers.retry, 0);
     EXPECT_EQ(tlsc_retry_ref, 2);
-    EXPECT_TRUE(log.has("WARNING", cstp_file, "process_dpd_response", text_of("Could not start DPD timer for conn %p", static_cast<void *>(sock))));
+    EXPECT_TRUE(log.has("WARNING", cstp_file, "process_dpd_response",
+                        text_of("Could not start DPD timer for conn %p", static_cast<void *>(sock))));
     EXPECT_TRUE(log.has("ERROR", cstp_file, "process_dpd_response", failed_due_to("TLSC_CSTP_START_TIMER_FAILED")));
     expect_counters({});
 }
@@ -382,10 +400,10 @@ TEST_F(tlsc_cstp, malformed_frames_are_dispatched_by_type_and_length_alone) {
                         for (size_t sent : {0, 1, 1492}) {
                             std::string bytes = wire_frame(type, std::string(sent, '\x45'));
                             bytes.replace(0, 3, magic);
-                            bytes[3] = static_cast<char>(version);
-                            bytes[4] = static_cast<char>(announced >> 8);
-                            bytes[5] = static_cast<char>(announced);
-                            bytes[7] = static_cast<char>(reserved);
+                            bytes[3]   = static_cast<char>(version);
+                            bytes[4]   = static_cast<char>(announced >> 8);
+                            bytes[5]   = static_cast<char>(announced);
+                            bytes[7]   = static_cast<char>(reserved);
                             tun_length = -1;
                             ASSERT_EQ(read_bytes(bytes), 1);
                             const int32_t result = tlsc_process_cstp_frame(sock, &frame);
@@ -397,7 +415,10 @@ TEST_F(tlsc_cstp, malformed_frames_are_dispatched_by_type_and_length_alone) {
                             invalid += type != 0 && type != 2 && type != 4;
                         }
             }
-    expect_counters({{"data_pkt_rx", data}, {"ctrl_pkt_rx", responses + answers}, {"dpd_rsp_rx", answers}, {"invalid_rx", invalid}});
+    expect_counters({{"data_pkt_rx", data},
+                     {"ctrl_pkt_rx", responses + answers},
+                     {"dpd_rsp_rx", answers},
+                     {"invalid_rx", invalid}});
     EXPECT_FALSE(log.contains("never to be shown"));
 }
 

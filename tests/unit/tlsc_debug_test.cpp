@@ -38,11 +38,11 @@ struct written {
 };
 
 bool                     recording;
-std::atomic<bool>        yielding;  // every write lets other threads go first
-std::vector<written>     writes;         // of the log service
-std::vector<std::string> calls;          // "write N", "system ...", "open ...", in order
-std::deque<ssize_t>      write_results;  // each answers one write instead of the kernel; -2 lets one pass
-int                      open_error;     // of the log file; 0 for none
+std::atomic<bool>        yielding;           // every write lets other threads go first
+std::vector<written>     writes;             // of the log service
+std::vector<std::string> calls;              // "write N", "system ...", "open ...", in order
+std::deque<ssize_t>      write_results;      // each answers one write instead of the kernel; -2 lets one pass
+int                      open_error;         // of the log file; 0 for none
 int                      shell_status = -1;  // answers system instead of the shell; -1 lets it run
 int                      open_flags;
 mode_t                   open_mode;
@@ -122,7 +122,9 @@ int __wrap_pthread_mutex_destroy(pthread_mutex_t *mutex) {
 }
 
 tm *__real_localtime_r(const time_t *time, tm *result);
-tm *__wrap_localtime_r(const time_t *time, tm *result) { return clock_is_broken ? nullptr : __real_localtime_r(time, result); }
+tm *__wrap_localtime_r(const time_t *time, tm *result) {
+    return clock_is_broken ? nullptr : __real_localtime_r(time, result);
+}
 
 }  // extern "C"
 
@@ -140,7 +142,8 @@ bool in_fresh_process(const std::function<void()> &facts) {
         fflush(stdout);
         char    piece[4096];
         ssize_t got;
-        for (off_t at = 0; ::testing::Test::HasFailure() && (got = pread(STDOUT_FILENO, piece, sizeof(piece), at)) > 0; at += got)
+        for (off_t at = 0; ::testing::Test::HasFailure() && (got = pread(STDOUT_FILENO, piece, sizeof(piece), at)) > 0;
+             at += got)
             if (write(shown, piece, static_cast<size_t>(got)) != got) break;
         _exit(::testing::Test::HasFailure() ? 1 : 0);
     }
@@ -251,9 +254,12 @@ TEST_F(tlsc_debug, line_begins_with_a_line_end_and_carries_counter_time_word_pla
         strftime(first, sizeof(first), "%Y-%m-%d_%H_%M_%S", __real_localtime_r(&before, &local));
         strftime(last, sizeof(last), "%Y-%m-%d_%H_%M_%S", __real_localtime_r(&after, &local));
 
-        const std::vector<std::pair<std::string, std::string>> expected{
-            {"ERROR", "an error"}, {"WARNING", "a warning"}, {"INFO", "an information"}, {"DEBUG", "a detail"}, {"SSL_DEBUG", "a message"}};
-        const auto lines = recorded_lines();
+        const std::vector<std::pair<std::string, std::string>> expected{{"ERROR", "an error"},
+                                                                        {"WARNING", "a warning"},
+                                                                        {"INFO", "an information"},
+                                                                        {"DEBUG", "a detail"},
+                                                                        {"SSL_DEBUG", "a message"}};
+        const auto                                             lines = recorded_lines();
         ASSERT_EQ(lines.size(), expected.size());
         for (size_t i = 0; i < lines.size(); ++i) {
             EXPECT_EQ(lines[i].counter, i + 1);
@@ -263,7 +269,9 @@ TEST_F(tlsc_debug, line_begins_with_a_line_end_and_carries_counter_time_word_pla
             EXPECT_EQ(lines[i].file, "tlsc_debug_test.c");
             EXPECT_EQ(lines[i].function, "log_one_of_each");
             EXPECT_EQ(lines[i].message, expected[i].second);
-            if (i > 0) { EXPECT_EQ(lines[i].number, lines[i - 1].number + 1) << "one source line after the other"; }
+            if (i > 0) {
+                EXPECT_EQ(lines[i].number, lines[i - 1].number + 1) << "one source line after the other";
+            }
         }
     }));
 }
@@ -272,13 +280,15 @@ TEST_F(tlsc_debug, severity_column_is_five_wide_and_longer_words_are_not_cut) {
     EXPECT_TRUE(in_fresh_process([] {
         replace_by_memory(STDOUT_FILENO);
         start_log(LOG_SSL_DBG, LOG_DEST_CONSOLE);
-        for (int32_t level = LOG_ERRORS; level <= LOG_SSL_DBG; ++level) tlsc_log(level, "module.c", 17, "function", "text %d", level);
+        for (int32_t level = LOG_ERRORS; level <= LOG_SSL_DBG; ++level)
+            tlsc_log(level, "module.c", 17, "function", "text %d", level);
         const char *words[] = {"ERROR", "WARNING", "INFO ", "DEBUG", "SSL_DEBUG"};
         ASSERT_EQ(writes.size(), 5u);
         for (size_t i = 0; i < 5; ++i) {
             const std::string front = "\nTLSC[" + std::to_string(i + 1) + "]: ";
             EXPECT_EQ(writes[i].text.substr(0, front.size()), front);
-            EXPECT_EQ(writes[i].text.substr(front.size() + 19), std::string(" ") + words[i] + " [module.c:17] [function] text " + std::to_string(i));
+            EXPECT_EQ(writes[i].text.substr(front.size() + 19),
+                      std::string(" ") + words[i] + " [module.c:17] [function] text " + std::to_string(i));
         }
     }));
 }
@@ -311,15 +321,18 @@ TEST_F(tlsc_debug, each_level_prints_its_own_lines_and_those_below) {
             log_one_of_each();
             ASSERT_EQ(writes.size(), static_cast<size_t>(level + 1));
             const char *texts[] = {"an error", "a warning", "an information", "a detail", "a message", "a piece"};
-            for (size_t i = 0; i < writes.size(); ++i) EXPECT_TRUE(writes[i].text.ends_with(texts[i])) << writes[i].text;
-        })) << "level " << level;
+            for (size_t i = 0; i < writes.size(); ++i)
+                EXPECT_TRUE(writes[i].text.ends_with(texts[i])) << writes[i].text;
+        })) << "level "
+            << level;
 }
 
 TEST_F(tlsc_debug, default_level_is_info_and_default_destination_the_file) {
     EXPECT_EQ(tlsc_log_level, 2);
     EXPECT_EQ(tlsc_log_dest, 0);
     EXPECT_EQ(tlsc_ssl_debug, 1);
-    for (const auto *one : {&tlscWlcMsgEventDbg, &tlscWlcMsgErrDbg, &tlscWlcIpcEventDbg, &tlscWlcIpcErrDbg}) EXPECT_EQ(*one, 0);
+    for (const auto *one : {&tlscWlcMsgEventDbg, &tlscWlcMsgErrDbg, &tlscWlcIpcEventDbg, &tlscWlcIpcErrDbg})
+        EXPECT_EQ(*one, 0);
 }
 
 TEST_F(tlsc_debug, counter_advances_for_printed_lines_only) {
@@ -652,9 +665,13 @@ TEST_F(tlsc_debug, file_of_exactly_4999999_bytes_is_not_rotated) {
         write_results = {4999999};
         TLSC_ERROR("fills the file");
         TLSC_ERROR("the one over it");
-        EXPECT_EQ(std::count_if(calls.begin(), calls.end(), [](const std::string &call) { return call.starts_with("system"); }), 0);
+        EXPECT_EQ(std::count_if(calls.begin(), calls.end(),
+                                [](const std::string &call) { return call.starts_with("system"); }),
+                  0);
         TLSC_ERROR("rotates, since the line before went over it");
-        EXPECT_EQ(std::count_if(calls.begin(), calls.end(), [](const std::string &call) { return call.starts_with("system"); }), 3);
+        EXPECT_EQ(std::count_if(calls.begin(), calls.end(),
+                                [](const std::string &call) { return call.starts_with("system"); }),
+                  3);
     }));
 }
 
@@ -740,7 +757,9 @@ TEST_F(tlsc_debug, rotation_by_call_leaves_the_count_alone) {
         tlsc_log_rotate();
         calls.clear();
         TLSC_ERROR("rotates once more");
-        EXPECT_EQ(std::count_if(calls.begin(), calls.end(), [](const std::string &call) { return call.starts_with("system"); }), 3);
+        EXPECT_EQ(std::count_if(calls.begin(), calls.end(),
+                                [](const std::string &call) { return call.starts_with("system"); }),
+                  3);
     }));
 }
 
@@ -813,9 +832,9 @@ TEST_F(tlsc_debug, timestamp_stays_when_the_conversion_fails) {
     EXPECT_TRUE(in_fresh_process([] {
         clock_is_broken = true;
         EXPECT_STREQ(tlsc_log_timestamp(), "") << "nothing was converted yet";
-        clock_is_broken           = false;
-        const std::string before  = tlsc_log_timestamp();
-        clock_is_broken           = true;
+        clock_is_broken          = false;
+        const std::string before = tlsc_log_timestamp();
+        clock_is_broken          = true;
         EXPECT_EQ(tlsc_log_timestamp(), before);
     }));
 }
@@ -826,9 +845,9 @@ TEST_F(tlsc_debug, lines_of_many_threads_never_interleave_and_each_has_its_own_n
     EXPECT_TRUE(in_fresh_process([] {
         tlsc_log_lock_create();
         tlsc_log_rotate();
-        tlsc_log_level = LOG_INFO;
-        tlsc_log_dest  = LOG_DEST_FILE;
-        yielding       = true;
+        tlsc_log_level                   = LOG_INFO;
+        tlsc_log_dest                    = LOG_DEST_FILE;
+        yielding                         = true;
         constexpr int            threads = 8, lines = 300;
         std::vector<std::thread> crowd;
         for (int t = 0; t < threads; ++t)
@@ -965,14 +984,16 @@ TEST_F(tlsc_debug, controller_lines_go_to_standard_output_while_their_flag_is_se
             EXPECT_TRUE(line.plain);
             EXPECT_EQ(line.severity, kinds[i]);
             EXPECT_EQ(line.file, "../unit/tlsc_debug_test.c");
-            EXPECT_EQ(line.message, std::string("log_controller_lines() - ") + (i % 2 ? "error " : "event ") + std::to_string(i + 1));
+            EXPECT_EQ(line.message,
+                      std::string("log_controller_lines() - ") + (i % 2 ? "error " : "event ") + std::to_string(i + 1));
         }
         EXPECT_TRUE(log.text().starts_with("\nTLSC-WLC: "));
     }));
 }
 
 TEST_F(tlsc_debug, each_controller_flag_redirects_its_own_class) {
-    std::atomic<int32_t> *const flags[] = {&tlscWlcMsgEventDbg, &tlscWlcMsgErrDbg, &tlscWlcIpcEventDbg, &tlscWlcIpcErrDbg};
+    std::atomic<int32_t> *const flags[] = {&tlscWlcMsgEventDbg, &tlscWlcMsgErrDbg, &tlscWlcIpcEventDbg,
+                                           &tlscWlcIpcErrDbg};
     for (size_t chosen = 0; chosen < 4; ++chosen)
         EXPECT_TRUE(in_fresh_process([&] {
             log_capture log(LOG_DEBUG);
@@ -980,7 +1001,8 @@ TEST_F(tlsc_debug, each_controller_flag_redirects_its_own_class) {
             log_controller_lines();
             const auto lines = log.entries();
             ASSERT_EQ(lines.size(), 4u);
-            for (const log_line &line : lines) EXPECT_EQ(line.plain, line.message.ends_with(std::to_string(chosen + 1))) << line.message;
+            for (const log_line &line : lines)
+                EXPECT_EQ(line.plain, line.message.ends_with(std::to_string(chosen + 1))) << line.message;
         })) << chosen;
 }
 
@@ -1013,7 +1035,8 @@ TEST_F(tlsc_debug, boot_up_flags_take_the_low_8_bits) {
         const std::vector<std::pair<int, int32_t>> table{{1, 1}, {0, 0}, {255, 255}, {256, 0}, {257, 1}, {-1, 255}};
         for (const auto &[value, expected] : table) {
             tlscWlcSetBootupDbgFlags(value);
-            for (const auto *one : {&tlscWlcMsgEventDbg, &tlscWlcMsgErrDbg, &tlscWlcIpcEventDbg, &tlscWlcIpcErrDbg}) EXPECT_EQ(*one, expected) << value;
+            for (const auto *one : {&tlscWlcMsgEventDbg, &tlscWlcMsgErrDbg, &tlscWlcIpcEventDbg, &tlscWlcIpcErrDbg})
+                EXPECT_EQ(*one, expected) << value;
         }
     }));
 }

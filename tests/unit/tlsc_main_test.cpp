@@ -27,7 +27,7 @@ int                      init_result      = 1;
 uid_t                    user             = 0;
 bool                     set_all_fails;
 unsigned                 seed;
-int                      poll_result;  // of the polls before the exit
+int                      poll_result;     // of the polls before the exit
 bool                     halt_result;     // whether the tunnel thread can be halted
 bool                     client_running;  // whether one is started
 std::function<void()>    at_lock_destruction;
@@ -155,7 +155,8 @@ TEST_F(tlsc_main, the_exit_statuses_are_the_reverse_of_the_usual_ones) {
 TEST_F(tlsc_main, an_exit_order_on_the_first_poll_leads_straight_to_the_end_in_its_order) {
     EXPECT_EQ(run({"create lock", "controller up", "sleep", "poll", "controller down", "clean up", "destroy lock"}), 1);
     EXPECT_EQ(messages_from(main_file), (strings{"In TLS Client process", "Waiting on FIFO to receive messages",
-                                                 "Received TWLC_EXIT command, Exiting TLS Client!!!", "Client Shutdown!!Shutting down TLS Client...\n"}));
+                                                 "Received TWLC_EXIT command, Exiting TLS Client!!!",
+                                                 "Client Shutdown!!Shutting down TLS Client...\n"}));
     const std::vector<log_line> lines = log.entries();
     EXPECT_EQ(lines[0].severity, "DEBUG");
     EXPECT_EQ(lines[0].function, entry);
@@ -168,10 +169,11 @@ TEST_F(tlsc_main, every_line_has_its_place_between_the_steps) {
     print_steps = true;
     EXPECT_EQ(run({"create lock", "controller up", "sleep", "poll", "controller down", "clean up", "destroy lock"}), 1);
     EXPECT_EQ(log.text().find("\n<create lock>\nTLSC["), 0u);
-    strings lines = {"DEBUG tlsc_process_main: In TLS Client process\n<controller up>",
-                     "DEBUG tlsc_process_main: Waiting on FIFO to receive messages\n<sleep>\n<poll>",
-                     "WARNING tlsc_process_main: Received TWLC_EXIT command, Exiting TLS Client!!!\n<controller down>\n<clean up>\n<destroy lock>",
-                     "WARNING tlsc_process_main: Client Shutdown!!Shutting down TLS Client...\n"};
+    strings lines = {
+        "DEBUG tlsc_process_main: In TLS Client process\n<controller up>",
+        "DEBUG tlsc_process_main: Waiting on FIFO to receive messages\n<sleep>\n<poll>",
+        "WARNING tlsc_process_main: Received TWLC_EXIT command, Exiting TLS Client!!!\n<controller down>\n<clean up>\n<destroy lock>",
+        "WARNING tlsc_process_main: Client Shutdown!!Shutting down TLS Client...\n"};
     EXPECT_EQ(lines_from(main_file), lines);
     log.clear();
     init_result = 0;
@@ -181,15 +183,16 @@ TEST_F(tlsc_main, every_line_has_its_place_between_the_steps) {
     log.clear();
     user = 65534;
     EXPECT_EQ(run({"create lock"}), 0);
-    EXPECT_EQ(lines_from(main_file), (strings{"DEBUG tlsc_process_main: In TLS Client process",
-                                              "ERROR tlsc_process_main: Error: The program must be run as ROOT!!"
-                                              "\n  TLS Client process - Error: The program must be run as ROOT!!...existing"}));
+    EXPECT_EQ(lines_from(main_file),
+              (strings{"DEBUG tlsc_process_main: In TLS Client process",
+                       "ERROR tlsc_process_main: Error: The program must be run as ROOT!!"
+                       "\n  TLS Client process - Error: The program must be run as ROOT!!...existing"}));
 }
 
 TEST_F(tlsc_main, the_last_line_is_written_after_the_lock_is_gone) {
     EXPECT_EQ(in_child([&] {
                   at_lock_destruction = [&] { EXPECT_FALSE(log.contains("Client Shutdown!!")); };
-                  const int status = tlsc_process_main();
+                  const int status    = tlsc_process_main();
                   EXPECT_EQ(steps.back(), "destroy lock");
                   EXPECT_TRUE(log.contains("Client Shutdown!!"));
                   return status;
@@ -222,7 +225,9 @@ TEST_F(tlsc_main, only_minus_2_ends_the_loop) {
     for (int result : {-1, 1, 2, -3}) {
         polls_until_exit = 3;
         poll_result      = result;
-        EXPECT_EQ(run({"create lock", "controller up", "sleep", "poll", "sleep", "poll", "sleep", "poll", "controller down", "clean up", "destroy lock"}), 1);
+        EXPECT_EQ(run({"create lock", "controller up", "sleep", "poll", "sleep", "poll", "sleep", "poll",
+                       "controller down", "clean up", "destroy lock"}),
+                  1);
     }
 }
 
@@ -231,7 +236,9 @@ TEST_F(tlsc_main, a_failed_controller_start_is_logged_and_the_loop_runs_all_the_
         log.clear();
         init_result      = result;
         polls_until_exit = 2;
-        EXPECT_EQ(run({"create lock", "controller up", "sleep", "poll", "sleep", "poll", "controller down", "clean up", "destroy lock"}), 1);
+        EXPECT_EQ(run({"create lock", "controller up", "sleep", "poll", "sleep", "poll", "controller down", "clean up",
+                       "destroy lock"}),
+                  1);
         EXPECT_TRUE(log.has("ERROR", main_file, entry, "TLS Client Initialization failed"));
     }
 }
@@ -239,7 +246,11 @@ TEST_F(tlsc_main, a_failed_controller_start_is_logged_and_the_loop_runs_all_the_
 TEST_F(tlsc_main, without_root_rights_nothing_is_touched) {
     user = 1;
     EXPECT_EQ(run({"create lock"}), 0);
-    EXPECT_EQ(log.messages(), (strings{"In TLS Client process", "Error: The program must be run as ROOT!!\n  TLS Client process - Error: The program must be run as ROOT!!...existing"}));
+    EXPECT_EQ(
+        log.messages(),
+        (strings{
+            "In TLS Client process",
+            "Error: The program must be run as ROOT!!\n  TLS Client process - Error: The program must be run as ROOT!!...existing"}));
     EXPECT_EQ(log.entries()[1].severity, "ERROR");
 }
 
@@ -285,7 +296,9 @@ TEST_F(tlsc_main, with_the_flag_the_announcements_go_to_standard_output_behind_a
     EXPECT_EQ(run({"create lock", "controller up", "sleep", "poll", "controller down", "clean up", "destroy lock"}), 1);
     EXPECT_EQ(log.count_plain("EVENT", "../src/tlsc_main.c", " In TLS Client process"), 1u);
     // What was printed last stands right behind it: neither begins a new line.
-    EXPECT_EQ(log.count_plain("EVENT", "../src/tlsc_main.c", " Waiting on FIFO to receive messagesShutting down TLS Client...\n"), 1u);
+    EXPECT_EQ(log.count_plain("EVENT", "../src/tlsc_main.c",
+                              " Waiting on FIFO to receive messagesShutting down TLS Client...\n"),
+              1u);
     EXPECT_TRUE(log.has("WARNING", main_file, entry, "Received TWLC_EXIT command, Exiting TLS Client!!!"));
 }
 
@@ -319,14 +332,24 @@ class tlsc_first_init : public tlsc_main {
 protected:
     void SetUp() override {
         tlsc_main::SetUp();
-        const char *const values[][2] = {{"server_ip_address", "10.1.2.3"}, {"server_port", "4433"}, {"management_ip", "192.168.1.5"}, {"tun_interface_name", "tun7"},
-                                         {"cipher_algo", "PSK-AES256-CBC-SHA"}, {"psk_identity", "me"}, {"psk_key", "very-secret"}, {"log_level", "debug"},
-                                         {"log_dest", "console"}, {"device_id", "dev"}, {"serial_num", "SN1"}, {"system_name", "a device"}};
+        const char *const values[][2] = {{"server_ip_address", "10.1.2.3"},
+                                         {"server_port", "4433"},
+                                         {"management_ip", "192.168.1.5"},
+                                         {"tun_interface_name", "tun7"},
+                                         {"cipher_algo", "PSK-AES256-CBC-SHA"},
+                                         {"psk_identity", "me"},
+                                         {"psk_key", "very-secret"},
+                                         {"log_level", "debug"},
+                                         {"log_dest", "console"},
+                                         {"device_id", "dev"},
+                                         {"serial_num", "SN1"},
+                                         {"system_name", "a device"}};
         for (const auto &value : values) ASSERT_EQ(wlcSecTunProcessConf(value[0], value[1]), 1) << value[0];
         log.clear();
     }
-    const std::string summary = "\ntlsc_init() - svr_addr_ipv4:10.1.2.3, svr_port:4433, management_ip:192.168.1.5, tun_interface_name:tun7, "
-                                "cipher_algo:PSK-AES256-CBC-SHA, tlsc_debug_level:3, psk_identity:me, psk_key:***";
+    const std::string summary =
+        "\ntlsc_init() - svr_addr_ipv4:10.1.2.3, svr_port:4433, management_ip:192.168.1.5, tun_interface_name:tun7, "
+        "cipher_algo:PSK-AES256-CBC-SHA, tlsc_debug_level:3, psk_identity:me, psk_key:***";
 };
 
 TEST_F(tlsc_first_init, takes_its_steps_in_their_order) {
@@ -355,11 +378,14 @@ TEST_F(tlsc_first_init, takes_its_steps_in_their_order) {
                            "Cipher set successfully for SSL-Ctx : PSK-AES256-CBC-SHA"};
     for (size_t i = 0; i < order.size(); ++i) {
         EXPECT_GE(position(order[i]), 0) << order[i];
-        if (i > 0) { EXPECT_LT(position(order[i - 1]), position(order[i])) << order[i]; }
+        if (i > 0) {
+            EXPECT_LT(position(order[i - 1]), position(order[i])) << order[i];
+        }
     }
     EXPECT_LT(position("Initialize tls-client"), position("OpenSSL initialized..."));
     EXPECT_LT(position("OpenSSL initialized..."), position("Setting default configurations"));
-    EXPECT_LT(position("Sent CLI cmd: 2, to child thread"), position("OpenSSL initialized..."));  // the file's debug settings
+    EXPECT_LT(position("Sent CLI cmd: 2, to child thread"),
+              position("OpenSSL initialized..."));  // the file's debug settings
     EXPECT_LT(position("Sent CLI cmd: 3, to child thread"), position("OpenSSL initialized..."));
     EXPECT_GT(position("Sent CLI cmd: 2, to child thread"), position("Initialize tls-client"));
     EXPECT_TRUE(log.has("INFO", main_file, "tlsc_init", summary));
@@ -389,7 +415,8 @@ TEST_F(tlsc_first_init, settings_that_cannot_be_set_are_printed_the_first_time_a
     EXPECT_EQ(in_child([&] {
                   EXPECT_EQ(tlsc_init(), 1);
                   EXPECT_TRUE(log.contains("-------- tlsc_init() ERROR: Setting the configuration"));
-                  EXPECT_FALSE(log.has("ERROR", main_file, "tlsc_init", "-------- tlsc_init() ERROR: Setting the configuration"));
+                  EXPECT_FALSE(log.has("ERROR", main_file, "tlsc_init",
+                                       "-------- tlsc_init() ERROR: Setting the configuration"));
                   log.clear();
                   EXPECT_EQ(tlsc_init(), 1);
                   const std::string text  = log.text();
@@ -441,28 +468,43 @@ TEST_F(tlsc_first_init, a_second_initialisation_keeps_pipe_context_session_and_s
 }
 
 TEST_F(tlsc_first_init, a_second_initialisation_takes_its_steps_in_their_order) {
-    EXPECT_EQ(in_child([&] {
-                  EXPECT_EQ(tlsc_init(), 1);
-                  log.clear();
-                  EXPECT_EQ(tlsc_init(), 1);
-                  const std::string wrote = text_of("Wrote 36 bytes on pipe-fd: %d", cli_pipe_wr_fd.load());
-                  EXPECT_EQ(log.messages(), (strings{"tlsc_init called again... Reading configuration again.",
-                                                     "tlscWlcSetDebugParams() - On TLS Client, setting TLSC debug parameters message, level:debug, destination:console",
-                                                     wrote, "Sent CLI cmd: 2, to child thread", wrote, "Sent CLI cmd: 3, to child thread",
-                                                     "Setting default configurations", "DPD Interval default = 10", "Retry Interval default = 20",
-                                                     "Rekey Interval default = 3600", "FQDN Resoln Interval default = 30", "Default prefix type = ADDR_IPV4",
-                                                     "tlsc_init() - Invoking config set APIs",
-                                                     "tlsc_set_config_all() - setting all config for TLS Client",
-                                                     "tlsc_set_config_server_ip_port() - server_ip:10.1.2.3, server_port:4433",
-                                                     "tlsc_set_config_management_ip() - mgmt_ip:192.168.1.5", "tlsc_set_config_device_id() - device_id:dev",
-                                                     "tlsc_set_config_tun_interface_name() - tun_interface_name:tun7",
-                                                     "tlsc_set_config_tun_cipher_algo() - cipher_algo:PSK-AES256-CBC-SHA",
-                                                     "tlsc_set_config_psk_identify() - psk_identity:me", "tlsc_set_config_psk_key() - psk_key:***",
-                                                     "tlsc_set_config_serial_num() - serial_no:SN1", "tlsc_set_config_device_name() - device_name:a device",
-                                                     "SSL auth-mech set to PSK", summary}));
-                  return 0;
-              }),
-              0);
+    EXPECT_EQ(
+        in_child([&] {
+            EXPECT_EQ(tlsc_init(), 1);
+            log.clear();
+            EXPECT_EQ(tlsc_init(), 1);
+            const std::string wrote = text_of("Wrote 36 bytes on pipe-fd: %d", cli_pipe_wr_fd.load());
+            EXPECT_EQ(
+                log.messages(),
+                (strings{
+                    "tlsc_init called again... Reading configuration again.",
+                    "tlscWlcSetDebugParams() - On TLS Client, setting TLSC debug parameters message, level:debug, destination:console",
+                    wrote,
+                    "Sent CLI cmd: 2, to child thread",
+                    wrote,
+                    "Sent CLI cmd: 3, to child thread",
+                    "Setting default configurations",
+                    "DPD Interval default = 10",
+                    "Retry Interval default = 20",
+                    "Rekey Interval default = 3600",
+                    "FQDN Resoln Interval default = 30",
+                    "Default prefix type = ADDR_IPV4",
+                    "tlsc_init() - Invoking config set APIs",
+                    "tlsc_set_config_all() - setting all config for TLS Client",
+                    "tlsc_set_config_server_ip_port() - server_ip:10.1.2.3, server_port:4433",
+                    "tlsc_set_config_management_ip() - mgmt_ip:192.168.1.5",
+                    "tlsc_set_config_device_id() - device_id:dev",
+                    "tlsc_set_config_tun_interface_name() - tun_interface_name:tun7",
+                    "tlsc_set_config_tun_cipher_algo() - cipher_algo:PSK-AES256-CBC-SHA",
+                    "tlsc_set_config_psk_identify() - psk_identity:me",
+                    "tlsc_set_config_psk_key() - psk_key:***",
+                    "tlsc_set_config_serial_num() - serial_no:SN1",
+                    "tlsc_set_config_device_name() - device_name:a device",
+                    "SSL auth-mech set to PSK",
+                    summary}));
+            return 0;
+        }),
+        0);
 }
 
 TEST_F(tlsc_first_init, a_changed_key_serves_the_next_handshake_and_a_changed_cipher_list_waits_for_a_new_process) {
@@ -471,7 +513,8 @@ TEST_F(tlsc_first_init, a_changed_key_serves_the_next_handshake_and_a_changed_ci
                   const auto has_cipher = [](const std::string &name) {
                       SSL *ssl   = SSL_new(tlsc_ssl_ctx);
                       bool found = false;
-                      for (int i = 0; const char *cipher = SSL_get_cipher_list(ssl, i); ++i) found = found || cipher == name;
+                      for (int i = 0; const char *cipher = SSL_get_cipher_list(ssl, i); ++i)
+                          found = found || cipher == name;
                       SSL_free(ssl);
                       return found;
                   };
@@ -500,7 +543,8 @@ TEST_F(tlsc_first_init, the_tunnel_thread_stands_still_while_the_configuration_i
                       EXPECT_EQ(steps, (strings{"settings"}));  // at first there is no such thread
                       steps.clear();
                       EXPECT_EQ(tlsc_init(), 1);
-                      EXPECT_EQ(steps, can_be_halted ? (strings{"halt", "settings", "resume"}) : (strings{"halt", "settings"}));
+                      EXPECT_EQ(steps, can_be_halted ? (strings{"halt", "settings", "resume"})
+                                                     : (strings{"halt", "settings"}));
                       return 0;
                   }),
                   0);
@@ -517,7 +561,8 @@ TEST_F(tlsc_first_init, a_tunnel_that_goes_on_keeps_its_address_and_its_interfac
                       EXPECT_EQ(wlcSecTunProcessConf("tun_interface_name", "other"), 1);
                       EXPECT_EQ(tlsc_init(), 1);
                       EXPECT_EQ(conf->inner_addr.kind, 0);
-                      EXPECT_EQ(std::string(reinterpret_cast<char *>(conf->inner_addr.ipv4), 4), running ? std::string("\x0a\x63\x00\x07", 4) : std::string(4, '\0'));
+                      EXPECT_EQ(std::string(reinterpret_cast<char *>(conf->inner_addr.ipv4), 4),
+                                running ? std::string("\x0a\x63\x00\x07", 4) : std::string(4, '\0'));
                       EXPECT_STREQ(conf->tun_interface_name, running ? "tun7" : "other");
                       return 0;
                   }),

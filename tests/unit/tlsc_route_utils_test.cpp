@@ -29,8 +29,8 @@ namespace {
 std::deque<int>          ioctl_errors;   // of the route requests; 0 lets one call pass
 std::deque<int>          socket_errors;  // 0 lets one call pass
 size_t                   sockets_made;
-std::vector<rtentry>     routes;         // as requested
-std::vector<std::string> devices;        // of the same requests, all that the kernel reads
+std::vector<rtentry>     routes;   // as requested
+std::vector<std::string> devices;  // of the same requests, all that the kernel reads
 std::vector<bool>        added;
 
 int next_error(std::deque<int> &errors) {
@@ -96,7 +96,8 @@ std::vector<kernel_route> kernel_routes() {
         char     device[32];
         unsigned destination, gateway, flags, references, uses, mask;
         int      metric;
-        if (sscanf(line, "%31s %x %x %x %u %u %d %x", device, &destination, &gateway, &flags, &references, &uses, &metric, &mask) == 8)
+        if (sscanf(line, "%31s %x %x %x %u %u %d %x", device, &destination, &gateway, &flags, &references, &uses,
+                   &metric, &mask) == 8)
             found.push_back({device, destination, gateway, flags, metric, mask});
     }
     if (table) fclose(table);
@@ -141,7 +142,8 @@ protected:
         const auto lines = log.lines();
         ASSERT_EQ(lines.size(), expected.size());
         for (size_t i = 0; i < lines.size(); ++i)
-            EXPECT_TRUE(is_log_line(lines[i], expected[i][0], "tlsc_route_utils.c", expected[i][1], expected[i][2])) << lines[i];
+            EXPECT_TRUE(is_log_line(lines[i], expected[i][0], "tlsc_route_utils.c", expected[i][1], expected[i][2]))
+                << lines[i];
     }
 
     tlsc_addr prefix = address("198.51.100.0");
@@ -169,7 +171,8 @@ TEST_F(tlsc_route_utils, route_to_the_prefix_is_added_and_deleted) {
 
 TEST_F(tlsc_route_utils, mask_follows_the_configured_prefix_length) {
     const std::vector<std::pair<uint8_t, const char *>> table{
-        {0, "0.0.0.0"}, {1, "128.0.0.0"}, {8, "255.0.0.0"}, {24, "255.255.255.0"}, {31, "255.255.255.254"}, {32, "255.255.255.255"}, {33, "0.0.0.0"}, {255, "0.0.0.0"}};
+        {0, "0.0.0.0"},          {1, "128.0.0.0"},        {8, "255.0.0.0"}, {24, "255.255.255.0"},
+        {31, "255.255.255.254"}, {32, "255.255.255.255"}, {33, "0.0.0.0"},  {255, "0.0.0.0"}};
     for (const auto &[length, mask] : table) {
         routes.clear();
         ioctl_errors                     = {EPERM};  // reads as success; the kernel is not asked
@@ -212,7 +215,9 @@ TEST_F(tlsc_route_utils, anything_but_an_ipv4_record_and_a_name_is_refused) {
     EXPECT_EQ(tlsc_inject_v4_host_route(&ipv6, "lo", 1), 0);
     EXPECT_EQ(tlsc_inject_v4_host_route(&none, "lo", 1), 0);
     EXPECT_EQ(sockets_made, 0u);
-    EXPECT_EQ(log.count("ERROR", "tlsc_route_utils.c", "tlsc_inject_v4_host_route", "Null ptr received for addr/ifname, or addr-type is not IPv4"), 4u);
+    EXPECT_EQ(log.count("ERROR", "tlsc_route_utils.c", "tlsc_inject_v4_host_route",
+                        "Null ptr received for addr/ifname, or addr-type is not IPv4"),
+              4u);
 }
 
 TEST_F(tlsc_route_utils, route_that_the_kernel_refuses_gives_its_errno) {
@@ -234,7 +239,8 @@ TEST_F(tlsc_route_utils, failure_by_efault_announces_a_retry_that_does_not_come)
     EXPECT_EQ(routes.size(), 1u);
     EXPECT_EQ(sockets_made, 1u);
     expect_lines(log, {{"INFO", "tlsc_route_operation_ipv4", "Adding route to interface lo"},
-                       {"WARNING", "tlsc_inject_v4_host_route", "Route operation failed due to error[14], Retrying to do the route operation..."},
+                       {"WARNING", "tlsc_inject_v4_host_route",
+                        "Route operation failed due to error[14], Retrying to do the route operation..."},
                        {"ERROR", "tlsc_inject_v4_host_route", "Route operation failed  lo due to error[14]"}});
 }
 
@@ -268,7 +274,8 @@ TEST_F(tlsc_route_utils, missing_socket_gives_its_errno) {
     socket_errors = {EMFILE};
     EXPECT_EQ(tlsc_inject_v4_host_route(&prefix, "lo", 1), EMFILE);
     EXPECT_TRUE(routes.empty());
-    expect_lines(log, {{"ERROR", "tlsc_create_socket_ipv4", "Could not open socket for add/remove of route to interface = lo"}});
+    expect_lines(
+        log, {{"ERROR", "tlsc_create_socket_ipv4", "Could not open socket for add/remove of route to interface = lo"}});
 
     log.clear();
     ioctl_errors  = {EBADF};
@@ -354,7 +361,8 @@ TEST_F(tlsc_route_utils, interface_socket_that_cannot_be_made_keeps_the_errno) {
     EXPECT_EQ(tlsc_create_socket_ipv4("lo"), -1);
     EXPECT_EQ(tlsc_socket_errno, ENFILE);
     EXPECT_EQ(tlsc_create_socket(nullptr), -1);
-    expect_lines(log, {{"ERROR", "tlsc_create_socket", "Could not open socket for interface: lo"},
-                       {"ERROR", "tlsc_create_socket_ipv4", "Could not open socket for add/remove of route to interface = lo"},
-                       {"ERROR", "tlsc_create_socket", "Could not open socket for interface: (null)"}});
+    expect_lines(
+        log, {{"ERROR", "tlsc_create_socket", "Could not open socket for interface: lo"},
+              {"ERROR", "tlsc_create_socket_ipv4", "Could not open socket for add/remove of route to interface = lo"},
+              {"ERROR", "tlsc_create_socket", "Could not open socket for interface: (null)"}});
 }

@@ -179,7 +179,8 @@ TEST_F(tlsc_session_start, start_records_the_prefix_and_brings_the_interface_up)
 
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 3u);
-    EXPECT_TRUE(is_log_line(lines[0], "INFO", "tlsc_session.c", "tlsc_start_session", "Starting TLS session by making tun-intf up"));
+    EXPECT_TRUE(is_log_line(lines[0], "INFO", "tlsc_session.c", "tlsc_start_session",
+                            "Starting TLS session by making tun-intf up"));
     EXPECT_TRUE(is_log_line(lines[1], "DEBUG", "tlsc_tun_intf.c", "tlsc_tun_up", "Interface tunt is successfully up"));
     EXPECT_TRUE(is_log_line(lines[2], "INFO", "tlsc_tun_intf.c", "tlsc_chg_tun_state", "TUN-INTF is UP!!"));
 }
@@ -205,7 +206,8 @@ TEST_F(tlsc_session_start, start_whose_interface_fails_hands_the_errno_on_and_ke
     EXPECT_EQ(session->tun_state, 0);
     EXPECT_EQ(session->if_name, nullptr);
     EXPECT_TRUE(reported_states.empty());
-    EXPECT_TRUE(is_log_line(log.lines().back(), "ERROR", "tlsc_session.c", "tlsc_start_session", "Could not make tun-intf up for conn " + pointer_text(&sock)));
+    EXPECT_TRUE(is_log_line(log.lines().back(), "ERROR", "tlsc_session.c", "tlsc_start_session",
+                            "Could not make tun-intf up for conn " + pointer_text(&sock)));
 }
 
 TEST_F(tlsc_session_start, start_without_an_interface_name_hands_0_on) {
@@ -213,8 +215,9 @@ TEST_F(tlsc_session_start, start_without_an_interface_name_hands_0_on) {
     log_capture log;
     EXPECT_EQ(tlsc_start_session(&sock, &prefix), nullptr);
     EXPECT_EQ(handled_errors, (std::vector<int32_t>{0}));
-    EXPECT_EQ(log.messages(), (std::vector<std::string>{"Starting TLS session by making tun-intf up", "Session or ifname is Null",
-                                                        "Could not make tun-intf up for conn " + pointer_text(&sock)}));
+    EXPECT_EQ(log.messages(),
+              (std::vector<std::string>{"Starting TLS session by making tun-intf up", "Session or ifname is Null",
+                                        "Could not make tun-intf up for conn " + pointer_text(&sock)}));
 }
 
 TEST_F(tlsc_session_start, start_whose_flags_are_refused_by_eperm_counts_as_up) {

@@ -88,7 +88,8 @@ protected:
         next_random        = random;
         EXPECT_EQ(tlsc_start_timer(&tlsc_timers.dpd, 1), 1);
         const long seconds = seconds_left(tlsc_timers.dpd);
-        EXPECT_TRUE(log.has("INFO", timer_file, "choose_seconds", text_of("Started DPD Timer for %ld sec", seconds))) << interval;
+        EXPECT_TRUE(log.has("INFO", timer_file, "choose_seconds", text_of("Started DPD Timer for %ld sec", seconds)))
+            << interval;
         tlsc_stop_timer(&tlsc_timers.dpd);
         return seconds;
     }
@@ -96,14 +97,17 @@ protected:
         next_random = random;
         EXPECT_EQ(tlsc_start_timer(&tlsc_timers.backoff, 1), 1);
         EXPECT_EQ(seconds_left(tlsc_timers.backoff), static_cast<long>(tlsc_backoff_interval));
-        EXPECT_TRUE(log.has("INFO", timer_file, "choose_seconds", text_of("Started Backoff Timer for %u sec", tlsc_backoff_interval)));
+        EXPECT_TRUE(log.has("INFO", timer_file, "choose_seconds",
+                            text_of("Started Backoff Timer for %u sec", tlsc_backoff_interval)));
         tlsc_stop_timer(&tlsc_timers.backoff);
         return tlsc_backoff_interval;
     }
 };
 
 TEST_F(tlsc_timer, at_process_start_no_timer_runs_and_nothing_is_counted_or_saved) {
-    for (int32_t slot : {slots_at_start.dpd, slots_at_start.retry, slots_at_start.rekey, slots_at_start.fqdn, slots_at_start.guard, slots_at_start.backoff}) EXPECT_EQ(slot, -1);
+    for (int32_t slot : {slots_at_start.dpd, slots_at_start.retry, slots_at_start.rekey, slots_at_start.fqdn,
+                         slots_at_start.guard, slots_at_start.backoff})
+        EXPECT_EQ(slot, -1);
     EXPECT_EQ(backoff_at_start, 0u);
     EXPECT_EQ(retry_ref_at_start, 0);
     EXPECT_EQ(rekey_flag_at_start, 0);
@@ -246,8 +250,8 @@ TEST_F(tlsc_timer, the_backoff_never_exceeds_3600_seconds) {
     EXPECT_EQ(next_backoff(0), 3599u);
     EXPECT_EQ(next_backoff(1), 3600u);
     EXPECT_EQ(next_backoff(719), 3600u);
-    uint32_t last = 0;
-    next_random   = -1;
+    uint32_t last         = 0;
+    next_random           = -1;
     tlsc_backoff_interval = 0;
     for (int failure = 0; failure < 200; ++failure) {
         const uint32_t now = next_backoff(-1);
@@ -274,7 +278,8 @@ TEST_F(tlsc_timer, a_running_timer_is_never_armed_again) {
     EXPECT_EQ(tlsc_start_timer(&tlsc_timers.rekey, 1), 1);
     EXPECT_EQ(tlsc_timers.rekey, fd);
     EXPECT_GT(seconds_left(fd), 86000);
-    EXPECT_EQ(lines_from(timer_file), (strings{text_of("WARNING tlsc_start_timer: Timer is already running with fd = %d", fd)}));
+    EXPECT_EQ(lines_from(timer_file),
+              (strings{text_of("WARNING tlsc_start_timer: Timer is already running with fd = %d", fd)}));
 }
 
 TEST_F(tlsc_timer, a_slot_holding_descriptor_0_counts_as_running) {
@@ -319,8 +324,8 @@ TEST_F(tlsc_timer, a_slot_of_no_known_kind_is_reported) {
 TEST_F(tlsc_timer, a_null_slot_is_refused) {
     EXPECT_EQ(tlsc_start_timer(nullptr, 1), 0);
     EXPECT_EQ(tlsc_stop_timer(nullptr), 0);
-    EXPECT_EQ(lines_from(timer_file),
-              (strings{"ERROR tlsc_start_timer: Null ptr received for slot", "ERROR tlsc_stop_timer: Invalid timer-fd received in stop-timer"}));
+    EXPECT_EQ(lines_from(timer_file), (strings{"ERROR tlsc_start_timer: Null ptr received for slot",
+                                               "ERROR tlsc_stop_timer: Invalid timer-fd received in stop-timer"}));
 }
 
 // ---- stopping -----------------------------------------------------------------------------------------------------------------
@@ -382,7 +387,8 @@ TEST_F(tlsc_timer, without_an_epoll_instance_a_stop_leaves_epoll_alone) {
 }
 
 TEST_F(tlsc_timer, stop_all_goes_retry_dpd_rekey_fqdn_backoff_guard) {
-    int32_t *const order[] = {&tlsc_timers.retry, &tlsc_timers.dpd, &tlsc_timers.rekey, &tlsc_timers.fqdn, &tlsc_timers.backoff, &tlsc_timers.guard};
+    int32_t *const   order[] = {&tlsc_timers.retry, &tlsc_timers.dpd,     &tlsc_timers.rekey,
+                                &tlsc_timers.fqdn,  &tlsc_timers.backoff, &tlsc_timers.guard};
     std::vector<int> descriptors;
     for (int32_t *slot : order) {
         ASSERT_EQ(tlsc_start_timer(slot, 1), 1);

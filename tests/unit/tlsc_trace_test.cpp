@@ -75,8 +75,8 @@ struct memory_link {
         SSL_CTX_set_cipher_list(server_ctx, cipher_list);
         SSL_CTX_set_psk_client_callback(client_ctx, give_client_key);
         SSL_CTX_set_psk_server_callback(server_ctx, right_key ? give_server_key : give_wrong_key);
-        client = SSL_new(client_ctx);
-        server = SSL_new(server_ctx);
+        client          = SSL_new(client_ctx);
+        server          = SSL_new(server_ctx);
         BIO *client_end = nullptr, *server_end = nullptr;
         BIO_new_bio_pair(&client_end, buffer, &server_end, buffer);
         SSL_set_bio(client, client_end, client_end);
@@ -122,9 +122,11 @@ bool has_message(const std::vector<std::string> &messages, const std::string &wa
 }
 
 // True for "front", four hexadecimal digits, "back".
-bool has_message_with_length(const std::vector<std::string> &messages, const std::string &front, const std::string &back) {
+bool has_message_with_length(const std::vector<std::string> &messages, const std::string &front,
+                             const std::string &back) {
     for (const std::string &message : messages)
-        if (message.size() == front.size() + 4 + back.size() && message.starts_with(front) && message.ends_with(back)) return true;
+        if (message.size() == front.size() + 4 + back.size() && message.starts_with(front) && message.ends_with(back))
+            return true;
     return false;
 }
 
@@ -146,7 +148,8 @@ TEST(tlsc_trace, whole_line_carries_the_severity_word_uncut) {
     log_capture log(LOG_SSL_DBG);
     tlsc_ssl_msg_cb(received, tls_1_2, change_cipher_spec, "\1", 1, nullptr, nullptr);
     ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_TRUE(is_log_line(log.lines()[0], "SSL_DEBUG", "tlsc_debug.c", "tlsc_ssl_msg_cb", "<<< TLS 1.2 ChangeCipherSpec [length 0001]"));
+    EXPECT_TRUE(is_log_line(log.lines()[0], "SSL_DEBUG", "tlsc_debug.c", "tlsc_ssl_msg_cb",
+                            "<<< TLS 1.2 ChangeCipherSpec [length 0001]"));
 }
 
 TEST(tlsc_trace, direction_is_received_for_0_and_sent_for_anything_else) {
@@ -156,21 +159,33 @@ TEST(tlsc_trace, direction_is_received_for_0_and_sent_for_anything_else) {
 }
 
 TEST(tlsc_trace, versions_have_their_texts_with_their_trailing_blanks) {
-    const std::vector<std::pair<int, std::string>> table{
-        {0x0002, "SSL 2.0"}, {0x0300, "SSL 3.0 "}, {0x0301, "TLS 1.0 "}, {0x0302, "TLS 1.1 "},
-        {0x0303, "TLS 1.2 "}, {0xFEFF, "DTLS 1.0"}, {0x0100, "DTLS 1.0 (quill-link)"},
-        {0x0304, "???"}, {0x0000, "???"}, {0x0003, "???"}, {0x02FF, "???"}, {0xFEFE, "???"}, {-1, "???"}};
-    for (const auto &[version, text] : table) EXPECT_EQ(traced(received, version, application_data, {1, 2, 3}), "<<< " + text + " [length 0003]") << version;
+    const std::vector<std::pair<int, std::string>> table{{0x0002, "SSL 2.0"},
+                                                         {0x0300, "SSL 3.0 "},
+                                                         {0x0301, "TLS 1.0 "},
+                                                         {0x0302, "TLS 1.1 "},
+                                                         {0x0303, "TLS 1.2 "},
+                                                         {0xFEFF, "DTLS 1.0"},
+                                                         {0x0100, "DTLS 1.0 (quill-link)"},
+                                                         {0x0304, "???"},
+                                                         {0x0000, "???"},
+                                                         {0x0003, "???"},
+                                                         {0x02FF, "???"},
+                                                         {0xFEFE, "???"},
+                                                         {-1, "???"}};
+    for (const auto &[version, text] : table)
+        EXPECT_EQ(traced(received, version, application_data, {1, 2, 3}), "<<< " + text + " [length 0003]") << version;
 }
 
 TEST(tlsc_trace, unknown_version_with_the_length_of_a_record_header_is_a_header) {
     for (int version : {0, 0x0304})
         for (size_t length : {4u, 5u, 6u, 12u, 13u, 14u}) {
             char expected[64];
-            snprintf(expected, sizeof(expected), ">>> %s [length %04zx]", length == 5 || length == 13 ? "TLS Header" : "???", length);
+            snprintf(expected, sizeof(expected), ">>> %s [length %04zx]",
+                     length == 5 || length == 13 ? "TLS Header" : "???", length);
             EXPECT_EQ(traced(sent, version, application_data, bytes(length)), expected);
         }
-    EXPECT_EQ(traced(sent, 0x0002, application_data, bytes(5)), ">>> SSL 2.0 [length 0005]") << "known versions keep their text";
+    EXPECT_EQ(traced(sent, 0x0002, application_data, bytes(5)), ">>> SSL 2.0 [length 0005]")
+        << "known versions keep their text";
 }
 
 TEST(tlsc_trace, record_header_call_prints_the_same_on_both_openssl_series) {
@@ -179,7 +194,9 @@ TEST(tlsc_trace, record_header_call_prints_the_same_on_both_openssl_series) {
 }
 
 TEST(tlsc_trace, only_five_versions_have_content_types) {
-    for (int version : {0x0300, 0x0301, 0x0302, 0x0303, 0xFEFF}) EXPECT_TRUE(traced(sent, version, alert, {2, 40}).ends_with("Alert [length 0002], fatal handshake_failure")) << version;
+    for (int version : {0x0300, 0x0301, 0x0302, 0x0303, 0xFEFF})
+        EXPECT_TRUE(traced(sent, version, alert, {2, 40}).ends_with("Alert [length 0002], fatal handshake_failure"))
+            << version;
     EXPECT_EQ(traced(sent, 0x0100, alert, {2, 40}), ">>> DTLS 1.0 (quill-link) [length 0002]");
     EXPECT_EQ(traced(sent, 0x0002, handshake, {1}), ">>> SSL 2.0 [length 0001]");
     EXPECT_EQ(traced(sent, 0x0304, change_cipher_spec, {1}), ">>> ??? [length 0001]");
@@ -187,7 +204,8 @@ TEST(tlsc_trace, only_five_versions_have_content_types) {
 }
 
 TEST(tlsc_trace, other_content_types_have_no_text) {
-    for (int type : {0, 19, 23, 25, 255, -1}) EXPECT_EQ(traced(sent, tls_1_2, type, {1, 2}), ">>> TLS 1.2  [length 0002]") << type;
+    for (int type : {0, 19, 23, 25, 255, -1})
+        EXPECT_EQ(traced(sent, tls_1_2, type, {1, 2}), ">>> TLS 1.2  [length 0002]") << type;
 }
 
 TEST(tlsc_trace, length_has_at_least_four_hexadecimal_digits) {
@@ -198,19 +216,40 @@ TEST(tlsc_trace, length_has_at_least_four_hexadecimal_digits) {
 // ---- message callback: alerts, handshake messages, heartbeats ---------------------------------------------------------------------
 
 TEST(tlsc_trace, every_alert_description_has_its_text) {
-    const std::vector<std::pair<uint8_t, std::string>> table{
-        {0, "close_notify"}, {10, "unexpected_message"}, {20, "bad_record_mac"}, {21, "decryption_failed"},
-        {22, "record_overflow"}, {30, "decompression_failure"}, {40, "handshake_failure"}, {42, "bad_certificate"},
-        {43, "unsupported_certificate"}, {44, "certificate_revoked"}, {45, "certificate_expired"}, {46, "certificate_unknown"},
-        {47, "illegal_parameter"}, {48, "unknown_ca"}, {49, "access_denied"}, {50, "decode_error"}, {51, "decrypt_error"},
-        {60, "export_restriction"}, {70, "protocol_version"}, {71, "insufficient_security"}, {80, "internal_error"},
-        {90, "user_canceled"}, {100, "no_renegotiation"}, {110, "unsupported_extension"}, {111, "certificate_unobtainable"},
-        {112, "unrecognized_name"}, {113, "bad_certificate_status_response"}, {114, "bad_certificate_hash_value"},
-        {115, "unknown_psk_identity"}};
-    std::vector<std::string> texts(256, "???");
+    const std::vector<std::pair<uint8_t, std::string>> table{{0, "close_notify"},
+                                                             {10, "unexpected_message"},
+                                                             {20, "bad_record_mac"},
+                                                             {21, "decryption_failed"},
+                                                             {22, "record_overflow"},
+                                                             {30, "decompression_failure"},
+                                                             {40, "handshake_failure"},
+                                                             {42, "bad_certificate"},
+                                                             {43, "unsupported_certificate"},
+                                                             {44, "certificate_revoked"},
+                                                             {45, "certificate_expired"},
+                                                             {46, "certificate_unknown"},
+                                                             {47, "illegal_parameter"},
+                                                             {48, "unknown_ca"},
+                                                             {49, "access_denied"},
+                                                             {50, "decode_error"},
+                                                             {51, "decrypt_error"},
+                                                             {60, "export_restriction"},
+                                                             {70, "protocol_version"},
+                                                             {71, "insufficient_security"},
+                                                             {80, "internal_error"},
+                                                             {90, "user_canceled"},
+                                                             {100, "no_renegotiation"},
+                                                             {110, "unsupported_extension"},
+                                                             {111, "certificate_unobtainable"},
+                                                             {112, "unrecognized_name"},
+                                                             {113, "bad_certificate_status_response"},
+                                                             {114, "bad_certificate_hash_value"},
+                                                             {115, "unknown_psk_identity"}};
+    std::vector<std::string>                           texts(256, "???");
     for (const auto &[code, text] : table) texts[code] = text;
     for (int code = 0; code < 256; ++code)
-        EXPECT_EQ(traced(received, tls_1_2, alert, {2, static_cast<uint8_t>(code)}), "<<< TLS 1.2 Alert [length 0002], fatal " + texts[static_cast<size_t>(code)]);
+        EXPECT_EQ(traced(received, tls_1_2, alert, {2, static_cast<uint8_t>(code)}),
+                  "<<< TLS 1.2 Alert [length 0002], fatal " + texts[static_cast<size_t>(code)]);
 }
 
 TEST(tlsc_trace, alert_level_is_warning_for_1_fatal_for_2_and_unknown_otherwise) {
@@ -228,13 +267,15 @@ TEST(tlsc_trace, alert_of_another_length_has_no_description) {
 
 TEST(tlsc_trace, every_handshake_message_has_its_text) {
     const std::vector<std::pair<uint8_t, std::string>> table{
-        {0, ", HelloRequest"}, {1, ", ClientHello"}, {2, ", ServerHello"}, {3, ", HelloVerifyRequest"}, {11, ", Certificate"},
-        {12, ", ServerKeyExchange"}, {13, ", CertificateRequest"}, {14, ", ServerHelloDone"}, {15, ", CertificateVerify"},
-        {16, ", ClientKeyExchange"}, {20, ", Finished"}};
+        {0, ", HelloRequest"},        {1, ", ClientHello"},      {2, ", ServerHello"},
+        {3, ", HelloVerifyRequest"},  {11, ", Certificate"},     {12, ", ServerKeyExchange"},
+        {13, ", CertificateRequest"}, {14, ", ServerHelloDone"}, {15, ", CertificateVerify"},
+        {16, ", ClientKeyExchange"},  {20, ", Finished"}};
     std::vector<std::string> texts(256, "???");
     for (const auto &[type, text] : table) texts[type] = text;
     for (int type = 0; type < 256; ++type)
-        EXPECT_EQ(traced(sent, tls_1_2, handshake, with_first(static_cast<uint8_t>(type), 4)), ">>> TLS 1.2 Handshake [length 0004]" + texts[static_cast<size_t>(type)]);
+        EXPECT_EQ(traced(sent, tls_1_2, handshake, with_first(static_cast<uint8_t>(type), 4)),
+                  ">>> TLS 1.2 Handshake [length 0004]" + texts[static_cast<size_t>(type)]);
 }
 
 TEST(tlsc_trace, handshake_message_of_length_0_is_unknown_and_has_no_dump) {
@@ -298,11 +339,13 @@ TEST(tlsc_trace, callbacks_that_are_switched_off_say_so_at_debug_level_and_do_no
     tlsc_ssl_debug = 0;
     tlsc_ssl_msg_cb(sent, tls_1_2, alert, "\2\50", 2, nullptr, nullptr);
     tlsc_ssl_info_cb(link.client, SSL_CB_HANDSHAKE_START, 1);
-    tlsc_ssl_debug = 1;
+    tlsc_ssl_debug   = 1;
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(is_log_line(lines[0], "DEBUG", "tlsc_debug.c", "tlsc_ssl_msg_cb", "SSL Debug is turned off... Return without debugging SSL-PROTOCOL-MSG !!!"));
-    EXPECT_TRUE(is_log_line(lines[1], "DEBUG", "tlsc_debug.c", "tlsc_ssl_info_cb", "SSL Debug is turned off... Return without debugging SSL-INFO-CB !!!"));
+    EXPECT_TRUE(is_log_line(lines[0], "DEBUG", "tlsc_debug.c", "tlsc_ssl_msg_cb",
+                            "SSL Debug is turned off... Return without debugging SSL-PROTOCOL-MSG !!!"));
+    EXPECT_TRUE(is_log_line(lines[1], "DEBUG", "tlsc_debug.c", "tlsc_ssl_info_cb",
+                            "SSL Debug is turned off... Return without debugging SSL-INFO-CB !!!"));
 }
 
 // ---- info callback, called directly -------------------------------------------------------------------------------------------
@@ -348,8 +391,10 @@ TEST(tlsc_trace, cases_are_tried_in_the_order_loop_alert_exit_start_done) {
 
 TEST(tlsc_trace, alert_says_its_direction_level_and_description) {
     memory_link link;
-    EXPECT_EQ(informed(link.client, SSL_CB_READ_ALERT, (SSL3_AL_FATAL << 8) | 40), "SSL3 alert read:fatal:handshake failure");
-    EXPECT_EQ(informed(link.client, SSL_CB_WRITE_ALERT, (SSL3_AL_WARNING << 8) | 0), "SSL3 alert write:warning:close notify");
+    EXPECT_EQ(informed(link.client, SSL_CB_READ_ALERT, (SSL3_AL_FATAL << 8) | 40),
+              "SSL3 alert read:fatal:handshake failure");
+    EXPECT_EQ(informed(link.client, SSL_CB_WRITE_ALERT, (SSL3_AL_WARNING << 8) | 0),
+              "SSL3 alert write:warning:close notify");
 }
 
 TEST(tlsc_trace, exit_prints_failures_only) {
@@ -404,7 +449,8 @@ TEST(tlsc_trace, handshake_that_waits_for_input_would_block_on_read) {
     log_capture log(LOG_SSL_DBG);
     EXPECT_EQ(SSL_do_handshake(link.client), -1);
     const std::string state = SSL_state_string_long(link.client);
-    EXPECT_TRUE(is_log_line(log.lines().back(), "SSL_DEBUG", "tlsc_debug.c", "tlsc_ssl_info_cb", "SSL_connect:would block on read in " + state));
+    EXPECT_TRUE(is_log_line(log.lines().back(), "SSL_DEBUG", "tlsc_debug.c", "tlsc_ssl_info_cb",
+                            "SSL_connect:would block on read in " + state));
 }
 
 TEST(tlsc_trace, handshake_that_waits_for_room_would_block_on_write) {
@@ -413,7 +459,8 @@ TEST(tlsc_trace, handshake_that_waits_for_room_would_block_on_write) {
     log_capture log(LOG_SSL_DBG);
     EXPECT_EQ(SSL_do_handshake(link.client), -1);
     const std::string state = SSL_state_string_long(link.client);
-    EXPECT_TRUE(is_log_line(log.lines().back(), "SSL_DEBUG", "tlsc_debug.c", "tlsc_ssl_info_cb", "SSL_connect:would block on write in " + state));
+    EXPECT_TRUE(is_log_line(log.lines().back(), "SSL_DEBUG", "tlsc_debug.c", "tlsc_ssl_info_cb",
+                            "SSL_connect:would block on write in " + state));
 }
 
 TEST(tlsc_trace, wrong_key_is_seen_as_a_fatal_alert) {

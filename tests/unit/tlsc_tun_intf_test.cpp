@@ -47,11 +47,11 @@ struct state_report {
     int32_t state;
     int32_t cause;
     int32_t recorded;  // the session's state at that moment
-    bool operator==(const state_report &) const = default;
+    bool    operator==(const state_report &) const = default;
 };
 
 std::vector<ioctl_call>   ioctl_calls;
-std::deque<ioctl_fault>   ioctl_faults;   // each used up by the next call of its request
+std::deque<ioctl_fault>   ioctl_faults;  // each used up by the next call of its request
 std::vector<int>          socket_types;
 std::deque<int>           socket_errors;  // 0 lets one call pass
 std::deque<int>           open_errors;    // of the clone device; 0 lets one call pass
@@ -92,7 +92,8 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
 
     ifreq record{};
     memcpy(&record, argument, sizeof(record));
-    ioctl_calls.push_back({request, std::string(record.ifr_name, strnlen(record.ifr_name, IFNAMSIZ)), record.ifr_flags});
+    ioctl_calls.push_back(
+        {request, std::string(record.ifr_name, strnlen(record.ifr_name, IFNAMSIZ)), record.ifr_flags});
     if (const int error = next_ioctl_error(request); error != 0) {
         errno = error;
         return -1;
@@ -238,7 +239,8 @@ protected:
         const auto lines = log.lines();
         ASSERT_EQ(lines.size(), expected.size());
         for (size_t i = 0; i < lines.size(); ++i)
-            EXPECT_TRUE(is_log_line(lines[i], expected[i][0], "tlsc_tun_intf.c", expected[i][1], expected[i][2])) << lines[i];
+            EXPECT_TRUE(is_log_line(lines[i], expected[i][0], "tlsc_tun_intf.c", expected[i][1], expected[i][2]))
+                << lines[i];
     }
 
     tlsc_session session{};
@@ -319,9 +321,12 @@ TEST_F(tlsc_tun_intf, busy_name_is_deleted_and_the_second_attempt_succeeds) {
     EXPECT_EQ(fcntl(session.tun_fd, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(fcntl(session.tun_fd, F_GETFL) & O_ACCMODE, O_RDWR);
     EXPECT_EQ(mtu_of("tunt"), 1406);
-    EXPECT_TRUE(log.has("WARNING", "tlsc_tun_intf.c", "tlsc_tun_alloc", "IOCTL error[16] in setting tun interface tunt, deleting the existing tun interface"));
-    EXPECT_TRUE(log.has("WARNING", "tlsc_tun_intf.c", "tlsc_create_tun", "Failed to create interface for session " + self + ", Retrying to create interface..."));
-    EXPECT_TRUE(log.has("ERROR", "tlsc_tun_intf.c", "tlsc_tun_delete", "Could not delete the tun-fd(" + std::to_string(first_fd) + ") from epoll-list"));
+    EXPECT_TRUE(log.has("WARNING", "tlsc_tun_intf.c", "tlsc_tun_alloc",
+                        "IOCTL error[16] in setting tun interface tunt, deleting the existing tun interface"));
+    EXPECT_TRUE(log.has("WARNING", "tlsc_tun_intf.c", "tlsc_create_tun",
+                        "Failed to create interface for session " + self + ", Retrying to create interface..."));
+    EXPECT_TRUE(log.has("ERROR", "tlsc_tun_intf.c", "tlsc_tun_delete",
+                        "Could not delete the tun-fd(" + std::to_string(first_fd) + ") from epoll-list"));
     EXPECT_FALSE(log.contains("Retry count"));
     EXPECT_FALSE(log.contains("Error cloning")) << "the clone device opened again";
 
@@ -340,9 +345,13 @@ TEST_F(tlsc_tun_intf, five_failed_attempts_are_the_end_and_leave_a_sixth_descrip
     EXPECT_EQ(tlsc_stats_record.tun_alloc, 0u);
     EXPECT_TRUE(commands.empty());
     EXPECT_NE(fcntl(session.tun_fd, F_GETFD), -1);
-    EXPECT_EQ(log.count("WARNING", "tlsc_tun_intf.c", "tlsc_create_tun", "Failed to create interface for session " + self + ", Retrying to create interface..."), 5u);
-    EXPECT_EQ(log.count("ERROR", "tlsc_tun_intf.c", "tlsc_tun_alloc", "IOCTL error[22] in setting tun interface tunt"), 5u);
-    EXPECT_TRUE(is_log_line(log.lines().back(), "ERROR", "tlsc_tun_intf.c", "tlsc_create_tun", "Retry count(5) over. Failed to create interface for session " + self));
+    EXPECT_EQ(log.count("WARNING", "tlsc_tun_intf.c", "tlsc_create_tun",
+                        "Failed to create interface for session " + self + ", Retrying to create interface..."),
+              5u);
+    EXPECT_EQ(log.count("ERROR", "tlsc_tun_intf.c", "tlsc_tun_alloc", "IOCTL error[22] in setting tun interface tunt"),
+              5u);
+    EXPECT_TRUE(is_log_line(log.lines().back(), "ERROR", "tlsc_tun_intf.c", "tlsc_create_tun",
+                            "Retry count(5) over. Failed to create interface for session " + self));
 }
 
 TEST_F(tlsc_tun_intf, interface_obtained_on_the_fifth_attempt_still_counts_as_a_failure_and_stays) {
@@ -354,7 +363,8 @@ TEST_F(tlsc_tun_intf, interface_obtained_on_the_fifth_attempt_still_counts_as_a_
     EXPECT_EQ(pauses.size(), 4u);
     EXPECT_TRUE(exists("tunt"));
     EXPECT_EQ(tlsc_stats_record.tun_alloc, 0u);
-    EXPECT_TRUE(is_log_line(log.lines().back(), "ERROR", "tlsc_tun_intf.c", "tlsc_create_tun", "Retry count(5) over. Failed to create interface for session " + self));
+    EXPECT_TRUE(is_log_line(log.lines().back(), "ERROR", "tlsc_tun_intf.c", "tlsc_create_tun",
+                            "Retry count(5) over. Failed to create interface for session " + self));
 }
 
 TEST_F(tlsc_tun_intf, interface_obtained_on_the_fourth_attempt_counts) {
@@ -393,7 +403,8 @@ TEST_F(tlsc_tun_intf, mtu_failure_in_the_creation_returns_its_errno) {
     EXPECT_EQ(tlsc_create_tun(&session), EINVAL);
     EXPECT_EQ(tlsc_stats_record.tun_alloc, 0u);
     EXPECT_TRUE(exists("tunt"));
-    EXPECT_TRUE(is_log_line(log.lines().back(), "ERROR", "tlsc_tun_intf.c", "tlsc_create_tun", "Failed to set the MTU(1406) for the interface tunt"));
+    EXPECT_TRUE(is_log_line(log.lines().back(), "ERROR", "tlsc_tun_intf.c", "tlsc_create_tun",
+                            "Failed to set the MTU(1406) for the interface tunt"));
 }
 
 TEST_F(tlsc_tun_intf, creation_leaks_no_control_socket) {
@@ -443,7 +454,8 @@ TEST_F(tlsc_tun_intf, busy_name_that_the_shell_would_read_is_not_given_to_it_but
         log_capture log;
         EXPECT_EQ(tlsc_tun_alloc(name, session.tun_fd), 0);
         EXPECT_TRUE(commands.empty()) << name;
-        EXPECT_EQ(log.messages().back(), std::string("IOCTL error[16] in setting tun interface ") + name + ", deleting the existing tun interface");
+        EXPECT_EQ(log.messages().back(), std::string("IOCTL error[16] in setting tun interface ") + name +
+                                             ", deleting the existing tun interface");
     }
 }
 
@@ -452,7 +464,8 @@ TEST_F(tlsc_tun_intf, busy_name_with_any_byte_but_letters_digits_dot_dash_and_un
     log_capture log;
     for (int byte = 1; byte < 256; ++byte) {
         const auto one   = static_cast<char>(byte);
-        const bool plain = (one >= '0' && one <= '9') || (one >= 'A' && one <= 'Z') || (one >= 'a' && one <= 'z') || one == '.' || one == '_' || one == '-';
+        const bool plain = (one >= '0' && one <= '9') || (one >= 'A' && one <= 'Z') || (one >= 'a' && one <= 'z') ||
+                           one == '.' || one == '_' || one == '-';
         for (const std::string &name : {std::string("tun") + one, std::string("t") + one + "n"}) {
             commands.clear();
             ioctl_faults = {{TUNSETIFF, EBUSY}};
@@ -463,8 +476,9 @@ TEST_F(tlsc_tun_intf, busy_name_with_any_byte_but_letters_digits_dot_dash_and_un
 }
 
 TEST_F(tlsc_tun_intf, busy_name_of_plain_characters_is_given_to_the_shell_in_full) {
-    const std::string longest = "Az09._-abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQ";  // longer than the 15 of a request
-    ioctl_faults              = {{TUNSETIFF, EBUSY}};
+    const std::string longest =
+        "Az09._-abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQ";  // longer than the 15 of a request
+    ioctl_faults = {{TUNSETIFF, EBUSY}};
     log_capture log;
     EXPECT_EQ(tlsc_tun_alloc(longest.c_str(), session.tun_fd), 0);
     EXPECT_EQ(commands, (std::vector<std::string>{"ip link delete " + longest + "  type tun"}));
@@ -494,7 +508,8 @@ TEST_F(tlsc_tun_intf, ioctl_outcomes_are_1_minus_1_or_the_errno) {
         int     error;
         int32_t result;
         bool    new_socket;
-    } const table[] = {{0, 1, false}, {EFAULT, -1, false}, {EBADF, -1, true}, {EINVAL, EINVAL, false}, {ENODEV, ENODEV, false}, {EPERM, 1, false}};
+    } const table[] = {{0, 1, false},           {EFAULT, -1, false},     {EBADF, -1, true},
+                       {EINVAL, EINVAL, false}, {ENODEV, ENODEV, false}, {EPERM, 1, false}};
     ifreq record{};
     strcpy(record.ifr_name, "lo");
     const int sock = __real_socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -543,8 +558,10 @@ TEST_F(tlsc_tun_intf, mtu_of_1500_is_accepted_and_1501_refused) {
     EXPECT_EQ(tlsc_set_tun_mtu("tunt", 1501), 0);
     EXPECT_EQ(tlsc_set_tun_mtu(nullptr, 1400), 0);
     EXPECT_EQ(mtu_of("tunt"), 1500);
-    expect_lines(log, {{"ERROR", "tlsc_set_tun_mtu", "Either dev_name ptr is NULL, or mtu size is greater than 1500. MTU received = 1501"},
-                       {"ERROR", "tlsc_set_tun_mtu", "Either dev_name ptr is NULL, or mtu size is greater than 1500. MTU received = 1400"}});
+    expect_lines(log, {{"ERROR", "tlsc_set_tun_mtu",
+                        "Either dev_name ptr is NULL, or mtu size is greater than 1500. MTU received = 1501"},
+                       {"ERROR", "tlsc_set_tun_mtu",
+                        "Either dev_name ptr is NULL, or mtu size is greater than 1500. MTU received = 1400"}});
 }
 
 TEST_F(tlsc_tun_intf, mtu_that_the_kernel_refuses_gives_its_errno) {
@@ -563,7 +580,8 @@ TEST_F(tlsc_tun_intf, mtu_failure_by_efault_announces_a_retry_that_does_not_come
     EXPECT_EQ(tlsc_set_tun_mtu("tunt", 1400), EFAULT);
     EXPECT_EQ(count_ioctls(SIOCSIFMTU), 1u);
     EXPECT_EQ(socket_types.size(), 1u);
-    expect_lines(log, {{"WARNING", "tlsc_set_tun_mtu", "Failed to set mtu size for interface Bad address due to tunt, Retrying to set mtu..."},
+    expect_lines(log, {{"WARNING", "tlsc_set_tun_mtu",
+                        "Failed to set mtu size for interface Bad address due to tunt, Retrying to set mtu..."},
                        {"ERROR", "tlsc_set_tun_mtu", "Failed to set mtu size for interface  tunt due to erro[14]"}});
 }
 
@@ -572,7 +590,8 @@ TEST_F(tlsc_tun_intf, mtu_warning_has_the_error_text_in_the_names_place_and_the_
     log_capture log;
     EXPECT_EQ(tlsc_set_tun_mtu("NAME", 1400), EFAULT);
     EXPECT_TRUE(is_log_line(log.lines().at(0), "WARNING", "tlsc_tun_intf.c", "tlsc_set_tun_mtu",
-                            std::string("Failed to set mtu size for interface ") + strerror(EFAULT) + " due to NAME, Retrying to set mtu..."));
+                            std::string("Failed to set mtu size for interface ") + strerror(EFAULT) +
+                                " due to NAME, Retrying to set mtu..."));
 }
 
 TEST_F(tlsc_tun_intf, mtu_failure_by_ebadf_makes_a_new_control_socket) {
@@ -581,8 +600,10 @@ TEST_F(tlsc_tun_intf, mtu_failure_by_ebadf_makes_a_new_control_socket) {
     {
         log_capture log;
         EXPECT_EQ(tlsc_set_tun_mtu("tunt", 1400), EBADF);
-        EXPECT_EQ(log.messages(), (std::vector<std::string>{"Failed to set mtu size for interface Bad file descriptor due to tunt, Retrying to set mtu...",
-                                                            "Failed to set mtu size for interface  tunt due to erro[9]"}));
+        EXPECT_EQ(log.messages(),
+                  (std::vector<std::string>{
+                      "Failed to set mtu size for interface Bad file descriptor due to tunt, Retrying to set mtu...",
+                      "Failed to set mtu size for interface  tunt due to erro[9]"}));
     }
     EXPECT_EQ(count_ioctls(SIOCSIFMTU), 1u);
     EXPECT_EQ(socket_types.size(), 2u);
@@ -632,7 +653,8 @@ TEST_F(tlsc_tun_intf, up_and_down_change_the_up_flag_only) {
     log.clear();
     socket_types.clear();
     EXPECT_EQ(tlsc_tun_up("tunt", 1), 1);
-    EXPECT_EQ(flags_of("tunt") & ~static_cast<unsigned>(IFF_RUNNING), (before | IFF_UP) & ~static_cast<unsigned>(IFF_RUNNING));
+    EXPECT_EQ(flags_of("tunt") & ~static_cast<unsigned>(IFF_RUNNING),
+              (before | IFF_UP) & ~static_cast<unsigned>(IFF_RUNNING));
     EXPECT_EQ(tlsc_tun_up("tunt", 0), 1);
     EXPECT_EQ(flags_of("tunt") & ~static_cast<unsigned>(IFF_RUNNING), before & ~static_cast<unsigned>(IFF_RUNNING));
     EXPECT_EQ(tlsc_tun_up("tunt", -3), 1) << "anything but zero is up";
@@ -660,8 +682,12 @@ TEST_F(tlsc_tun_intf, flags_that_cannot_be_read_or_written_use_the_same_texts) {
             {
                 log_capture log;
                 EXPECT_EQ(tlsc_tun_up("lo", 1), error);
-                expect_lines(log, {{"WARNING", "request_flags", std::string("Failed to get flags for interface lo due to ") + strerror(error) + ", Retrying to get flags..."},
-                                   {"ERROR", "request_flags", "Failed to get flags for interface  lo due to error[" + std::to_string(error) + "]"}});
+                expect_lines(log,
+                             {{"WARNING", "request_flags",
+                               std::string("Failed to get flags for interface lo due to ") + strerror(error) +
+                                   ", Retrying to get flags..."},
+                              {"ERROR", "request_flags",
+                               "Failed to get flags for interface  lo due to error[" + std::to_string(error) + "]"}});
             }
             EXPECT_EQ(count_ioctls(request), 1u) << "one pass";
             const size_t passes = request == SIOCGIFFLAGS ? 1 : 2;
@@ -791,7 +817,8 @@ TEST_F(tlsc_tun_intf, deletion_of_a_descriptor_that_epoll_does_not_know_goes_on)
     log_capture       log;
     const std::string fd = std::to_string(session.tun_fd);
     tlsc_tun_delete(&session, 0);
-    EXPECT_TRUE(log.has("ERROR", "tlsc_tun_intf.c", "tlsc_tun_delete", "Could not delete the tun-fd(" + fd + ") from epoll-list"));
+    EXPECT_TRUE(log.has("ERROR", "tlsc_tun_intf.c", "tlsc_tun_delete",
+                        "Could not delete the tun-fd(" + fd + ") from epoll-list"));
     EXPECT_EQ(session.tun_fd, -1);
     EXPECT_EQ(tlsc_stats_record.tun_freed, 1u);
 }
@@ -866,7 +893,9 @@ TEST_F(tlsc_tun_intf, address_is_assigned_without_a_netmask_request) {
     EXPECT_EQ(ipv4.sin_addr.s_addr, inet_addr("10.20.30.40"));
     ASSERT_EQ(ioctl_calls.size(), 1u);
     EXPECT_EQ(ioctl_calls[0].request, static_cast<unsigned long>(SIOCSIFADDR));
-    expect_lines(log, {{"INFO", "tlsc_add_tun_addr", "Successfully changed addr and netmask for Interface(tunt). Addr = " + stored_hex("10.20.30.40") + "u, Netmask: 255.255.255.0"}});
+    expect_lines(log, {{"INFO", "tlsc_add_tun_addr",
+                        "Successfully changed addr and netmask for Interface(tunt). Addr = " +
+                            stored_hex("10.20.30.40") + "u, Netmask: 255.255.255.0"}});
 }
 
 TEST_F(tlsc_tun_intf, address_with_prefix_length_0_only_warns_and_32_is_the_last_accepted) {
@@ -878,7 +907,8 @@ TEST_F(tlsc_tun_intf, address_with_prefix_length_0_only_warns_and_32_is_the_last
     EXPECT_TRUE(log.has("WARNING", "tlsc_tun_intf.c", "tlsc_add_tun_addr", "Prefix length is zero"));
     EXPECT_EQ(tlsc_add_tun_addr("tunt", &addr, 32), 1);
     EXPECT_EQ(tlsc_add_tun_addr("tunt", &addr, 33), 0);
-    EXPECT_TRUE(is_log_line(log.lines().back(), "ERROR", "tlsc_tun_intf.c", "tlsc_add_tun_addr", "Invalid Prefix length received: 33, which is greater than 32"));
+    EXPECT_TRUE(is_log_line(log.lines().back(), "ERROR", "tlsc_tun_intf.c", "tlsc_add_tun_addr",
+                            "Invalid Prefix length received: 33, which is greater than 32"));
 }
 
 TEST_F(tlsc_tun_intf, address_of_an_absent_interface_fails_and_eperm_is_no_success_here) {

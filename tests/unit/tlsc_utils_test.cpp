@@ -69,7 +69,7 @@ size_t checksum_position(const packet &bytes) { return header_length(bytes) + (b
 uint16_t transport_checksum(packet bytes) {
     const size_t header = header_length(bytes);
     put16(bytes, checksum_position(bytes), 0);
-    packet summed(bytes.begin() + 12, bytes.begin() + 20);
+    packet     summed(bytes.begin() + 12, bytes.begin() + 20);
     const auto length = static_cast<uint16_t>(bytes.size() - header);
     summed.insert(summed.end(), {0, bytes[9], static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length)});
     summed.insert(summed.end(), bytes.begin() + static_cast<long>(header), bytes.end());
@@ -208,8 +208,9 @@ TEST(tlsc_utils, repair_equals_recomputation_for_random_tcp_and_udp_packets) {
 
 TEST(tlsc_utils, repair_equals_recomputation_for_addresses_at_the_edges_of_the_arithmetic) {
     std::mt19937                              random(7);
-    const std::vector<std::array<uint8_t, 4>> edges{
-        {0, 0, 0, 0}, {255, 255, 255, 255}, {0, 0, 255, 255}, {255, 255, 0, 0}, {0, 1, 255, 254}, {128, 0, 127, 255}, {0, 0, 0, 1}};
+    const std::vector<std::array<uint8_t, 4>> edges{{0, 0, 0, 0},     {255, 255, 255, 255}, {0, 0, 255, 255},
+                                                    {255, 255, 0, 0}, {0, 1, 255, 254},     {128, 0, 127, 255},
+                                                    {0, 0, 0, 1}};
     for (uint8_t protocol : {IPPROTO_TCP, IPPROTO_UDP})
         for (size_t offset : {source, destination})
             for (const auto &from : edges)
@@ -443,7 +444,8 @@ TEST(tlsc_utils, insertion_without_memory_is_logged_and_leaves_the_list_alone) {
     EXPECT_EQ(result, 0);
     EXPECT_EQ(list.count, 0);
     EXPECT_EQ(list.head, nullptr);
-    EXPECT_TRUE(log.has("ERROR", "tlsc_utils.c", "tlsc_insert_element_to_list", "Memory allocation failed for list element"));
+    EXPECT_TRUE(
+        log.has("ERROR", "tlsc_utils.c", "tlsc_insert_element_to_list", "Memory allocation failed for list element"));
 }
 
 // ---- address records -------------------------------------------------------------------------------------------------
@@ -457,7 +459,8 @@ TEST(tlsc_utils, family_of_an_ipv4_text_is_1_and_of_an_ipv6_text_2) {
 }
 
 TEST(tlsc_utils, family_of_a_name_or_nonsense_is_0_and_no_name_is_looked_up) {
-    for (const char *text : {"localhost", "gateway.example", "", "256.1.1.1", "1.2.3.4.5", "2001:db8::g", "10.0.0.1/24"})
+    for (const char *text :
+         {"localhost", "gateway.example", "", "256.1.1.1", "1.2.3.4.5", "2001:db8::g", "10.0.0.1/24"})
         EXPECT_EQ(tlsc_addr_family(text), 0) << text;
     log_capture log;
     EXPECT_EQ(tlsc_addr_family(nullptr), 0);

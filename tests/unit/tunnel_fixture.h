@@ -87,11 +87,13 @@ protected:
         log.clear();
     }
     ~tunnel_test() override {
-        for (int32_t fd : {tlsc_timers.dpd, tlsc_timers.retry, tlsc_timers.rekey, tlsc_timers.fqdn, tlsc_timers.guard, tlsc_timers.backoff, tlsc_epoll_fd})
+        for (int32_t fd : {tlsc_timers.dpd, tlsc_timers.retry, tlsc_timers.rekey, tlsc_timers.fqdn, tlsc_timers.guard,
+                           tlsc_timers.backoff, tlsc_epoll_fd})
             if (fd > 0) close(fd);
         if (HasFailure()) return;  // its text stands between the lines
         for (const log_line &line : log.all_entries())
-            EXPECT_TRUE(is_known_log_line(line)) << line.severity << " [" << line.file << "] [" << line.function << "] " << line.message;
+            EXPECT_TRUE(is_known_log_line(line))
+                << line.severity << " [" << line.file << "] [" << line.function << "] " << line.message;
     }
 
     void open_epoll() {
@@ -171,7 +173,9 @@ protected:
     // True when a captured message from this function, with this severity, is like the pattern, as a whole.
     bool logged_like(const char *severity, const char *function, const std::string &pattern) const {
         for (const log_line &line : log.entries())
-            if (line.severity == severity && line.function == function && begins_like((line.message + '\x01').c_str(), (pattern + '\x01').c_str())) return true;
+            if (line.severity == severity && line.function == function &&
+                begins_like((line.message + '\x01').c_str(), (pattern + '\x01').c_str()))
+                return true;
         return false;
     }
 

@@ -58,9 +58,10 @@ TEST_F(wlc_conf, port_entry_sets_the_port_and_is_marked_as_consumed) {
 }
 
 TEST_F(wlc_conf, every_key_fills_its_own_field) {
-    write_file(conf_file, "server_ip_address;gw.example;1\nserver_port;443;1\nmanagement_ip;10.0.0.2;1\ninner_ip;1.1.1.1;1\n"
-                          "tun_interface_name;tun7;1\ncipher_algo;PSK-AES;1\npsk_identity;me;1\npsk_key;hush;1\n"
-                          "log_level;debug;1\nlog_dest;both;1\ndevice_id;D1;1\nserial_num;S1;1\nsystem_name;N1;1\n");
+    write_file(conf_file,
+               "server_ip_address;gw.example;1\nserver_port;443;1\nmanagement_ip;10.0.0.2;1\ninner_ip;1.1.1.1;1\n"
+               "tun_interface_name;tun7;1\ncipher_algo;PSK-AES;1\npsk_identity;me;1\npsk_key;hush;1\n"
+               "log_level;debug;1\nlog_dest;both;1\ndevice_id;D1;1\nserial_num;S1;1\nsystem_name;N1;1\n");
     EXPECT_EQ(wlcSecTunReadAllConf(), 1);
     EXPECT_STREQ(tlscWlcGetServerIpAddress(), "gw.example");
     EXPECT_EQ(tlscWlcGetServerPort(), 443);
@@ -72,13 +73,15 @@ TEST_F(wlc_conf, every_key_fills_its_own_field) {
     EXPECT_STREQ(tlscWlcGetDeviceId(), "D1");
     EXPECT_STREQ(tlscWlcGetSerialNum(), "S1");
     EXPECT_STREQ(tlscWlcGetSystemName(), "N1");
-    EXPECT_EQ(read_file(conf_file), "server_ip_address;gw.example;0\nserver_port;443;0\nmanagement_ip;10.0.0.2;0\ninner_ip;1.1.1.1;0\n"
-                                    "tun_interface_name;tun7;0\ncipher_algo;PSK-AES;0\npsk_identity;me;0\npsk_key;hush;0\n"
-                                    "log_level;debug;0\nlog_dest;both;0\ndevice_id;D1;0\nserial_num;S1;0\nsystem_name;N1;0\n");
+    EXPECT_EQ(read_file(conf_file),
+              "server_ip_address;gw.example;0\nserver_port;443;0\nmanagement_ip;10.0.0.2;0\ninner_ip;1.1.1.1;0\n"
+              "tun_interface_name;tun7;0\ncipher_algo;PSK-AES;0\npsk_identity;me;0\npsk_key;hush;0\n"
+              "log_level;debug;0\nlog_dest;both;0\ndevice_id;D1;0\nserial_num;S1;0\nsystem_name;N1;0\n");
 }
 
 TEST_F(wlc_conf, lines_that_are_no_entry_are_named_and_dropped) {
-    write_file(conf_file, "\n# a comment\n#device_id;no;1\n;;;\nlonely\ndevice_id;two-fields\nsystem_name;;1\ndevice_id;yes;1\n");
+    write_file(conf_file,
+               "\n# a comment\n#device_id;no;1\n;;;\nlonely\ndevice_id;two-fields\nsystem_name;;1\ndevice_id;yes;1\n");
     log_capture log;
     EXPECT_EQ(wlcSecTunReadAllConf(), 1);
     const std::vector<std::string> expected = {
@@ -181,8 +184,9 @@ TEST_F(wlc_conf, missing_file_ends_the_read_and_leaves_the_block) {
     wlcSecTunProcessConf("device_id", "kept");
     log_capture log;
     EXPECT_EQ(wlcSecTunReadAllConf(), 0);
-    EXPECT_TRUE(log.has("ERROR", source, read_all,
-                        "wlcSecTunReadAllConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+    EXPECT_TRUE(
+        log.has("ERROR", source, read_all,
+                "wlcSecTunReadAllConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
     EXPECT_STREQ(tlscWlcGetDeviceId(), "kept");
     EXPECT_FALSE(exists(temp_conf_file));
     EXPECT_TRUE(sleeps.empty());
@@ -193,8 +197,9 @@ TEST_F(wlc_conf, temporary_file_that_cannot_be_opened_ends_the_read) {
     ASSERT_EQ(mkdir(temp_conf_file, 0700), 0);
     log_capture log;
     EXPECT_EQ(wlcSecTunReadAllConf(), 0);
-    EXPECT_TRUE(log.has("ERROR", source, read_all,
-                        "wlcSecTunReadAllConf - Temp File open failed to read, returning, filename:/storage/application/wlc/wlc-sec-tun-temp.conf"));
+    EXPECT_TRUE(log.has(
+        "ERROR", source, read_all,
+        "wlcSecTunReadAllConf - Temp File open failed to read, returning, filename:/storage/application/wlc/wlc-sec-tun-temp.conf"));
     EXPECT_EQ(read_file(conf_file), "device_id;D1;1\n");
     EXPECT_STREQ(tlscWlcGetDeviceId(), "");
 }
@@ -209,7 +214,8 @@ TEST_F(wlc_conf, temporary_file_that_is_a_link_is_not_followed) {
 }
 
 TEST_F(wlc_conf, numbers_of_the_file_are_read_up_to_what_is_no_digit) {
-    const std::vector<std::pair<const char *, int32_t>> table{{" 8443x", 8443}, {"-1", -1}, {"+7", 7}, {"0x10", 0}, {"010", 10}, {"4294967297", 1}, {"\t9\t", 9}};
+    const std::vector<std::pair<const char *, int32_t>> table{
+        {" 8443x", 8443}, {"-1", -1}, {"+7", 7}, {"0x10", 0}, {"010", 10}, {"4294967297", 1}, {"\t9\t", 9}};
     for (const auto &[text, port] : table) {
         write_file(conf_file, std::string("server_port;") + text + ";1\n");
         EXPECT_EQ(wlcSecTunReadAllConf(), 1);
@@ -238,10 +244,12 @@ TEST_F(wlc_conf, malformed_files_harm_nothing_and_show_no_key) {
         {std::string(511, ' ') + good, "device_id;D1;0\n"},
         {std::string(510, '#') + "\n" + good, "device_id;D1;0\n"},
         {std::string(511, '#') + "#" + good + good, "device_id;D1;0\n"},
-        {"psk_key;" + std::string(600, 'h') + ";1;more\n" + good, "device_id;D1;0\n"},  // the rest of such a line is no entry
+        {"psk_key;" + std::string(600, 'h') + ";1;more\n" + good,
+         "device_id;D1;0\n"},  // the rest of such a line is no entry
         {"psk_key;" + std::string(1100, 'h') + ";hhhhhh;hhhhhh;1\n" + good, "device_id;D1;0\n"},
         {"psk_key;" + std::string(503, 'h') + "hhhhhh;2;1\n" + good, "device_id;D1;0\n"},
-        {"unknown;" + std::string(503, 'u') + "tail;2;1\n" + good, "tail;2;0\ndevice_id;D1;0\n"},  // that of any other is
+        {"unknown;" + std::string(503, 'u') + "tail;2;1\n" + good,
+         "tail;2;0\ndevice_id;D1;0\n"},  // that of any other is
     };
     for (size_t i = 0; i < table.size(); ++i) {
         log_capture log(LOG_BUF_PRINT);
@@ -273,7 +281,8 @@ TEST_F(wlc_conf, no_bytes_in_the_file_harm_the_client) {
             if ((state >> 8) % 37 == 0) text += "psk_key;";
             if ((state >> 8) % 41 == 0) text += "server_ip_address;";
             if ((state >> 8) % 43 == 0) text += "\nserver_port;";
-            if ((state >> 8) % 47 == 0) text += "\nserver_ip_address;" + std::string(60 + (state >> 20) % 10, 'v') + ";1\n";
+            if ((state >> 8) % 47 == 0)
+                text += "\nserver_ip_address;" + std::string(60 + (state >> 20) % 10, 'v') + ";1\n";
         }
         char value[512] = "";
         write_file(conf_file, text);
@@ -363,15 +372,17 @@ TEST_F(wlc_conf, leftover_readable_by_all_does_not_expose_the_key) {
 TEST_F(wlc_conf, full_disk_loses_no_entry) {
     ASSERT_EQ(mount("small", "/storage/application/wlc", "tmpfs", 0, "size=12k"), 0) << strerror(errno);
     std::string content;
-    for (int i = 0; i < 200; ++i) content += "entry_" + std::to_string(1000 + i) + ";value of some length;1\n";  // 6800 bytes
+    for (int i = 0; i < 200; ++i)
+        content += "entry_" + std::to_string(1000 + i) + ";value of some length;1\n";  // 6800 bytes
     write_file(conf_file, content);
     ASSERT_EQ(read_file(conf_file), content);
     {
         log_capture log;
         EXPECT_EQ(wlcSecTunReadAllConf(), 1);
-        EXPECT_TRUE(log.has("ERROR", source, read_all,
-                            "wlcSecTunReadAllConf() - Error [No space left on device] while Renaming file "
-                            "/storage/application/wlc/wlc-sec-tun-temp.conf to /storage/application/wlc/wlc-sec-tun.conf"));
+        EXPECT_TRUE(
+            log.has("ERROR", source, read_all,
+                    "wlcSecTunReadAllConf() - Error [No space left on device] while Renaming file "
+                    "/storage/application/wlc/wlc-sec-tun-temp.conf to /storage/application/wlc/wlc-sec-tun.conf"));
         EXPECT_EQ(read_file(conf_file), content);
         EXPECT_EQ(read_file(temp_conf_file), "");
         EXPECT_EQ(sleeps, std::vector<unsigned>{1});
@@ -442,7 +453,9 @@ TEST_F(wlc_conf, the_passes_for_one_key_name_and_drop_the_lines_that_are_no_entr
     for (const char *function : {update_one, read_one}) {
         write_file(conf_file, bad);
         log_capture log;
-        EXPECT_EQ(function == update_one ? wlcSecTunUpdateConf("server_port", "8") : wlcSecTunReadConf("server_port", value), 1);
+        EXPECT_EQ(function == update_one ? wlcSecTunUpdateConf("server_port", "8")
+                                         : wlcSecTunReadConf("server_port", value),
+                  1);
         EXPECT_EQ(log.count("DEBUG", source, function, "continue 1"), 2u);
         EXPECT_EQ(log.count("DEBUG", source, function, "continue 2"), 1u);
         EXPECT_EQ(log.count("DEBUG", source, function, "continue 3"), 2u);
@@ -453,9 +466,11 @@ TEST_F(wlc_conf, the_passes_for_one_key_name_and_drop_the_lines_that_are_no_entr
 }
 
 TEST_F(wlc_conf, flags_of_other_entries_are_written_back_as_numbers) {
-    write_file(conf_file, "a;1;7\nb;2;-3\nc;3;yes\nd;4; 12 \ne;5;" + std::string(62, '0') + "1\nf;6;" + std::string(63, '0') + "1\n");
+    write_file(conf_file, "a;1;7\nb;2;-3\nc;3;yes\nd;4; 12 \ne;5;" + std::string(62, '0') + "1\nf;6;" +
+                              std::string(63, '0') + "1\n");
     EXPECT_EQ(wlcSecTunUpdateConf("key", "v"), 1);
-    EXPECT_EQ(read_file(conf_file), "a;1;7\nb;2;-3\nc;3;0\nd;4;12\ne;5;1\nf;6;0\nkey;v;1\n");  // 63 characters of a flag count
+    EXPECT_EQ(read_file(conf_file),
+              "a;1;7\nb;2;-3\nc;3;0\nd;4;12\ne;5;1\nf;6;0\nkey;v;1\n");  // 63 characters of a flag count
 }
 
 TEST_F(wlc_conf, the_passes_for_one_key_need_a_file_that_can_be_written) {
@@ -467,12 +482,17 @@ TEST_F(wlc_conf, the_passes_for_one_key_need_a_file_that_can_be_written) {
         log_capture log;
         EXPECT_EQ(wlcSecTunUpdateConf("device_id", "D2"), 0);
         EXPECT_EQ(wlcSecTunReadConf("device_id", value), 0);
-        EXPECT_TRUE(log.has("ERROR", source, update_one, "wlcSecTunUpdateConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
-        EXPECT_TRUE(log.has("ERROR", source, read_one, "wlcSecTunReadConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+        EXPECT_TRUE(log.has(
+            "ERROR", source, update_one,
+            "wlcSecTunUpdateConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+        EXPECT_TRUE(
+            log.has("ERROR", source, read_one,
+                    "wlcSecTunReadConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
         EXPECT_EQ(wlcSecTunReadAllConf(), 1);  // opens it for reading; only the rename fails
-        EXPECT_TRUE(log.has("ERROR", source, read_all,
-                            "wlcSecTunReadAllConf() - Error [Device or resource busy] while Renaming file "
-                            "/storage/application/wlc/wlc-sec-tun-temp.conf to /storage/application/wlc/wlc-sec-tun.conf"));
+        EXPECT_TRUE(
+            log.has("ERROR", source, read_all,
+                    "wlcSecTunReadAllConf() - Error [Device or resource busy] while Renaming file "
+                    "/storage/application/wlc/wlc-sec-tun-temp.conf to /storage/application/wlc/wlc-sec-tun.conf"));
     }
     EXPECT_EQ(umount(conf_file), 0);
     EXPECT_STREQ(value, "untouched");
@@ -485,7 +505,8 @@ TEST_F(wlc_conf, update_of_a_missing_key_appends_it) {
     EXPECT_EQ(wlcSecTunUpdateConf("server_port", "8443"), 1);
     EXPECT_EQ(read_file(conf_file), "device_id;D1;0\nserver_port;8443;1\n");
     EXPECT_TRUE(log.has("DEBUG", source, update_one, "continue 1"));
-    EXPECT_TRUE(log.has("DEBUG", source, update_one, "wlcSecTunUpdateConf() - new entry added for key:server_port, data:8443"));
+    EXPECT_TRUE(
+        log.has("DEBUG", source, update_one, "wlcSecTunUpdateConf() - new entry added for key:server_port, data:8443"));
 }
 
 TEST_F(wlc_conf, update_takes_every_entry_whose_key_begins_with_the_given_one) {
@@ -499,17 +520,23 @@ TEST_F(wlc_conf, update_and_read_of_one_key_report_files_that_do_not_open) {
     log_capture log;
     EXPECT_EQ(wlcSecTunUpdateConf("device_id", "D1"), 0);
     EXPECT_EQ(wlcSecTunReadConf("device_id", value), 0);
-    EXPECT_TRUE(log.has("ERROR", source, update_one, "wlcSecTunUpdateConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
-    EXPECT_TRUE(log.has("ERROR", source, read_one, "wlcSecTunReadConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+    EXPECT_TRUE(
+        log.has("ERROR", source, update_one,
+                "wlcSecTunUpdateConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+    EXPECT_TRUE(
+        log.has("ERROR", source, read_one,
+                "wlcSecTunReadConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
 
     write_file(conf_file, "device_id;D0;0\n");
     ASSERT_EQ(mkdir(temp_conf_file, 0700), 0);
     EXPECT_EQ(wlcSecTunUpdateConf("device_id", "D1"), 0);
     EXPECT_EQ(wlcSecTunReadConf("device_id", value), 0);
-    EXPECT_TRUE(log.has("ERROR", source, update_one,
-                        "wlcSecTunUpdateConf - Temp File open failed to read, returning, filename:/storage/application/wlc/wlc-sec-tun-temp.conf"));
-    EXPECT_TRUE(log.has("ERROR", source, read_one,
-                        "wlcSecTunReadConf - Temp File open failed to read, returning, filename:/storage/application/wlc/wlc-sec-tun-temp.conf"));
+    EXPECT_TRUE(log.has(
+        "ERROR", source, update_one,
+        "wlcSecTunUpdateConf - Temp File open failed to read, returning, filename:/storage/application/wlc/wlc-sec-tun-temp.conf"));
+    EXPECT_TRUE(log.has(
+        "ERROR", source, read_one,
+        "wlcSecTunReadConf - Temp File open failed to read, returning, filename:/storage/application/wlc/wlc-sec-tun-temp.conf"));
     EXPECT_STREQ(value, "untouched");
     EXPECT_EQ(read_file(conf_file), "device_id;D0;0\n");
 }
@@ -521,8 +548,9 @@ TEST_F(wlc_conf, update_and_read_of_one_key_log_a_failed_rename) {
     log_capture log;
     EXPECT_EQ(wlcSecTunUpdateConf("device_id", "D1"), 1);
     EXPECT_EQ(wlcSecTunReadConf("device_id", value), 1);
-    const std::string rest = "() - Error [No such file or directory] while Renaming file "
-                             "/storage/application/wlc/wlc-sec-tun-temp.conf to /storage/application/wlc/wlc-sec-tun.conf";
+    const std::string rest =
+        "() - Error [No such file or directory] while Renaming file "
+        "/storage/application/wlc/wlc-sec-tun-temp.conf to /storage/application/wlc/wlc-sec-tun.conf";
     EXPECT_TRUE(log.has("ERROR", source, update_one, update_one + rest));
     EXPECT_TRUE(log.has("ERROR", source, read_one, read_one + rest));
     EXPECT_EQ(read_file(conf_file), "device_id;D0;0\n");
@@ -580,15 +608,18 @@ TEST_F(wlc_conf, update_and_read_of_one_key_refuse_null_arguments) {
 // ---- the parameter block ------------------------------------------------------------------------------------------
 
 TEST_F(wlc_conf, clear_keeps_serial_number_and_system_name_only) {
-    for (const char *key : {"server_ip_address", "management_ip", "inner_ip", "tun_interface_name", "cipher_algo", "psk_identity",
-                            "psk_key", "log_level", "log_dest", "device_id", "serial_num", "system_name"})
+    for (const char *key :
+         {"server_ip_address", "management_ip", "inner_ip", "tun_interface_name", "cipher_algo", "psk_identity",
+          "psk_key", "log_level", "log_dest", "device_id", "serial_num", "system_name"})
         wlcSecTunProcessConf(key, "set");
     wlcSecTunProcessConf("server_port", "1");
     log_capture log;
     EXPECT_EQ(tlscWlcClearCfgParams(), 1);
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcClearCfgParams", "tlscWlcClearCfgParams - clearing all config params"));
-    for (const char *value : {tlscWlcGetServerIpAddress(), tlscWlcGetManagementIp(), tlscWlcGetTunInterfaceName(), tlscWlcGetCipherAlgo(),
-                              tlscWlcGetPskIdentity(), tlscWlcGetPskKey(), tlscWlcGetDeviceId()})
+    EXPECT_TRUE(
+        log.has("DEBUG", source, "tlscWlcClearCfgParams", "tlscWlcClearCfgParams - clearing all config params"));
+    for (const char *value :
+         {tlscWlcGetServerIpAddress(), tlscWlcGetManagementIp(), tlscWlcGetTunInterfaceName(), tlscWlcGetCipherAlgo(),
+          tlscWlcGetPskIdentity(), tlscWlcGetPskKey(), tlscWlcGetDeviceId()})
         EXPECT_STREQ(value, "");
     EXPECT_EQ(tlscWlcGetServerPort(), 0);
     EXPECT_STREQ(tlscWlcGetSerialNum(), "set");
@@ -596,7 +627,10 @@ TEST_F(wlc_conf, clear_keeps_serial_number_and_system_name_only) {
     // Level and destination have no getter; the text that announces them shows both.
     log.clear();
     tlscWlcSetDebugParams();
-    EXPECT_EQ(log.messages(), std::vector<std::string>{"tlscWlcSetDebugParams() - On TLS Client, setting TLSC debug parameters message, level:, destination:"});
+    EXPECT_EQ(
+        log.messages(),
+        std::vector<std::string>{
+            "tlscWlcSetDebugParams() - On TLS Client, setting TLSC debug parameters message, level:, destination:"});
 }
 
 TEST_F(wlc_conf, defaults_of_the_configuration_record_leave_the_block_alone) {
@@ -618,12 +652,16 @@ TEST_F(wlc_conf, key_text_is_never_printed) {
         log_capture log(LOG_BUF_PRINT);
         char        value[512];
         const auto  fresh_file = [&] {
-            write_file(conf_file, "# psk_key;hush-comment;0\npsk_key;hush-file;1\npsk_key;hush-short\n psk_key;hush-blank;1\npsk_key;" + long_key + ";1\n");
+            write_file(
+                 conf_file,
+                 "# psk_key;hush-comment;0\npsk_key;hush-file;1\npsk_key;hush-short\n psk_key;hush-blank;1\npsk_key;" +
+                     long_key + ";1\n");
         };
         fresh_file();
         EXPECT_EQ(wlcSecTunReadAllConf(), 1);
         EXPECT_STREQ(tlscWlcGetPskKey(), "hush-file");
-        EXPECT_TRUE(log.contains("wlcSecTunProcessConf() - On TLS Client received key value pair Key:psk_key,value:***"));
+        EXPECT_TRUE(
+            log.contains("wlcSecTunProcessConf() - On TLS Client received key value pair Key:psk_key,value:***"));
         for (const char *key : {"psk_key", "psk", "p", "", "psk_key_x", "device_id"}) {
             fresh_file();
             EXPECT_EQ(wlcSecTunReadConf(key, value), 1);
@@ -655,14 +693,21 @@ TEST_F(wlc_conf, lines_follow_the_two_transport_flags) {
     tlscWlcIpcEventDbg = 1;
     log_capture log(LOG_ERRORS);
     EXPECT_EQ(wlcSecTunReadAllConf(), 1);
-    EXPECT_EQ(log.count_plain("EVENT", plain_path, "wlcSecTunReadAllConf - TLS Client process, reading all the configuration"), 1u);
+    EXPECT_EQ(log.count_plain("EVENT", plain_path,
+                              "wlcSecTunReadAllConf - TLS Client process, reading all the configuration"),
+              1u);
     unlink(conf_file);
     EXPECT_EQ(wlcSecTunReadAllConf(), 0);
-    EXPECT_TRUE(log.has("ERROR", source, read_all, "wlcSecTunReadAllConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
+    EXPECT_TRUE(
+        log.has("ERROR", source, read_all,
+                "wlcSecTunReadAllConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"));
     log.clear();
     tlscWlcIpcEventDbg = 0;
     tlscWlcIpcErrDbg   = 1;
     EXPECT_EQ(wlcSecTunReadAllConf(), 0);
     ASSERT_EQ(log.entries().size(), 1u);
-    EXPECT_EQ(log.count_plain("ERROR", plain_path, "wlcSecTunReadAllConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"), 1u);
+    EXPECT_EQ(log.count_plain(
+                  "ERROR", plain_path,
+                  "wlcSecTunReadAllConf - File open failed, returning, file:/storage/application/wlc/wlc-sec-tun.conf"),
+              1u);
 }

@@ -25,9 +25,9 @@ constexpr char conf_file[]        = "/storage/application/wlc/wlc-sec-tun.conf";
 constexpr char temp_conf_file[]   = "/storage/application/wlc/wlc-sec-tun-temp.conf";
 constexpr char bootup_flag_file[] = "/storage/application/wlc/sectun-bootup-dbg.flag";
 
-constexpr size_t message_size  = 520;
-constexpr size_t payload_at    = 8;   // offset of the payload, of an info message's type
-constexpr size_t info_body_at  = 16;  // offset of an info message's body
+constexpr size_t message_size = 520;
+constexpr size_t payload_at   = 8;   // offset of the payload, of an info message's type
+constexpr size_t info_body_at = 16;  // offset of an info message's body
 
 using wire_message = std::string;  // 520 bytes
 
@@ -41,7 +41,9 @@ number number_at(const wire_message &bytes, size_t offset) {
 inline uint32_t id_of(const wire_message &bytes) { return number_at<uint32_t>(bytes, 0); }
 
 // The text at offset, up to its NUL.
-inline std::string text_at(const wire_message &bytes, size_t offset) { return bytes.substr(offset, bytes.find('\0', offset) - offset); }
+inline std::string text_at(const wire_message &bytes, size_t offset) {
+    return bytes.substr(offset, bytes.find('\0', offset) - offset);
+}
 
 // A message with this identifier and the payload's first bytes; the rest is zero.
 inline wire_message make_message(uint32_t id, const std::string &payload = "") {
@@ -97,7 +99,7 @@ protected:
     std::vector<wire_message> received() {
         std::vector<wire_message> messages;
         for (;;) {
-            wire_message       bytes(message_size, '\xff');
+            wire_message  bytes(message_size, '\xff');
             const ssize_t got = read(reader_, bytes.data(), bytes.size());
             if (got <= 0) return messages;
             bytes.resize(static_cast<size_t>(got));

@@ -62,7 +62,7 @@ int __wrap_open(const char *path, int flags, ...) {
         return last_inbound_fd = __real_open(path, flags);
     }
     if (strcmp(path, from_client_fifo) == 0 && (flags & O_ACCMODE) == O_WRONLY) {
-        outbound_flags = flags;
+        outbound_flags          = flags;
         return last_outbound_fd = __real_open(path, flags);
     }
     return __real_open(path, flags, mode);
@@ -115,7 +115,8 @@ protected:
 TEST_F(wlc_fifo, clean_up_before_any_start_has_nothing_to_close) {
     log_capture log;
     EXPECT_EQ(tlscWlcCleanUp(), 1);
-    EXPECT_EQ(log.messages(), (std::vector<std::string>{"tlscWlcCleanUp()", "tlscWlcIpcCleanup() - on TLS Client FIFO cleanup "}));
+    EXPECT_EQ(log.messages(),
+              (std::vector<std::string>{"tlscWlcCleanUp()", "tlscWlcIpcCleanup() - on TLS Client FIFO cleanup "}));
 }
 
 // ---- the inbound FIFO ---------------------------------------------------------------------------------------------
@@ -151,7 +152,8 @@ TEST_F(wlc_fifo, existing_fifo_is_taken_as_it_is) {
     ASSERT_EQ(mkfifo(to_client_fifo, 0600), 0);
     log_capture log;
     EXPECT_EQ(openWlcToTlscFifo(), 1);
-    EXPECT_TRUE(log.has("DEBUG", source, "openWlcToTlscFifo", "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO success"));
+    EXPECT_TRUE(log.has("DEBUG", source, "openWlcToTlscFifo",
+                        "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO success"));
     struct stat st {};
     ASSERT_EQ(stat(to_client_fifo, &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0600u);
@@ -172,7 +174,9 @@ TEST_F(wlc_fifo, whatever_already_bears_the_name_of_the_inbound_fifo_will_do) {
     ASSERT_EQ(mkdir(to_client_fifo, 0700), 0);
     EXPECT_EQ(openWlcToTlscFifo(), 1);
     EXPECT_EQ(readFromTlscFifo(), 0);
-    EXPECT_EQ(log.count("DEBUG", source, "openWlcToTlscFifo", "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO success"), 2u);
+    EXPECT_EQ(log.count("DEBUG", source, "openWlcToTlscFifo",
+                        "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO success"),
+              2u);
 }
 
 TEST_F(wlc_fifo, link_in_the_place_of_the_inbound_fifo_is_not_followed) {
@@ -180,8 +184,9 @@ TEST_F(wlc_fifo, link_in_the_place_of_the_inbound_fifo_is_not_followed) {
     ASSERT_EQ(symlink("/tmp/elsewhere", to_client_fifo), 0);
     log_capture log;
     EXPECT_EQ(openWlcToTlscFifo(), 0);
-    EXPECT_TRUE(log.has("ERROR", source, "openWlcToTlscFifo",
-                        "openWlcToTlscFifo() - Open /tmp/wlc-to-tlsc-fifo FIFO failed in O_RDONLY | O_NONBLOCK mode error:Too many levels of symbolic links"));
+    EXPECT_TRUE(log.has(
+        "ERROR", source, "openWlcToTlscFifo",
+        "openWlcToTlscFifo() - Open /tmp/wlc-to-tlsc-fifo FIFO failed in O_RDONLY | O_NONBLOCK mode error:Too many levels of symbolic links"));
     unlink("/tmp/elsewhere");
 }
 
@@ -189,7 +194,8 @@ TEST_F(wlc_fifo, fifo_that_cannot_be_created_is_reported) {
     mkfifo_error = EACCES;
     log_capture log;
     EXPECT_EQ(openWlcToTlscFifo(), 0);
-    EXPECT_TRUE(log.has("ERROR", source, "openWlcToTlscFifo", "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO failed, error:Permission denied"));
+    EXPECT_TRUE(log.has("ERROR", source, "openWlcToTlscFifo",
+                        "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO failed, error:Permission denied"));
     EXPECT_EQ(at_exit, nullptr);
     EXPECT_EQ(readFromTlscFifo(), 0);
 }
@@ -198,8 +204,9 @@ TEST_F(wlc_fifo, fifo_that_cannot_be_opened_is_reported) {
     inbound_open_error = EMFILE;
     log_capture log;
     EXPECT_EQ(openWlcToTlscFifo(), 0);
-    EXPECT_TRUE(log.has("ERROR", source, "openWlcToTlscFifo",
-                        "openWlcToTlscFifo() - Open /tmp/wlc-to-tlsc-fifo FIFO failed in O_RDONLY | O_NONBLOCK mode error:Too many open files"));
+    EXPECT_TRUE(log.has(
+        "ERROR", source, "openWlcToTlscFifo",
+        "openWlcToTlscFifo() - Open /tmp/wlc-to-tlsc-fifo FIFO failed in O_RDONLY | O_NONBLOCK mode error:Too many open files"));
     EXPECT_EQ(readFromTlscFifo(), 0);
 }
 
@@ -207,7 +214,8 @@ TEST_F(wlc_fifo, refused_exit_handler_is_reported_and_the_fifo_opened_all_the_sa
     atexit_result = -1;
     log_capture log;
     EXPECT_EQ(openWlcToTlscFifo(), 1);
-    EXPECT_TRUE(log.has("ERROR", source, "openWlcToTlscFifo", "openWlcToTlscFifo() - Install delete FIFO handler failed"));
+    EXPECT_TRUE(
+        log.has("ERROR", source, "openWlcToTlscFifo", "openWlcToTlscFifo() - Install delete FIFO handler failed"));
 }
 
 // ---- reading ------------------------------------------------------------------------------------------------------
@@ -230,8 +238,10 @@ TEST_F(wlc_fifo, whole_message_is_read_and_logged) {
     EXPECT_EQ(readFromTlscFifo(), 1);
     EXPECT_EQ(readFromTlscFifo(), 1);
     EXPECT_EQ(readFromTlscFifo(), 0);
-    EXPECT_TRUE(log.has("DEBUG", source, "readFromTlscFifo", "readFromTlscFifo() -on TLS client proc, read success,Rcvd message, msgId=29"));
-    EXPECT_TRUE(log.has("DEBUG", source, "readFromTlscFifo", "readFromTlscFifo() -on TLS client proc, read success,Rcvd message, msgId=-2"));
+    EXPECT_TRUE(log.has("DEBUG", source, "readFromTlscFifo",
+                        "readFromTlscFifo() -on TLS client proc, read success,Rcvd message, msgId=29"));
+    EXPECT_TRUE(log.has("DEBUG", source, "readFromTlscFifo",
+                        "readFromTlscFifo() -on TLS client proc, read success,Rcvd message, msgId=-2"));
     EXPECT_EQ(log.entries().size(), 2u);
 }
 
@@ -262,7 +272,8 @@ TEST_F(wlc_fifo, pieces_of_any_other_length_are_lost_silently_up_to_the_next_mes
         log.clear();
         send(make_message(35));
         EXPECT_EQ(readFromTlscFifo(), 1) << entry.size;
-        EXPECT_TRUE(log.has("DEBUG", source, "readFromTlscFifo", "readFromTlscFifo() -on TLS client proc, read success,Rcvd message, msgId=35"));
+        EXPECT_TRUE(log.has("DEBUG", source, "readFromTlscFifo",
+                            "readFromTlscFifo() -on TLS client proc, read success,Rcvd message, msgId=35"));
     }
 }
 
@@ -279,7 +290,8 @@ TEST_F(wlc_fifo, posted_message_is_520_bytes_of_id_and_zeroes) {
     ASSERT_EQ(got[0].size(), 520u);
     EXPECT_EQ(got[0].substr(0, 4), std::string("\x1b\0\0\0", 4));
     EXPECT_EQ(got[0].substr(4), std::string(516, '\0'));
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscPostMsgToWlc", "tlscPostMsgToWlc() - msgid:WLC_SEC_TUN_MSG_TLSC_GW_FQDN_REQ "));
+    EXPECT_TRUE(
+        log.has("DEBUG", source, "tlscPostMsgToWlc", "tlscPostMsgToWlc() - msgid:WLC_SEC_TUN_MSG_TLSC_GW_FQDN_REQ "));
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWriteToWLC", "tlscWriteToWLC() "));
     EXPECT_EQ(log.entries().size(), 2u);
 }
@@ -295,16 +307,20 @@ TEST_F(wlc_fifo, sending_never_waits_and_is_not_inherited) {
 TEST_F(wlc_fifo, message_for_a_controller_that_is_not_there_is_dropped_with_one_error) {
     log_capture log;
     EXPECT_EQ(tlscPostMsgToWlc(1), 0);
-    EXPECT_EQ(log.count("ERROR", source, "tlscWriteToWLC",
-                        "tlscWriteToWLC() - on TLS Client proc, Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode error:No such file or directory"),
-              1u);
+    EXPECT_EQ(
+        log.count(
+            "ERROR", source, "tlscWriteToWLC",
+            "tlscWriteToWLC() - on TLS Client proc, Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode error:No such file or directory"),
+        1u);
     log.clear();
 
     ASSERT_EQ(mkfifo(from_client_fifo, 0600), 0);  // there, but nobody reads
     EXPECT_EQ(tlscPostMsgToWlc(1), 0);
-    EXPECT_EQ(log.count("ERROR", source, "tlscWriteToWLC",
-                        "tlscWriteToWLC() - on TLS Client proc, Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode error:No such device or address"),
-              1u);
+    EXPECT_EQ(
+        log.count(
+            "ERROR", source, "tlscWriteToWLC",
+            "tlscWriteToWLC() - on TLS Client proc, Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode error:No such device or address"),
+        1u);
     EXPECT_EQ(log.entries().size(), 3u);
 }
 
@@ -324,9 +340,10 @@ TEST_F(wlc_fifo, full_fifo_drops_the_message_and_keeps_the_earlier_ones_whole) {
     {
         log_capture log(LOG_ERRORS);
         while (sent < 200 && tlscPostMsgToWlc(23) == 1) ++sent;
-        EXPECT_TRUE(log.has("ERROR", source, "tlscWriteToWLC",
-                            "tlscWriteToWLC() - on TLS Client, Error writing to FIFO /tmp/tlsc-to-wlc-fifo, msgId=23, num bytes written:-1, "
-                            "num bytes to be written:520, error:Resource temporarily unavailable"));
+        EXPECT_TRUE(log.has(
+            "ERROR", source, "tlscWriteToWLC",
+            "tlscWriteToWLC() - on TLS Client, Error writing to FIFO /tmp/tlsc-to-wlc-fifo, msgId=23, num bytes written:-1, "
+            "num bytes to be written:520, error:Resource temporarily unavailable"));
     }
     const std::vector<wire_message> got = received();
     EXPECT_GT(sent, 0u);
@@ -340,15 +357,17 @@ TEST_F(wlc_fifo, short_and_failed_writes_are_reported_and_not_retried) {
     log_capture log;
     written_instead = 519;
     EXPECT_EQ(tlscPostMsgToWlc(24), 0);
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWriteToWLC",
-                        "tlscWriteToWLC() - on TLS Client, Error writing to FIFO /tmp/tlsc-to-wlc-fifo, msgId=24, num bytes written:519, "
-                        "num bytes to be written:520, error:Success"));
+    EXPECT_TRUE(log.has(
+        "ERROR", source, "tlscWriteToWLC",
+        "tlscWriteToWLC() - on TLS Client, Error writing to FIFO /tmp/tlsc-to-wlc-fifo, msgId=24, num bytes written:519, "
+        "num bytes to be written:520, error:Success"));
     EXPECT_EQ(fcntl(last_outbound_fd, F_GETFD), -1);
     written_instead = -1;
     EXPECT_EQ(tlscPostMsgToWlc(24), 0);
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWriteToWLC",
-                        "tlscWriteToWLC() - on TLS Client, Error writing to FIFO /tmp/tlsc-to-wlc-fifo, msgId=24, num bytes written:-1, "
-                        "num bytes to be written:520, error:Broken pipe"));
+    EXPECT_TRUE(log.has(
+        "ERROR", source, "tlscWriteToWLC",
+        "tlscWriteToWLC() - on TLS Client, Error writing to FIFO /tmp/tlsc-to-wlc-fifo, msgId=24, num bytes written:-1, "
+        "num bytes to be written:520, error:Broken pipe"));
     EXPECT_EQ(fcntl(last_outbound_fd, F_GETFD), -1);
     const std::vector<wire_message> got = received();
     ASSERT_EQ(got.size(), 1u);
@@ -364,8 +383,9 @@ TEST_F(wlc_fifo, failed_close_after_sending_is_reported_and_the_message_counts_a
     EXPECT_EQ(tlscPostMsgToWlc(24), 1);
     refused_close = -1;
     EXPECT_EQ(last_outbound_fd, next);
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWriteToWLC",
-                        "tlscWriteToWLC() - on TLS Client, close /tmp/tlsc-to-wlc-fifo FIFO failed, error:Input/output error "));
+    EXPECT_TRUE(log.has(
+        "ERROR", source, "tlscWriteToWLC",
+        "tlscWriteToWLC() - on TLS Client, close /tmp/tlsc-to-wlc-fifo FIFO failed, error:Input/output error "));
     close(next);
     EXPECT_EQ(received().size(), 1u);
 }
@@ -389,7 +409,8 @@ TEST_F(wlc_fifo, messages_of_two_threads_do_not_mix) {
     two.join();
     const std::vector<wire_message> got = received();
     EXPECT_EQ(got.size(), 80u);
-    for (const wire_message &bytes : got) EXPECT_TRUE(bytes == wire_message(520, '\x11') || bytes == wire_message(520, '\x22'));
+    for (const wire_message &bytes : got)
+        EXPECT_TRUE(bytes == wire_message(520, '\x11') || bytes == wire_message(520, '\x22'));
 }
 
 // ---- start and end ------------------------------------------------------------------------------------------------
@@ -420,7 +441,8 @@ TEST_F(wlc_fifo, init_succeeds_and_greets_without_its_fifo_and_without_a_control
     {
         log_capture log;
         EXPECT_EQ(tlscWlcInit(), 1);
-        EXPECT_TRUE(log.contains("openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO failed, error:No space left on device"));
+        EXPECT_TRUE(log.contains(
+            "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO failed, error:No space left on device"));
         EXPECT_TRUE(log.contains("mode error:No such file or directory"));
     }
     listen();
@@ -452,9 +474,11 @@ TEST_F(wlc_fifo, boot_flag_file_sends_every_line_to_the_plain_path) {
     EXPECT_EQ(tlscWlcIpcEventDbg, 1);
     EXPECT_EQ(tlscWlcIpcErrDbg, 1);
     EXPECT_EQ(log.count_plain("EVENT", plain_path, "TLS Client: WLC initialization"), 1u);
-    EXPECT_EQ(log.count_plain("ERROR", plain_path,
-                              "tlscWriteToWLC() - on TLS Client proc, Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode error:No such file or directory"),
-              1u);
+    EXPECT_EQ(
+        log.count_plain(
+            "ERROR", plain_path,
+            "tlscWriteToWLC() - on TLS Client proc, Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode error:No such file or directory"),
+        1u);
     for (const log_line &line : log.entries()) EXPECT_TRUE(line.plain) << line.message;
 }
 
@@ -481,26 +505,30 @@ TEST_F(wlc_fifo, lines_follow_their_own_flags) {
     };
     using texts = std::set<std::string>;
     EXPECT_EQ(plain_lines(tlscWlcIpcEventDbg),
-              (texts{"TLS Client: WLC initialization", "openWlcToTlscFifo():", "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO success",
+              (texts{"TLS Client: WLC initialization",
+                     "openWlcToTlscFifo():", "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO success",
                      "openWlcToTlscFifo() - Open /tmp/wlc-to-tlsc-fifo FIFO in O_RDONLY | O_NONBLOCK mode success",
                      "TLS Client is up and running, posting HELLO message to WLC"}));
     EXPECT_EQ(plain_lines(tlscWlcMsgEventDbg),
               (texts{"tlscPostMsgToWlc() - msgid:WLC_SEC_TUN_MSG_HELLO ", "tlscWriteToWLC() ",
                      "readFromTlscFifo() -on TLS client proc, read success,Rcvd message, msgId=1", "tlscWlcCleanUp()",
-                     "tlscWlcIpcCleanup() - on TLS Client FIFO cleanup ", "tlscWlcIpcCleanup() - close /tmp/wlc-to-tlsc-fifo FIFO success",
-                     "Cleanup TLS Client WLC FIFO"}));
-    EXPECT_EQ(plain_lines(tlscWlcIpcErrDbg),
-              (texts{"openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO failed,", "tlscWlcDelFifo() - unlink failed"}));
-    EXPECT_EQ(plain_lines(tlscWlcMsgErrDbg),
-              (texts{"tlscWriteToWLC() - on TLS Client proc, Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode"}));
+                     "tlscWlcIpcCleanup() - on TLS Client FIFO cleanup ",
+                     "tlscWlcIpcCleanup() - close /tmp/wlc-to-tlsc-fifo FIFO success", "Cleanup TLS Client WLC FIFO"}));
+    EXPECT_EQ(plain_lines(tlscWlcIpcErrDbg), (texts{"openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO failed,",
+                                                    "tlscWlcDelFifo() - unlink failed"}));
+    EXPECT_EQ(
+        plain_lines(tlscWlcMsgErrDbg),
+        (texts{
+            "tlscWriteToWLC() - on TLS Client proc, Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode"}));
 }
 
-TEST_F(wlc_fifo, errors_of_set_up_and_removal_follow_the_transport_flag_and_those_of_sending_and_closing_the_message_flag) {
+TEST_F(wlc_fifo,
+       errors_of_set_up_and_removal_follow_the_transport_flag_and_those_of_sending_and_closing_the_message_flag) {
     listen();
     const auto plain_errors = [&](std::atomic<int32_t> &flag) {
         log_capture log(LOG_ERRORS);
-        flag               = 1;
-        mkfifo_error       = EACCES;
+        flag         = 1;
+        mkfifo_error = EACCES;
         (void)openWlcToTlscFifo();
         mkfifo_error       = 0;
         atexit_result      = -1;
@@ -559,7 +587,8 @@ TEST_F(wlc_fifo, clean_up_closes_the_inbound_fifo_once) {
     EXPECT_EQ(fcntl(inbound, F_GETFD), -1);
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcCleanUp", "tlscWlcCleanUp()"));
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcIpcCleanup", "tlscWlcIpcCleanup() - on TLS Client FIFO cleanup "));
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcIpcCleanup", "tlscWlcIpcCleanup() - close /tmp/wlc-to-tlsc-fifo FIFO success"));
+    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcIpcCleanup",
+                        "tlscWlcIpcCleanup() - close /tmp/wlc-to-tlsc-fifo FIFO success"));
     log.clear();
     EXPECT_EQ(tlscWlcIpcCleanup(), 1);
     EXPECT_EQ(log.messages(), std::vector<std::string>{"tlscWlcIpcCleanup() - on TLS Client FIFO cleanup "});
@@ -571,7 +600,8 @@ TEST_F(wlc_fifo, failed_close_is_reported_and_keeps_the_descriptor) {
     log_capture log;
     refused_close = last_inbound_fd;
     EXPECT_EQ(tlscWlcCleanUp(), 0);
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcIpcCleanup", "tlscWlcIpcCleanup() - close /tmp/wlc-to-tlsc-fifo FIFO failed "));
+    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcIpcCleanup",
+                        "tlscWlcIpcCleanup() - close /tmp/wlc-to-tlsc-fifo FIFO failed "));
     refused_close = -1;
     send(make_message(1));
     EXPECT_EQ(readFromTlscFifo(), 1);
@@ -588,7 +618,8 @@ TEST_F(wlc_fifo, delete_removes_the_inbound_fifo_and_reports_a_missing_one) {
     EXPECT_EQ(log.messages(), std::vector<std::string>{"Cleanup TLS Client WLC FIFO"});
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcDelFifo", "Cleanup TLS Client WLC FIFO"));
     tlscWlcDelFifo();
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcDelFifo", "tlscWlcDelFifo() - unlink failed error:No such file or directory"));
+    EXPECT_TRUE(
+        log.has("ERROR", source, "tlscWlcDelFifo", "tlscWlcDelFifo() - unlink failed error:No such file or directory"));
 }
 
 TEST_F(wlc_fifo, process_exit_removes_the_inbound_fifo) {
@@ -638,6 +669,8 @@ TEST(wlc_catalogue, every_documented_message_has_its_name_and_no_other) {
         named.insert(id);
     }
     for (uint32_t id = 0; id < 300; ++id)
-        if (!named.count(id)) { EXPECT_STREQ(tlscWlcMsgName(id), "Invalid") << id; }
+        if (!named.count(id)) {
+            EXPECT_STREQ(tlscWlcMsgName(id), "Invalid") << id;
+        }
     EXPECT_STREQ(tlscWlcMsgName(UINT32_MAX), "Invalid");
 }

@@ -55,8 +55,8 @@ int32_t __wrap__Z16tlsc_stop_clientv() {
     calls.push_back("stop");
     return 1;
 }
-void __wrap__Z19tlsc_post_log_leveli(int32_t level) { calls.push_back("level " + std::to_string(level)); }
-void __wrap__Z18tlsc_post_log_desti(int32_t dest) { calls.push_back("destination " + std::to_string(dest)); }
+void    __wrap__Z19tlsc_post_log_leveli(int32_t level) { calls.push_back("level " + std::to_string(level)); }
+void    __wrap__Z18tlsc_post_log_desti(int32_t dest) { calls.push_back("destination " + std::to_string(dest)); }
 int32_t __wrap__Z15tlsc_post_gw_ip9tlsc_addr(tlsc_gw_addr gw) {
     calls.push_back("gateway");
     posted_gw = gw;
@@ -117,7 +117,8 @@ TEST_F(wlc_messages, exit_in_a_batch_ends_the_handling_and_leaves_the_rest_unrea
     log_capture log;
     EXPECT_EQ(wlcTlscFifoHandler(), -2);
     EXPECT_EQ(received_ids(), ids{1});
-    EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler", "wlcTlscFifoHandler() - [37]Invalid Message received on TLS Client"));
+    EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler",
+                        "wlcTlscFifoHandler() - [37]Invalid Message received on TLS Client"));
     EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler", "TLS Client process: Received EXIT message"));
     EXPECT_EQ(wlcTlscFifoHandler(), 0);
     EXPECT_EQ(received_ids(), ids{36});
@@ -128,7 +129,8 @@ TEST_F(wlc_messages, hello_is_answered_with_hello) {
     log_capture log;
     EXPECT_EQ(wlcTlscFifoHandler(), 0);
     EXPECT_EQ(received(), std::vector<wire_message>{make_message(1)});
-    EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler", "wlcTlscFifoHandler() - [1]WLC_SEC_TUN_MSG_HELLO Message received on TLS Client"));
+    EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler",
+                        "wlcTlscFifoHandler() - [1]WLC_SEC_TUN_MSG_HELLO Message received on TLS Client"));
     EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler", "Received Hello from WLC"));
 }
 
@@ -138,7 +140,8 @@ TEST_F(wlc_messages, other_messages_are_named_and_dropped) {
         log_capture log;
         EXPECT_EQ(wlcTlscFifoHandler(), 0);
         EXPECT_TRUE(log.has("ERROR", source, "wlcTlscFifoHandler",
-                            std::string("wlcTlscFifoHandler - Msg:") + tlscWlcMsgName(id) + ", id:" + std::to_string(id) + " received, but not processed"));
+                            std::string("wlcTlscFifoHandler - Msg:") + tlscWlcMsgName(id) +
+                                ", id:" + std::to_string(id) + " received, but not processed"));
         EXPECT_EQ(log.entries().size(), 3u);
     }
     EXPECT_EQ(received_ids(), ids{});
@@ -152,7 +155,8 @@ TEST_F(wlc_messages, messages_32_34_and_37_are_handled_and_have_no_name) {
     EXPECT_EQ(wlcTlscFifoHandler(), -2);
     EXPECT_EQ(received_ids(), (ids{30, 30}));
     for (const char *id : {"32", "34", "37"})
-        EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler", std::string("wlcTlscFifoHandler() - [") + id + "]Invalid Message received on TLS Client"));
+        EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler",
+                            std::string("wlcTlscFifoHandler() - [") + id + "]Invalid Message received on TLS Client"));
     EXPECT_FALSE(log.contains("not processed"));
 }
 
@@ -161,8 +165,10 @@ TEST_F(wlc_messages, message_31_bears_the_name_of_an_exit_and_is_none) {
     log_capture log;
     EXPECT_EQ(wlcTlscFifoHandler(), 0);
     EXPECT_EQ(received_ids(), ids{1});
-    EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler", "wlcTlscFifoHandler() - [31]WLC_SEC_TUN_MSG_EXIT Message received on TLS Client"));
-    EXPECT_TRUE(log.has("ERROR", source, "wlcTlscFifoHandler", "wlcTlscFifoHandler - Msg:WLC_SEC_TUN_MSG_EXIT, id:31 received, but not processed"));
+    EXPECT_TRUE(log.has("DEBUG", source, "wlcTlscFifoHandler",
+                        "wlcTlscFifoHandler() - [31]WLC_SEC_TUN_MSG_EXIT Message received on TLS Client"));
+    EXPECT_TRUE(log.has("ERROR", source, "wlcTlscFifoHandler",
+                        "wlcTlscFifoHandler - Msg:WLC_SEC_TUN_MSG_EXIT, id:31 received, but not processed"));
 }
 
 TEST_F(wlc_messages, rejected_message_does_not_stop_the_loop) {
@@ -200,11 +206,14 @@ TEST_F(wlc_messages, dispatcher_lines_follow_the_transport_flags_and_handler_lin
     EXPECT_EQ(log.count_plain("ERROR", plain_path, expected[2]), 1u);
 }
 
-TEST_F(wlc_messages, lines_of_dispatcher_and_file_follow_the_transport_flags_and_those_of_the_handlers_the_message_flags) {
+TEST_F(wlc_messages,
+       lines_of_dispatcher_and_file_follow_the_transport_flags_and_those_of_the_handlers_the_message_flags) {
     const auto handle_everything = [&] {
         write_file(conf_file, "device_id;D1;1\n");
-        send(make_message(1) + make_message(20) + make_message(22) + make_message(28, "192.0.2.1") + make_message(29, debug_set_payload("level", "info")) +
-             make_message(29, debug_set_payload("level", "loud")) + make_message(32) + make_message(34) + make_message(35) + make_message(31) + make_message(21));
+        send(make_message(1) + make_message(20) + make_message(22) + make_message(28, "192.0.2.1") +
+             make_message(29, debug_set_payload("level", "info")) +
+             make_message(29, debug_set_payload("level", "loud")) + make_message(32) + make_message(34) +
+             make_message(35) + make_message(31) + make_message(21));
         EXPECT_EQ(wlcTlscFifoHandler(), 0);
         init_result = 0;
         (void)tlscWlcStartTunnelSetup();
@@ -224,16 +233,20 @@ TEST_F(wlc_messages, lines_of_dispatcher_and_file_follow_the_transport_flags_and
         (void)received();
     };
     // By the function that writes them, as the service shows it: dispatcher and file operations, and the rest.
-    const std::set<std::string> transport{"wlcTlscFifoHandler", "wlcSecTunReadAllConf", "wlcSecTunProcessConf", "tlscWlcClearCfgParams"};
+    const std::set<std::string> transport{"wlcTlscFifoHandler", "wlcSecTunReadAllConf", "wlcSecTunProcessConf",
+                                          "tlscWlcClearCfgParams"};
     std::map<std::string, int>  expected;
     {
         log_capture log;
         handle_everything();
-        for (const log_line &line : log.entries()) ++expected[(transport.count(line.function) ? "transport " : "message ") + line.severity];
+        for (const log_line &line : log.entries())
+            ++expected[(transport.count(line.function) ? "transport " : "message ") + line.severity];
     }
     ASSERT_EQ(expected.size(), 4u);
-    const std::vector<std::pair<std::atomic<int32_t> *, std::string>> flags{
-        {&tlscWlcIpcEventDbg, "transport DEBUG"}, {&tlscWlcIpcErrDbg, "transport ERROR"}, {&tlscWlcMsgEventDbg, "message DEBUG"}, {&tlscWlcMsgErrDbg, "message ERROR"}};
+    const std::vector<std::pair<std::atomic<int32_t> *, std::string>> flags{{&tlscWlcIpcEventDbg, "transport DEBUG"},
+                                                                            {&tlscWlcIpcErrDbg, "transport ERROR"},
+                                                                            {&tlscWlcMsgEventDbg, "message DEBUG"},
+                                                                            {&tlscWlcMsgErrDbg, "message ERROR"}};
     for (const auto &[flag, lines] : flags) {
         log_capture log;
         *flag = 1;
@@ -243,7 +256,10 @@ TEST_F(wlc_messages, lines_of_dispatcher_and_file_follow_the_transport_flags_and
         for (const log_line &line : log.entries()) plain += line.plain;
         EXPECT_EQ(plain, expected.at(lines)) << lines;
         for (const log_line &line : log.entries())
-            if (!line.plain) { EXPECT_NE((transport.count(line.function) ? "transport " : "message ") + line.severity, lines) << line.message; }
+            if (!line.plain) {
+                EXPECT_NE((transport.count(line.function) ? "transport " : "message ") + line.severity, lines)
+                    << line.message;
+            }
     }
 }
 
@@ -253,8 +269,9 @@ TEST_F(wlc_messages, read_without_a_message_empties_the_receive_record) {
     ASSERT_EQ(readFromTlscFifo(), 0);
     log_capture log;
     EXPECT_EQ(tlscWlcMsgRcvTlsGwFqdnResolveResHandler(), 1);
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvTlsGwFqdnResolveResHandler",
-                        "tlscWlcMsgRcvTlsGwFqdnResolveResHandler() - Received TLS GW FQDN response message from WLC, GW ip:"));
+    EXPECT_TRUE(
+        log.has("DEBUG", source, "tlscWlcMsgRcvTlsGwFqdnResolveResHandler",
+                "tlscWlcMsgRcvTlsGwFqdnResolveResHandler() - Received TLS GW FQDN response message from WLC, GW ip:"));
 }
 
 // ---- start, stop, restart -----------------------------------------------------------------------------------------
@@ -275,7 +292,8 @@ TEST_F(wlc_messages, start_enables_the_feature_and_reads_the_file_before_it_init
     EXPECT_EQ(received(), std::vector<wire_message>{make_message(23)});
     EXPECT_EQ(read_file(conf_file), "server_ip_address;gw.example;0\nserver_port;8443;0\n");
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvSecTunStart", "TLS Client  - start the tunnel setup"));
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcStartTunnelSetup", "tlscWlcStartTunnelSetup(): On TLS Client, starting the tunnel setup"));
+    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcStartTunnelSetup",
+                        "tlscWlcStartTunnelSetup(): On TLS Client, starting the tunnel setup"));
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcStartTunnelSetup", "TLS Client: Initialization successful"));
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcStartTunnelSetup", "TLS Client: Starting tunnel setup successful"));
 }
@@ -304,7 +322,8 @@ TEST_F(wlc_messages, failed_start_reports_down_with_cause_2) {
         log_capture log;
         EXPECT_EQ(tlscWlcStartTunnelSetup(), 0);
         EXPECT_EQ(received(), std::vector<wire_message>{make_message(25, "Tunnel start failed")});
-        EXPECT_TRUE(log.has("ERROR", source, "tlscWlcStartTunnelSetup", "TLS Client: Starting tunnel setup failed, ret:" + std::to_string(result)));
+        EXPECT_TRUE(log.has("ERROR", source, "tlscWlcStartTunnelSetup",
+                            "TLS Client: Starting tunnel setup failed, ret:" + std::to_string(result)));
     }
     tlscWlcSetTunState(0, 3);
     EXPECT_EQ(received_ids(), ids{25});
@@ -341,7 +360,8 @@ TEST_F(wlc_messages, restart_stops_waits_reads_the_file_and_sets_up) {
     log_capture log;
     EXPECT_EQ(wlcTlscFifoHandler(), 0);
     // The second sleep of the restart is the one before the file is replaced.
-    EXPECT_EQ(calls, (std::vector<std::string>{"sleep 1", "init", "start", "stop", "sleep 1", "sleep 1", "init", "start"}));
+    EXPECT_EQ(calls,
+              (std::vector<std::string>{"sleep 1", "init", "start", "stop", "sleep 1", "sleep 1", "init", "start"}));
     EXPECT_EQ(received_ids(), (ids{23, 23}));
     EXPECT_STREQ(tlscWlcGetDeviceId(), "D1");
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvSecTunReStart", "tlscWlcMsgRcvSecTunReStart() - "));
@@ -363,7 +383,8 @@ TEST_F(wlc_messages, handlers_return_1_when_nothing_is_refused) {
     EXPECT_EQ(tlscWlcMsgRcvTlscStatsRequestHandler(), 1);
     EXPECT_EQ(tlscWlcMsgRcvTlscStatsClearHandler(), 1);
     EXPECT_EQ(tlscWlcMsgRcvTlscDbgInfoReqHandler(), 1);
-    for (const wire_message &bytes : {make_message(29, debug_set_payload("level", "info")), make_message(29, debug_set_payload("destination", "both"))}) {
+    for (const wire_message &bytes : {make_message(29, debug_set_payload("level", "info")),
+                                      make_message(29, debug_set_payload("destination", "both"))}) {
         send(bytes);
         ASSERT_EQ(readFromTlscFifo(), 1);
         EXPECT_EQ(tlscWlcMsgRcvTlscDebugsSetHandler(), 1);
@@ -406,13 +427,16 @@ TEST_F(wlc_messages, level_and_destination_words_are_matched_by_their_beginning)
 
 TEST_F(wlc_messages, accepted_debug_setting_is_kept_for_the_next_client_start) {
     log_capture log;
-    send(make_message(29, debug_set_payload("level", "informational")) + make_message(29, debug_set_payload("destination", "both")));
+    send(make_message(29, debug_set_payload("level", "informational")) +
+         make_message(29, debug_set_payload("destination", "both")));
     EXPECT_EQ(wlcTlscFifoHandler(), 0);
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvTlscDebugsSetHandler",
-                        "tlscWlcMsgRcvTlscDebugsSetHandler() - On TLS Client, Received  TLS client debugs set message, category:level, level:informational"));
+    EXPECT_TRUE(log.has(
+        "DEBUG", source, "tlscWlcMsgRcvTlscDebugsSetHandler",
+        "tlscWlcMsgRcvTlscDebugsSetHandler() - On TLS Client, Received  TLS client debugs set message, category:level, level:informational"));
     tlscWlcSetDebugParams();
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcSetDebugParams",
-                        "tlscWlcSetDebugParams() - On TLS Client, setting TLSC debug parameters message, level:informational, destination:both"));
+    EXPECT_TRUE(log.has(
+        "DEBUG", source, "tlscWlcSetDebugParams",
+        "tlscWlcSetDebugParams() - On TLS Client, setting TLSC debug parameters message, level:informational, destination:both"));
 }
 
 TEST_F(wlc_messages, refused_debug_value_changes_nothing) {
@@ -425,7 +449,9 @@ TEST_F(wlc_messages, refused_debug_value_changes_nothing) {
             log_capture log;
             EXPECT_EQ(tlscWlcMsgRcvTlscDebugsSetHandler(), 0);
             EXPECT_TRUE(log.has("ERROR", source, "tlscWlcMsgRcvTlscDebugsSetHandler",
-                                std::string(category) + "() - TLS Client, debug set msg received, invalid params,category:" + value + ", level:"));
+                                std::string(category) +
+                                    "() - TLS Client, debug set msg received, invalid params,category:" + value +
+                                    ", level:"));
         }
     }
     EXPECT_TRUE(calls.empty());
@@ -449,7 +475,8 @@ TEST_F(wlc_messages, other_debug_category_is_logged_and_counts_as_handled) {
         log_capture log;
         EXPECT_EQ(tlscWlcMsgRcvTlscDebugsSetHandler(), 1);
         EXPECT_TRUE(log.has("ERROR", source, "tlscWlcMsgRcvTlscDebugsSetHandler",
-                            std::string(category) + "() - TLS Client, debug set msg received, invalid params,category:debug, level:"));
+                            std::string(category) +
+                                "() - TLS Client, debug set msg received, invalid params,category:debug, level:"));
     }
     EXPECT_TRUE(calls.empty());
 }
@@ -461,8 +488,10 @@ TEST_F(wlc_messages, debug_texts_without_an_end_are_bounded_at_64_bytes) {
     log_capture log;
     EXPECT_EQ(wlcTlscFifoHandler(), 0);
     EXPECT_EQ(calls, std::vector<std::string>{"level 3"});
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvTlscDebugsSetHandler",
-                        "tlscWlcMsgRcvTlscDebugsSetHandler() - On TLS Client, Received  TLS client debugs set message, category:" + category + ", level:" + value));
+    EXPECT_TRUE(log.has(
+        "DEBUG", source, "tlscWlcMsgRcvTlscDebugsSetHandler",
+        "tlscWlcMsgRcvTlscDebugsSetHandler() - On TLS Client, Received  TLS client debugs set message, category:" +
+            category + ", level:" + value));
     log.clear();
     tlscWlcSetDebugParams();
     EXPECT_TRUE(log.contains("level:" + value.substr(0, 63) + ", destination:"));
@@ -473,7 +502,10 @@ TEST_F(wlc_messages, debug_parameters_of_the_file_fall_back_instead_of_being_ref
         log_capture log;
         tlscWlcSetDebugParams();
         EXPECT_TRUE(calls.empty());
-        EXPECT_EQ(log.messages(), std::vector<std::string>{"tlscWlcSetDebugParams() - On TLS Client, setting TLSC debug parameters message, level:, destination:"});
+        EXPECT_EQ(
+            log.messages(),
+            std::vector<std::string>{
+                "tlscWlcSetDebugParams() - On TLS Client, setting TLSC debug parameters message, level:, destination:"});
     }
     wlcSecTunProcessConf("log_level", "buf-printing");
     wlcSecTunProcessConf("log_dest", "console");
@@ -492,8 +524,12 @@ TEST_F(wlc_messages, debug_parameters_of_the_file_fall_back_instead_of_being_ref
     log_capture log;
     tlscWlcSetDebugParams();
     EXPECT_EQ(calls, (std::vector<std::string>{"level 0", "destination 0"}));
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcSetDebugParams", "tlscWlcSetDebugParams() - TLS Client, invalid debug level:error, setting default level: error"));
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcSetDebugParams", "tlscWlcSetDebugParams() - TLS Client, invalid debug destination:syslog, setting default :file"));
+    EXPECT_TRUE(
+        log.has("ERROR", source, "tlscWlcSetDebugParams",
+                "tlscWlcSetDebugParams() - TLS Client, invalid debug level:error, setting default level: error"));
+    EXPECT_TRUE(
+        log.has("ERROR", source, "tlscWlcSetDebugParams",
+                "tlscWlcSetDebugParams() - TLS Client, invalid debug destination:syslog, setting default :file"));
 }
 
 // ---- gateway address ----------------------------------------------------------------------------------------------
@@ -504,9 +540,14 @@ TEST_F(wlc_messages, resolved_ipv4_address_goes_to_the_tunnel_as_kind_1) {
     EXPECT_EQ(wlcTlscFifoHandler(), 0);
     EXPECT_EQ(calls, std::vector<std::string>{"gateway"});
     const std::string record(reinterpret_cast<const char *>(&posted_gw), 32);
-    EXPECT_EQ(record, std::string("\x01\0\0\0" "\x02\0\0\0" "\xc0\x00\x02\x21", 12) + std::string(20, '\0'));
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvTlsGwFqdnResolveResHandler",
-                        "tlscWlcMsgRcvTlsGwFqdnResolveResHandler() - Received TLS GW FQDN response message from WLC, GW ip:192.0.2.33"));
+    EXPECT_EQ(record, std::string("\x01\0\0\0"
+                                  "\x02\0\0\0"
+                                  "\xc0\x00\x02\x21",
+                                  12) +
+                          std::string(20, '\0'));
+    EXPECT_TRUE(log.has(
+        "DEBUG", source, "tlscWlcMsgRcvTlsGwFqdnResolveResHandler",
+        "tlscWlcMsgRcvTlsGwFqdnResolveResHandler() - Received TLS GW FQDN response message from WLC, GW ip:192.0.2.33"));
     EXPECT_EQ(log.entries().size(), 3u) << "reading, dispatch, this";
 }
 
@@ -515,7 +556,12 @@ TEST_F(wlc_messages, resolved_ipv6_address_goes_to_the_tunnel_as_kind_2) {
     EXPECT_EQ(wlcTlscFifoHandler(), 0);
     EXPECT_EQ(calls, std::vector<std::string>{"gateway"});
     const std::string record(reinterpret_cast<const char *>(&posted_gw), 32);
-    EXPECT_EQ(record, std::string("\x02\0\0\0" "\x0a\0\0\0" "\0\0\0\0" "\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\x09" "\0\0\0\0", 32));
+    EXPECT_EQ(record, std::string("\x02\0\0\0"
+                                  "\x0a\0\0\0"
+                                  "\0\0\0\0"
+                                  "\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\x09"
+                                  "\0\0\0\0",
+                                  32));
 }
 
 TEST_F(wlc_messages, text_that_is_no_address_goes_to_the_tunnel_as_zeroes) {
@@ -548,8 +594,10 @@ TEST_F(wlc_messages, address_text_without_an_end_stops_at_the_end_of_the_message
     send(make_message(28, std::string(512, '7')));
     log_capture log;
     EXPECT_EQ(wlcTlscFifoHandler(), 0);
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvTlsGwFqdnResolveResHandler",
-                        "tlscWlcMsgRcvTlsGwFqdnResolveResHandler() - Received TLS GW FQDN response message from WLC, GW ip:" + std::string(512, '7')));
+    EXPECT_TRUE(
+        log.has("DEBUG", source, "tlscWlcMsgRcvTlsGwFqdnResolveResHandler",
+                "tlscWlcMsgRcvTlsGwFqdnResolveResHandler() - Received TLS GW FQDN response message from WLC, GW ip:" +
+                    std::string(512, '7')));
 }
 
 TEST_F(wlc_messages, name_resolution_request_is_an_empty_message_27) {
@@ -570,7 +618,8 @@ TEST_F(wlc_messages, statistics_are_sent_on_request_while_the_feature_is_enabled
     log_capture log;
     EXPECT_EQ(wlcTlscFifoHandler(), 0);
     EXPECT_EQ(received_ids(), ids{});
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvTlscStatsRequestHandler", "tlscWlcMsgRcvTlscStatsRequestHandler() - "));
+    EXPECT_TRUE(
+        log.has("DEBUG", source, "tlscWlcMsgRcvTlscStatsRequestHandler", "tlscWlcMsgRcvTlscStatsRequestHandler() - "));
 
     tlscWlcSetSecTunFeatureStatus(1);
     send(make_message(32));
@@ -610,7 +659,8 @@ TEST_F(wlc_messages, process_information_is_sent_on_request) {
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(id_of(got[0]), 36u);
     EXPECT_EQ(number_at<int32_t>(got[0], 8), getpid());
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcMsgRcvTlscDbgInfoReqHandler", "tlscWlcMsgRcvTlscDbgInfoReqHandler() - "));
+    EXPECT_TRUE(
+        log.has("DEBUG", source, "tlscWlcMsgRcvTlscDbgInfoReqHandler", "tlscWlcMsgRcvTlscDbgInfoReqHandler() - "));
 }
 
 // ---- malformed messages -------------------------------------------------------------------------------------------
@@ -620,11 +670,22 @@ TEST_F(wlc_messages, no_message_whatever_it_holds_harms_the_client_or_shows_the_
     write_file(conf_file, "psk_key;" + key + ";1\ndevice_id;D1;1\n");
     tlscWlcSetSecTunFeatureStatus(1);
 
-    std::vector<std::string> payloads{
-        "", std::string(512, '\0'), std::string(512, '\xff'), std::string(512, 'A'), std::string(512, ':'), std::string(512, '%'), std::string(512, '\n'),
-        "%s%s%n%n%n%1000000d", "level", debug_set_payload("level", "%n%s"), debug_set_payload("psk_key", key.substr(0, 3)),
-        std::string("level\0", 6) + std::string(506, 'x'), std::string(64, 'l') + std::string(448, 'v'), std::string(511, '1') + ":", std::string(512, '9')};
-    std::mt19937 random(520);
+    std::vector<std::string> payloads{"",
+                                      std::string(512, '\0'),
+                                      std::string(512, '\xff'),
+                                      std::string(512, 'A'),
+                                      std::string(512, ':'),
+                                      std::string(512, '%'),
+                                      std::string(512, '\n'),
+                                      "%s%s%n%n%n%1000000d",
+                                      "level",
+                                      debug_set_payload("level", "%n%s"),
+                                      debug_set_payload("psk_key", key.substr(0, 3)),
+                                      std::string("level\0", 6) + std::string(506, 'x'),
+                                      std::string(64, 'l') + std::string(448, 'v'),
+                                      std::string(511, '1') + ":",
+                                      std::string(512, '9')};
+    std::mt19937             random(520);
     for (int i = 0; i < 20; ++i) {
         std::string bytes(512, '\0');
         for (char &byte : bytes) byte = static_cast<char>(random());
@@ -633,7 +694,8 @@ TEST_F(wlc_messages, no_message_whatever_it_holds_harms_the_client_or_shows_the_
 
     log_capture log;
     for (const std::string &payload : payloads)
-        for (const uint32_t id : {0u, 1u, 2u, 20u, 21u, 22u, 23u, 25u, 28u, 29u, 30u, 31u, 32u, 33u, 34u, 35u, 36u, 38u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
+        for (const uint32_t id : {0u,  1u,  2u,  20u, 21u, 22u, 23u, 25u,         28u,         29u,        30u,
+                                  31u, 32u, 33u, 34u, 35u, 36u, 38u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
             wire_message bytes = make_message(id, payload);
             bytes.replace(4, 4, "\xff\xff\xff\xff");  // the padding is not looked at
             send(bytes);

@@ -82,17 +82,21 @@ TEST_F(wlc_reports, down_carries_the_text_of_its_cause) {
     log_capture log;
     EXPECT_EQ(tlscWlcSetTunState(0, 11), 1);
     EXPECT_EQ(received(), std::vector<wire_message>{down_message("Tunnel down due to max DPD timeout")});
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcSetTunState",
-                        "tlscWlcSetTunState() - tunnel state change update, current state:UP, new state:DOWN, cause:11"));
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcSetTunState",
-                        "tlscWlcSetTunState() - tunnel current state:DOWN, new state:DOWN, errCause:11, posting an event:WLC_SEC_TUN_MSG_TLSC_TUN_DOWN to WLC Fifo"));
+    EXPECT_TRUE(
+        log.has("DEBUG", source, "tlscWlcSetTunState",
+                "tlscWlcSetTunState() - tunnel state change update, current state:UP, new state:DOWN, cause:11"));
+    EXPECT_TRUE(log.has(
+        "ERROR", source, "tlscWlcSetTunState",
+        "tlscWlcSetTunState() - tunnel current state:DOWN, new state:DOWN, errCause:11, posting an event:WLC_SEC_TUN_MSG_TLSC_TUN_DOWN to WLC Fifo"));
     EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcPostTlscStateChangeMsg",
                         "tlscWlcPostTlscStateChangeMsg() - error:Tunnel down due to max DPD timeout "));
 }
 
 TEST_F(wlc_reports, lines_of_a_change_name_the_new_state_as_the_current_one) {
-    const std::string up   = "tlscWlcSetTunState() - tunnel current state:UP, new state:UP, posting an event:WLC_SEC_TUN_MSG_TLSC_TUN_UP to WLC Fifo";
-    const std::string down = "tlscWlcSetTunState() - tunnel current state:DOWN, new state:DOWN, errCause:3, posting an event:WLC_SEC_TUN_MSG_TLSC_TUN_DOWN to WLC Fifo";
+    const std::string up =
+        "tlscWlcSetTunState() - tunnel current state:UP, new state:UP, posting an event:WLC_SEC_TUN_MSG_TLSC_TUN_UP to WLC Fifo";
+    const std::string down =
+        "tlscWlcSetTunState() - tunnel current state:DOWN, new state:DOWN, errCause:3, posting an event:WLC_SEC_TUN_MSG_TLSC_TUN_DOWN to WLC Fifo";
     for (const int from : {1, 0}) {  // and the other way round
         tlscWlcSetTunState(from, 0);
         log_capture log;
@@ -111,7 +115,8 @@ TEST_F(wlc_reports, repeated_state_sends_nothing_not_even_statistics) {
         EXPECT_EQ(received().size(), 0u);
         EXPECT_EQ(log.entries().size(), 2u);
         EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcSetTunState",
-                            state == 1 ? "Tunnel is already in the same state:UP" : "Tunnel is already in the same state:DOWN"));
+                            state == 1 ? "Tunnel is already in the same state:UP"
+                                       : "Tunnel is already in the same state:DOWN"));
     }
 }
 
@@ -119,8 +124,9 @@ TEST_F(wlc_reports, down_while_the_feature_is_disabled_goes_without_statistics) 
     log_capture log;
     EXPECT_EQ(tlscWlcSetTunState(0, 0), 1);
     EXPECT_EQ(received(), std::vector<wire_message>{down_message("No Error")});
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcPostTlscStatsUpdateMsg",
-                        "tlscWlcPostTlscStatsUpdateMsg() - Secure tunnel feature is disabled, not sending stats update"));
+    EXPECT_TRUE(
+        log.has("DEBUG", source, "tlscWlcPostTlscStatsUpdateMsg",
+                "tlscWlcPostTlscStatsUpdateMsg() - Secure tunnel feature is disabled, not sending stats update"));
 }
 
 TEST_F(wlc_reports, invalid_state_is_refused_but_statistics_are_sent) {
@@ -132,7 +138,8 @@ TEST_F(wlc_reports, invalid_state_is_refused_but_statistics_are_sent) {
     const std::vector<wire_message> got = received();
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(id_of(got[0]), 30u);
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcSetTunState", "tlscWlcSetTunState() - invalid tunnel state update, state:5"));
+    EXPECT_TRUE(
+        log.has("ERROR", source, "tlscWlcSetTunState", "tlscWlcSetTunState() - invalid tunnel state update, state:5"));
     // The state before it is kept.
     EXPECT_EQ(tlscWlcSetTunState(1, 0), 1);
     EXPECT_EQ(received().size(), 0u);
@@ -153,7 +160,8 @@ TEST_F(wlc_reports, state_change_message_refuses_an_invalid_state) {
     EXPECT_EQ(received().size(), 0u);
     EXPECT_TRUE(log.has("ERROR", source, "tlscWlcPostTlscStateChangeMsg",
                         "tlscWlcPostTlscStateChangeMsg() - invalid state update, state:-1, cause:2"));
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcPostTlscStateChangeMsg", "tlscWlcPostTlscStateChangeMsg() - error:Invalid "));
+    EXPECT_TRUE(
+        log.has("DEBUG", source, "tlscWlcPostTlscStateChangeMsg", "tlscWlcPostTlscStateChangeMsg() - error:Invalid "));
 }
 
 TEST_F(wlc_reports, state_change_message_returns_the_result_of_the_sending) {
@@ -202,7 +210,8 @@ TEST_F(wlc_reports, feature_status_is_logged_when_it_changes) {
         "tlscWlcSetSecTunFeatureStatus() - secure tunnel feature status set to:Disabled",
     };
     EXPECT_EQ(log.messages(), expected);
-    for (const std::string &message : expected) EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcSetSecTunFeatureStatus", message));
+    for (const std::string &message : expected)
+        EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcSetSecTunFeatureStatus", message));
     for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "DEBUG") << line.message;
 }
 
@@ -218,7 +227,11 @@ TEST_F(wlc_reports, statistics_message_holds_the_31_counters_in_order) {
     const std::vector<wire_message> got = received();
     ASSERT_EQ(got.size(), 1u);
     ASSERT_EQ(got[0].size(), 520u);
-    EXPECT_EQ(got[0].substr(0, 16), std::string("\x1e\0\0\0" "\0\0\0\0" "\x21\0\0\0" "\0\0\0\0", 16));
+    EXPECT_EQ(got[0].substr(0, 16), std::string("\x1e\0\0\0"
+                                                "\0\0\0\0"
+                                                "\x21\0\0\0"
+                                                "\0\0\0\0",
+                                                16));
     for (size_t i = 0; i < 31; ++i) {
         std::string eight(8, '\0');  // little-endian
         eight[0] = static_cast<char>(i + 1);
@@ -258,7 +271,8 @@ TEST_F(wlc_reports, process_information_is_the_process_id) {
     EXPECT_EQ(number_at<int32_t>(got[0], 8), getpid());
     EXPECT_TRUE(is_zero(got[0], 4, 8));
     EXPECT_TRUE(is_zero(got[0], 12, 520));
-    EXPECT_TRUE(log.has("DEBUG", source, "tlscWlcPostTlscProcDbgInfoUpdateMsg", "tlscWlcPostTlscProcDbgInfoUpdateMsg() - "));
+    EXPECT_TRUE(
+        log.has("DEBUG", source, "tlscWlcPostTlscProcDbgInfoUpdateMsg", "tlscWlcPostTlscProcDbgInfoUpdateMsg() - "));
     unlink(from_client_fifo);
     EXPECT_EQ(tlscWlcPostTlscProcDbgInfoUpdateMsg(), 0);
 }
@@ -270,7 +284,11 @@ TEST_F(wlc_reports, inner_address_is_sent_as_text_whatever_the_feature_status) {
     EXPECT_EQ(tlscWlcPostInnerIpUpdateMsg("10.11.12.13"), 1);
     const std::vector<wire_message> got = received();
     ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].substr(0, 16), std::string("\x1e\0\0\0" "\0\0\0\0" "\x01\0\0\0" "\0\0\0\0", 16));
+    EXPECT_EQ(got[0].substr(0, 16), std::string("\x1e\0\0\0"
+                                                "\0\0\0\0"
+                                                "\x01\0\0\0"
+                                                "\0\0\0\0",
+                                                16));
     EXPECT_EQ(got[0].substr(16, 11), "10.11.12.13");
     EXPECT_TRUE(is_zero(got[0], 27, 520));
     const std::vector<std::string> expected = {
@@ -296,7 +314,8 @@ TEST_F(wlc_reports, inner_address_text_of_46_characters_is_whole_and_the_47th_is
 TEST_F(wlc_reports, null_inner_address_is_refused) {
     log_capture log;
     EXPECT_EQ(tlscWlcPostInnerIpUpdateMsg(nullptr), 0);
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcPostInnerIpUpdateMsg", "tlscWlcPostInnerIpUpdateMsg() - Input param NULL"));
+    EXPECT_TRUE(
+        log.has("ERROR", source, "tlscWlcPostInnerIpUpdateMsg", "tlscWlcPostInnerIpUpdateMsg() - Input param NULL"));
     EXPECT_EQ(received().size(), 0u);
 }
 
@@ -313,11 +332,24 @@ TEST_F(wlc_reports, dns_servers_are_sent_as_20_byte_entries_whatever_the_feature
     EXPECT_EQ(tlscWlcPostCloudDnsSvrInfoUpdateMsg(&list), 1);
     const std::vector<wire_message> got = received();
     ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].substr(0, 16), std::string("\x1e\0\0\0" "\0\0\0\0" "\0\0\0\0" "\0\0\0\0", 16));
+    EXPECT_EQ(got[0].substr(0, 16), std::string("\x1e\0\0\0"
+                                                "\0\0\0\0"
+                                                "\0\0\0\0"
+                                                "\0\0\0\0",
+                                                16));
     EXPECT_EQ(got[0].substr(16, 4), std::string("\x03\0\0\0", 4));
-    EXPECT_EQ(got[0].substr(20, 20), std::string("\0\0\0\0" "\x08\x08\x04\x04" "\0\0\0\0\0\0\0\0\0\0\0\0", 20));
-    EXPECT_EQ(got[0].substr(40, 20), std::string("\x01\0\0\0" "\x20\x01\x0d\xb8" "\0\0\0\0\0\0\0\0\0\0\0\x07", 20));
-    EXPECT_EQ(got[0].substr(60, 20), std::string("\0\0\0\0" "\x01\x02\x03\x04" "\0\0\0\0\0\0\0\0\0\0\0\0", 20));
+    EXPECT_EQ(got[0].substr(20, 20), std::string("\0\0\0\0"
+                                                 "\x08\x08\x04\x04"
+                                                 "\0\0\0\0\0\0\0\0\0\0\0\0",
+                                                 20));
+    EXPECT_EQ(got[0].substr(40, 20), std::string("\x01\0\0\0"
+                                                 "\x20\x01\x0d\xb8"
+                                                 "\0\0\0\0\0\0\0\0\0\0\0\x07",
+                                                 20));
+    EXPECT_EQ(got[0].substr(60, 20), std::string("\0\0\0\0"
+                                                 "\x01\x02\x03\x04"
+                                                 "\0\0\0\0\0\0\0\0\0\0\0\0",
+                                                 20));
     EXPECT_TRUE(is_zero(got[0], 80, 520));
     const std::vector<std::string> expected = {
         "tlscWlcPostCloudDnsSvrInfoUpdateMsg() - No. of DNS server 3\n",
@@ -340,7 +372,8 @@ TEST_F(wlc_reports, dns_count_of_6_is_sent_as_6_with_4_entries) {
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(number_at<uint16_t>(got[0], 16), 6u);
     EXPECT_TRUE(is_zero(got[0], 18, 20));
-    for (const size_t entry : {20, 40, 60, 80}) EXPECT_EQ(got[0].substr(entry, 8), std::string("\0\0\0\0\x05\x06\x07\x08", 8));
+    for (const size_t entry : {20, 40, 60, 80})
+        EXPECT_EQ(got[0].substr(entry, 8), std::string("\0\0\0\0\x05\x06\x07\x08", 8));
     EXPECT_TRUE(is_zero(got[0], 100, 520));
     EXPECT_TRUE(log.contains("tlscWlcPostCloudDnsSvrInfoUpdateMsg() - No. of DNS server 6\n"));
     EXPECT_EQ(log.entries().size(), 7u);  // four addresses
@@ -348,10 +381,10 @@ TEST_F(wlc_reports, dns_count_of_6_is_sent_as_6_with_4_entries) {
 
 TEST_F(wlc_reports, dns_server_of_an_unknown_kind_stays_zero) {
     tlsc_dns_list list{};
-    list.count      = 2;
-    list.servers[0] = make_addr(1, "5.6.7.8");
+    list.count           = 2;
+    list.servers[0]      = make_addr(1, "5.6.7.8");
     list.servers[0].kind = 7;
-    list.servers[1] = make_addr(1, "5.6.7.8");
+    list.servers[1]      = make_addr(1, "5.6.7.8");
     log_capture log;
     EXPECT_EQ(tlscWlcPostCloudDnsSvrInfoUpdateMsg(&list), 1);
     const std::vector<wire_message> got = received();
@@ -359,7 +392,8 @@ TEST_F(wlc_reports, dns_server_of_an_unknown_kind_stays_zero) {
     EXPECT_EQ(number_at<uint16_t>(got[0], 16), 2u);
     EXPECT_TRUE(is_zero(got[0], 20, 40));
     EXPECT_EQ(got[0].substr(44, 4), "\x05\x06\x07\x08");
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcPostCloudDnsSvrInfoUpdateMsg", "tlscWlcPostCloudDnsSvrInfoUpdateMsg() - Invalid IP type:7"));
+    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcPostCloudDnsSvrInfoUpdateMsg",
+                        "tlscWlcPostCloudDnsSvrInfoUpdateMsg() - Invalid IP type:7"));
 }
 
 TEST_F(wlc_reports, empty_dns_list_is_sent_and_a_null_one_is_refused) {
@@ -368,7 +402,8 @@ TEST_F(wlc_reports, empty_dns_list_is_sent_and_a_null_one_is_refused) {
     EXPECT_EQ(received(), std::vector<wire_message>{make_message(30)});
     log_capture log;
     EXPECT_EQ(tlscWlcPostCloudDnsSvrInfoUpdateMsg(nullptr), 0);
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcPostCloudDnsSvrInfoUpdateMsg", "tlscWlcPostCloudDnsSvrInfoUpdateMsg() - Input param NULL"));
+    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcPostCloudDnsSvrInfoUpdateMsg",
+                        "tlscWlcPostCloudDnsSvrInfoUpdateMsg() - Input param NULL"));
     EXPECT_EQ(received().size(), 0u);
 }
 
@@ -380,7 +415,8 @@ TEST_F(wlc_reports, lines_follow_the_two_message_flags) {
     EXPECT_EQ(tlscWlcPostInnerIpUpdateMsg("1.1.1.1"), 1);
     EXPECT_EQ(log.count_plain("EVENT", plain_path, "tlscWlcPostInnerIpUpdateMsg() - inner ip update, ip:1.1.1.1"), 1u);
     EXPECT_EQ(tlscWlcPostCloudDnsSvrInfoUpdateMsg(nullptr), 0);
-    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcPostCloudDnsSvrInfoUpdateMsg", "tlscWlcPostCloudDnsSvrInfoUpdateMsg() - Input param NULL"));
+    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcPostCloudDnsSvrInfoUpdateMsg",
+                        "tlscWlcPostCloudDnsSvrInfoUpdateMsg() - Input param NULL"));
     log.clear();
     tlscWlcMsgEventDbg = 0;
     tlscWlcMsgErrDbg   = 1;
