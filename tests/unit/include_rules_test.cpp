@@ -72,7 +72,7 @@ source_file read_source(const fs::path &path) {
 }
 
 std::vector<source_file> read_tree(const std::string &suffix) {
-    const fs::path           root = fs::path(__FILE__).parent_path().parent_path().parent_path();
+    const fs::path           root = TLSC_SOURCE_TREE;
     std::vector<source_file> files;
     for (const char *folder : {"src", "wlc"})
         for (const fs::directory_entry &entry : fs::directory_iterator(root / folder))
