@@ -6,6 +6,8 @@
 
 #include "tlsc.h"
 
+extern "C" {
+
 // The PSK identity and key text; the key text is used byte for byte and never printed. They keep their values
 // across a re-initialisation.
 extern char psk_identity[psk_identity_size];
@@ -27,3 +29,5 @@ int32_t tlsc_read_param_val(const char *key, char *value_out);
 // Fills the whole record, the PSK buffers and the log level from "tls_client_config.txt". Returns 1, or 0 at the
 // first fatal error (logged), with what was set so far left in place. Nothing in the daemon calls it.
 int32_t tlsc_read_config_file(tlsc_config *conf);
+
+}  // extern "C"

@@ -6,6 +6,8 @@
 
 #include "tlsc.h"
 
+extern "C" {
+
 // Reads one frame with one TLS read; what the read or the announced length leaves free of frame is zeroed. Returns the
 // outcome of the read (tlsc_ssl_result): 1 on success.
 int32_t tlsc_cstp_read_frame(tlsc_sock *sock, tlsc_cstp_frame *frame);
@@ -34,3 +36,5 @@ int32_t tlsc_parse_config_resp(tlsc_sock *sock, const char *buff);
 // A received configuration response: retires the old transport, parses, and on success enables the data path.
 // Returns the parser's result.
 int32_t tlsc_process_config_resp(tlsc_sock *sock, const char *buff);
+
+}  // extern "C"

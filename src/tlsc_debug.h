@@ -9,34 +9,6 @@
 
 #include "tlsc.h"
 
-enum tlsc_log_level_value : int32_t {
-    LOG_ERRORS    = 0,
-    LOG_WARNINGS  = 1,
-    LOG_INFO      = 2,  // the default
-    LOG_DEBUG     = 3,
-    LOG_SSL_DBG   = 4,
-    LOG_BUF_PRINT = 5,
-};
-
-enum tlsc_log_dest_value : int32_t {
-    LOG_DEST_FILE    = 0,
-    LOG_DEST_CONSOLE = 1,
-    LOG_DEST_BOTH    = 2,  // anything above silences the log
-};
-
-// Written by the command handler on the tunnel thread and by the configuration loaders; read by every thread.
-extern std::atomic<int32_t> tlsc_log_level;  // tlsc_log_level_value
-extern std::atomic<int32_t> tlsc_log_dest;   // tlsc_log_dest_value
-
-// Non-zero lets the TLS trace callbacks run; no operation changes it.
-extern std::atomic<int32_t> tlsc_ssl_debug;
-
-// The four controller debug flags: while one is 1, the controller-interface lines of its class go to standard output.
-extern std::atomic<int32_t> tlscWlcMsgEventDbg;  // DEBUG lines of message handling
-extern std::atomic<int32_t> tlscWlcMsgErrDbg;    // ERROR lines of message handling
-extern std::atomic<int32_t> tlscWlcIpcEventDbg;  // DEBUG lines of FIFO set-up, dispatch, start-up, configuration file
-extern std::atomic<int32_t> tlscWlcIpcErrDbg;    // ERROR lines of the same
-
 // A source file's name as the lines print it, worked out at compile time from any build path.
 struct tlsc_source_name {
     char text[64];
@@ -73,6 +45,51 @@ consteval tlsc_source_name tlsc_tree_name(const char *path) {
     return name;
 }
 
+// One copy of each name in the program, however many lines print it.
+template <tlsc_source_name name>
+inline constexpr const char *tlsc_source_text = name.text;
+
+// The function that a line names. In an operation that is the operation itself. A helper names the operation whose work it
+// does, once, in its first line:
+//     constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+constexpr const char *tlsc_log_function(const char *function) { return function; }
+
+struct tlsc_work_of {
+    const char *operation;
+
+    constexpr const char *operator()(const char *) const { return operation; }
+};
+
+extern "C" {
+
+enum tlsc_log_level_value : int32_t {
+    LOG_ERRORS    = 0,
+    LOG_WARNINGS  = 1,
+    LOG_INFO      = 2,  // the default
+    LOG_DEBUG     = 3,
+    LOG_SSL_DBG   = 4,
+    LOG_BUF_PRINT = 5,
+};
+
+enum tlsc_log_dest_value : int32_t {
+    LOG_DEST_FILE    = 0,
+    LOG_DEST_CONSOLE = 1,
+    LOG_DEST_BOTH    = 2,  // anything above silences the log
+};
+
+// Written by the command handler on the tunnel thread and by the configuration loaders; read by every thread.
+extern std::atomic<int32_t> tlsc_log_level;  // tlsc_log_level_value
+extern std::atomic<int32_t> tlsc_log_dest;   // tlsc_log_dest_value
+
+// Non-zero lets the TLS trace callbacks run; no operation changes it.
+extern std::atomic<int32_t> tlsc_ssl_debug;
+
+// The four controller debug flags: while one is 1, the controller-interface lines of its class go to standard output.
+extern std::atomic<int32_t> tlscWlcMsgEventDbg;  // DEBUG lines of message handling
+extern std::atomic<int32_t> tlscWlcMsgErrDbg;    // ERROR lines of message handling
+extern std::atomic<int32_t> tlscWlcIpcEventDbg;  // DEBUG lines of FIFO set-up, dispatch, start-up, configuration file
+extern std::atomic<int32_t> tlscWlcIpcErrDbg;    // ERROR lines of the same
+
 // Writes one line: header, message, to the current destination. Any thread; never fails visibly.
 // level: of the line, LOG_ERRORS to LOG_SSL_DBG; file, line, function: of the call site.
 void tlsc_log(int32_t level, const char *file, int line, const char *function, const char *format, ...)
@@ -88,12 +105,12 @@ void tlsc_log_piece(const char *text);
 // True when a line of this level would be printed.
 inline bool tlsc_log_wanted(int32_t level) { return tlsc_log_level.load(std::memory_order_relaxed) > level - 1; }
 
-#define TLSC_LOG_AT(level, ...)                                                          \
-    do {                                                                                 \
-        if (tlsc_log_wanted(level)) {                                                    \
-            static constexpr tlsc_source_name tlsc_log_file_ = tlsc_base_name(__FILE__); \
-            tlsc_log(level, tlsc_log_file_.text, __LINE__, __func__, __VA_ARGS__);       \
-        }                                                                                \
+#define TLSC_LOG_AT(level, ...)                                                                                \
+    do {                                                                                                       \
+        if (tlsc_log_wanted(level)) {                                                                          \
+            tlsc_log(level, tlsc_source_text<tlsc_base_name(__FILE__)>, __LINE__, tlsc_log_function(__func__), \
+                     __VA_ARGS__);                                                                             \
+        }                                                                                                      \
     } while (0)
 
 #define TLSC_ERROR(...)     TLSC_LOG_AT(LOG_ERRORS, __VA_ARGS__)
@@ -109,15 +126,14 @@ void tlsc_wlc_header(bool is_error, const char *path, int line);
 // The message behind tlsc_wlc_header, to standard output.
 void tlsc_wlc_message(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-#define TLSC_WLC_LINE(flag, is_error, service, ...)                                      \
-    do {                                                                                 \
-        if ((flag).load(std::memory_order_relaxed) != 0) {                               \
-            static constexpr tlsc_source_name tlsc_wlc_file_ = tlsc_tree_name(__FILE__); \
-            tlsc_wlc_header(is_error, tlsc_wlc_file_.text, __LINE__);                    \
-            tlsc_wlc_message(__VA_ARGS__);                                               \
-        } else {                                                                         \
-            service(__VA_ARGS__);                                                        \
-        }                                                                                \
+#define TLSC_WLC_LINE(flag, is_error, service, ...)                                          \
+    do {                                                                                     \
+        if ((flag).load(std::memory_order_relaxed) != 0) {                                   \
+            tlsc_wlc_header(is_error, tlsc_source_text<tlsc_tree_name(__FILE__)>, __LINE__); \
+            tlsc_wlc_message(__VA_ARGS__);                                                   \
+        } else {                                                                             \
+            service(__VA_ARGS__);                                                            \
+        }                                                                                    \
     } while (0)
 
 #define WLC_MSG_EVENT(...) TLSC_WLC_LINE(tlscWlcMsgEventDbg, false, TLSC_DEBUG, __VA_ARGS__)
@@ -150,3 +166,5 @@ void tlsc_ssl_msg_cb(int write_p, int version, int content_type, const void *buf
 
 // OpenSSL info callback: handshake states, alerts and failures; see SSL_CTX_set_info_callback(3).
 void tlsc_ssl_info_cb(const ssl_st *ssl, int where, int ret);
+
+}  // extern "C"

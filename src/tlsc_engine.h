@@ -8,6 +8,8 @@
 
 #include "tlsc.h"
 
+extern "C" {
+
 struct x509_store_ctx_st;
 
 // ---- the tunnel thread's mailbox: what other threads may touch ---------------------------------------------------
@@ -147,3 +149,5 @@ int32_t tlsc_handle_gw_ip_addr(int32_t kind, const uint8_t *gw_sockaddr);
 
 // Body of the tunnel thread; the argument is ignored. Returns null.
 void *tlsc_start_epoll(void *);
+
+}  // extern "C"

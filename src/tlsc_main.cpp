@@ -191,15 +191,14 @@ void occupy_standard_descriptors() {
 }  // namespace
 
 // A DEBUG line of the entry itself. On standard output its message keeps the blank in front.
-#define ANNOUNCE(message)                                                                \
-    do {                                                                                 \
-        if (tlscWlcIpcEventDbg) {                                                        \
-            static constexpr tlsc_source_name announce_file_ = tlsc_tree_name(__FILE__); \
-            tlsc_wlc_header(false, announce_file_.text, __LINE__);                       \
-            tlsc_wlc_message(message);                                                   \
-        } else {                                                                         \
-            TLSC_DEBUG("%s", &(message)[1]);                                             \
-        }                                                                                \
+#define ANNOUNCE(message)                                                                 \
+    do {                                                                                  \
+        if (tlscWlcIpcEventDbg) {                                                         \
+            tlsc_wlc_header(false, tlsc_source_text<tlsc_tree_name(__FILE__)>, __LINE__); \
+            tlsc_wlc_message(message);                                                    \
+        } else {                                                                          \
+            TLSC_DEBUG("%s", &(message)[1]);                                              \
+        }                                                                                 \
     } while (0)
 
 int main() {

@@ -5,6 +5,8 @@
 
 #include "tlsc.h"
 
+extern "C" {
+
 // Initialises the client the first time and re-reads its configuration every further time. Returns 1. Main thread.
 int32_t tlsc_init();
 
@@ -20,3 +22,5 @@ int32_t tlsc_send_exit_client_req();
 int32_t tlsc_send_log_lvl_chg_req(int32_t level);
 int32_t tlsc_send_log_dest_chg_req(int32_t dest);
 int32_t tlsc_send_gw_ip(tlsc_gw_addr gw);
+
+}  // extern "C"

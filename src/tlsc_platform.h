@@ -7,6 +7,8 @@
 
 #include "tlsc.h"
 
+extern "C" {
+
 // ---- lifecycle (main thread unless a comment says otherwise) -------------------------------------------------------
 
 // Creates the tunnel thread. Returns 1 or 0 (logged). Monitor thread.
@@ -84,3 +86,5 @@ void tlsc_stats_get(tlsc_stats *out);  // copies the record out under the lock
 void tlsc_stats_clear();               // zeroes the record under the lock
 void tlsc_stats_destroy();             // zeroes the record, then destroys its lock
 void tlsc_stats_print();               // prints the record on standard output; nothing calls it
+
+}  // extern "C"

@@ -6,6 +6,8 @@
 
 #include "tlsc.h"
 
+extern "C" {
+
 struct rtentry;
 
 // Opens a local (AF_UNIX) datagram socket for interface operations; -1 on failure (logged, errno kept).
@@ -20,3 +22,5 @@ int32_t tlsc_route_operation_ipv4(int32_t sock, rtentry *route, int32_t add, con
 // Builds the route to addr under the configured prefix length through the interface name and adds or deletes it.
 // Returns 1, 0 for bad arguments, or an errno.
 int32_t tlsc_inject_v4_host_route(const tlsc_addr *addr, const char *name, int32_t add);
+
+}  // extern "C"

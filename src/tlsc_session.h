@@ -3,6 +3,8 @@
 
 #include "tlsc.h"
 
+extern "C" {
+
 // Allocates the session and keeps it as the process's session. Returns it, or null (logged). Main thread.
 tlsc_session *tlsc_init_session();
 
@@ -15,3 +17,5 @@ void tlsc_attach_session(tlsc_sock *sock);
 // Records the prefix and brings the interface up if it is down. Returns the session, or null on failure (logged).
 // Tunnel thread.
 tlsc_session *tlsc_start_session(tlsc_sock *sock, const tlsc_addr *prefix);
+
+}  // extern "C"

@@ -6,6 +6,8 @@
 
 #include "tlsc.h"
 
+extern "C" {
+
 // The timer slots. Invariant: a slot is -1 or an open timerfd that is registered with epoll (timerfd_create(2)).
 struct tlsc_timer_slots {
     int32_t dpd     = -1;  // dead-peer detection, one-shot
@@ -50,3 +52,5 @@ void tlsc_handle_rekey_expiry(tlsc_sock *sock);
 // Replaces the transport by a new connection to the configured gateway; the old one is kept until the response.
 // Returns 1 or 7 as tlsc_create_tcp_conn does, or 0 on failure.
 int32_t tlsc_start_rekey_proc(tlsc_sock *sock);
+
+}  // extern "C"

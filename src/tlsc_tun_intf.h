@@ -6,6 +6,8 @@
 
 #include "tlsc.h"
 
+extern "C" {
+
 struct ifreq;
 
 // Kept by the failing ioctl or socket call of this module and of tlsc_route_utils, and returned as its result.
@@ -43,3 +45,5 @@ int32_t tlsc_add_tun_addr(const char *name, const tlsc_addr *addr, uint32_t pref
 // The shared outcome of this module's ioctls: 1 on success, -1 for EFAULT, -1 and tlsc_new_socket_needed for EBADF,
 // the errno itself for anything else. argument is the request's record.
 int32_t tlsc_ioctl(int32_t fd, unsigned long request, void *argument);
+
+}  // extern "C"

@@ -6,6 +6,8 @@
 
 #include "tlsc.h"
 
+extern "C" {
+
 // Clears the whole field, then copies at most size - 1 characters of text. The field ends up NUL-terminated; an
 // over-long text is cut silently. text may be null (the field is then empty). Any thread.
 void tlsc_copy_text(char *field, size_t size, const char *text);
@@ -53,3 +55,5 @@ int32_t tlsc_parse_addr(const char *text, tlsc_addr *record);
 
 // 0 when both records are of the same kind and hold the same address, otherwise non-zero.
 int32_t tlsc_cmp_addr(const tlsc_addr *a, const tlsc_addr *b);
+
+}  // extern "C"

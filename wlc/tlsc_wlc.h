@@ -6,6 +6,8 @@
 
 #include "wlc.h"
 
+extern "C" {
+
 // ---- transport ---------------------------------------------------------------------------------------------------
 
 // Opens the inbound FIFO and greets the controller. Returns 1 always.
@@ -111,3 +113,5 @@ const char *tlscWlcGetTunInterfaceName();
 const char *tlscWlcGetCipherAlgo();
 const char *tlscWlcGetPskIdentity();
 const char *tlscWlcGetPskKey();
+
+}  // extern "C"

@@ -26,28 +26,26 @@ bool                     timers_fail;
 
 }  // namespace
 
-extern "C" int32_t __wrap__Z14tlsc_ssl_writeP9tlsc_sockPKviPi(tlsc_sock *, const void *buff, int32_t length,
-                                                              int32_t *result) {
+extern "C" int32_t __wrap_tlsc_ssl_write(tlsc_sock *, const void *buff, int32_t length, int32_t *result) {
     if (result) *result = tls_result;
     if (tls_result != 1) return 0;
     written.append(static_cast<const char *>(buff), static_cast<size_t>(length));
     return length;
 }
 
-extern "C" int32_t __wrap__Z17tlsc_write_dns_ip13tlsc_dns_list(tlsc_dns_list list) {
+extern "C" int32_t __wrap_tlsc_write_dns_ip(tlsc_dns_list list) {
     dns_reported = list;
     events.push_back("dns");
     return 0;  // a controller that does not listen
 }
 
-extern "C" int32_t __wrap__Z19tlsc_write_inner_ip9tlsc_addr(tlsc_addr addr) {
+extern "C" int32_t __wrap_tlsc_write_inner_ip(tlsc_addr addr) {
     inner_reported = addr;
     events.push_back("inner");
     return 0;
 }
 
-extern "C" tlsc_session *__wrap__Z18tlsc_start_sessionP9tlsc_sockPK9tlsc_addr(tlsc_sock       *sock,
-                                                                              const tlsc_addr *prefix) {
+extern "C" tlsc_session *__wrap_tlsc_start_session(tlsc_sock *sock, const tlsc_addr *prefix) {
     session_prefix = *prefix;
     events.push_back("session");
     return session_fails ? nullptr : sock->sess;

@@ -29,7 +29,7 @@ std::vector<int32_t> closed;
 
 }  // namespace
 
-extern "C" int32_t __wrap__Z21tlsc_start_rekey_procP9tlsc_sock(tlsc_sock *sock) {
+extern "C" int32_t __wrap_tlsc_start_rekey_proc(tlsc_sock *sock) {
     EXPECT_EQ(sock, tlsc_get_sock());
     ++rekeys;
     return 0;
@@ -55,9 +55,9 @@ extern "C" const char *__wrap_inet_ntop(int family, const void *address, char *t
     return conversion_fails ? nullptr : __real_inet_ntop(family, address, text, size);
 }
 
-extern "C" int32_t __real__Z25tlsc_set_sock_nonblockingi(int32_t fd);
-extern "C" int32_t __wrap__Z25tlsc_set_sock_nonblockingi(int32_t fd) {
-    return nonblock_fails ? 0 : __real__Z25tlsc_set_sock_nonblockingi(fd);
+extern "C" int32_t __real_tlsc_set_sock_nonblocking(int32_t fd);
+extern "C" int32_t __wrap_tlsc_set_sock_nonblocking(int32_t fd) {
+    return nonblock_fails ? 0 : __real_tlsc_set_sock_nonblocking(fd);
 }
 
 namespace {

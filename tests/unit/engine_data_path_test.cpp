@@ -27,7 +27,7 @@ size_t      read_room;  // bytes asked for by the last read of the TUN descripto
 
 }  // namespace
 
-extern "C" int32_t __wrap__Z24tlsc_write_cstp_data_pakP9tlsc_sockPKhi(tlsc_sock *, const uint8_t *buff, int32_t len) {
+extern "C" int32_t __wrap_tlsc_write_cstp_data_pak(tlsc_sock *, const uint8_t *buff, int32_t len) {
     sent.assign(reinterpret_cast<const char *>(buff), static_cast<size_t>(len));
     ++sends;
     return send_result;

@@ -57,7 +57,7 @@ extern "C" int __wrap_fcntl(int fd, int command, long argument) {
     return __real_fcntl(fd, command, argument);
 }
 
-extern "C" void __wrap__Z19tlsc_restart_clientv() { client_restarted = true; }
+extern "C" void __wrap_tlsc_restart_client() { client_restarted = true; }
 
 namespace {
 

@@ -72,11 +72,11 @@ extern "C" int __wrap_open(const char *path, int flags, unsigned mode) {
     return __real_open(path, flags, mode);
 }
 
-extern "C" int32_t __real__Z15tlsc_create_tunP12tlsc_session(tlsc_session *session);
-extern "C" int32_t __wrap__Z15tlsc_create_tunP12tlsc_session(tlsc_session *session) {
+extern "C" int32_t __real_tlsc_create_tun(tlsc_session *session);
+extern "C" int32_t __wrap_tlsc_create_tun(tlsc_session *session) {
     const int32_t result = create_tun_result;
     if (result == 0) return 0;
-    const int32_t real = __real__Z15tlsc_create_tunP12tlsc_session(session);
+    const int32_t real = __real_tlsc_create_tun(session);
     return result == -2 ? real : result;
 }
 
@@ -131,12 +131,12 @@ extern "C" int __wrap_SSL_get_error(const SSL *ssl, int ret) {
     return forced >= 0 ? forced : __real_SSL_get_error(ssl, ret);
 }
 
-extern "C" int32_t __wrap__Z31tlsc_request_gw_name_resolutionv() {
+extern "C" int32_t __wrap_tlsc_request_gw_name_resolution() {
     ++resolutions;
     return resolution_result;
 }
 
-extern "C" int32_t __wrap__Z25tlsc_write_tun_intf_stateii(int32_t state, int32_t cause) {
+extern "C" int32_t __wrap_tlsc_write_tun_intf_state(int32_t state, int32_t cause) {
     const std::lock_guard<std::mutex> guard(state_mutex);
     states.push_back(text_of("%d/%d", state, cause));
     return 1;

@@ -19,7 +19,7 @@ int                      taken_fd;  // the number as it was taken
 
 }  // namespace
 
-extern "C" int32_t __wrap__Z18tlsc_chg_tun_stateP12tlsc_sessioni(tlsc_session *session, int32_t state) {
+extern "C" int32_t __wrap_tlsc_chg_tun_state(tlsc_session *session, int32_t state) {
     steps.push_back(text_of("interface %d", state));
     session->tun_state = state;
     if (reuse_fd > 0) taken_fd = dup2(STDERR_FILENO, reuse_fd);

@@ -23,10 +23,8 @@ extern "C" SSL_CTX *__wrap_SSL_CTX_new(const SSL_METHOD *method) {
     return ctx_fails ? nullptr : __real_SSL_CTX_new(method);
 }
 
-extern "C" tlsc_config *__real__Z15tlsc_get_configv();
-extern "C" tlsc_config *__wrap__Z15tlsc_get_configv() {
-    return conf_is_missing ? nullptr : __real__Z15tlsc_get_configv();
-}
+extern "C" tlsc_config *__real_tlsc_get_config();
+extern "C" tlsc_config *__wrap_tlsc_get_config() { return conf_is_missing ? nullptr : __real_tlsc_get_config(); }
 
 extern "C" int __real_SSL_CTX_set1_param(SSL_CTX *ctx, X509_VERIFY_PARAM *param);
 extern "C" int __wrap_SSL_CTX_set1_param(SSL_CTX *ctx, X509_VERIFY_PARAM *param) {

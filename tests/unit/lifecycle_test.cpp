@@ -79,7 +79,7 @@ extern "C" unsigned __wrap_sleep(unsigned seconds) {
 }
 
 // The tunnel thread: drains the pipe, connects, serves commands until it is told to end.
-extern "C" void *__wrap__Z16tlsc_start_epollPv(void *) {
+extern "C" void *__wrap_tlsc_start_epoll(void *) {
     ++runs;
     if (++alive > most_alive) most_alive = alive.load();
     wait_while(hold_before_drain);
@@ -121,7 +121,7 @@ extern "C" int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *at
     return __real_pthread_create(thread, attributes, body, argument);
 }
 
-extern "C" bool __wrap__Z23tlsc_halt_tunnel_threadi(int32_t seconds) {
+extern "C" bool __wrap_tlsc_halt_tunnel_thread(int32_t seconds) {
     EXPECT_EQ(seconds, 3);
     if (!halt_fails) turn.lock();
     return !halt_fails;
@@ -133,24 +133,24 @@ extern "C" bool __wrap__Z23tlsc_halt_tunnel_threadi(int32_t seconds) {
         note_step(name);                \
         __real_##symbol();              \
     }
-RECORD_STEP("free session", _Z17tlsc_free_sessionv)
-RECORD_STEP("close pipe", _Z19tlsc_close_cli_pipev)
+RECORD_STEP("free session", tlsc_free_session)
+RECORD_STEP("close pipe", tlsc_close_cli_pipe)
 
-extern "C" void __real__Z18tlsc_destroy_locksv();
-extern "C" void __wrap__Z18tlsc_destroy_locksv() {
+extern "C" void __real_tlsc_destroy_locks();
+extern "C" void __wrap_tlsc_destroy_locks() {
     monitor_gone_at_last_step = monitor_gone;
     note_step("destroy locks");
-    __real__Z18tlsc_destroy_locksv();
+    __real_tlsc_destroy_locks();
 }
 
-extern "C" void __wrap__Z15tlsc_tun_deleteP12tlsc_sessioni(tlsc_session *, int32_t cause) {
+extern "C" void __wrap_tlsc_tun_delete(tlsc_session *, int32_t cause) {
     note_step(text_of("delete interface %d", cause));
 }
 
-extern "C" void __real__Z16tlsc_ssl_cleanupP6ssl_st(ssl_st *ssl);
-extern "C" void __wrap__Z16tlsc_ssl_cleanupP6ssl_st(ssl_st *ssl) {
+extern "C" void __real_tlsc_ssl_cleanup(ssl_st *ssl);
+extern "C" void __wrap_tlsc_ssl_cleanup(ssl_st *ssl) {
     note_step("release tls");
-    __real__Z16tlsc_ssl_cleanupP6ssl_st(ssl);
+    __real_tlsc_ssl_cleanup(ssl);
 }
 
 extern "C" int __real_pthread_mutex_destroy(pthread_mutex_t *mutex);

@@ -24,26 +24,25 @@ int32_t              timers_at_connect;  // sum of the slots at the attempt: -6 
 
 }  // namespace
 
-extern "C" int32_t __wrap__Z14tlsc_ssl_writeP9tlsc_sockPKviPi(tlsc_sock *, const void *buff, int32_t length,
-                                                              int32_t *result) {
+extern "C" int32_t __wrap_tlsc_ssl_write(tlsc_sock *, const void *buff, int32_t length, int32_t *result) {
     if (result) *result = tls_result;
     if (tls_result != 1) return 0;
     written.append(static_cast<const char *>(buff), static_cast<size_t>(length));
     return length;
 }
 
-extern "C" int32_t __wrap__Z15tlsc_sock_errori(int32_t cause) {
+extern "C" int32_t __wrap_tlsc_sock_error(int32_t cause) {
     teardowns.push_back(cause);
     return 1;
 }
 
-extern "C" int32_t __wrap__Z31tlsc_request_gw_name_resolutionv() {
+extern "C" int32_t __wrap_tlsc_request_gw_name_resolution() {
     resolution_asked  = true;
     dp_state_at_query = tlsc_dp_state;
     return resolution_result;
 }
 
-extern "C" int32_t __wrap__Z20tlsc_create_tcp_connv() {
+extern "C" int32_t __wrap_tlsc_create_tcp_conn() {
     ++connections;
     timers_at_connect = tlsc_timers.dpd + tlsc_timers.retry + tlsc_timers.rekey + tlsc_timers.fqdn + tlsc_timers.guard +
                         tlsc_timers.backoff;

@@ -26,8 +26,7 @@ bool        timers_fail;
 
 }  // namespace
 
-extern "C" int32_t __wrap__Z14tlsc_ssl_writeP9tlsc_sockPKviPi(tlsc_sock *sock, const void *buff, int32_t length,
-                                                              int32_t *result) {
+extern "C" int32_t __wrap_tlsc_ssl_write(tlsc_sock *sock, const void *buff, int32_t length, int32_t *result) {
     if (!sock) return 0;  // the holder is left alone
     if (result) *result = tls_result;
     if (tls_result != 1) return 0;
@@ -36,7 +35,7 @@ extern "C" int32_t __wrap__Z14tlsc_ssl_writeP9tlsc_sockPKviPi(tlsc_sock *sock, c
     return length;
 }
 
-extern "C" int32_t __wrap__Z13tlsc_ssl_readP9tlsc_sockPviPi(tlsc_sock *, void *buff, int32_t length, int32_t *result) {
+extern "C" int32_t __wrap_tlsc_ssl_read(tlsc_sock *, void *buff, int32_t length, int32_t *result) {
     ++reads;
     read_room = length;
     if (result) *result = tls_result;
@@ -46,7 +45,7 @@ extern "C" int32_t __wrap__Z13tlsc_ssl_readP9tlsc_sockPviPi(tlsc_sock *, void *b
     return static_cast<int32_t>(count);
 }
 
-extern "C" int32_t __wrap__Z14tlsc_tun_writeP9tlsc_sockPhi(tlsc_sock *, uint8_t *buff, int32_t length) {
+extern "C" int32_t __wrap_tlsc_tun_write(tlsc_sock *, uint8_t *buff, int32_t length) {
     tun_length = length;
     tun_bytes.assign(reinterpret_cast<const char *>(buff),
                      std::min<size_t>(static_cast<size_t>(length), max_payload_size));

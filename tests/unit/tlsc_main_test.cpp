@@ -51,57 +51,57 @@ extern "C" int __wrap_nanosleep(const timespec *duration, timespec *rest) {
     return -1;  // interrupted, and not resumed
 }
 
-extern "C" int __wrap__Z18wlcTlscFifoHandlerv() {
+extern "C" int __wrap_wlcTlscFifoHandler() {
     note_step("poll");
     return --polls_until_exit <= 0 ? -2 : poll_result;
 }
 
-extern "C" int __wrap__Z29tlscWlcPostTlscStatsUpdateMsgv() {
+extern "C" int __wrap_tlscWlcPostTlscStatsUpdateMsg() {
     note_step("statistics");
     return 1;
 }
 
-extern "C" int __wrap__Z11tlscWlcInitv() {
+extern "C" int __wrap_tlscWlcInit() {
     note_step("controller up");
     return init_result;
 }
 
-extern "C" int __wrap__Z14tlscWlcCleanUpv() {
+extern "C" int __wrap_tlscWlcCleanUp() {
     note_step("controller down");
     return 1;
 }
 
-extern "C" void __wrap__Z20tlsc_cleanup_contextv() { note_step("clean up"); }
+extern "C" void __wrap_tlsc_cleanup_context() { note_step("clean up"); }
 
-extern "C" bool __wrap__Z23tlsc_hold_tunnel_threadi(int32_t seconds) {
+extern "C" bool __wrap_tlsc_hold_tunnel_thread(int32_t seconds) {
     EXPECT_EQ(seconds, 3);
     note_step("halt");
     return halt_result;
 }
 
-extern "C" void __wrap__Z25tlsc_resume_tunnel_threadv() { note_step("resume"); }
+extern "C" void __wrap_tlsc_resume_tunnel_thread() { note_step("resume"); }
 
-extern "C" bool __wrap__Z22tlsc_client_is_runningv() { return client_running; }
+extern "C" bool __wrap_tlsc_client_is_running() { return client_running; }
 
 extern "C" uid_t __wrap_getuid() { return user; }
 
-extern "C" void __real__Z20tlsc_log_lock_createv();
-extern "C" void __wrap__Z20tlsc_log_lock_createv() {
+extern "C" void __real_tlsc_log_lock_create();
+extern "C" void __wrap_tlsc_log_lock_create() {
     note_step("create lock");
-    __real__Z20tlsc_log_lock_createv();
+    __real_tlsc_log_lock_create();
 }
 
-extern "C" void __real__Z21tlsc_log_lock_destroyv();
-extern "C" void __wrap__Z21tlsc_log_lock_destroyv() {
+extern "C" void __real_tlsc_log_lock_destroy();
+extern "C" void __wrap_tlsc_log_lock_destroy() {
     note_step("destroy lock");
     if (at_lock_destruction) at_lock_destruction();
-    __real__Z21tlsc_log_lock_destroyv();
+    __real_tlsc_log_lock_destroy();
 }
 
-extern "C" int32_t __real__Z19tlsc_set_config_allv();
-extern "C" int32_t __wrap__Z19tlsc_set_config_allv() {
+extern "C" int32_t __real_tlsc_set_config_all();
+extern "C" int32_t __wrap_tlsc_set_config_all() {
     note_step("settings");
-    return set_all_fails ? 0 : __real__Z19tlsc_set_config_allv();
+    return set_all_fails ? 0 : __real_tlsc_set_config_all();
 }
 
 extern "C" void __wrap_srand(unsigned value) { seed = value; }

@@ -21,23 +21,23 @@ int                      report_result = 1;
 
 }  // namespace
 
-extern "C" int __wrap__Z18tlscWlcSetTunStateii(int state, int cause) {
+extern "C" int __wrap_tlscWlcSetTunState(int state, int cause) {
     reports.push_back(text_of("state %d %d", state, cause));
     return report_result;
 }
 
-extern "C" int __wrap__Z27tlscWlcPostInnerIpUpdateMsgPKc(const char *ip) {
+extern "C" int __wrap_tlscWlcPostInnerIpUpdateMsg(const char *ip) {
     reports.push_back(std::string("inner ") + ip);
     return report_result;
 }
 
-extern "C" int __wrap__Z35tlscWlcPostCloudDnsSvrInfoUpdateMsgPK13tlsc_dns_list(const tlsc_dns_list *list) {
+extern "C" int __wrap_tlscWlcPostCloudDnsSvrInfoUpdateMsg(const tlsc_dns_list *list) {
     dns_list = *list;
     reports.push_back("dns");
     return report_result;
 }
 
-extern "C" int __wrap__Z33tlscWlcMsgSendTlsGwFqdnResolveReqv() {
+extern "C" int __wrap_tlscWlcMsgSendTlsGwFqdnResolveReq() {
     reports.push_back("resolve");
     return report_result;
 }

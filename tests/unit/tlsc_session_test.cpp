@@ -49,12 +49,12 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
 }
 
 // tlsc_write_tun_intf_state and tlsc_error_handling under the names that the linker knows.
-int32_t __wrap__Z25tlsc_write_tun_intf_stateii(int32_t state, int32_t) {
+int32_t __wrap_tlsc_write_tun_intf_state(int32_t state, int32_t) {
     reported_states.push_back(state);
     return 1;
 }
 
-int32_t __wrap__Z19tlsc_error_handlingi(int32_t error) {
+int32_t __wrap_tlsc_error_handling(int32_t error) {
     handled_errors.push_back(error);
     return error;
 }

@@ -144,12 +144,12 @@ int __wrap_system(const char *command) {
 }
 
 // tlsc_write_tun_intf_state and tlsc_forget_fd_events under the names that the linker knows.
-int32_t __wrap__Z25tlsc_write_tun_intf_stateii(int32_t state, int32_t cause) {
+int32_t __wrap_tlsc_write_tun_intf_state(int32_t state, int32_t cause) {
     reports.push_back({state, cause, watched_session ? watched_session->tun_state : -1});
     return 1;
 }
 
-void __wrap__Z21tlsc_forget_fd_eventsi(int32_t fd) { closings.push_back("forget " + std::to_string(fd)); }
+void __wrap_tlsc_forget_fd_events(int32_t fd) { closings.push_back("forget " + std::to_string(fd)); }
 
 }  // extern "C"
 

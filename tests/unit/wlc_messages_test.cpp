@@ -42,22 +42,22 @@ int __wrap_inet_pton(int family, const char *text, void *address) {
 }
 
 // tlsc_init and its like, under their linker names.
-int32_t __wrap__Z9tlsc_initv() {
+int32_t __wrap_tlsc_init() {
     calls.push_back("init");
     if (on_init) on_init();
     return init_result;
 }
-int32_t __wrap__Z27tlsc_start_epoll_mon_threadv() {
+int32_t __wrap_tlsc_start_epoll_mon_thread() {
     calls.push_back("start");
     return start_result;
 }
-int32_t __wrap__Z16tlsc_stop_clientv() {
+int32_t __wrap_tlsc_stop_client() {
     calls.push_back("stop");
     return 1;
 }
-void    __wrap__Z19tlsc_post_log_leveli(int32_t level) { calls.push_back("level " + std::to_string(level)); }
-void    __wrap__Z18tlsc_post_log_desti(int32_t dest) { calls.push_back("destination " + std::to_string(dest)); }
-int32_t __wrap__Z15tlsc_post_gw_ip9tlsc_addr(tlsc_gw_addr gw) {
+void    __wrap_tlsc_post_log_level(int32_t level) { calls.push_back("level " + std::to_string(level)); }
+void    __wrap_tlsc_post_log_dest(int32_t dest) { calls.push_back("destination " + std::to_string(dest)); }
+int32_t __wrap_tlsc_post_gw_ip(tlsc_gw_addr gw) {
     calls.push_back("gateway");
     posted_gw = gw;
     return 0;  // nobody looks at it

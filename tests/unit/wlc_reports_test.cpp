@@ -35,7 +35,7 @@ bool is_zero(const wire_message &bytes, size_t from, size_t to) {
 }  // namespace
 
 // There is no client to stop; the order only serves to forget the reported state.
-extern "C" int32_t __wrap__Z16tlsc_stop_clientv() { return 1; }
+extern "C" int32_t __wrap_tlsc_stop_client() { return 1; }
 
 class wlc_reports : public controller_test {
 protected:
