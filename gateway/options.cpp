@@ -11,7 +11,7 @@ namespace gw {
 
 namespace {
 
-constexpr const char   *version              = "tlsc-gateway 1.0";
+constexpr const char   *version              = "tlsc-gateway " TLSC_GATEWAY_VERSION;
 constexpr size_t        cookie_limit         = 10;  // characters that a client keeps
 constexpr unsigned long least_dpd            = 5;   // seconds; a client dies of less
 constexpr unsigned long longest              = 2147483647;

@@ -37,7 +37,8 @@ from pathlib import Path
 from typing import NamedTuple
 
 ROOT = Path(__file__).resolve().parent.parent
-NEEDED = ("CMakeLists.txt", "src", "wlc", "tools/private-world", "tests/unit", "tests/system/certificate_client.cpp")
+NEEDED = ("CMakeLists.txt", "src", "wlc", "tools/private-world", "tests/CMakeLists.txt", "tests/unit",
+          "tests/system/certificate_client.cpp")
 TIME_LIMIT = 30        # seconds for one test executable; the slowest takes three or four on an idle machine
 BASE_TIME_LIMIT = 120  # for the unbroken daemon, which must pass however busy the machine is
 
@@ -400,7 +401,7 @@ class Scratch:
                 shutil.copytree(source, target)
             else:
                 shutil.copy2(source, target)
-        self.tests = re.findall(r"^ *tlsc_unit_test\((\w+)", (self.tree / "CMakeLists.txt").read_text(), re.MULTILINE)
+        self.tests = re.findall(r"^ *tlsc_unit_test\((\w+)", (self.tree / "tests/CMakeLists.txt").read_text(), re.MULTILINE)
 
     def build_base(self, jobs):
         status, output = run(["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
@@ -470,7 +471,7 @@ class Trial:
     def link(self, test):
         executable = self.directory / test
         command = self.scratch.links[test]
-        command = command.replace(f"CMakeFiles/tlsc_testable.dir/{self.mutant.file}.o", shlex.quote(str(self.object)))
+        command = command.replace(f"tests/CMakeFiles/tlsc_testable.dir/__/{self.mutant.file}.o", shlex.quote(str(self.object)))
         command = command.replace(f"-o tests/{test} ", f"-o {shlex.quote(str(executable))} ")
         status, output = run(command, shell=True, cwd=self.scratch.build)
         if status != 0:
