@@ -7,12 +7,12 @@
 namespace gw {
 
 // Bytes waiting for a socket: appended at the end, consumed at the front.
-class ByteQueue {
+class byte_queue {
 public:
     size_t         size() const { return tail_ - head_; }
     bool           empty() const { return tail_ == head_; }
     const uint8_t *data() const { return store_.data() + head_; }
-    ByteView       from(size_t offset) const { return {data() + offset, size() - offset}; }
+    byte_view      from(size_t offset) const { return {data() + offset, size() - offset}; }
 
     void append(const void *bytes, size_t count) {
         if (store_.size() - tail_ < count) make_room(count);
@@ -36,23 +36,23 @@ private:
         if (store_.size() - tail_ < count) store_.resize(2 * (tail_ + count));
     }
 
-    Bytes  store_;
-    size_t head_ = 0;
-    size_t tail_ = 0;
+    byte_vector store_;
+    size_t      head_ = 0;
+    size_t      tail_ = 0;
 };
 
 // Frames waiting for a slow client: a ring of fixed slots, allocated when the first one has to wait.
-class FrameRing {
+class frame_ring {
 public:
     static constexpr size_t slot_size = 1600;  // the largest data frame, header included
 
-    explicit FrameRing(size_t slots) : slots_(slots) {}
+    explicit frame_ring(size_t slots) : slots_(slots) {}
 
     bool   empty() const { return count_ == 0; }
     size_t size() const { return count_; }
 
     // False when the ring is full or the frame is larger than a slot.
-    bool push(ByteView frame) {
+    bool push(byte_view frame) {
         if (count_ == slots_ || frame.size() > slot_size) return false;
         if (store_.empty()) {
             store_.resize(slots_ * slot_size);
@@ -64,17 +64,17 @@ public:
         count_++;
         return true;
     }
-    ByteView front() const { return {store_.data() + first_ * slot_size, lengths_[first_]}; }
-    void     pop() {
-            first_ = (first_ + 1) % slots_;
-            count_--;
+    byte_view front() const { return {store_.data() + first_ * slot_size, lengths_[first_]}; }
+    void      pop() {
+             first_ = (first_ + 1) % slots_;
+             count_--;
     }
 
 private:
     size_t                slots_;
     size_t                first_ = 0;
     size_t                count_ = 0;
-    Bytes                 store_;
+    byte_vector           store_;
     std::vector<uint16_t> lengths_;
 };
 

@@ -14,52 +14,52 @@ namespace {
 
 constexpr size_t   largest_record  = 16384;  // plaintext, RFC 5246
 constexpr size_t   largest_payload = largest_record - frame_header_size;
-constexpr size_t   largest_packet  = FrameRing::slot_size - frame_header_size;
+constexpr size_t   largest_packet  = frame_ring::slot_size - frame_header_size;
 constexpr uint64_t largest_count   = 100000;       // of packets in one request
 constexpr uint64_t longest_delay   = 3600 * 1000;  // milliseconds
 
 }  // namespace
 
-// 1 Members of a request.
+// ==== 1 Members of a request =====================================================================================
 
-void check_members(const Json &request, const std::set<std::string> &allowed) {
+void check_members(const json &request, const std::set<std::string> &allowed) {
     for (const auto &[name, value] : request.items()) {
         if (name != "cmd" && name != "id" && !allowed.contains(name))
-            throw CommandError("unknown member '" + name + "'");
+            throw command_error("unknown member '" + name + "'");
     }
 }
 
-uint64_t number_member(const Json &request, const char *name, uint64_t standard, uint64_t limit) {
+uint64_t number_member(const json &request, const char *name, uint64_t standard, uint64_t limit) {
     if (!request.contains(name)) return standard;
-    const Json &value = request[name];
+    const json &value = request[name];
     if (!value.is_number_unsigned() || value.get<uint64_t>() > limit)
-        throw CommandError(std::string(name) + ": a number from 0 to " + std::to_string(limit) + " is needed");
+        throw command_error(std::string(name) + ": a number from 0 to " + std::to_string(limit) + " is needed");
     return value.get<uint64_t>();
 }
 
-std::set<std::string> event_kinds(const Json &request, const char *name) {
+std::set<std::string> event_kinds(const json &request, const char *name) {
     if (!request.contains(name)) return {};
-    const Json &value = request[name];
+    const json &value = request[name];
     if (value.is_string()) return {value.get<std::string>()};
     std::set<std::string> kinds;
-    if (!value.is_array()) throw CommandError(std::string(name) + ": a text or a list of texts is needed");
-    for (const Json &kind : value) {
-        if (!kind.is_string()) throw CommandError(std::string(name) + ": a text or a list of texts is needed");
+    if (!value.is_array()) throw command_error(std::string(name) + ": a text or a list of texts is needed");
+    for (const json &kind : value) {
+        if (!kind.is_string()) throw command_error(std::string(name) + ": a text or a list of texts is needed");
         kinds.insert(kind.get<std::string>());
     }
     return kinds;
 }
 
-EventFilter event_filter(const Json &request, const char *kinds_member) {
-    EventFilter filter;
+event_filter read_event_filter(const json &request, const char *kinds_member) {
+    event_filter filter;
     filter.kinds  = event_kinds(request, kinds_member);
     filter.client = number_member(request, "client", 0);
     if (request.contains("match")) filter.match = request["match"];
-    if (!filter.match.is_object()) throw CommandError("match: an object is needed");
+    if (!filter.match.is_object()) throw command_error("match: an object is needed");
     return filter;
 }
 
-bool EventFilter::accepts(const Json &event) const {
+bool event_filter::accepts(const json &event) const {
     if (!kinds.empty() && !kinds.contains(event["event"].get<std::string>())) return false;
     if (client && event.value("client", uint64_t{0}) != client) return false;
     return std::all_of(match.items().begin(), match.items().end(), [&](const auto &item) {
@@ -69,108 +69,108 @@ bool EventFilter::accepts(const Json &event) const {
 
 namespace {
 
-bool flag_member(const Json &request, const char *name, bool standard) {
+bool flag_member(const json &request, const char *name, bool standard) {
     if (!request.contains(name)) return standard;
-    if (!request[name].is_boolean()) throw CommandError(std::string(name) + ": true or false is needed");
+    if (!request[name].is_boolean()) throw command_error(std::string(name) + ": true or false is needed");
     return request[name].get<bool>();
 }
 
-bool needed_flag(const Json &request, const char *name) {
-    if (!request.contains(name)) throw CommandError(std::string(name) + " is missing");
+bool needed_flag(const json &request, const char *name) {
+    if (!request.contains(name)) throw command_error(std::string(name) + " is missing");
     return flag_member(request, name, false);
 }
 
-std::string text_member(const Json &request, const char *name, const char *standard = nullptr) {
+std::string text_member(const json &request, const char *name, const char *standard = nullptr) {
     if (!request.contains(name)) {
         if (standard) return standard;
-        throw CommandError(std::string(name) + " is missing");
+        throw command_error(std::string(name) + " is missing");
     }
-    if (!request[name].is_string()) throw CommandError(std::string(name) + ": a text is needed");
+    if (!request[name].is_string()) throw command_error(std::string(name) + ": a text is needed");
     return request[name].get<std::string>();
 }
 
-Bytes hex_value(const char *name, const Json &value, size_t limit) {
-    if (!value.is_string()) throw CommandError(std::string(name) + ": a hexadecimal text is needed");
+byte_vector hex_value(const char *name, const json &value, size_t limit) {
+    if (!value.is_string()) throw command_error(std::string(name) + ": a hexadecimal text is needed");
     auto bytes = from_hex(value.get<std::string>());
-    if (!bytes) throw CommandError(std::string(name) + ": not a hexadecimal text of whole bytes");
+    if (!bytes) throw command_error(std::string(name) + ": not a hexadecimal text of whole bytes");
     if (bytes->size() > limit)
-        throw CommandError(std::string(name) + ": more than " + std::to_string(limit) + " bytes");
+        throw command_error(std::string(name) + ": more than " + std::to_string(limit) + " bytes");
     return *bytes;
 }
 
-Bytes hex_member(const Json &request, const char *name, size_t limit) {
-    if (!request.contains(name)) throw CommandError(std::string(name) + " is missing");
+byte_vector hex_member(const json &request, const char *name, size_t limit) {
+    if (!request.contains(name)) throw command_error(std::string(name) + " is missing");
     return hex_value(name, request[name], limit);
 }
 
-Client &client_with(Gateway &gateway, uint64_t id) {
-    Client *client = gateway.find_client(id);
-    if (!client) throw CommandError("no client " + std::to_string(id));
+tunnel_client &client_with(tunnel_gateway &gateway, uint64_t id) {
+    tunnel_client *client = gateway.find_client(id);
+    if (!client) throw command_error("no client " + std::to_string(id));
     return *client;
 }
 
 // A number, "all", or absent: the newest connection.
-std::vector<Client *> chosen_clients(Gateway &gateway, const Json &request) {
+std::vector<tunnel_client *> chosen_clients(tunnel_gateway &gateway, const json &request) {
     if (request.contains("client") && request["client"] == "all") return gateway.clients();
     if (request.contains("client")) return {&client_with(gateway, number_member(request, "client", 0))};
     auto clients = gateway.clients();
-    if (clients.empty()) throw CommandError("no client");
+    if (clients.empty()) throw command_error("no client");
     return {clients.back()};
 }
 
-void refuse_fatal(const Gateway &gateway, ByteView bytes) {
+void refuse_fatal(const tunnel_gateway &gateway, byte_view bytes) {
     if (!gateway.options().allow_fatal && has_fatal_dpd(text_of(bytes)))
-        throw CommandError("a DPD interval below 5 kills the client; start the gateway with --allow-fatal");
+        throw command_error("a DPD interval below 5 kills the client; start the gateway with --allow-fatal");
 }
 
 // The text of a payload inside raw bytes begins behind a header that holds zero bytes.
-void refuse_fatal_raw(const Gateway &gateway, const Bytes &raw) {
+void refuse_fatal_raw(const tunnel_gateway &gateway, const byte_vector &raw) {
     size_t at = text_of(raw).find("X-CSTP-DPD:");
-    if (at != std::string_view::npos) refuse_fatal(gateway, ByteView(raw).subspan(at));
+    if (at != std::string_view::npos) refuse_fatal(gateway, byte_view(raw).subspan(at));
 }
 
-template <class Word, size_t count>
-Word word_value(const char *what, const std::string &text, const std::pair<const char *, Word> (&words)[count]) {
+template <class word_type, size_t count>
+word_type word_value(const char *what, const std::string &text,
+                     const std::pair<const char *, word_type> (&words)[count]) {
     for (const auto &[word, value] : words) {
         if (text == word) return value;
     }
-    throw CommandError(std::string(what) + ": '" + text + "' is unknown");
+    throw command_error(std::string(what) + ": '" + text + "' is unknown");
 }
 
-template <class Word, size_t count>
-const char *word_text(Word value, const std::pair<const char *, Word> (&words)[count]) {
+template <class word_type, size_t count>
+const char *word_text(word_type value, const std::pair<const char *, word_type> (&words)[count]) {
     for (const auto &[word, candidate] : words) {
         if (candidate == value) return word;
     }
     return "";
 }
 
-constexpr std::pair<const char *, AcceptMode> accept_words[] = {
-    {"normal", AcceptMode::normal}, {"refuse", AcceptMode::refuse},       {"reset", AcceptMode::reset},
-    {"stall", AcceptMode::stall},   {"stall_tls", AcceptMode::stall_tls},
+constexpr std::pair<const char *, accept_mode> accept_words[] = {
+    {"normal", accept_mode::normal}, {"refuse", accept_mode::refuse},       {"reset", accept_mode::reset},
+    {"stall", accept_mode::stall},   {"stall_tls", accept_mode::stall_tls},
 };
 
-constexpr std::pair<const char *, ConfigMode::Kind> config_words[] = {
-    {"normal", ConfigMode::Kind::normal},   {"hold", ConfigMode::Kind::hold},
-    {"delay", ConfigMode::Kind::delay},     {"drop", ConfigMode::Kind::drop},
-    {"replace", ConfigMode::Kind::replace}, {"malform", ConfigMode::Kind::malform},
+constexpr std::pair<const char *, config_answer> config_words[] = {
+    {"normal", config_answer::normal}, {"hold", config_answer::hold},       {"delay", config_answer::delay},
+    {"drop", config_answer::drop},     {"replace", config_answer::replace}, {"malform", config_answer::malform},
 };
 
-// 2 Looking.
+// ==== 2 Looking ==================================================================================================
 
-Json overrides_of(const Gateway &gateway) {
-    Json list = Json::array();
+json overrides_of(const tunnel_gateway &gateway) {
+    json list = json::array();
     for (const auto &entry : gateway.lab.overrides.entries())
         list.push_back({{"header", entry.name}, {"values", entry.values}, {"once", entry.once}});
     return list;
 }
 
-Json show_status(Gateway &gateway, const Json &) {
-    const Options &options = gateway.options();
+json show_status(tunnel_gateway &gateway, const json &) {
+    const gateway_options &options = gateway.options();
     return {
         {"pid", getpid()},
         {"listen", gateway.listen_text()},
-        {"tun", options.use_tun ? Json(gateway.tun_name()) : Json(nullptr)},
+        {"tun", options.use_tun ? json(gateway.tun_name()) : json(nullptr)},
         {"tun_addr", cidr_text(options.tun_address)},
         {"pool", options.pool_text},
         {"accept", word_text(gateway.lab.accept, accept_words)},
@@ -183,21 +183,21 @@ Json show_status(Gateway &gateway, const Json &) {
     };
 }
 
-Json counters_json(const Counters &counters, size_t count) {
-    Json json = Json::object();
+json counters_json(const counter_set &counters, size_t count) {
+    json json = json::object();
     for (size_t i = 0; i < count; i++) json[counter_names[i]] = counters.at(i);
     return json;
 }
 
-const char *state_text(const Client &client) {
-    if (client.state() == Connection::State::stalled) return "stalled";
-    if (client.state() == Connection::State::handshake) return "handshake";
+const char *state_text(const tunnel_client &client) {
+    if (client.state() == client_connection::phase::stalled) return "stalled";
+    if (client.state() == client_connection::phase::handshake) return "handshake";
     if (client.is_half_shut()) return "half";
     if (client.withheld) return "held";
     return client.configured ? "up" : "tls";
 }
 
-Json client_json(const Gateway &gateway, const Client &client) {
+json client_json(const tunnel_gateway &gateway, const tunnel_client &client) {
     return {
         {"client", client.id()},
         {"peer", client.peer()},
@@ -211,25 +211,25 @@ Json client_json(const Gateway &gateway, const Client &client) {
         {"active", gateway.is_active(client)},
         {"age_ms", client.age().count()},
         {"queued", client.queued()},
-        {"dpd", client.answers_dpd ? Json(*client.answers_dpd) : Json(nullptr)},
+        {"dpd", client.answers_dpd ? json(*client.answers_dpd) : json(nullptr)},
         {"silent", client.is_silent()},
         {"counters", counters_json(client.counters(), connection_counter_count)},
     };
 }
 
-Json list_clients(Gateway &gateway, const Json &) {
-    Json list = Json::array();
-    for (const Client *client : gateway.clients()) list.push_back(client_json(gateway, *client));
+json list_clients(tunnel_gateway &gateway, const json &) {
+    json list = json::array();
+    for (const tunnel_client *client : gateway.clients()) list.push_back(client_json(gateway, *client));
     return {{"clients", list}};
 }
 
-Json show_counters(Gateway &gateway, const Json &) {
+json show_counters(tunnel_gateway &gateway, const json &) {
     return {{"counters", counters_json(gateway.totals(), counter_count)}};
 }
 
-Json list_leases(Gateway &gateway, const Json &) {
-    Json list = Json::array();
-    for (const Lease &lease : gateway.pool().leases()) {
+json list_leases(tunnel_gateway &gateway, const json &) {
+    json list = json::array();
+    for (const address_lease &lease : gateway.pool().leases()) {
         list.push_back({{"identity", lease.identity},
                         {"device_id", lease.device_id},
                         {"address", ipv4_text(lease.address)},
@@ -239,12 +239,12 @@ Json list_leases(Gateway &gateway, const Json &) {
     return {{"leases", list}};
 }
 
-Json list_events(Gateway &gateway, const Json &request) {
-    uint64_t    since  = number_member(request, "since", 0);
-    uint64_t    limit  = number_member(request, "limit", UINT64_MAX);
-    EventFilter filter = event_filter(request, "events");
-    Json        list   = Json::array();
-    gateway.events.visit(since, [&](const Json &event) {
+json list_events(tunnel_gateway &gateway, const json &request) {
+    uint64_t     since  = number_member(request, "since", 0);
+    uint64_t     limit  = number_member(request, "limit", UINT64_MAX);
+    event_filter filter = read_event_filter(request, "events");
+    json         list   = json::array();
+    gateway.events.visit(since, [&](const json &event) {
         if (list.size() >= limit) return false;
         if (filter.accepts(event)) list.push_back(event);
         return true;
@@ -252,133 +252,133 @@ Json list_events(Gateway &gateway, const Json &request) {
     return {{"events", list}, {"seq", gateway.events.last()}, {"lost", gateway.events.lost(since)}};
 }
 
-// 3 Changing behaviour.
+// ==== 3 Changing behaviour =======================================================================================
 
-Json set_dpd(Gateway &gateway, const Json &request) {
+json set_dpd(tunnel_gateway &gateway, const json &request) {
     bool on = needed_flag(request, "on");
     if (request.contains("client") && request["client"] != "all") {
         chosen_clients(gateway, request).front()->answers_dpd = on;
-        return Json::object();
+        return json::object();
     }
     gateway.lab.answers_dpd = on;
     gateway.forget_dpd_choices();
-    return Json::object();
+    return json::object();
 }
 
-Json release_config(Gateway &gateway, const Json &request) {
-    Client *only = nullptr;
+json release_config(tunnel_gateway &gateway, const json &request) {
+    tunnel_client *only = nullptr;
     if (request.contains("client") && request["client"] != "all") only = chosen_clients(gateway, request).front();
     if (!only) gateway.lab.config = {};
     return {{"released", gateway.release_withheld(only)}};
 }
 
-Bytes replacement(const Json &request) {
+byte_vector replacement(const json &request) {
     if (!request.contains("text")) return hex_member(request, "hex", largest_payload);
     std::string text = text_member(request, "text");
     if (text.size() > largest_payload)
-        throw CommandError("text: more than " + std::to_string(largest_payload) + " bytes");
-    return Bytes(text.begin(), text.end());
+        throw command_error("text: more than " + std::to_string(largest_payload) + " bytes");
+    return byte_vector(text.begin(), text.end());
 }
 
-Json set_config(Gateway &gateway, const Json &request) {
+json set_config(tunnel_gateway &gateway, const json &request) {
     std::string word = text_member(request, "mode");
     if (word == "release") return release_config(gateway, request);
-    ConfigMode mode;
+    config_mode mode;
     mode.kind = word_value("mode", word, config_words);
     mode.once = flag_member(request, "once", false);
-    if (mode.kind == ConfigMode::Kind::delay)
+    if (mode.kind == config_answer::delay)
         mode.delay = std::chrono::milliseconds(number_member(request, "ms", 0, longest_delay));
-    if (mode.kind == ConfigMode::Kind::replace) {
+    if (mode.kind == config_answer::replace) {
         mode.bytes = replacement(request);
         refuse_fatal(gateway, mode.bytes);
     }
-    if (mode.kind == ConfigMode::Kind::malform) {
+    if (mode.kind == config_answer::malform) {
         mode.bytes = hex_member(request, "hex", largest_record);
         refuse_fatal_raw(gateway, mode.bytes);
     }
     gateway.lab.config = mode;
-    return Json::object();
+    return json::object();
 }
 
-std::string header_name(const Json &request) {
+std::string header_name(const json &request) {
     std::string name = text_member(request, "header");
     if (!name.empty() && name.back() == ':') name.pop_back();
-    if (name.empty()) throw CommandError("header: empty");
+    if (name.empty()) throw command_error("header: empty");
     return name;
 }
 
-Overrides::Values header_values(const Json &request) {
-    if (!request.contains("value")) throw CommandError("value is missing");
-    const Json &value = request["value"];
+header_overrides::value_list header_values(const json &request) {
+    if (!request.contains("value")) throw command_error("value is missing");
+    const json &value = request["value"];
     if (value.is_null()) return {};
     if (value.is_string()) return {value.get<std::string>()};
     if (value.is_number_integer()) return {std::to_string(value.get<int64_t>())};
-    if (!value.is_array()) throw CommandError("value: a text, a list of texts or null is needed");
-    Overrides::Values values;
-    for (const Json &entry : value) {
-        if (!entry.is_string()) throw CommandError("value: a text, a list of texts or null is needed");
+    if (!value.is_array()) throw command_error("value: a text, a list of texts or null is needed");
+    header_overrides::value_list values;
+    for (const json &entry : value) {
+        if (!entry.is_string()) throw command_error("value: a text, a list of texts or null is needed");
         values.push_back(entry.get<std::string>());
     }
     return values;
 }
 
-Json set_header(Gateway &gateway, const Json &request) {
-    std::string       name   = header_name(request);
-    Overrides::Values values = header_values(request);
+json set_header(tunnel_gateway &gateway, const json &request) {
+    std::string                  name   = header_name(request);
+    header_overrides::value_list values = header_values(request);
     for (const std::string &value : values) refuse_fatal(gateway, bytes_of(name + ":" + value));
     gateway.lab.overrides.set(name, values, flag_member(request, "once", false));
     return {{"overrides", overrides_of(gateway)}};
 }
 
-Json unset_header(Gateway &gateway, const Json &request) {
+json unset_header(tunnel_gateway &gateway, const json &request) {
     if (!request.contains("header")) gateway.lab.overrides.clear();
-    else if (!gateway.lab.overrides.unset(header_name(request))) throw CommandError("that header is not set");
+    else if (!gateway.lab.overrides.unset(header_name(request))) throw command_error("that header is not set");
     return {{"overrides", overrides_of(gateway)}};
 }
 
-Json set_accept(Gateway &gateway, const Json &request) {
-    AcceptMode mode = word_value("mode", text_member(request, "mode"), accept_words);
+json set_accept(tunnel_gateway &gateway, const json &request) {
+    accept_mode mode = word_value("mode", text_member(request, "mode"), accept_words);
     try {
         gateway.set_accept(mode);
     } catch (const std::runtime_error &error) {
-        throw CommandError(error.what());
+        throw command_error(error.what());
     }
-    return Json::object();
+    return json::object();
 }
 
-Json set_silence(Gateway &gateway, const Json &request) {
+json set_silence(tunnel_gateway &gateway, const json &request) {
     bool on = flag_member(request, "on", true);
-    for (Client *client : chosen_clients(gateway, request)) client->set_silent(on);
-    return Json::object();
+    for (tunnel_client *client : chosen_clients(gateway, request)) client->set_silent(on);
+    return json::object();
 }
 
-Json set_data_events(Gateway &gateway, const Json &request) {
+json set_data_events(tunnel_gateway &gateway, const json &request) {
     gateway.lab.data_events = needed_flag(request, "on");
-    return Json::object();
+    return json::object();
 }
 
-// 4 Sending and closing.
+// ==== 4 Sending and closing ======================================================================================
 
-Json report_sent(Gateway &gateway, const Client &client, const char *what, size_t bytes) {
+json report_sent(tunnel_gateway &gateway, const tunnel_client &client, const char *what, size_t bytes) {
     gateway.events.emit("sent", client.id(), {{"what", what}, {"bytes", bytes}});
     return {{"client", client.id()}, {"sent", bytes}};
 }
 
-void send_one_record(Client &client, uint8_t type, ByteView plain) {
+void send_one_record(tunnel_client &client, uint8_t type, byte_view plain) {
     try {
         client.send_record(type, plain);
     } catch (const std::runtime_error &error) {
-        throw CommandError(error.what());
+        throw command_error(error.what());
     }
 }
 
-Bytes crafted_frame(const Json &request) {
+byte_vector crafted_frame(const json &request) {
     if (request.contains("raw")) return hex_member(request, "raw", largest_record);
-    Bytes payload = request.contains("payload") ? hex_member(request, "payload", largest_payload) : Bytes{};
-    if (!request.contains("type")) throw CommandError("type is missing");
-    Bytes       frame = make_frame(static_cast<uint8_t>(number_member(request, "type", 0, 255)), payload);
+    byte_vector payload = request.contains("payload") ? hex_member(request, "payload", largest_payload) : byte_vector{};
+    if (!request.contains("type")) throw command_error("type is missing");
+    byte_vector frame = make_frame(static_cast<uint8_t>(number_member(request, "type", 0, 255)), payload);
     std::string magic = text_member(request, "magic", "STF");
-    if (magic.size() != 3) throw CommandError("magic: 3 characters are needed");
+    if (magic.size() != 3) throw command_error("magic: 3 characters are needed");
     std::copy(magic.begin(), magic.end(), frame.begin());
     frame[3]        = static_cast<uint8_t>(number_member(request, "version", 1, 255));
     uint64_t length = number_member(request, "length", payload.size(), 65535);
@@ -388,77 +388,77 @@ Bytes crafted_frame(const Json &request) {
     return frame;
 }
 
-Json send_frame(Gateway &gateway, const Json &request) {
-    Bytes frame = crafted_frame(request);
+json send_frame(tunnel_gateway &gateway, const json &request) {
+    byte_vector frame = crafted_frame(request);
     refuse_fatal_raw(gateway, frame);
-    Json answer;
-    for (Client *client : chosen_clients(gateway, request)) {
+    json answer;
+    for (tunnel_client *client : chosen_clients(gateway, request)) {
         send_one_record(*client, SSL3_RT_APPLICATION_DATA, frame);
-        client->count(Counter::frames_tx);
+        client->count(counter::frames_tx);
         answer = report_sent(gateway, *client, "frame", frame.size());
     }
     return answer;
 }
 
-std::vector<Bytes> record_contents(const Json &request) {
-    if (!request.contains("hex")) throw CommandError("hex is missing");
-    const Json &value = request["hex"];
+std::vector<byte_vector> record_contents(const json &request) {
+    if (!request.contains("hex")) throw command_error("hex is missing");
+    const json &value = request["hex"];
     if (!value.is_array()) return {hex_value("hex", value, crafted_record_limit)};
-    std::vector<Bytes> records;
-    for (const Json &entry : value) records.push_back(hex_value("hex", entry, crafted_record_limit));
+    std::vector<byte_vector> records;
+    for (const json &entry : value) records.push_back(hex_value("hex", entry, crafted_record_limit));
     return records;
 }
 
-Json send_record(Gateway &gateway, const Json &request) {
+json send_record(tunnel_gateway &gateway, const json &request) {
     auto     records = record_contents(request);
     auto     type    = static_cast<uint8_t>(number_member(request, "type", SSL3_RT_APPLICATION_DATA, 255));
     uint64_t cut     = number_member(request, "cut", 0, 1 << 20);
     std::chrono::milliseconds gap(number_member(request, "gap_ms", 200, longest_delay));
-    Bytes                     joined;
-    for (const Bytes &record : records) joined.insert(joined.end(), record.begin(), record.end());
+    byte_vector               joined;
+    for (const byte_vector &record : records) joined.insert(joined.end(), record.begin(), record.end());
     refuse_fatal_raw(gateway, joined);
 
-    Client &client = *chosen_clients(gateway, request).front();
+    tunnel_client &client = *chosen_clients(gateway, request).front();
     if (cut) client.flush();
     size_t before = client.unsent();
-    for (const Bytes &record : records) send_one_record(client, type, record);
+    for (const byte_vector &record : records) send_one_record(client, type, record);
     if (cut) client.interrupt_output(before + cut, gap);
-    Json answer         = report_sent(gateway, client, "record", joined.size());
+    json answer         = report_sent(gateway, client, "record", joined.size());
     answer["records"]   = records.size();
     answer["encrypted"] = client.unsent() - before;
     return answer;
 }
 
-Json send_packet(Gateway &gateway, const Json &request) {
-    Bytes    packet = hex_member(request, "hex", largest_packet);
-    uint64_t count  = number_member(request, "count", 1, largest_count);
-    Client  *client = request.contains("client") ? chosen_clients(gateway, request).front() : nullptr;
-    uint64_t sent   = 0;
+json send_packet(tunnel_gateway &gateway, const json &request) {
+    byte_vector    packet = hex_member(request, "hex", largest_packet);
+    uint64_t       count  = number_member(request, "count", 1, largest_count);
+    tunnel_client *client = request.contains("client") ? chosen_clients(gateway, request).front() : nullptr;
+    uint64_t       sent   = 0;
     for (uint64_t i = 0; i < count; i++) {
         bool taken = false;
         client     = gateway.send_packet(packet, client, taken);
-        if (!client) throw CommandError("no client has that destination address");
+        if (!client) throw command_error("no client has that destination address");
         if (taken) sent++;
-        if (!client->is_open()) throw CommandError("the connection cannot send");
+        if (!client->is_open()) throw command_error("the connection cannot send");
     }
     if (!client) return {{"packets", 0}};
-    Json answer       = report_sent(gateway, *client, "packet", packet.size() * sent);
+    json answer       = report_sent(gateway, *client, "packet", packet.size() * sent);
     answer["packets"] = sent;
     return answer;
 }
 
-Json send_bytes(Gateway &gateway, const Json &request) {
-    Bytes   bytes  = hex_member(request, "hex", 1 << 20);
-    Client &client = *chosen_clients(gateway, request).front();
+json send_bytes(tunnel_gateway &gateway, const json &request) {
+    byte_vector    bytes  = hex_member(request, "hex", 1 << 20);
+    tunnel_client &client = *chosen_clients(gateway, request).front();
     try {
         client.send_raw(bytes);
     } catch (const std::runtime_error &error) {
-        throw CommandError(error.what());
+        throw command_error(error.what());
     }
     return report_sent(gateway, client, "bytes", bytes.size());
 }
 
-void close_client(Client &client, const std::string &how, const Json &request) {
+void close_client(tunnel_client &client, const std::string &how, const json &request) {
     auto code  = static_cast<int>(number_member(request, "code", 80, 255));
     auto level = static_cast<int>(number_member(request, "level", 2, 255));
     if (how == "fin") client.end_with_fin("command");
@@ -466,28 +466,28 @@ void close_client(Client &client, const std::string &how, const Json &request) {
     else if (how == "rst") client.end_with_reset("command");
     else if (how == "alert") client.end_with_alert(level, code);
     else if (how == "half") client.shut_sending();
-    else throw CommandError("how: '" + how + "' is unknown");
+    else throw command_error("how: '" + how + "' is unknown");
 }
 
-Json close_clients(Gateway &gateway, const Json &request) {
+json close_clients(tunnel_gateway &gateway, const json &request) {
     std::string how    = text_member(request, "how", "fin");
     size_t      closed = 0;
-    for (Client *client : chosen_clients(gateway, request)) {
+    for (tunnel_client *client : chosen_clients(gateway, request)) {
         try {
             close_client(*client, how, request);
         } catch (const std::runtime_error &error) {
-            throw CommandError(error.what());
+            throw command_error(error.what());
         }
         closed++;
     }
     return {{"closed", closed}};
 }
 
-// 5 The table of commands.
+// ==== 5 The table of commands ====================================================================================
 
 const struct {
     const char *name;
-    Json (*run)(Gateway &, const Json &);
+    json (*run)(tunnel_gateway &, const json &);
     std::set<std::string> members;
 } commands[] = {
     {"status", show_status, {}},
@@ -511,14 +511,14 @@ const struct {
 
 }  // namespace
 
-Json run_command(Gateway &gateway, const Json &request) {
+json run_command(tunnel_gateway &gateway, const json &request) {
     std::string name = text_member(request, "cmd");
     for (const auto &command : commands) {
         if (name != command.name) continue;
         check_members(request, command.members);
         return command.run(gateway, request);
     }
-    throw CommandError("unknown command '" + name + "'");
+    throw command_error("unknown command '" + name + "'");
 }
 
 }  // namespace gw

@@ -12,14 +12,14 @@ constexpr int32_t least_dpd = 5;  // seconds; a fifth of it is the divisor of th
 
 constexpr struct {
     std::string_view           name;
-    std::optional<std::string> ConfigRequest::*field;
+    std::optional<std::string> config_request::*field;
 } request_headers[] = {
-    {"X-CSTP-Address:", &ConfigRequest::address},        {"X-CSTP-Device-ID:", &ConfigRequest::device_id},
-    {"X-CSTP-Cookie:", &ConfigRequest::cookie},          {"X-CSTP-Device-Name:", &ConfigRequest::name},
-    {"X-CSTP-Device-SerialNo:", &ConfigRequest::serial},
+    {"X-CSTP-Address:", &config_request::address},        {"X-CSTP-Device-ID:", &config_request::device_id},
+    {"X-CSTP-Cookie:", &config_request::cookie},          {"X-CSTP-Device-Name:", &config_request::name},
+    {"X-CSTP-Device-SerialNo:", &config_request::serial},
 };
 
-void take_request_line(std::string_view line, ConfigRequest &request) {
+void take_request_line(std::string_view line, config_request &request) {
     for (const auto &header : request_headers) {
         if (!line.starts_with(header.name)) continue;
         auto &field = request.*header.field;
@@ -30,8 +30,8 @@ void take_request_line(std::string_view line, ConfigRequest &request) {
 
 }  // namespace
 
-ConfigRequest parse_config_request(std::string_view text) {
-    ConfigRequest request;
+config_request parse_config_request(std::string_view text) {
+    config_request request;
     while (!text.empty()) {
         size_t end = text.find('\n');
         take_request_line(text.substr(0, end), request);
@@ -41,7 +41,7 @@ ConfigRequest parse_config_request(std::string_view text) {
     return request;
 }
 
-std::string config_response_text(const Headers &headers) {
+std::string config_response_text(const header_list &headers) {
     std::string text;
     for (const auto &[name, value] : headers) text += name + ":" + value + "\n";
     return text;
@@ -61,24 +61,24 @@ bool has_fatal_dpd(std::string_view text) {
     return static_cast<int32_t>(strtol(value->c_str(), nullptr, 10)) < least_dpd;
 }
 
-void Overrides::set(const std::string &name, Values values, bool once) {
-    auto same  = [&](const Entry &entry) { return entry.name == name && entry.once == once; };
+void header_overrides::set(const std::string &name, value_list values, bool once) {
+    auto same  = [&](const override_entry &entry) { return entry.name == name && entry.once == once; };
     auto found = std::find_if(entries_.begin(), entries_.end(), same);
     if (found != entries_.end()) found->values = std::move(values);
     else entries_.push_back({name, std::move(values), once});
 }
 
-bool Overrides::unset(const std::string &name) {
-    return std::erase_if(entries_, [&](const Entry &entry) { return entry.name == name; }) > 0;
+bool header_overrides::unset(const std::string &name) {
+    return std::erase_if(entries_, [&](const override_entry &entry) { return entry.name == name; }) > 0;
 }
 
-void Overrides::forget_once() {
-    std::erase_if(entries_, [](const Entry &entry) { return entry.once; });
+void header_overrides::forget_once() {
+    std::erase_if(entries_, [](const override_entry &entry) { return entry.once; });
 }
 
 namespace {
 
-void replace_header(Headers &headers, const Overrides::Entry &entry) {
+void replace_header(header_list &headers, const header_overrides::override_entry &entry) {
     auto   is_same = [&](const auto &header) { return header.first == entry.name; };
     size_t at      = static_cast<size_t>(std::find_if(headers.begin(), headers.end(), is_same) - headers.begin());
     std::erase_if(headers, is_same);
@@ -90,9 +90,9 @@ void replace_header(Headers &headers, const Overrides::Entry &entry) {
 
 }  // namespace
 
-void Overrides::apply(Headers &headers) const {
+void header_overrides::apply(header_list &headers) const {
     for (bool once : {false, true}) {
-        for (const Entry &entry : entries_) {
+        for (const override_entry &entry : entries_) {
             if (entry.once == once) replace_header(headers, entry);
         }
     }

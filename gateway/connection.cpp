@@ -36,9 +36,9 @@ void set_option(int fd, int level, int option, int value) {
 
 }  // namespace
 
-// 1 The BIO between OpenSSL and the buffers.
+// ==== 1 The BIO between OpenSSL and the buffers ==================================================================
 
-const BIO_METHOD *Connection::bio_method() {
+const BIO_METHOD *client_connection::bio_method() {
     static BIO_METHOD *method = [] {
         BIO_METHOD *made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "connection buffers");
         BIO_meth_set_read(made, bio_read);
@@ -49,8 +49,8 @@ const BIO_METHOD *Connection::bio_method() {
     return method;
 }
 
-int Connection::bio_read(BIO *bio, char *to, int size) {
-    auto *self = static_cast<Connection *>(BIO_get_data(bio));
+int client_connection::bio_read(BIO *bio, char *to, int size) {
+    auto *self = static_cast<client_connection *>(BIO_get_data(bio));
     BIO_clear_retry_flags(bio);
     if (self->input_.empty()) {
         BIO_set_retry_read(bio);
@@ -62,34 +62,34 @@ int Connection::bio_read(BIO *bio, char *to, int size) {
     return static_cast<int>(count);
 }
 
-int Connection::bio_write(BIO *bio, const char *from, int size) {
-    auto *self = static_cast<Connection *>(BIO_get_data(bio));
+int client_connection::bio_write(BIO *bio, const char *from, int size) {
+    auto *self = static_cast<client_connection *>(BIO_get_data(bio));
     BIO_clear_retry_flags(bio);
     self->out_.append(from, static_cast<size_t>(size));
     return size;
 }
 
-long Connection::bio_ctrl(BIO *, int command, long, void *) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
+long client_connection::bio_ctrl(BIO *, int command, long, void *) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
 
 // Counts the records written under the present keys: their sequence numbers.
-void Connection::see_message(int write, int, int type, const void *bytes, size_t size, SSL *, void *self) {
+void client_connection::see_message(int write, int, int type, const void *bytes, size_t size, SSL *, void *self) {
     if (!write || type != SSL3_RT_HEADER || size < 1) return;
-    auto &written  = static_cast<Connection *>(self)->records_written_;
+    auto &written  = static_cast<client_connection *>(self)->records_written_;
     bool  new_keys = *static_cast<const uint8_t *>(bytes) == SSL3_RT_CHANGE_CIPHER_SPEC;
     written        = new_keys ? 0 : written + 1;
 }
 
-void Connection::see_state(const SSL *ssl, int where, int value) {
+void client_connection::see_state(const SSL *ssl, int where, int value) {
     if (!(where & SSL_CB_ALERT) || !(where & SSL_CB_READ)) return;
-    auto *self         = static_cast<Connection *>(SSL_get_app_data(ssl));
+    auto *self         = static_cast<client_connection *>(SSL_get_app_data(ssl));
     self->alert_level_ = value >> 8;
     self->alert_code_  = value & 0xff;
 }
 
-// 2 Life.
+// ==== 2 Life =====================================================================================================
 
-Connection::Connection(uint64_t id, UniqueFd socket, std::string peer, ConnectionOwner &owner, Loop &loop,
-                       const Limits &limits, Counters &totals)
+client_connection::client_connection(uint64_t id, unique_fd socket, std::string peer, connection_owner &owner,
+                                     event_loop &loop, const bounds &limits, counter_set &totals)
     : id_(id),
       socket_(std::move(socket)),
       peer_(std::move(peer)),
@@ -109,18 +109,18 @@ Connection::Connection(uint64_t id, UniqueFd socket, std::string peer, Connectio
     watch_    = loop_.watch(socket_.get(), interest_, [this](uint32_t events) { on_event(events); });
 }
 
-Connection::~Connection() {
+client_connection::~client_connection() {
     loop_.forget(watch_);
     loop_.cancel(handshake_timer_);
     loop_.cancel(gap_timer_);
     SSL_free(ssl_);
 }
 
-std::chrono::milliseconds Connection::age() const {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Loop::Clock::now() - born_);
+std::chrono::milliseconds client_connection::age() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(event_loop::clock::now() - born_);
 }
 
-void Connection::start_tls(SSL_CTX *context) {
+void client_connection::start_tls(SSL_CTX *context) {
     ssl_     = SSL_new(context);
     BIO *bio = BIO_new(bio_method());
     if (!ssl_ || !bio) {
@@ -135,61 +135,62 @@ void Connection::start_tls(SSL_CTX *context) {
     SSL_set_msg_callback(ssl_, see_message);
     SSL_set_msg_callback_arg(ssl_, this);
     SSL_set_info_callback(ssl_, see_state);
-    state_           = State::handshake;
+    state_           = phase::handshake;
     handshake_timer_ = loop_.after(limits_.handshake, [this] {
         owner_.on_tls_failed(*this, "timeout");
-        if (state_ == State::ended) return;
+        if (state_ == phase::ended) return;
         linger(std::chrono::milliseconds(0));
         end({"gateway", "timeout", "handshake"});
     });
 }
 
-void Connection::stall(bool read) {
-    state_   = State::stalled;
+void client_connection::stall(bool read) {
+    state_   = phase::stalled;
     reading_ = read;
     update_interest();
 }
 
-// 3 Receiving.
+// ==== 3 Receiving ================================================================================================
 
-void Connection::on_event(uint32_t events) {
+void client_connection::on_event(uint32_t events) {
     if (silent_ || !reading_) return notice_end();
     if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) receive();
-    if (state_ != State::ended && (events & EPOLLOUT)) {
+    if (state_ != phase::ended && (events & EPOLLOUT)) {
         blocked_ = false;
         flush();
     }
 }
 
 // The connection is not read: all that can be seen is that the peer has ended it.
-void Connection::notice_end() {
+void client_connection::notice_end() {
     int       error = 0;
     socklen_t size  = sizeof error;
     (void)getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &error, &size);
     end({"peer", error ? "rst" : "fin", error ? strerror(error) : "while not read"});
 }
 
-void Connection::receive() {
+void client_connection::receive() {
     ssize_t count = recv(socket_.get(), receive_buffer.data(), receive_buffer.size(), 0);
     if (count < 0) {
         if (errno == EAGAIN || errno == EINTR) return;
-        if (state_ == State::handshake) owner_.on_tls_failed(*this, strerror(errno));
+        if (state_ == phase::handshake) owner_.on_tls_failed(*this, strerror(errno));
         return end({"peer", errno == ECONNRESET || errno == EPIPE ? "rst" : "error", strerror(errno)});
     }
-    // The kernel leaves this mode by itself. Without it an answer to two small packets of a client with Nagle's algorithm takes 40 ms.
+    // The kernel leaves this mode by itself. Without it an answer to two small packets of a client with Nagle's
+    // algorithm takes 40 ms.
     set_option(socket_.get(), IPPROTO_TCP, TCP_QUICKACK, 1);
     if (count == 0) {
-        if (state_ == State::handshake) owner_.on_tls_failed(*this, "fin");
+        if (state_ == phase::handshake) owner_.on_tls_failed(*this, "fin");
         return end({"peer", "fin", parser_.pending() ? "inside a frame" : ""});
     }
     input_ = {receive_buffer.data(), static_cast<size_t>(count)};
     ERR_clear_error();
-    if (state_ == State::handshake) continue_handshake();
-    if (state_ == State::open) read_frames();
+    if (state_ == phase::handshake) continue_handshake();
+    if (state_ == phase::open) read_frames();
     input_ = {};
 }
 
-void Connection::continue_handshake() {
+void client_connection::continue_handshake() {
     int result = SSL_do_handshake(ssl_);
     int error  = result == 1 ? SSL_ERROR_NONE : SSL_get_error(ssl_, result);
     if (!out_.empty()) owner_.on_output(*this);
@@ -197,42 +198,42 @@ void Connection::continue_handshake() {
     if (error != SSL_ERROR_NONE) return fail_handshake(take_openssl_error());
 
     loop_.cancel(handshake_timer_);
-    state_ = State::open;
+    state_ = phase::open;
     owner_.on_tls_up(*this);
 }
 
-void Connection::fail_handshake(const std::string &reason) {
+void client_connection::fail_handshake(const std::string &reason) {
     if (alert_code_ >= 0) owner_.on_alert(*this, alert_level_, alert_code_);
     owner_.on_tls_failed(*this, reason);
-    if (state_ == State::ended) return;
+    if (state_ == phase::ended) return;
     bool by_peer = alert_code_ >= 0;
     flush();  // our alert
-    if (state_ == State::ended) return;
+    if (state_ == phase::ended) return;
     linger(std::chrono::milliseconds(0));
     end({by_peer ? "peer" : "gateway", "alert", reason});
 }
 
-void Connection::read_frames() {
-    while (state_ == State::open) {
+void client_connection::read_frames() {
+    while (state_ == phase::open) {
         int count = SSL_read(ssl_, plain_buffer.data(), static_cast<int>(plain_buffer.size()));
         if (count <= 0) return stop_reading(count);
-        this->count(Counter::bytes_rx, static_cast<uint64_t>(count));
+        this->count(counter::bytes_rx, static_cast<uint64_t>(count));
         if (!take_plain({plain_buffer.data(), static_cast<size_t>(count)})) return;
     }
 }
 
-bool Connection::take_plain(ByteView plain) {
-    auto result = parser_.feed(plain, [this](const Frame &frame) {
-        count(Counter::frames_rx);
+bool client_connection::take_plain(byte_view plain) {
+    auto result = parser_.feed(plain, [this](const cstp_frame &frame) {
+        count(counter::frames_rx);
         owner_.on_frame(*this, frame);
-        return state_ == State::open;
+        return state_ == phase::open;
     });
-    if (result == FrameParser::Result::ok) return true;
-    if (result != FrameParser::Result::stopped) owner_.on_bad_stream(*this, result, plain);
+    if (result == frame_parser::result::ok) return true;
+    if (result != frame_parser::result::stopped) owner_.on_bad_stream(*this, result, plain);
     return false;
 }
 
-void Connection::stop_reading(int result) {
+void client_connection::stop_reading(int result) {
     int error = SSL_get_error(ssl_, result);
     if (error == SSL_ERROR_WANT_READ) {
         if (alert_code_ >= 0) {  // a warning
@@ -242,66 +243,66 @@ void Connection::stop_reading(int result) {
         return;
     }
     if (alert_code_ >= 0) owner_.on_alert(*this, alert_level_, alert_code_);
-    if (state_ == State::ended) return;
+    if (state_ == phase::ended) return;
     if (error == SSL_ERROR_ZERO_RETURN) {
         (void)SSL_shutdown(ssl_);  // our close_notify
         flush();
-        if (state_ == State::ended) return;
+        if (state_ == phase::ended) return;
         linger(std::chrono::milliseconds(0));
         return end({"peer", "close_notify", ""});
     }
     std::string reason = take_openssl_error();
     if (alert_code_ >= 0) return end({"peer", "alert", reason});
     flush();  // OpenSSL's alert
-    if (state_ == State::ended) return;
+    if (state_ == phase::ended) return;
     linger(std::chrono::milliseconds(0));
     end({"gateway", "error", reason});
 }
 
-// 4 Sending.
+// ==== 4 Sending ==================================================================================================
 
-bool Connection::write_record(ByteView bytes) {
+bool client_connection::write_record(byte_view bytes) {
     int result = SSL_write(ssl_, bytes.data(), static_cast<int>(bytes.size()));
     if (result > 0) {
-        count(Counter::bytes_tx, bytes.size());
+        count(counter::bytes_tx, bytes.size());
         return true;
     }
     end_for_error("cannot write: " + take_openssl_error());
     return false;
 }
 
-bool Connection::send_frame(uint8_t type, ByteView payload) {
+bool client_connection::send_frame(uint8_t type, byte_view payload) {
     if (!can_send() || out_.size() > out_limit) return false;
     if (!write_record(make_frame(type, payload))) return false;
-    count(Counter::frames_tx);
+    count(counter::frames_tx);
     owner_.on_output(*this);
     return true;
 }
 
-bool Connection::send_data(ByteView frame) {
+bool client_connection::send_data(byte_view frame) {
     if (!can_send()) return false;
     if (queue_.empty() && !silent_ && out_.size() < out_high_water) {
         if (!write_record(frame)) return false;
     } else if (!queue_.push(frame)) {
         return false;
     }
-    count(Counter::frames_tx);
+    count(counter::frames_tx);
     owner_.on_output(*this);
     return true;
 }
 
-void Connection::fill_from_queue() {
+void client_connection::fill_from_queue() {
     while (!queue_.empty() && out_.size() < out_high_water && can_send()) {
         if (!write_record(queue_.front())) return;
         queue_.pop();
     }
 }
 
-void Connection::flush() {
-    while (state_ != State::ended && !silent_ && !blocked_ && !half_shut_) {
+void client_connection::flush() {
+    while (state_ != phase::ended && !silent_ && !blocked_ && !half_shut_) {
         fill_from_queue();
         size_t size = std::min(out_.size(), sendable_);
-        if (state_ == State::ended || size == 0) break;
+        if (state_ == phase::ended || size == 0) break;
         ssize_t sent = send(socket_.get(), out_.data(), size, MSG_NOSIGNAL);
         if (sent < 0) {
             if (errno == EINTR) continue;
@@ -313,10 +314,10 @@ void Connection::flush() {
         out_.consume(static_cast<size_t>(sent));
         if (sendable_ != SIZE_MAX) sendable_ -= static_cast<size_t>(sent);
     }
-    if (state_ != State::ended) update_interest();
+    if (state_ != phase::ended) update_interest();
 }
 
-void Connection::update_interest() {
+void client_connection::update_interest() {
     // Unread input would make a level-triggered EPOLLIN spin; EPOLLRDHUP tells of the peer's end without reading.
     uint32_t wanted = silent_ || !reading_ ? EPOLLRDHUP : EPOLLIN | (blocked_ ? EPOLLOUT : 0u);
     if (wanted == interest_) return;
@@ -324,9 +325,9 @@ void Connection::update_interest() {
     loop_.modify(watch_, wanted);
 }
 
-// 5 Laboratory.
+// ==== 5 Laboratory ===============================================================================================
 
-void Connection::send_record(uint8_t type, ByteView plain) {
+void client_connection::send_record(uint8_t type, byte_view plain) {
     if (!can_send()) throw std::runtime_error("the connection cannot send");
     if (plain.size() > crafted_record_limit)
         throw std::runtime_error("a record of more than " + std::to_string(crafted_record_limit) + " bytes");
@@ -336,25 +337,25 @@ void Connection::send_record(uint8_t type, ByteView plain) {
 }
 
 // OpenSSL writes a stand-in, which uses up the sequence number; the crafted record takes its place.
-void Connection::craft_record(uint8_t type, ByteView plain) {
+void client_connection::craft_record(uint8_t type, byte_view plain) {
     if (!can_seal_record(ssl_)) throw std::runtime_error("such a record cannot be made with this cipher");
     size_t                   before      = out_.size();
     static constexpr uint8_t stand_in[1] = {0};
     if (SSL_write(ssl_, stand_in, sizeof stand_in) <= 0)
         throw std::runtime_error("cannot write: " + take_openssl_error());
-    Bytes record = seal_record(ssl_, type, plain, records_written_ - 1, out_.from(before));
+    byte_vector record = seal_record(ssl_, type, plain, records_written_ - 1, out_.from(before));
     out_.truncate(before);
     out_.append(record.data(), record.size());
-    count(Counter::bytes_tx, plain.size());
+    count(counter::bytes_tx, plain.size());
 }
 
-void Connection::send_raw(ByteView bytes) {
-    if (state_ == State::ended || half_shut_) throw std::runtime_error("the connection cannot send");
+void client_connection::send_raw(byte_view bytes) {
+    if (state_ == phase::ended || half_shut_) throw std::runtime_error("the connection cannot send");
     out_.append(bytes.data(), bytes.size());
     owner_.on_output(*this);
 }
 
-void Connection::interrupt_output(size_t first, std::chrono::milliseconds gap) {
+void client_connection::interrupt_output(size_t first, std::chrono::milliseconds gap) {
     sendable_ = first;
     loop_.cancel(gap_timer_);
     gap_timer_ = loop_.after(gap, [this] {
@@ -364,30 +365,30 @@ void Connection::interrupt_output(size_t first, std::chrono::milliseconds gap) {
     });
 }
 
-void Connection::set_silent(bool silent) {
+void client_connection::set_silent(bool silent) {
     silent_ = silent;
     update_interest();
     if (!silent) owner_.on_output(*this);
 }
 
-void Connection::shut_sending() {
+void client_connection::shut_sending() {
     flush();
-    if (state_ == State::ended || half_shut_) return;
+    if (state_ == phase::ended || half_shut_) return;
     half_shut_ = true;
     (void)shutdown(socket_.get(), SHUT_WR);
 }
 
-// 6 Ending.
+// ==== 6 Ending ===================================================================================================
 
-// Lets go of the socket: FIN after `before_fin`, then what still arrives is thrown away for a while, because closing a socket with
-// unread input sends an RST, which may overtake what the client has not read yet.
-void Connection::linger(std::chrono::milliseconds before_fin) {
-    struct Rest {
-        Loop    &loop;
-        UniqueFd socket;
-        uint64_t watch     = 0;
-        uint64_t fin_timer = 0;
-        uint64_t end_timer = 0;
+// Lets go of the socket: FIN after `before_fin`, then what still arrives is thrown away for a while, because closing
+// a socket with unread input sends an RST, which may overtake what the client has not read yet.
+void client_connection::linger(std::chrono::milliseconds before_fin) {
+    struct lingering {
+        event_loop &loop;
+        unique_fd   socket;
+        uint64_t    watch     = 0;
+        uint64_t    fin_timer = 0;
+        uint64_t    end_timer = 0;
 
         void finish() {
             loop.forget(watch);
@@ -398,7 +399,7 @@ void Connection::linger(std::chrono::milliseconds before_fin) {
     };
     loop_.forget(watch_);
     watch_      = 0;
-    auto rest   = std::make_shared<Rest>(Rest{loop_, std::move(socket_)});
+    auto rest   = std::make_shared<lingering>(lingering{loop_, std::move(socket_)});
     rest->watch = loop_.watch(rest->socket.get(), EPOLLIN, [rest](uint32_t) {
         uint8_t scrap[4096];
         ssize_t count = recv(rest->socket.get(), scrap, sizeof scrap, 0);
@@ -409,9 +410,9 @@ void Connection::linger(std::chrono::milliseconds before_fin) {
     rest->end_timer = loop_.after(before_fin + linger_time, [rest] { rest->finish(); });
 }
 
-void Connection::end(const Ending &ending) {
-    if (state_ == State::ended) return;
-    state_ = State::ended;
+void client_connection::end(const connection_end &ending) {
+    if (state_ == phase::ended) return;
+    state_ = phase::ended;
     loop_.forget(watch_);
     watch_ = 0;
     loop_.cancel(handshake_timer_);
@@ -420,43 +421,43 @@ void Connection::end(const Ending &ending) {
     owner_.on_ended(*this, ending);
 }
 
-void Connection::end_with_fin(const std::string &detail) {
+void client_connection::end_with_fin(const std::string &detail) {
     flush();
-    if (state_ == State::ended) return;
+    if (state_ == phase::ended) return;
     linger(std::chrono::milliseconds(0));
     end({"gateway", "fin", detail});
 }
 
-void Connection::end_with_notify(const std::string &detail) {
+void client_connection::end_with_notify(const std::string &detail) {
     if (can_send()) (void)SSL_shutdown(ssl_);
     flush();
-    if (state_ == State::ended) return;
+    if (state_ == phase::ended) return;
     linger(std::chrono::milliseconds(0));
     end({"gateway", "close_notify", detail});
 }
 
-void Connection::end_with_reset(const std::string &detail) {
-    if (state_ == State::ended) return;
+void client_connection::end_with_reset(const std::string &detail) {
+    if (state_ == phase::ended) return;
     struct linger hard = {.l_onoff = 1, .l_linger = 0};
     (void)setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
     end({"gateway", "rst", detail});
 }
 
-void Connection::end_with_alert(int level, int code) {
+void client_connection::end_with_alert(int level, int code) {
     // Data that arrives together with a FIN is not read by a client that watches for the FIN first.
     static constexpr std::chrono::milliseconds time_to_read_alert{200};
     const uint8_t                              alert[]  = {static_cast<uint8_t>(level), static_cast<uint8_t>(code)};
     const uint8_t                              record[] = {SSL3_RT_ALERT, 3, 3, 0, 2, alert[0], alert[1]};
-    if (state_ == State::open) send_record(SSL3_RT_ALERT, alert);
+    if (state_ == phase::open) send_record(SSL3_RT_ALERT, alert);
     else send_raw(record);
     flush();
-    if (state_ == State::ended) return;
+    if (state_ == phase::ended) return;
     linger(time_to_read_alert);
     end({"gateway", "alert", "code " + std::to_string(code)});
 }
 
-void Connection::end_for_error(const std::string &detail) {
-    if (state_ == State::ended) return;
+void client_connection::end_for_error(const std::string &detail) {
+    if (state_ == phase::ended) return;
     linger(std::chrono::milliseconds(0));
     end({"gateway", "error", detail});
 }

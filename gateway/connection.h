@@ -13,72 +13,77 @@
 
 namespace gw {
 
-class Connection;
+class client_connection;
 
 // How a connection ended.
-struct Ending {
+struct connection_end {
     const char *by;   // "peer" or "gateway"
     const char *how;  // "fin", "rst", "close_notify", "alert", "error", "timeout"
     std::string detail;
 };
 
 // What a connection reports. All calls come from the loop's thread; a connection that has ended makes no further call.
-class ConnectionOwner {
+class connection_owner {
 public:
-    virtual ~ConnectionOwner()                                                                     = default;
-    virtual void on_tls_up(Connection &connection)                                                 = 0;
-    virtual void on_tls_failed(Connection &connection, const std::string &reason)                  = 0;
-    virtual void on_alert(Connection &connection, int level, int code)                             = 0;
-    virtual void on_frame(Connection &connection, const Frame &frame)                              = 0;
-    virtual void on_bad_stream(Connection &connection, FrameParser::Result reason, ByteView bytes) = 0;
+    virtual ~connection_owner()                                                                             = default;
+    virtual void on_tls_up(client_connection &connection)                                                   = 0;
+    virtual void on_tls_failed(client_connection &connection, const std::string &reason)                    = 0;
+    virtual void on_alert(client_connection &connection, int level, int code)                               = 0;
+    virtual void on_frame(client_connection &connection, const cstp_frame &frame)                           = 0;
+    virtual void on_bad_stream(client_connection &connection, frame_parser::result reason, byte_view bytes) = 0;
     // Something waits: call flush() when the batch is over.
-    virtual void on_output(Connection &connection) = 0;
+    virtual void on_output(client_connection &connection) = 0;
     // Destroy it later, not in this call.
-    virtual void on_ended(Connection &connection, const Ending &ending) = 0;
+    virtual void on_ended(client_connection &connection, const connection_end &ending) = 0;
 };
 
-// One client connection: TCP, TLS, frames, and the bounded queue of packets for a client that reads slowly. Never blocks.
+// One client connection: TCP, TLS, frames, and the bounded queue of packets for a client that reads slowly. Never
+// blocks.
 //
 // In:  on_event -> receive -> continue_handshake | read_frames -> owner.on_frame
 // Out: send_frame, send_data -> write_record -> OpenSSL -> out_ -> flush -> socket
 //
-// OpenSSL reads from input_ and writes to out_ through a BIO of ours, so it never meets the socket: SSL_write takes every record, one
-// send() carries many of them, and how the peer ended the connection is seen here and not behind an error queue.
-class Connection {
+// OpenSSL reads from input_ and writes to out_ through a BIO of ours, so it never meets the socket: SSL_write takes
+// every record, one send() carries many of them, and how the peer ended the connection is seen here and not behind an
+// error queue.
+class client_connection {
 public:
-    enum class State {
+    enum class phase {
         stalled,
         handshake,
         open,
         ended
     };
 
-    struct Limits {
+    struct bounds {
         std::chrono::seconds handshake{10};
         size_t               queue = 1024;  // packets
     };
 
     // Takes the accepted, non-blocking socket. `totals` is counted along with the connection's own counters.
-    Connection(uint64_t id, UniqueFd socket, std::string peer, ConnectionOwner &owner, Loop &loop, const Limits &limits,
-               Counters &totals);
-    virtual ~Connection();
-    Connection(const Connection &)            = delete;
-    Connection &operator=(const Connection &) = delete;
+    client_connection(uint64_t id, unique_fd socket, std::string peer, connection_owner &owner, event_loop &loop,
+                      const bounds &limits, counter_set &totals);
+    virtual ~client_connection();
+    client_connection(const client_connection &)            = delete;
+    client_connection &operator=(const client_connection &) = delete;
 
     void start_tls(SSL_CTX *context);  // the server's side of the handshake
     void stall(bool read);  // no handshake: leave the client waiting, its bytes read and thrown away, or not read
 
-    // One frame in one record, ahead of queued packets. False when the connection cannot send or too much waits already.
-    bool send_frame(uint8_t type, ByteView payload);
+    // One frame in one record, ahead of queued packets. False when the connection cannot send or too much waits
+    // already.
+    bool send_frame(uint8_t type, byte_view payload);
 
-    // One data frame, header included, in one record; waits in the queue when the client is slow. False when the queue is full.
-    bool send_data(ByteView frame);
+    // One data frame, header included, in one record; waits in the queue when the client is slow. False when the
+    // queue is full.
+    bool send_data(byte_view frame);
 
-    // One record of this content type with exactly these bytes, at most crafted_record_limit. Throws std::runtime_error.
-    void send_record(uint8_t type, ByteView plain);
+    // One record of this content type with exactly these bytes, at most crafted_record_limit. Throws
+    // std::runtime_error.
+    void send_record(uint8_t type, byte_view plain);
 
     // Bytes for the TCP stream, past TLS.
-    void send_raw(ByteView bytes);
+    void send_raw(byte_view bytes);
 
     // Sends `first` bytes of what waits now, and the rest after `gap`.
     void interrupt_output(size_t first, std::chrono::milliseconds gap);
@@ -96,8 +101,8 @@ public:
 
     uint64_t                  id() const { return id_; }
     const std::string        &peer() const { return peer_; }
-    State                     state() const { return state_; }
-    bool                      is_open() const { return state_ == State::open; }
+    phase                     state() const { return state_; }
+    bool                      is_open() const { return state_ == phase::open; }
     bool                      is_silent() const { return silent_; }
     bool                      is_half_shut() const { return half_shut_; }
     size_t                    queued() const { return queue_.size(); }
@@ -105,11 +110,11 @@ public:
     SSL                      *ssl() const { return ssl_; }
     std::chrono::milliseconds age() const;
 
-    void count(Counter which, uint64_t amount = 1) {
+    void count(counter which, uint64_t amount = 1) {
         counters_.add(which, amount);
         totals_.add(which, amount);
     }
-    const Counters &counters() const { return counters_; }
+    const counter_set &counters() const { return counters_; }
 
 private:
     void on_event(uint32_t events);
@@ -118,15 +123,15 @@ private:
     void continue_handshake();
     void fail_handshake(const std::string &reason);
     void read_frames();
-    bool take_plain(ByteView plain);
+    bool take_plain(byte_view plain);
     void stop_reading(int result);
-    bool write_record(ByteView bytes);
-    void craft_record(uint8_t type, ByteView plain);
+    bool write_record(byte_view bytes);
+    void craft_record(uint8_t type, byte_view plain);
     void fill_from_queue();
     void update_interest();
-    bool can_send() const { return state_ == State::open && !half_shut_; }
+    bool can_send() const { return state_ == phase::open && !half_shut_; }
     void linger(std::chrono::milliseconds before_fin);
-    void end(const Ending &ending);
+    void end(const connection_end &ending);
 
     static int               bio_read(BIO *bio, char *to, int size);
     static int               bio_write(BIO *bio, const char *from, int size);
@@ -135,33 +140,33 @@ private:
     static void see_message(int write, int version, int type, const void *bytes, size_t size, SSL *ssl, void *self);
     static void see_state(const SSL *ssl, int where, int value);
 
-    const uint64_t                id_;
-    UniqueFd                      socket_;
-    const std::string             peer_;
-    ConnectionOwner              &owner_;
-    Loop                         &loop_;
-    const Limits                  limits_;
-    const Loop::Clock::time_point born_            = Loop::Clock::now();
-    State                         state_           = State::stalled;
-    SSL                          *ssl_             = nullptr;
-    uint64_t                      watch_           = 0;
-    uint32_t                      interest_        = 0;  // epoll events asked for
-    uint64_t                      handshake_timer_ = 0;
-    uint64_t                      gap_timer_       = 0;
-    bool                          reading_         = true;  // false: stalled without reading
-    bool                          silent_          = false;
-    bool                          half_shut_       = false;
-    bool                          blocked_         = false;  // the socket took less than offered: wait for EPOLLOUT
-    ByteView                      input_;  // received bytes that OpenSSL has not taken yet; only during receive()
-    FrameParser                   parser_;
-    ByteQueue                     out_;                  // encrypted bytes for the socket
-    size_t                        sendable_ = SIZE_MAX;  // how many of them may go out now, see interrupt_output
-    FrameRing                     queue_;                // data frames that wait until out_ has drained
-    uint64_t                      records_written_ = 0;  // since the ChangeCipherSpec, the Finished included
-    int                           alert_level_     = 0;  // last alert received
-    int                           alert_code_      = -1;
-    Counters                      counters_;
-    Counters                     &totals_;
+    const uint64_t                      id_;
+    unique_fd                           socket_;
+    const std::string                   peer_;
+    connection_owner                   &owner_;
+    event_loop                         &loop_;
+    const bounds                        limits_;
+    const event_loop::clock::time_point born_            = event_loop::clock::now();
+    phase                               state_           = phase::stalled;
+    SSL                                *ssl_             = nullptr;
+    uint64_t                            watch_           = 0;
+    uint32_t                            interest_        = 0;  // epoll events asked for
+    uint64_t                            handshake_timer_ = 0;
+    uint64_t                            gap_timer_       = 0;
+    bool                                reading_         = true;  // false: stalled without reading
+    bool                                silent_          = false;
+    bool                                half_shut_       = false;
+    bool                                blocked_ = false;  // the socket took less than offered: wait for EPOLLOUT
+    byte_view                           input_;  // received bytes that OpenSSL has not taken yet; only during receive()
+    frame_parser                        parser_;
+    byte_queue                          out_;                  // encrypted bytes for the socket
+    size_t                              sendable_ = SIZE_MAX;  // how many of them may go out now, see interrupt_output
+    frame_ring                          queue_;                // data frames that wait until out_ has drained
+    uint64_t                            records_written_ = 0;  // since the ChangeCipherSpec, the Finished included
+    int                                 alert_level_     = 0;  // last alert received
+    int                                 alert_code_      = -1;
+    counter_set                         counters_;
+    counter_set                        &totals_;
 };
 
 }  // namespace gw

@@ -24,7 +24,7 @@ sockaddr_un socket_address(const std::string &path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path)
-        throw RuntimeFailure("the path of the control socket is too long: " + path);
+        throw runtime_failure("the path of the control socket is too long: " + path);
     path.copy(address.sun_path, path.size());
     return address;
 }
@@ -33,17 +33,17 @@ sockaddr_un socket_address(const std::string &path) {
 void remove_leftover(const std::string &path, const sockaddr_un &address) {
     struct stat info;
     if (lstat(path.c_str(), &info) != 0 || !S_ISSOCK(info.st_mode)) return;
-    UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    unique_fd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 &&
         errno == ECONNREFUSED)
         (void)unlink(path.c_str());
 }
 
-Json failure(const std::string &error) { return {{"ok", false}, {"error", error}}; }
+json failure(const std::string &error) { return {{"ok", false}, {"error", error}}; }
 
 }  // namespace
 
-Control::Control(const std::string &path, Gateway &gateway, Loop &loop)
+control_socket::control_socket(const std::string &path, tunnel_gateway &gateway, event_loop &loop)
     : path_(path),
       gateway_(gateway),
       loop_(loop),
@@ -54,14 +54,14 @@ Control::Control(const std::string &path, Gateway &gateway, Loop &loop)
     bool   bound  = bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
     int    error  = errno;
     umask(before);
-    if (!bound) throw RuntimeFailure("cannot create the control socket " + path + ": " + strerror(error));
+    if (!bound) throw runtime_failure("cannot create the control socket " + path + ": " + strerror(error));
     if (listen(listener_.get(), listen_backlog) != 0)
-        throw RuntimeFailure("cannot listen on the control socket " + path + ": " + strerror(errno));
+        throw runtime_failure("cannot listen on the control socket " + path + ": " + strerror(errno));
     listen_watch_ = loop_.watch(listener_.get(), EPOLLIN, [this](uint32_t) { on_acceptable(); });
-    gateway_.events.on_event([this](const Json &event) { publish(event); });
+    gateway_.events.on_event([this](const json &event) { publish(event); });
 }
 
-Control::~Control() {
+control_socket::~control_socket() {
     gateway_.events.on_event(nullptr);
     for (const auto &controller : controllers_) {
         flush(*controller);
@@ -72,22 +72,22 @@ Control::~Control() {
     (void)unlink(path_.c_str());
 }
 
-void Control::on_acceptable() {
-    UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+void control_socket::on_acceptable() {
+    unique_fd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket) return;
-    auto &controller  = *controllers_.emplace_back(std::make_unique<Controller>());
+    auto &controller  = *controllers_.emplace_back(std::make_unique<controller_link>());
     controller.socket = std::move(socket);
     controller.watch  = loop_.watch(controller.socket.get(), EPOLLIN,
                                     [this, &controller](uint32_t events) { on_event(controller, events); });
 }
 
-void Control::on_event(Controller &controller, uint32_t events) {
+void control_socket::on_event(controller_link &controller, uint32_t events) {
     if (events & EPOLLOUT) controller.blocked = false;
     if (events & EPOLLIN) read_lines(controller);
     else if (events & (EPOLLHUP | EPOLLERR)) controller.dead = true;
 }
 
-void Control::read_lines(Controller &controller) {
+void control_socket::read_lines(controller_link &controller) {
     char    buffer[65536];
     ssize_t count = recv(controller.socket.get(), buffer, sizeof buffer, 0);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
@@ -113,18 +113,18 @@ void Control::read_lines(Controller &controller) {
     }
 }
 
-void Control::take_line(Controller &controller, const std::string &line) {
+void control_socket::take_line(controller_link &controller, const std::string &line) {
     if (line.find_first_not_of(" \t\r") == std::string::npos) return;
-    Json request = Json::parse(line, nullptr, false);
+    json request = json::parse(line, nullptr, false);
     if (!request.is_object())
         return send(controller, failure(request.is_discarded() ? "not JSON" : "not a JSON object"));
-    Json id = request.contains("id") ? request["id"] : Json(nullptr);
-    Json answer;
+    json id = request.contains("id") ? request["id"] : json(nullptr);
+    json answer;
     try {
         answer = execute(controller, request);
-    } catch (const CommandError &error) {
+    } catch (const command_error &error) {
         answer = failure(error.what());
-    } catch (const Json::exception &error) {
+    } catch (const json::exception &error) {
         answer = failure(error.what());
     }
     if (answer.is_null()) return;  // a wait that goes on
@@ -132,28 +132,28 @@ void Control::take_line(Controller &controller, const std::string &line) {
     send(controller, answer);
 }
 
-Json Control::execute(Controller &controller, const Json &request) {
-    Json        answer = {{"ok", true}};
-    std::string name   = request.value("cmd", Json()).is_string() ? request["cmd"].get<std::string>() : "";
+json control_socket::execute(controller_link &controller, const json &request) {
+    json        answer = {{"ok", true}};
+    std::string name   = request.value("cmd", json()).is_string() ? request["cmd"].get<std::string>() : "";
     if (name == "subscribe") {
         answer.update(subscribe(controller, request));
     } else if (name == "unsubscribe") {
         check_members(request, {});
         controller.subscribed = false;
     } else if (name == "wait") {
-        return start_wait(controller, request, answer) ? Json(nullptr) : answer;
+        return start_wait(controller, request, answer) ? json(nullptr) : answer;
     } else {
         answer.update(run_command(gateway_, request));
     }
     return answer;
 }
 
-Json Control::subscribe(Controller &controller, const Json &request) {
+json control_socket::subscribe(controller_link &controller, const json &request) {
     check_members(request, {"events", "since"});
     uint64_t since        = number_member(request, "since", gateway_.events.last());
     controller.kinds      = event_kinds(request, "events");
     controller.subscribed = true;
-    gateway_.events.visit(since, [&](const Json &event) {
+    gateway_.events.visit(since, [&](const json &event) {
         if (wants(controller, event)) send(controller, event);
         return true;
     });
@@ -161,13 +161,13 @@ Json Control::subscribe(Controller &controller, const Json &request) {
 }
 
 // True when the answer comes later; otherwise the event is there already and `answer` holds it.
-bool Control::start_wait(Controller &controller, const Json &request, Json &answer) {
+bool control_socket::start_wait(controller_link &controller, const json &request, json &answer) {
     check_members(request, {"event", "since", "client", "match", "timeout_ms"});
-    Wait     wait{request.contains("id") ? request["id"] : Json(nullptr), event_filter(request, "event")};
-    uint64_t since = number_member(request, "since", gateway_.events.last());
+    pending_wait wait{request.contains("id") ? request["id"] : json(nullptr), read_event_filter(request, "event")};
+    uint64_t     since = number_member(request, "since", gateway_.events.last());
     std::chrono::milliseconds timeout(number_member(request, "timeout_ms", standard_wait, longest_wait));
     bool                      found = false;
-    gateway_.events.visit(since, [&](const Json &event) {
+    gateway_.events.visit(since, [&](const json &event) {
         found = wait.filter.accepts(event);
         if (found) answer["event_data"] = event;
         return !found;
@@ -177,7 +177,7 @@ bool Control::start_wait(Controller &controller, const Json &request, Json &answ
     uint64_t number = next_wait_++;
     wait.timer      = loop_.after(timeout, [this, &controller, number] {
         auto node = controller.waits.extract(number);
-        Json late = failure("timeout");
+        json late = failure("timeout");
         if (!node.mapped().id.is_null()) late["id"] = node.mapped().id;
         send(controller, late);
     });
@@ -185,12 +185,12 @@ bool Control::start_wait(Controller &controller, const Json &request, Json &answ
     return true;
 }
 
-bool Control::wants(const Controller &controller, const Json &event) const {
+bool control_socket::wants(const controller_link &controller, const json &event) const {
     std::string kind = event["event"].get<std::string>();
     return controller.kinds.empty() ? kind != "data" : controller.kinds.contains(kind);
 }
 
-void Control::publish(const Json &event) {
+void control_socket::publish(const json &event) {
     for (auto &controller : controllers_) {
         if (controller->dead) continue;
         if (controller->subscribed && wants(*controller, event)) send(*controller, event);
@@ -199,7 +199,7 @@ void Control::publish(const Json &event) {
                 ++wait;
                 continue;
             }
-            Json answer = {{"ok", true}, {"event_data", event}};
+            json answer = {{"ok", true}, {"event_data", event}};
             if (!wait->second.id.is_null()) answer["id"] = wait->second.id;
             loop_.cancel(wait->second.timer);
             wait = controller->waits.erase(wait);
@@ -208,14 +208,14 @@ void Control::publish(const Json &event) {
     }
 }
 
-void Control::send(Controller &controller, const Json &message) {
-    controller.out += message.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+void control_socket::send(controller_link &controller, const json &message) {
+    controller.out += message.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
     if (controller.out.size() <= out_limit) return;
     spdlog::warn("controller does not read: closed");
     controller.dead = true;
 }
 
-void Control::flush(Controller &controller) {
+void control_socket::flush(controller_link &controller) {
     while (!controller.dead && !controller.blocked && !controller.out.empty()) {
         ssize_t sent = ::send(controller.socket.get(), controller.out.data(), controller.out.size(), MSG_NOSIGNAL);
         if (sent > 0) controller.out.erase(0, static_cast<size_t>(sent));
@@ -226,7 +226,7 @@ void Control::flush(Controller &controller) {
     loop_.modify(controller.watch, input | (controller.blocked ? static_cast<uint32_t>(EPOLLOUT) : 0u));
 }
 
-void Control::finish_batch() {
+void control_socket::finish_batch() {
     for (const auto &controller : controllers_) {
         if (!controller->out.empty()) flush(*controller);
         bool done = controller->no_more_in && controller->out.empty() && controller->waits.empty() &&

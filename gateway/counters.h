@@ -9,7 +9,7 @@ namespace gw {
 // clang-format off
 
 // What is counted, per connection and in total, in the order in which it is shown.
-enum class Counter {
+enum class counter {
     frames_rx, frames_tx, bytes_rx, bytes_tx,
     data_rx, data_tx, data_bytes_rx, data_bytes_tx,
     config_req, config_resp, dpd_req, dpd_resp, invalid,
@@ -19,8 +19,8 @@ enum class Counter {
     count,
 };
 
-constexpr size_t counter_count = static_cast<size_t>(Counter::count);
-constexpr size_t connection_counter_count = static_cast<size_t>(Counter::accepted);
+constexpr size_t counter_count = static_cast<size_t>(counter::count);
+constexpr size_t connection_counter_count = static_cast<size_t>(counter::accepted);
 
 constexpr std::array<const char *, counter_count> counter_names = {
     "frames_rx", "frames_tx", "bytes_rx", "bytes_tx",
@@ -32,10 +32,10 @@ constexpr std::array<const char *, counter_count> counter_names = {
 
 // clang-format on
 
-class Counters {
+class counter_set {
 public:
-    void     add(Counter which, uint64_t amount = 1) { values_[static_cast<size_t>(which)] += amount; }
-    uint64_t get(Counter which) const { return values_[static_cast<size_t>(which)]; }
+    void     add(counter which, uint64_t amount = 1) { values_[static_cast<size_t>(which)] += amount; }
+    uint64_t get(counter which) const { return values_[static_cast<size_t>(which)]; }
     uint64_t at(size_t index) const { return values_[index]; }
 
 private:

@@ -44,15 +44,15 @@ bool is_logged(std::string_view name) {
 }
 
 // One log line has one line: texts are quoted by JSON's rules when they need it.
-std::string log_value(const Json &value) {
-    std::string quoted = value.dump(-1, ' ', true, Json::error_handler_t::replace);
+std::string log_value(const json &value) {
+    std::string quoted = value.dump(-1, ' ', true, json::error_handler_t::replace);
     if (!value.is_string()) return quoted;
     bool plain = quoted.size() > 2 && quoted.find_first_of(" =\\", 0) == std::string::npos &&
                  quoted.find('"', 1) == quoted.size() - 1;
     return plain ? quoted.substr(1, quoted.size() - 2) : quoted;
 }
 
-void log_event(const char *kind, uint64_t client, const Json &event) {
+void log_event(const char *kind, uint64_t client, const json &event) {
     auto level = level_of(kind);
     if (!spdlog::should_log(level)) return;
     std::string line = fmt::format("event={}", kind);
@@ -77,8 +77,8 @@ double mono_milliseconds() {
 
 }  // namespace
 
-void EventLog::emit(const char *kind, uint64_t client, const Json &fields) {
-    Json event = {
+void event_log::emit(const char *kind, uint64_t client, const json &fields) {
+    json event = {
         {"event", kind},
         {"seq", ++last_},
         {"mono_ms", mono_milliseconds()},
@@ -88,18 +88,18 @@ void EventLog::emit(const char *kind, uint64_t client, const Json &fields) {
     event.update(fields);
     log_event(kind, client, event);
 
-    ring_.push_back(std::make_shared<const Json>(std::move(event)));
+    ring_.push_back(std::make_shared<const json>(std::move(event)));
     if (ring_.size() > kept_events) ring_.pop_front();
-    Event current = ring_.back();  // a listener may cause further events
+    kept_event current = ring_.back();  // a listener may cause further events
     if (listener_) listener_(*current);
 }
 
-uint64_t EventLog::lost(uint64_t since) const {
+uint64_t event_log::lost(uint64_t since) const {
     uint64_t oldest = last_ - ring_.size() + 1;
     return since + 1 < oldest ? oldest - since - 1 : 0;
 }
 
-void EventLog::visit(uint64_t since, const std::function<bool(const Json &)> &visit) const {
+void event_log::visit(uint64_t since, const std::function<bool(const json &)> &visit) const {
     uint64_t gone  = last_ - ring_.size();
     size_t   start = since > gone ? static_cast<size_t>(since - gone) : 0;
     for (size_t i = start; i < ring_.size(); i++) {

@@ -10,18 +10,18 @@
 
 namespace gw {
 
-using Json = nlohmann::ordered_json;
+using json = nlohmann::ordered_json;
 
 // What happened, numbered, with time stamps: the newest are kept for controllers that ask later, each goes to the log.
-class EventLog {
+class event_log {
 public:
-    using Event = std::shared_ptr<const Json>;
+    using kept_event = std::shared_ptr<const json>;
 
     // Adds one event. `client` is the connection's number, 0 for none; `fields` is an object.
-    void emit(const char *kind, uint64_t client, const Json &fields = Json::object());
+    void emit(const char *kind, uint64_t client, const json &fields = json::object());
 
     // Called for every event as it happens.
-    void on_event(std::function<void(const Json &)> listener) { listener_ = std::move(listener); }
+    void on_event(std::function<void(const json &)> listener) { listener_ = std::move(listener); }
 
     uint64_t last() const { return last_; }
 
@@ -29,12 +29,12 @@ public:
     uint64_t lost(uint64_t since) const;
 
     // Calls visit(event) for the kept events numbered above `since`, oldest first, until it returns false.
-    void visit(uint64_t since, const std::function<bool(const Json &)> &visit) const;
+    void visit(uint64_t since, const std::function<bool(const json &)> &visit) const;
 
 private:
-    std::deque<Event>                 ring_;
+    std::deque<kept_event>            ring_;
     uint64_t                          last_ = 0;
-    std::function<void(const Json &)> listener_;
+    std::function<void(const json &)> listener_;
 };
 
 }  // namespace gw

@@ -10,7 +10,7 @@ constexpr size_t frame_header_size = 8;
 // A client takes one frame of at most this many bytes, header included, per read.
 constexpr size_t client_frame_limit = 1500;
 
-enum FrameType : uint8_t {
+enum frame_type : uint8_t {
     frame_data            = 0,
     frame_config_request  = 1,
     frame_config_response = 2,
@@ -22,19 +22,19 @@ enum FrameType : uint8_t {
 void write_frame_header(uint8_t *at, uint8_t type, uint16_t length);
 
 // Header and payload in one piece. The payload holds at most 65535 bytes.
-Bytes make_frame(uint8_t type, ByteView payload);
+byte_vector make_frame(uint8_t type, byte_view payload);
 
 // A received frame; the views last as long as the call that hands it over.
-struct Frame {
-    uint8_t  type = 0;
-    ByteView payload;
+struct cstp_frame {
+    uint8_t   type = 0;
+    byte_view payload;
 };
 
-// Cuts a byte stream into frames, however the stream is sliced. A header with other magic bytes or another version spoils the
-// stream for good: there is no way to find the next frame.
-class FrameParser {
+// Cuts a byte stream into frames, however the stream is sliced. A header with other magic bytes or another version
+// spoils the stream for good: there is no way to find the next frame.
+class frame_parser {
 public:
-    enum class Result {
+    enum class result {
         ok,
         bad_magic,
         bad_version,
@@ -43,11 +43,11 @@ public:
 
     // Calls take(frame) for every frame that is complete with these bytes; take returns false to stop. Frames that lie
     // whole in `bytes` are not copied.
-    template <class Take>
-    Result feed(ByteView bytes, Take &&take) {
+    template <class take_function>
+    result feed(byte_view bytes, take_function &&take) {
         if (rest_.empty()) return take_frames(bytes, take);
         rest_.insert(rest_.end(), bytes.begin(), bytes.end());
-        Bytes joined;
+        byte_vector joined;
         joined.swap(rest_);
         return take_frames(joined, take);
     }
@@ -56,27 +56,27 @@ public:
     size_t pending() const { return rest_.size(); }
 
 private:
-    template <class Take>
-    Result take_frames(ByteView bytes, Take &take) {
+    template <class take_function>
+    result take_frames(byte_view bytes, take_function &take) {
         while (!bytes.empty()) {
-            Result header = check_header(bytes);
-            if (header != Result::ok) return header;
+            result header = check_header(bytes);
+            if (header != result::ok) return header;
             size_t size = frame_size(bytes);
             if (size == 0 || size > bytes.size()) break;
-            if (!take(Frame{bytes[6], bytes.subspan(frame_header_size, size - frame_header_size)}))
-                return Result::stopped;
+            if (!take(cstp_frame{bytes[6], bytes.subspan(frame_header_size, size - frame_header_size)}))
+                return result::stopped;
             bytes = bytes.subspan(size);
         }
         rest_.assign(bytes.begin(), bytes.end());
-        return Result::ok;
+        return result::ok;
     }
 
-    static Result check_header(ByteView bytes);
-    static size_t frame_size(ByteView bytes);  // 0 while the length is not known
+    static result check_header(byte_view bytes);
+    static size_t frame_size(byte_view bytes);  // 0 while the length is not known
 
-    Bytes rest_;
+    byte_vector rest_;
 };
 
-const char *to_text(FrameParser::Result result);
+const char *to_text(frame_parser::result result);
 
 }  // namespace gw

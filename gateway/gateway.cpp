@@ -12,6 +12,8 @@
 
 namespace gw {
 
+// Contents: 1 listening  2 life of connections  3 for the control protocol
+
 namespace {
 
 constexpr int                       accept_backlog    = 128;
@@ -19,31 +21,31 @@ constexpr int                       accepts_per_batch = 64;
 constexpr std::chrono::milliseconds accept_pause{100};  // when the process is out of descriptors
 constexpr size_t                    shown_bytes = 64;   // of a bad frame, in its event
 
-std::set<uint32_t> excluded_addresses(const Cidr &tun) { return {tun.address, tun.network(), tun.broadcast()}; }
+std::set<uint32_t> excluded_addresses(const ipv4_cidr &tun) { return {tun.address, tun.network(), tun.broadcast()}; }
 
 std::string peer_text(const sockaddr_in &address) {
     return ipv4_text(ntohl(address.sin_addr.s_addr)) + ":" + std::to_string(ntohs(address.sin_port));
 }
 
-const char *mode_text(AcceptMode mode) {
+const char *mode_text(accept_mode mode) {
     switch (mode) {
-    case AcceptMode::normal: return "normal";
-    case AcceptMode::refuse: return "refuse";
-    case AcceptMode::reset: return "reset";
-    case AcceptMode::stall: return "stall";
-    case AcceptMode::stall_tls: return "stall_tls";
+    case accept_mode::normal: return "normal";
+    case accept_mode::refuse: return "refuse";
+    case accept_mode::reset: return "reset";
+    case accept_mode::stall: return "stall";
+    case accept_mode::stall_tls: return "stall_tls";
     }
     return "";
 }
 
-void reset_socket(UniqueFd socket) {
+void reset_socket(unique_fd socket) {
     struct linger hard = {.l_onoff = 1, .l_linger = 0};
     (void)setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
 }
 
 }  // namespace
 
-Gateway::Gateway(const Options &options, Loop &loop)
+tunnel_gateway::tunnel_gateway(const gateway_options &options, event_loop &loop)
     : options_(options),
       loop_(loop),
       tls_(options.tls),
@@ -56,15 +58,15 @@ Gateway::Gateway(const Options &options, Loop &loop)
     listen();
 }
 
-Gateway::~Gateway() {
+tunnel_gateway::~tunnel_gateway() {
     loop_.forget(listen_watch_);
     loop_.forget(tun_watch_);
 }
 
-// Listening.
+// ==== 1 Listening ================================================================================================
 
-void Gateway::listen() {
-    UniqueFd    socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+void tunnel_gateway::listen() {
+    unique_fd   socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     int         on = 1;
     sockaddr_in address{};
     address.sin_family      = AF_INET;
@@ -75,16 +77,18 @@ void Gateway::listen() {
                 bind(socket.get(), reinterpret_cast<sockaddr *>(&address), size) == 0 &&
                 ::listen(socket.get(), accept_backlog) == 0 &&
                 getsockname(socket.get(), reinterpret_cast<sockaddr *>(&address), &size) == 0;
-    if (!good) throw RuntimeFailure("cannot listen on " + listen_text() + ": " + strerror(errno));
+    if (!good) throw runtime_failure("cannot listen on " + listen_text() + ": " + strerror(errno));
     port_         = ntohs(address.sin_port);
     listener_     = std::move(socket);
     listen_watch_ = loop_.watch(listener_.get(), EPOLLIN, [this](uint32_t) { on_acceptable(); });
 }
 
-std::string Gateway::listen_text() const { return ipv4_text(options_.listen_address) + ":" + std::to_string(port_); }
+std::string tunnel_gateway::listen_text() const {
+    return ipv4_text(options_.listen_address) + ":" + std::to_string(port_);
+}
 
-void Gateway::set_accept(AcceptMode mode) {
-    if (mode == AcceptMode::refuse) {
+void tunnel_gateway::set_accept(accept_mode mode) {
+    if (mode == accept_mode::refuse) {
         loop_.forget(listen_watch_);
         listener_.reset();
     } else if (!listener_) {
@@ -93,49 +97,50 @@ void Gateway::set_accept(AcceptMode mode) {
     lab.accept = mode;
 }
 
-void Gateway::on_acceptable() {
+void tunnel_gateway::on_acceptable() {
     for (int i = 0; i < accepts_per_batch && listener_; i++) {
         sockaddr_in address{};
         socklen_t   size = sizeof address;
-        UniqueFd    socket(
-               accept4(listener_.get(), reinterpret_cast<sockaddr *>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        unique_fd   socket(
+              accept4(listener_.get(), reinterpret_cast<sockaddr *>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (socket) take_connection(std::move(socket), peer_text(address));
         else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) return pause_accepting();
         else if (errno != ECONNABORTED && errno != EINTR) return;
     }
 }
 
-void Gateway::pause_accepting() {
+void tunnel_gateway::pause_accepting() {
     spdlog::warn("cannot accept error=\"{}\"", strerror(errno));
     loop_.modify(listen_watch_, 0);
     loop_.after(accept_pause, [this] { loop_.modify(listen_watch_, EPOLLIN); });
 }
 
-void Gateway::take_connection(UniqueFd socket, const std::string &peer) {
-    totals_.add(Counter::accepted);
+void tunnel_gateway::take_connection(unique_fd socket, const std::string &peer) {
+    totals_.add(counter::accepted);
     const char *refused = nullptr;
-    if (lab.accept == AcceptMode::reset) refused = "reset";
+    if (lab.accept == accept_mode::reset) refused = "reset";
     else if (clients_.size() >= options_.max_clients) refused = "max_clients";
     if (refused) {
-        totals_.add(Counter::refused);
+        totals_.add(counter::refused);
         events.emit("accept_refused", 0, {{"peer", peer}, {"why", refused}});
         return reset_socket(std::move(socket));
     }
-    uint64_t           id = next_client_++;
-    Connection::Limits limits{.handshake = options_.handshake_timeout, .queue = options_.queue};
-    auto              &client =
-        *clients_.emplace(id, std::make_unique<Client>(id, std::move(socket), peer, *this, loop_, limits, totals_))
-             .first->second;
+    uint64_t                  id = next_client_++;
+    client_connection::bounds limits{.handshake = options_.handshake_timeout, .queue = options_.queue};
+    auto                     &client = *clients_
+                        .emplace(id, std::make_unique<tunnel_client>(id, std::move(socket), peer, *this, loop_, limits,
+                                                                     totals_))
+                        .first->second;
     events.emit("tcp_accept", id, {{"peer", peer}, {"mode", mode_text(lab.accept)}});
-    if (lab.accept == AcceptMode::normal) client.start_tls(tls_.get());
-    else client.stall(lab.accept == AcceptMode::stall_tls);
+    if (lab.accept == accept_mode::normal) client.start_tls(tls_.get());
+    else client.stall(lab.accept == accept_mode::stall_tls);
 }
 
-// Life of connections.
+// ==== 2 Life of connections ======================================================================================
 
-void Gateway::on_tls_up(Connection &connection) {
-    auto &client = static_cast<Client &>(connection);
-    totals_.add(Counter::tls_up);
+void tunnel_gateway::on_tls_up(client_connection &connection) {
+    auto &client = static_cast<tunnel_client &>(connection);
+    totals_.add(counter::tls_up);
     client.identity = peer_identity(client.ssl());
     client.cipher   = SSL_get_cipher_name(client.ssl());
     events.emit("tls_up", client.id(),
@@ -145,46 +150,46 @@ void Gateway::on_tls_up(Connection &connection) {
                  {"resumed", SSL_session_reused(client.ssl()) == 1}});
 }
 
-void Gateway::on_tls_failed(Connection &connection, const std::string &reason) {
-    totals_.add(Counter::tls_failed);
+void tunnel_gateway::on_tls_failed(client_connection &connection, const std::string &reason) {
+    totals_.add(counter::tls_failed);
     events.emit("tls_failed", connection.id(), {{"peer", connection.peer()}, {"reason", reason}});
 }
 
-void Gateway::on_alert(Connection &connection, int level, int code) {
+void tunnel_gateway::on_alert(client_connection &connection, int level, int code) {
     events.emit("alert_rx", connection.id(),
                 {{"level", level}, {"code", code}, {"alert", SSL_alert_desc_string_long(code)}});
 }
 
-void Gateway::on_frame(Connection &connection, const Frame &frame) {
-    auto &client = static_cast<Client &>(connection);
+void tunnel_gateway::on_frame(client_connection &connection, const cstp_frame &frame) {
+    auto &client = static_cast<tunnel_client &>(connection);
     switch (frame.type) {
     case frame_data: return take_packet(client, frame.payload);
     case frame_config_request: return take_config_request(client, frame.payload);
     case frame_dpd_request: return answer_dpd(client);
     default: break;
     }
-    client.count(Counter::invalid);
-    ByteView shown = frame.payload.first(std::min(frame.payload.size(), shown_bytes));
+    client.count(counter::invalid);
+    byte_view shown = frame.payload.first(std::min(frame.payload.size(), shown_bytes));
     events.emit("frame_invalid", client.id(),
                 {{"reason", "type"}, {"type", frame.type}, {"hex", to_hex(shown)}, {"action", "dropped"}});
 }
 
-void Gateway::on_bad_stream(Connection &connection, FrameParser::Result reason, ByteView bytes) {
-    connection.count(Counter::invalid);
-    ByteView shown = bytes.first(std::min(bytes.size(), shown_bytes));
+void tunnel_gateway::on_bad_stream(client_connection &connection, frame_parser::result reason, byte_view bytes) {
+    connection.count(counter::invalid);
+    byte_view shown = bytes.first(std::min(bytes.size(), shown_bytes));
     events.emit("frame_invalid", connection.id(),
                 {{"reason", to_text(reason)}, {"hex", to_hex(shown)}, {"action", "closed"}});
     connection.end_with_notify("frame_invalid");
 }
 
-void Gateway::on_output(Connection &connection) {
+void tunnel_gateway::on_output(client_connection &connection) {
     // One entry per batch is enough, and mostly it is the last one.
     if (with_output_.empty() || with_output_.back() != connection.id()) with_output_.push_back(connection.id());
 }
 
-void Gateway::on_ended(Connection &connection, const Ending &ending) {
-    auto &client = static_cast<Client &>(connection);
-    totals_.add(Counter::closed);
+void tunnel_gateway::on_ended(client_connection &connection, const connection_end &ending) {
+    auto &client = static_cast<tunnel_client &>(connection);
+    totals_.add(counter::closed);
     loop_.cancel(client.delay_timer);
     auto node = clients_.extract(client.id());
     dead_.push_back(std::move(node.mapped()));
@@ -196,7 +201,7 @@ void Gateway::on_ended(Connection &connection, const Ending &ending) {
 }
 
 // The newest of the remaining connections with this inner address takes over.
-void Gateway::drop_route(Client &client) {
+void tunnel_gateway::drop_route(tunnel_client &client) {
     auto found = active_.find(client.inner);
     if (found == active_.end() || found->second != &client) return;
     active_.erase(found);
@@ -206,48 +211,48 @@ void Gateway::drop_route(Client &client) {
     }
 }
 
-void Gateway::finish_batch() {
+void tunnel_gateway::finish_batch() {
     std::vector<uint64_t> ids;
     ids.swap(with_output_);
     for (uint64_t id : ids) {
-        if (Client *client = find_client(id)) client->flush();
+        if (tunnel_client *client = find_client(id)) client->flush();
     }
     ids.clear();
     if (with_output_.empty()) with_output_.swap(ids);  // keeps the memory
     dead_.clear();
 }
 
-void Gateway::shut_down(const std::string &reason) {
+void tunnel_gateway::shut_down(const std::string &reason) {
     events.emit("shutdown", 0, {{"reason", reason}});
     loop_.forget(listen_watch_);
     listener_.reset();
-    for (Client *client : clients()) client->end_with_notify("shutdown");
+    for (tunnel_client *client : clients()) client->end_with_notify("shutdown");
     dead_.clear();
 }
 
-// For the control protocol.
+// ==== 3 For the control protocol =================================================================================
 
-std::chrono::milliseconds Gateway::uptime() const {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Loop::Clock::now() - born_);
+std::chrono::milliseconds tunnel_gateway::uptime() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(event_loop::clock::now() - born_);
 }
 
-std::vector<Client *> Gateway::clients() {
-    std::vector<Client *> list;
+std::vector<tunnel_client *> tunnel_gateway::clients() {
+    std::vector<tunnel_client *> list;
     for (const auto &[id, client] : clients_) list.push_back(client.get());
     return list;
 }
 
-Client *Gateway::find_client(uint64_t id) {
+tunnel_client *tunnel_gateway::find_client(uint64_t id) {
     auto found = clients_.find(id);
     return found == clients_.end() ? nullptr : found->second.get();
 }
 
-bool Gateway::is_active(const Client &client) const {
+bool tunnel_gateway::is_active(const tunnel_client &client) const {
     auto found = active_.find(client.inner);
     return found != active_.end() && found->second == &client;
 }
 
-void Gateway::forget_dpd_choices() {
+void tunnel_gateway::forget_dpd_choices() {
     for (const auto &[id, client] : clients_) client->answers_dpd.reset();
 }
 

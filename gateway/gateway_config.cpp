@@ -13,42 +13,43 @@ namespace {
 constexpr size_t payload_limit = client_frame_limit - frame_header_size;  // of a response that we compose
 constexpr size_t cookie_bytes  = 5;                                       // 10 characters, see below
 
-// By contract: a cookie has exactly 10 characters, because a client that gets a shorter one keeps the end of an earlier one behind it.
+// By contract: a cookie has exactly 10 characters, because a client that gets a shorter one keeps the end of an
+// earlier one behind it.
 std::string new_cookie() {
     uint8_t random[cookie_bytes];
     if (RAND_bytes(random, sizeof random) != 1) return "";
     return to_hex(random);
 }
 
-Json text_or_null(const std::optional<std::string> &text) { return text ? Json(*text) : Json(nullptr); }
+json text_or_null(const std::optional<std::string> &text) { return text ? json(*text) : json(nullptr); }
 
 }  // namespace
 
-void Gateway::answer_dpd(Client &client) {
-    client.count(Counter::dpd_req);
+void tunnel_gateway::answer_dpd(tunnel_client &client) {
+    client.count(counter::dpd_req);
     bool answer = client.answers_dpd.value_or(lab.answers_dpd);
     events.emit("dpd_req", client.id(), {{"answered", answer}});
     if (!answer) return;
-    if (!client.send_frame(frame_dpd_response, {})) return client.count(Counter::drop_queue);
-    client.count(Counter::dpd_resp);
+    if (!client.send_frame(frame_dpd_response, {})) return client.count(counter::drop_queue);
+    client.count(counter::dpd_resp);
     events.emit("dpd_resp_sent", client.id());
 }
 
-void Gateway::take_config_request(Client &client, ByteView payload) {
-    client.count(Counter::config_req);
-    std::string   text(text_of(payload));
-    ConfigRequest request = parse_config_request(text);
-    client.device_id      = request.device_id.value_or("");
-    client.name           = request.name.value_or("");
-    client.serial         = request.serial.value_or("");
+void tunnel_gateway::take_config_request(tunnel_client &client, byte_view payload) {
+    client.count(counter::config_req);
+    std::string    text(text_of(payload));
+    config_request request = parse_config_request(text);
+    client.device_id       = request.device_id.value_or("");
+    client.name            = request.name.value_or("");
+    client.serial          = request.serial.value_or("");
 
-    Pool::Asker asker{client.identity, client.device_id, request.cookie.value_or(""),
-                      parse_ipv4(request.address.value_or(""))};
-    Lease      *before = client.lease;
-    client.lease       = pool_.acquire(asker);
+    address_pool::applicant asker{client.identity, client.device_id, request.cookie.value_or(""),
+                                  parse_ipv4(request.address.value_or(""))};
+    address_lease          *before = client.lease;
+    client.lease                   = pool_.acquire(asker);
     if (before) pool_.release(*before);
-    bool cookie_known = client.lease && Pool::is_known_cookie(*client.lease, asker.cookie);
-    Json report       = {
+    bool cookie_known = client.lease && address_pool::is_known_cookie(*client.lease, asker.cookie);
+    json report       = {
               {"text", text},
               {"hex", to_hex(payload)},
               {"address", text_or_null(request.address)},
@@ -62,32 +63,32 @@ void Gateway::take_config_request(Client &client, ByteView payload) {
     respond_by_mode(client);
 }
 
-void Gateway::respond_by_mode(Client &client) {
-    ConfigMode mode = lab.config;
+void tunnel_gateway::respond_by_mode(tunnel_client &client) {
+    config_mode mode = lab.config;
     if (mode.once) lab.config = {};
     client.withheld = false;
     switch (mode.kind) {
-    case ConfigMode::Kind::normal: return respond(client, "normal");
-    case ConfigMode::Kind::hold: client.withheld = true; return withhold(client, "hold");
-    case ConfigMode::Kind::delay:
+    case config_answer::normal: return respond(client, "normal");
+    case config_answer::hold: client.withheld = true; return withhold(client, "hold");
+    case config_answer::delay:
         withhold(client, "delay");
         loop_.cancel(client.delay_timer);
         client.delay_timer = loop_.after(
             mode.delay, [this, &client] { respond(client, "delayed"); });  // cancelled when the client ends
         return;
-    case ConfigMode::Kind::drop: return withhold(client, "drop");
-    case ConfigMode::Kind::replace: return send_response(client, text_of(mode.bytes), "replaced");
-    case ConfigMode::Kind::malform: return respond_malformed(client, mode.bytes);
+    case config_answer::drop: return withhold(client, "drop");
+    case config_answer::replace: return send_response(client, text_of(mode.bytes), "replaced");
+    case config_answer::malform: return respond_malformed(client, mode.bytes);
     }
 }
 
-void Gateway::withhold(const Client &client, const char *why) {
+void tunnel_gateway::withhold(const tunnel_client &client, const char *why) {
     events.emit("config_resp_withheld", client.id(), {{"why", why}});
 }
 
-void Gateway::respond(Client &client, const char *how) {
+void tunnel_gateway::respond(tunnel_client &client, const char *how) {
     if (!client.lease) return withhold(client, "pool_exhausted");
-    Headers headers = response_headers(client);
+    header_list headers = response_headers(client);
     lab.overrides.apply(headers);
     lab.overrides.forget_once();
     std::string text = config_response_text(headers);
@@ -95,12 +96,12 @@ void Gateway::respond(Client &client, const char *how) {
     send_response(client, text, how);
 }
 
-Headers Gateway::response_headers(Client &client) {
+header_list tunnel_gateway::response_headers(tunnel_client &client) {
     if (client.lease->own_cookie.empty())
         client.lease->own_cookie = options_.cookie_auto ? new_cookie() : options_.cookie;
 
-    Headers headers;
-    auto    add = [&](const char *name, const std::optional<std::string> &value) {
+    header_list headers;
+    auto        add = [&](const char *name, const std::optional<std::string> &value) {
         if (value) headers.emplace_back(name, *value);
     };
     add("X-CSTP-Address", options_.prefix);
@@ -114,10 +115,10 @@ Headers Gateway::response_headers(Client &client) {
     return headers;
 }
 
-void Gateway::send_response(Client &client, std::string_view text, const char *how) {
+void tunnel_gateway::send_response(tunnel_client &client, std::string_view text, const char *how) {
     if (!options_.allow_fatal && has_fatal_dpd(text)) return withhold(client, "fatal_dpd");
     if (!client.send_frame(frame_config_response, bytes_of(text))) return withhold(client, "not_sent");
-    client.count(Counter::config_resp);
+    client.count(counter::config_resp);
     assign(client, text);
     events.emit("config_resp_sent", client.id(),
                 {{"text", text},
@@ -127,7 +128,7 @@ void Gateway::send_response(Client &client, std::string_view text, const char *h
 }
 
 // What the response says is what the client will use, whoever wrote it.
-void Gateway::assign(Client &client, std::string_view response) {
+void tunnel_gateway::assign(tunnel_client &client, std::string_view response) {
     auto cookie = response_value(response, "X-CSTP-Cookie");
     if (client.lease && cookie) client.lease->cookie = *cookie;
     auto inner = parse_ipv4(response_value(response, "X-CSTP-Address-Client").value_or(""));
@@ -136,11 +137,11 @@ void Gateway::assign(Client &client, std::string_view response) {
     client.inner      = *inner;
     client.configured = true;
     if (client.lease && client.lease->address != *inner) (void)pool_.move(*client.lease, *inner);
-    Client *&active = active_[*inner];
+    tunnel_client *&active = active_[*inner];
     if (!active || active->id() <= client.id()) active = &client;
 }
 
-void Gateway::respond_malformed(Client &client, const Bytes &raw) {
+void tunnel_gateway::respond_malformed(tunnel_client &client, const byte_vector &raw) {
     try {
         client.send_record(SSL3_RT_APPLICATION_DATA, raw);
     } catch (const std::runtime_error &) {
@@ -150,9 +151,9 @@ void Gateway::respond_malformed(Client &client, const Bytes &raw) {
                 {{"hex", to_hex(raw)}, {"inner", ""}, {"device_id", client.device_id}, {"how", "malformed"}});
 }
 
-size_t Gateway::release_withheld(const Client *only) {
+size_t tunnel_gateway::release_withheld(const tunnel_client *only) {
     size_t released = 0;
-    for (Client *client : clients()) {
+    for (tunnel_client *client : clients()) {
         if (!client->withheld || (only && only != client)) continue;
         client->withheld = false;
         respond(*client, "released");

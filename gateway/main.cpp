@@ -21,13 +21,13 @@ namespace {
 // Time in which clients answer our FIN: what they send into a closed socket would turn it into an RST.
 constexpr std::chrono::milliseconds farewell{100};
 
-void open_log(const Options &options) {
+void open_log(const gateway_options &options) {
     std::shared_ptr<spdlog::logger> logger;
     try {
         logger = options.log == "-" ? spdlog::stderr_logger_st("gateway")
                                     : spdlog::basic_logger_st("gateway", options.log);
     } catch (const spdlog::spdlog_ex &error) {
-        throw UsageError("cannot write the log " + options.log + ": " + strerror(errno));
+        throw usage_error("cannot write the log " + options.log + ": " + strerror(errno));
     }
     logger->set_pattern("%Y-%m-%dT%H:%M:%S.%e %l %v");
     logger->set_level(spdlog::level::from_str(options.log_level));
@@ -36,47 +36,47 @@ void open_log(const Options &options) {
 }
 
 // SIGTERM and SIGINT as a descriptor of the loop, signalfd(2).
-UniqueFd block_signals() {
+unique_fd block_signals() {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    UniqueFd fd(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
-    if (!fd) throw RuntimeFailure(std::string("cannot receive signals: ") + strerror(errno));
+    unique_fd fd(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+    if (!fd) throw runtime_failure(std::string("cannot receive signals: ") + strerror(errno));
     return fd;
 }
 
 // Exists while the gateway accepts clients.
-class ReadyFile {
+class ready_file {
 public:
-    ReadyFile(const std::string &path, const std::string &listen) : path_(path) {
+    ready_file(const std::string &path, const std::string &listen) : path_(path) {
         if (path_.empty()) return;
         std::string text  = "pid=" + std::to_string(getpid()) + " listen=" + listen + "\n";
         std::string fresh = path_ + ".new";  // renamed, so that it is never seen half written
-        UniqueFd    file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        unique_fd   file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         bool        good = file && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
                     rename(fresh.c_str(), path_.c_str()) == 0;
-        if (!good) throw UsageError("cannot write the ready file " + path_ + ": " + strerror(errno));
+        if (!good) throw usage_error("cannot write the ready file " + path_ + ": " + strerror(errno));
     }
-    ~ReadyFile() {
+    ~ready_file() {
         if (!path_.empty()) (void)unlink(path_.c_str());
     }
-    ReadyFile(const ReadyFile &)            = delete;
-    ReadyFile &operator=(const ReadyFile &) = delete;
+    ready_file(const ready_file &)            = delete;
+    ready_file &operator=(const ready_file &) = delete;
 
 private:
     std::string path_;
 };
 
-void serve(const Options &options) {
-    UniqueFd                 signals = block_signals();
-    Loop                     loop;
-    Gateway                  gateway(options, loop);
-    std::unique_ptr<Control> control;
-    if (!options.control.empty()) control = std::make_unique<Control>(options.control, gateway, loop);
-    ReadyFile ready(options.ready_file, gateway.listen_text());
+void serve(const gateway_options &options) {
+    unique_fd                       signals = block_signals();
+    event_loop                      loop;
+    tunnel_gateway                  gateway(options, loop);
+    std::unique_ptr<control_socket> control;
+    if (!options.control.empty()) control = std::make_unique<control_socket>(options.control, gateway, loop);
+    ready_file ready(options.ready_file, gateway.listen_text());
 
     loop.watch(signals.get(), EPOLLIN, [&](uint32_t) {
         signalfd_siginfo info{};
@@ -102,7 +102,7 @@ int run(int argc, const char *const *argv) {
         open_log(*options);
         serve(*options);
         return 0;
-    } catch (const UsageError &error) {
+    } catch (const usage_error &error) {
         fprintf(stderr, "tlsc-gateway: %s\n", error.what());
         return 2;
     } catch (const std::exception &error) {

@@ -18,7 +18,7 @@ constexpr unsigned long longest              = 2147483647;
 constexpr size_t        interface_name_limit = 15;
 
 // The texts of options that need more than CLI11's conversions.
-struct Texts {
+struct option_texts {
     std::string listen   = "0.0.0.0:443";
     std::string tun_addr = "10.9.0.1/24";
     std::string pool;
@@ -32,7 +32,7 @@ struct Texts {
     bool        no_tun    = false;
 };
 
-void declare_access(CLI::App &app, Options &o, Texts &t) {
+void declare_access(CLI::App &app, gateway_options &o, option_texts &t) {
     app.add_option("--listen", t.listen, "Address and port to accept on, port 0 takes a free one")
         ->option_text("ADDR:PORT [0.0.0.0:443]");
     app.add_option("--psk-file", o.tls.psk_file, "Pre-shared keys, lines \"identity:key text\"")->option_text("FILE");
@@ -51,7 +51,7 @@ void declare_access(CLI::App &app, Options &o, Texts &t) {
         ->check(CLI::Range(1, 3600));
 }
 
-void declare_network(CLI::App &app, Options &o, Texts &t) {
+void declare_network(CLI::App &app, gateway_options &o, option_texts &t) {
     app.add_option("--tun", o.tun, "Name of the TUN interface")->option_text("NAME [tlsgw0]");
     app.add_option("--tun-addr", t.tun_addr, "Its address")->option_text("ADDR/LEN [10.9.0.1/24]");
     app.add_option("--mtu", o.mtu, "Its MTU")->option_text("BYTES [1406]")->check(CLI::Range(576, 1436));
@@ -63,7 +63,7 @@ void declare_network(CLI::App &app, Options &o, Texts &t) {
         ->check(CLI::Range(1, 65536));
 }
 
-void declare_response(CLI::App &app, Options &o, Texts &t) {
+void declare_response(CLI::App &app, gateway_options &o, option_texts &t) {
     app.add_option("--prefix", t.prefix, "X-CSTP-Address [network of the pool]")->option_text("ADDR|omit");
     app.add_option("--prefix-length", t.prefix_length, "X-CSTP-Prefix-Length [length of the pool]")
         ->option_text("N|omit");
@@ -78,7 +78,7 @@ void declare_response(CLI::App &app, Options &o, Texts &t) {
     app.add_flag("--allow-fatal", o.allow_fatal, "Allow a DPD interval below 5, of which a client dies");
 }
 
-void declare_operation(CLI::App &app, Options &o) {
+void declare_operation(CLI::App &app, gateway_options &o) {
     app.add_option("--log", o.log, "Log file, - is standard error")->option_text("FILE|- [-]");
     app.add_option("--log-level", o.log_level, "trace, debug, info, warn, error, off")
         ->option_text("LEVEL [info]")
@@ -90,40 +90,41 @@ void declare_operation(CLI::App &app, Options &o) {
     app.set_version_flag("--version", version);
 }
 
-void take_listen(const std::string &text, Options &o) {
+void take_listen(const std::string &text, gateway_options &o) {
     size_t colon   = text.rfind(':');
     auto   address = parse_ipv4(text.substr(0, colon));
     auto   port    = colon == std::string::npos ? std::nullopt : parse_number(text.substr(colon + 1), 65535);
-    if (!address || !port) throw UsageError("--listen: '" + text + "' is not ADDR:PORT");
+    if (!address || !port) throw usage_error("--listen: '" + text + "' is not ADDR:PORT");
     o.listen_address = *address;
     o.listen_port    = static_cast<uint16_t>(*port);
 }
 
-AddressRange parse_pool(const std::string &text) {
+address_range parse_pool(const std::string &text) {
     if (auto cidr = parse_cidr(text)) {
-        if (cidr->length < 8 || cidr->length > 30) throw UsageError("--pool: length must be from 8 to 30");
+        if (cidr->length < 8 || cidr->length > 30) throw usage_error("--pool: length must be from 8 to 30");
         return {cidr->network() + 1, cidr->broadcast() - 1};
     }
     size_t dash  = text.find('-');
     auto   first = parse_ipv4(text.substr(0, dash));
     auto   last  = dash == std::string::npos ? std::nullopt : parse_ipv4(text.substr(dash + 1));
-    if (!first || !last || *first > *last) throw UsageError("--pool: '" + text + "' is neither ADDR/LEN nor ADDR-ADDR");
-    if (*last - *first > 0xffffff) throw UsageError("--pool: more than 16777216 addresses");
+    if (!first || !last || *first > *last)
+        throw usage_error("--pool: '" + text + "' is neither ADDR/LEN nor ADDR-ADDR");
+    if (*last - *first > 0xffffff) throw usage_error("--pool: more than 16777216 addresses");
     return {*first, *last};
 }
 
-void take_addresses(const Texts &t, Options &o) {
+void take_addresses(const option_texts &t, gateway_options &o) {
     auto tun = parse_cidr(t.tun_addr);
     if (!tun || tun->length < 1 || tun->length > 30)
-        throw UsageError("--tun-addr: '" + t.tun_addr + "' is not ADDR/LEN with a length from 1 to 30");
+        throw usage_error("--tun-addr: '" + t.tun_addr + "' is not ADDR/LEN with a length from 1 to 30");
     o.tun_address = *tun;
     if (o.tun.empty() || o.tun.size() > interface_name_limit || o.tun.find_first_of("/ %:") != std::string::npos)
-        throw UsageError("--tun: '" + o.tun + "' is not an interface name");
+        throw usage_error("--tun: '" + o.tun + "' is not an interface name");
     o.use_tun   = !t.no_tun;
     o.pool_text = t.pool.empty() ? cidr_text({tun->network(), tun->length}) : t.pool;
     o.pool      = parse_pool(o.pool_text);
     if (o.pool.first == o.pool.last && o.pool.first == tun->address)
-        throw UsageError("--pool: holds only the gateway's own address");
+        throw usage_error("--pool: holds only the gateway's own address");
 }
 
 // "omit" leaves the header out; a text that was not given takes the default.
@@ -135,41 +136,41 @@ std::optional<std::string> unless_omitted(const std::string &text, const std::st
 std::optional<std::string> seconds(const char *option, const std::string &text, unsigned long least) {
     if (text == "omit") return std::nullopt;
     auto value = parse_number(text, longest);
-    if (!value) throw UsageError(std::string(option) + ": '" + text + "' is neither a number of seconds nor omit");
+    if (!value) throw usage_error(std::string(option) + ": '" + text + "' is neither a number of seconds nor omit");
     if (*value < least)
-        throw UsageError(std::string(option) + ": below " + std::to_string(least) +
-                         " a client dies; --allow-fatal allows it");
+        throw usage_error(std::string(option) + ": below " + std::to_string(least) +
+                          " a client dies; --allow-fatal allows it");
     return text;
 }
 
-void take_prefix(const Texts &t, Options &o) {
-    Cidr prefix     = parse_cidr(o.pool_text).value_or(o.tun_address);
-    o.prefix        = unless_omitted(t.prefix, ipv4_text(prefix.network()));
-    o.prefix_length = unless_omitted(t.prefix_length, std::to_string(prefix.length));
-    if (o.prefix && !parse_ipv4(*o.prefix)) throw UsageError("--prefix: '" + *o.prefix + "' is not an address");
+void take_prefix(const option_texts &t, gateway_options &o) {
+    ipv4_cidr prefix = parse_cidr(o.pool_text).value_or(o.tun_address);
+    o.prefix         = unless_omitted(t.prefix, ipv4_text(prefix.network()));
+    o.prefix_length  = unless_omitted(t.prefix_length, std::to_string(prefix.length));
+    if (o.prefix && !parse_ipv4(*o.prefix)) throw usage_error("--prefix: '" + *o.prefix + "' is not an address");
     if (o.prefix_length && !parse_number(*o.prefix_length, 32))
-        throw UsageError("--prefix-length: '" + *o.prefix_length + "' is not a number up to 32");
+        throw usage_error("--prefix-length: '" + *o.prefix_length + "' is not a number up to 32");
 }
 
-void take_response(const Texts &t, Options &o) {
+void take_response(const option_texts &t, gateway_options &o) {
     take_prefix(t, o);
     for (const std::string &dns : o.dns) {
-        if (!parse_ipv4(dns)) throw UsageError("--dns: '" + dns + "' is not an address");
+        if (!parse_ipv4(dns)) throw usage_error("--dns: '" + dns + "' is not an address");
     }
     o.dpd         = seconds("--dpd", t.dpd, o.allow_fatal ? 0 : least_dpd);
     o.retry       = seconds("--retry", t.retry, 1);
     o.rekey       = seconds("--rekey", t.rekey, 1);
     o.cookie_auto = t.cookie == "auto";
     if (!o.cookie_auto && t.cookie != "none") o.cookie = t.cookie;
-    if (o.cookie.size() > cookie_limit) throw UsageError("--cookie: more than 10 characters");
-    if (o.cookie.find('\n') != std::string::npos) throw UsageError("--cookie: line feed");
+    if (o.cookie.size() > cookie_limit) throw usage_error("--cookie: more than 10 characters");
+    if (o.cookie.find('\n') != std::string::npos) throw usage_error("--cookie: line feed");
 }
 
-void check_tls(const TlsOptions &tls) {
-    if (tls.psk_file.empty() && tls.cert.empty()) throw UsageError("one of --psk-file and --cert is needed");
-    if (tls.cert.empty() != tls.key.empty()) throw UsageError("--cert and --key belong together");
-    if (!tls.client_ca.empty() && tls.cert.empty()) throw UsageError("--client-ca needs --cert");
-    if (!tls.crl.empty() && tls.client_ca.empty()) throw UsageError("--crl needs --client-ca");
+void check_tls(const tls_options &tls) {
+    if (tls.psk_file.empty() && tls.cert.empty()) throw usage_error("one of --psk-file and --cert is needed");
+    if (tls.cert.empty() != tls.key.empty()) throw usage_error("--cert and --key belong together");
+    if (!tls.client_ca.empty() && tls.cert.empty()) throw usage_error("--client-ca needs --cert");
+    if (!tls.crl.empty() && tls.client_ca.empty()) throw usage_error("--crl needs --client-ca");
 }
 
 // One line, whatever CLI11 has to say.
@@ -180,12 +181,12 @@ std::string first_line(const char *text) {
 
 }  // namespace
 
-std::optional<Options> parse_options(int argc, const char *const *argv) {
-    Options  options;
-    Texts    texts;
-    CLI::App app(
-        "Reference gateway: accepts tunnel clients over TLS 1.2 and moves their packets to and from a TUN interface.",
-        "tlsc-gateway");
+std::optional<gateway_options> parse_options(int argc, const char *const *argv) {
+    gateway_options options;
+    option_texts    texts;
+    CLI::App app("Reference gateway: accepts tunnel clients over TLS 1.2 and moves their packets to and from a TUN "
+                 "interface.",
+                 "tlsc-gateway");
     app.get_formatter()->column_width(44);
     declare_access(app, options, texts);
     declare_network(app, options, texts);
@@ -200,7 +201,7 @@ std::optional<Options> parse_options(int argc, const char *const *argv) {
         printf("%s\n", version);
         return std::nullopt;
     } catch (const CLI::ParseError &error) {
-        throw UsageError(first_line(error.what()));
+        throw usage_error(first_line(error.what()));
     }
     take_listen(texts.listen, options);
     take_addresses(texts, options);

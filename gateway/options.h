@@ -10,17 +10,17 @@
 
 namespace gw {
 
-struct Options {
-    uint32_t   listen_address = 0;    // host order
-    uint16_t   listen_port    = 443;  // 0: any free one
-    TlsOptions tls;
+struct gateway_options {
+    uint32_t    listen_address = 0;    // host order
+    uint16_t    listen_port    = 443;  // 0: any free one
+    tls_options tls;
 
-    bool         use_tun = true;
-    std::string  tun     = "tlsgw0";
-    Cidr         tun_address{0x0a090001, 24};
-    unsigned     mtu = 1406;  // bytes
-    AddressRange pool;
-    std::string  pool_text;  // as given
+    bool          use_tun = true;
+    std::string   tun     = "tlsgw0";
+    ipv4_cidr     tun_address{0x0a090001, 24};
+    unsigned      mtu = 1406;  // bytes
+    address_range pool;
+    std::string   pool_text;  // as given
 
     // The configuration response; nothing omits the header.
     std::optional<std::string> prefix;
@@ -43,7 +43,8 @@ struct Options {
     std::string control;
 };
 
-// Reads the command line. Prints help or version itself and returns nothing then; throws UsageError for whatever is wrong.
-std::optional<Options> parse_options(int argc, const char *const *argv);
+// Reads the command line. Prints help or version itself and returns nothing then; throws UsageError for whatever is
+// wrong.
+std::optional<gateway_options> parse_options(int argc, const char *const *argv);
 
 }  // namespace gw

@@ -8,17 +8,17 @@ constexpr size_t cookie_limit = 10;  // characters that a client keeps of a cook
 
 }  // namespace
 
-bool Pool::is_known_cookie(const Lease &lease, std::string_view cookie) {
+bool address_pool::is_known_cookie(const address_lease &lease, std::string_view cookie) {
     return !lease.cookie.empty() && cookie.starts_with(std::string_view(lease.cookie).substr(0, cookie_limit));
 }
 
-Lease *Pool::acquire(const Asker &asker) {
-    Lease *lease = find(asker);
+address_lease *address_pool::acquire(const applicant &asker) {
+    address_lease *lease = find(asker);
     if (!lease) {
         auto address = choose_address(asker);
         if (!address) return nullptr;
         lease = &leases_.emplace_back(
-            Lease{.identity = asker.identity, .device_id = asker.device_id, .address = *address});
+            address_lease{.identity = asker.identity, .device_id = asker.device_id, .address = *address});
         by_address_[*address] = lease;
     } else if (asker.address && *asker.address != lease->address) {
         (void)move(*lease, *asker.address);  // otherwise the device keeps what it has
@@ -28,9 +28,9 @@ Lease *Pool::acquire(const Asker &asker) {
     return lease;
 }
 
-Lease *Pool::find(const Asker &asker) {
-    Lease *absent = nullptr;
-    for (Lease &lease : leases_) {
+address_lease *address_pool::find(const applicant &asker) {
+    address_lease *absent = nullptr;
+    for (address_lease &lease : leases_) {
         if (lease.identity != asker.identity || lease.device_id != asker.device_id) continue;
         if (!asker.device_id.empty()) return &lease;
         // Devices without an id share one identity: only what they show tells them apart.
@@ -44,14 +44,14 @@ Lease *Pool::find(const Asker &asker) {
     return absent;
 }
 
-Lease *Pool::holder(uint32_t address) {
+address_lease *address_pool::holder(uint32_t address) {
     auto found = by_address_.find(address);
     return found == by_address_.end() ? nullptr : found->second;
 }
 
-bool Pool::move(Lease &lease, uint32_t address) {
+bool address_pool::move(address_lease &lease, uint32_t address) {
     if (!contains(address)) return false;
-    Lease *other = holder(address);
+    address_lease *other = holder(address);
     if (other == &lease) return true;
     if (other) {
         if (other->connections > 0) return false;
@@ -63,14 +63,14 @@ bool Pool::move(Lease &lease, uint32_t address) {
     return true;
 }
 
-void Pool::release(Lease &lease) {
+void address_pool::release(address_lease &lease) {
     if (lease.connections > 0) lease.connections--;
     lease.used = ++uses_;
 }
 
-std::optional<uint32_t> Pool::choose_address(const Asker &asker) {
+std::optional<uint32_t> address_pool::choose_address(const applicant &asker) {
     if (asker.address && contains(*asker.address)) {
-        Lease *other = holder(*asker.address);
+        address_lease *other = holder(*asker.address);
         if (!other) return asker.address;
         if (other->connections == 0) {
             erase(*other);
@@ -81,7 +81,7 @@ std::optional<uint32_t> Pool::choose_address(const Asker &asker) {
     return take_from_absent();
 }
 
-std::optional<uint32_t> Pool::free_address() {
+std::optional<uint32_t> address_pool::free_address() {
     uint64_t size = uint64_t{range_.last} - range_.first + 1;
     if (by_address_.size() >= size) return std::nullopt;
     for (uint64_t tried = 0; tried < size; tried++) {
@@ -92,9 +92,9 @@ std::optional<uint32_t> Pool::free_address() {
     return std::nullopt;
 }
 
-std::optional<uint32_t> Pool::take_from_absent() {
-    Lease *oldest = nullptr;
-    for (Lease &lease : leases_) {
+std::optional<uint32_t> address_pool::take_from_absent() {
+    address_lease *oldest = nullptr;
+    for (address_lease &lease : leases_) {
         if (lease.connections > 0) continue;
         if (!oldest || lease.used < oldest->used) oldest = &lease;
     }
@@ -104,9 +104,9 @@ std::optional<uint32_t> Pool::take_from_absent() {
     return address;
 }
 
-void Pool::erase(Lease &lease) {
+void address_pool::erase(address_lease &lease) {
     by_address_.erase(lease.address);
-    leases_.remove_if([&](const Lease &candidate) { return &candidate == &lease; });
+    leases_.remove_if([&](const address_lease &candidate) { return &candidate == &lease; });
 }
 
 }  // namespace gw

@@ -10,7 +10,7 @@
 namespace gw {
 
 // What the gateway remembers of a device: who it is, which address it holds, which cookie it was given.
-struct Lease {
+struct address_lease {
     std::string identity;      // of the TLS handshake
     std::string device_id;     // of the configuration request, may be empty
     uint32_t    address = 0;   // host order
@@ -21,50 +21,50 @@ struct Lease {
 };
 
 // The inner addresses and the devices that hold them. Invariant: no two leases have the same address.
-class Pool {
+class address_pool {
 public:
     // Who asks; the texts come from the handshake and the configuration request.
-    struct Asker {
+    struct applicant {
         std::string             identity;
         std::string             device_id;
         std::string             cookie;   // empty when none was shown
         std::optional<uint32_t> address;  // asked for
     };
 
-    Pool(AddressRange range, std::set<uint32_t> excluded)
+    address_pool(address_range range, std::set<uint32_t> excluded)
         : range_(range), excluded_(std::move(excluded)), next_(range.first) {}
 
-    // The device's lease, an old one or a new one, with one more connection. The address asked for is granted when it lies in
-    // the pool and no other connected device holds it. Null when every address is held by a connected device.
-    Lease *acquire(const Asker &asker);
+    // The device's lease, an old one or a new one, with one more connection. The address asked for is granted when it
+    // lies in the pool and no other connected device holds it. Null when every address is held by a connected device.
+    address_lease *acquire(const applicant &asker);
 
     // Gives the lease another address of the pool; false when that is not possible.
-    bool move(Lease &lease, uint32_t address);
+    bool move(address_lease &lease, uint32_t address);
 
     // One connection of the device is gone. The lease stays, its address can be given away from the last one on.
-    void release(Lease &lease);
+    void release(address_lease &lease);
 
-    // True when the device was given a cookie and shows it. Clients keep 10 characters of it, and behind a shorter one the end of
-    // an earlier one, so what counts is how the text begins.
-    static bool is_known_cookie(const Lease &lease, std::string_view cookie);
+    // True when the device was given a cookie and shows it. Clients keep 10 characters of it, and behind a shorter
+    // one the end of an earlier one, so what counts is how the text begins.
+    static bool is_known_cookie(const address_lease &lease, std::string_view cookie);
 
     bool contains(uint32_t address) const { return range_.contains(address) && !excluded_.contains(address); }
-    const std::list<Lease> &leases() const { return leases_; }
+    const std::list<address_lease> &leases() const { return leases_; }
 
 private:
-    Lease                  *find(const Asker &asker);
-    Lease                  *holder(uint32_t address);
-    std::optional<uint32_t> choose_address(const Asker &asker);
+    address_lease          *find(const applicant &asker);
+    address_lease          *holder(uint32_t address);
+    std::optional<uint32_t> choose_address(const applicant &asker);
     std::optional<uint32_t> free_address();
     std::optional<uint32_t> take_from_absent();
-    void                    erase(Lease &lease);
+    void                    erase(address_lease &lease);
 
-    AddressRange                range_;
-    std::set<uint32_t>          excluded_;
-    uint32_t                    next_;    // where the search for a free address starts
-    std::list<Lease>            leases_;  // addresses of elements stay valid
-    std::map<uint32_t, Lease *> by_address_;
-    uint64_t                    uses_ = 0;
+    address_range                       range_;
+    std::set<uint32_t>                  excluded_;
+    uint32_t                            next_;    // where the search for a free address starts
+    std::list<address_lease>            leases_;  // addresses of elements stay valid
+    std::map<uint32_t, address_lease *> by_address_;
+    uint64_t                            uses_ = 0;
 };
 
 }  // namespace gw

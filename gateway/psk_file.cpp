@@ -13,33 +13,33 @@ namespace {
 constexpr size_t identity_limit = 128;  // characters, what clients can send
 constexpr size_t key_limit      = 256;  // characters, what clients can hold
 
-void add_line(const std::string &line, const std::string &where, PskTable &table) {
+void add_line(const std::string &line, const std::string &where, psk_table &table) {
     size_t colon = line.find(':');
-    if (colon == std::string::npos) throw UsageError(where + ": no colon between identity and key");
+    if (colon == std::string::npos) throw usage_error(where + ": no colon between identity and key");
     std::string identity = line.substr(0, colon);
     std::string key      = line.substr(colon + 1);
-    if (identity.empty()) throw UsageError(where + ": empty identity");
-    if (identity.size() > identity_limit) throw UsageError(where + ": identity of more than 128 characters");
-    if (key.empty()) throw UsageError(where + ": empty key");
-    if (key.size() > key_limit) throw UsageError(where + ": key of more than 256 characters");
-    if (!table.emplace(identity, key).second) throw UsageError(where + ": identity '" + identity + "' appears twice");
+    if (identity.empty()) throw usage_error(where + ": empty identity");
+    if (identity.size() > identity_limit) throw usage_error(where + ": identity of more than 128 characters");
+    if (key.empty()) throw usage_error(where + ": empty key");
+    if (key.size() > key_limit) throw usage_error(where + ": key of more than 256 characters");
+    if (!table.emplace(identity, key).second) throw usage_error(where + ": identity '" + identity + "' appears twice");
 }
 
 }  // namespace
 
-PskTable read_psk_file(const std::string &path) {
+psk_table read_psk_file(const std::string &path) {
     std::ifstream file(path);
-    if (!file) throw UsageError("cannot read the PSK file " + path + ": " + strerror(errno));
+    if (!file) throw usage_error("cannot read the PSK file " + path + ": " + strerror(errno));
 
-    PskTable    table;
+    psk_table   table;
     std::string line;
     for (unsigned number = 1; std::getline(file, line); number++) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
         if (line.empty() || line[0] == '#') continue;
         add_line(line, path + ":" + std::to_string(number), table);
     }
-    if (file.bad()) throw UsageError("cannot read the PSK file " + path);
-    if (table.empty()) throw UsageError("the PSK file " + path + " holds no key");
+    if (file.bad()) throw usage_error("cannot read the PSK file " + path);
+    if (table.empty()) throw usage_error("the PSK file " + path + " holds no key");
     return table;
 }
 

@@ -26,18 +26,18 @@ std::optional<unsigned long> parse_number(std::string_view text, unsigned long l
     return value;
 }
 
-std::optional<Cidr> parse_cidr(std::string_view text) {
+std::optional<ipv4_cidr> parse_cidr(std::string_view text) {
     size_t slash = text.find('/');
     if (slash == std::string_view::npos) return std::nullopt;
     auto address = parse_ipv4(text.substr(0, slash));
     auto length  = parse_number(text.substr(slash + 1), 32);
     if (!address || !length) return std::nullopt;
-    return Cidr{*address, static_cast<unsigned>(*length)};
+    return ipv4_cidr{*address, static_cast<unsigned>(*length)};
 }
 
-std::string cidr_text(const Cidr &cidr) { return ipv4_text(cidr.address) + "/" + std::to_string(cidr.length); }
+std::string cidr_text(const ipv4_cidr &cidr) { return ipv4_text(cidr.address) + "/" + std::to_string(cidr.length); }
 
-std::string to_hex(ByteView bytes) {
+std::string to_hex(byte_view bytes) {
     static constexpr char digits[] = "0123456789abcdef";
     std::string           text;
     text.reserve(bytes.size() * 2);
@@ -59,8 +59,8 @@ int digit_value(char c) {
 
 }  // namespace
 
-std::optional<Bytes> from_hex(std::string_view text) {
-    Bytes bytes;
+std::optional<byte_vector> from_hex(std::string_view text) {
+    byte_vector bytes;
     bytes.reserve(text.size() / 2);
     int high = -1;
     for (char c : text) {

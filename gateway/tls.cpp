@@ -18,17 +18,17 @@ namespace {
 constexpr const char *psk_ciphers         = "PSK-AES256-GCM-SHA384:PSK-AES256-CBC-SHA:PSK:!aRSA:!eNULL";
 constexpr const char *certificate_ciphers = "HIGH:!aNULL:!eNULL:!PSK";
 
-std::string default_ciphers(const TlsOptions &options) {
+std::string default_ciphers(const tls_options &options) {
     std::string list = options.psk_file.empty() ? "" : psk_ciphers;
     if (options.cert.empty()) return list;
     return list.empty() ? certificate_ciphers : list + ":HIGH:!aNULL";
 }
 
-[[noreturn]] void fail(const std::string &what) { throw UsageError(what + ": " + take_openssl_error()); }
+[[noreturn]] void fail(const std::string &what) { throw usage_error(what + ": " + take_openssl_error()); }
 
 void require_readable(const char *what, const std::string &path) {
     if (access(path.c_str(), R_OK) != 0)
-        throw UsageError(std::string("cannot read the ") + what + " " + path + ": " + strerror(errno));
+        throw usage_error(std::string("cannot read the ") + what + " " + path + ": " + strerror(errno));
 }
 
 }  // namespace
@@ -41,7 +41,7 @@ std::string take_openssl_error() {
     return text;
 }
 
-TlsContext::TlsContext(const TlsOptions &options) : context_(SSL_CTX_new(TLS_server_method())) {
+tls_context::tls_context(const tls_options &options) : context_(SSL_CTX_new(TLS_server_method())) {
     if (!context_) fail("cannot create a TLS context");
     SSL_CTX *context = context_.get();
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
@@ -59,11 +59,11 @@ TlsContext::TlsContext(const TlsOptions &options) : context_(SSL_CTX_new(TLS_ser
     if (!options.keylog.empty()) write_keys_to(options.keylog);
 }
 
-TlsContext::~TlsContext() {
+tls_context::~tls_context() {
     if (keylog_ >= 0) close(keylog_);
 }
 
-void TlsContext::use_psk(const TlsOptions &options) {
+void tls_context::use_psk(const tls_options &options) {
     psks_ = read_psk_file(options.psk_file);
     SSL_CTX_set_app_data(context_.get(), this);
     SSL_CTX_set_psk_server_callback(context_.get(), find_psk);
@@ -71,8 +71,8 @@ void TlsContext::use_psk(const TlsOptions &options) {
     if (SSL_CTX_use_psk_identity_hint(context_.get(), options.psk_hint.c_str()) != 1) fail("PSK identity hint");
 }
 
-unsigned TlsContext::find_psk(SSL *ssl, const char *identity, unsigned char *key, unsigned limit) {
-    auto *self = static_cast<TlsContext *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
+unsigned tls_context::find_psk(SSL *ssl, const char *identity, unsigned char *key, unsigned limit) {
+    auto *self = static_cast<tls_context *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
     if (!identity) return 0;
     auto found = self->psks_.find(identity);
     if (found == self->psks_.end() || found->second.size() > limit) return 0;
@@ -81,7 +81,7 @@ unsigned TlsContext::find_psk(SSL *ssl, const char *identity, unsigned char *key
     return static_cast<unsigned>(found->second.size());
 }
 
-void TlsContext::use_certificate(const TlsOptions &options) {
+void tls_context::use_certificate(const tls_options &options) {
     SSL_CTX *context = context_.get();
     require_readable("certificate", options.cert);
     require_readable("private key", options.key);
@@ -92,7 +92,7 @@ void TlsContext::use_certificate(const TlsOptions &options) {
     if (!options.client_ca.empty()) require_client_certificate(options);
 }
 
-void TlsContext::require_client_certificate(const TlsOptions &options) {
+void tls_context::require_client_certificate(const tls_options &options) {
     SSL_CTX *context = context_.get();
     require_readable("client CA", options.client_ca);
     if (SSL_CTX_load_verify_locations(context, options.client_ca.c_str(), nullptr) != 1)
@@ -110,15 +110,15 @@ void TlsContext::require_client_certificate(const TlsOptions &options) {
     X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK);
 }
 
-void TlsContext::write_keys_to(const std::string &path) {
+void tls_context::write_keys_to(const std::string &path) {
     keylog_ = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (keylog_ < 0) throw UsageError("cannot write the key log " + path + ": " + strerror(errno));
+    if (keylog_ < 0) throw usage_error("cannot write the key log " + path + ": " + strerror(errno));
     SSL_CTX_set_app_data(context_.get(), this);
     SSL_CTX_set_keylog_callback(context_.get(), write_key_line);
 }
 
-void TlsContext::write_key_line(const SSL *ssl, const char *line) {
-    auto       *self = static_cast<TlsContext *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
+void tls_context::write_key_line(const SSL *ssl, const char *line) {
+    auto       *self = static_cast<tls_context *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
     std::string text = std::string(line) + "\n";
     (void)!write(self->keylog_, text.data(), text.size());  // a full disk must not end the tunnel
 }

@@ -9,7 +9,7 @@
 
 namespace gw {
 
-struct TlsOptions {
+struct tls_options {
     std::string psk_file{};
     std::string psk_hint{};
     std::string cert{};
@@ -21,30 +21,30 @@ struct TlsOptions {
 };
 
 // The TLS 1.2 server context from which every connection is made.
-class TlsContext {
+class tls_context {
 public:
-    explicit TlsContext(const TlsOptions &options);  // throws UsageError that names the file or list
-    ~TlsContext();
-    TlsContext(const TlsContext &)            = delete;
-    TlsContext &operator=(const TlsContext &) = delete;
+    explicit tls_context(const tls_options &options);  // throws UsageError that names the file or list
+    ~tls_context();
+    tls_context(const tls_context &)            = delete;
+    tls_context &operator=(const tls_context &) = delete;
 
     SSL_CTX *get() const { return context_.get(); }
 
 private:
-    struct Free {
+    struct deleter {
         void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
     };
 
-    void            use_psk(const TlsOptions &options);
-    void            use_certificate(const TlsOptions &options);
-    void            require_client_certificate(const TlsOptions &options);
+    void            use_psk(const tls_options &options);
+    void            use_certificate(const tls_options &options);
+    void            require_client_certificate(const tls_options &options);
     void            write_keys_to(const std::string &path);
     static unsigned find_psk(SSL *ssl, const char *identity, unsigned char *key, unsigned limit);
     static void     write_key_line(const SSL *ssl, const char *line);
 
-    std::unique_ptr<SSL_CTX, Free> context_;
-    PskTable                       psks_;
-    int                            keylog_ = -1;
+    std::unique_ptr<SSL_CTX, deleter> context_;
+    psk_table                         psks_;
+    int                               keylog_ = -1;
 };
 
 // Who the peer is: the PSK identity, or the certificate's subject (its common name if it has one), or "".

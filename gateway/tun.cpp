@@ -39,28 +39,28 @@ ifreq request_for(const std::string &name) {
 
 }  // namespace
 
-Tun::Tun(const std::string &name, const Cidr &address, unsigned mtu, const AddressRange &pool)
+tun_device::tun_device(const std::string &name, const ipv4_cidr &address, unsigned mtu, const address_range &pool)
     : name_(name),
       fd_(open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC)),
       control_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    if (!fd_) throw RuntimeFailure(std::string("cannot open /dev/net/tun: ") + strerror(errno));
-    if (!control_) throw RuntimeFailure(std::string("cannot create a socket: ") + strerror(errno));
+    if (!fd_) throw runtime_failure(std::string("cannot open /dev/net/tun: ") + strerror(errno));
+    if (!control_) throw runtime_failure(std::string("cannot create a socket: ") + strerror(errno));
     ifreq request     = request_for(name);
     request.ifr_flags = IFF_TUN | IFF_NO_PI;
     if (ioctl(fd_.get(), TUNSETIFF, &request) != 0)
-        throw RuntimeFailure("cannot create the interface " + name + ": " + strerror(errno));
+        throw runtime_failure("cannot create the interface " + name + ": " + strerror(errno));
     set_address(address);
     set_mtu(mtu);
     bring_up();
     add_routes(address, pool);
 }
 
-void Tun::control(unsigned long request, void *argument, const char *what) {
+void tun_device::control(unsigned long request, void *argument, const char *what) {
     if (ioctl(control_.get(), request, argument) != 0)
-        throw RuntimeFailure(std::string("cannot set the ") + what + " of " + name_ + ": " + strerror(errno));
+        throw runtime_failure(std::string("cannot set the ") + what + " of " + name_ + ": " + strerror(errno));
 }
 
-void Tun::set_address(const Cidr &address) {
+void tun_device::set_address(const ipv4_cidr &address) {
     ifreq request    = request_for(name_);
     request.ifr_addr = socket_address(address.address);
     control(SIOCSIFADDR, &request, "address");
@@ -68,7 +68,7 @@ void Tun::set_address(const Cidr &address) {
     control(SIOCSIFNETMASK, &request, "netmask");
 }
 
-void Tun::set_mtu(unsigned mtu) {
+void tun_device::set_mtu(unsigned mtu) {
     ifreq request   = request_for(name_);
     request.ifr_mtu = static_cast<int>(mtu);
     control(SIOCSIFMTU, &request, "MTU");
@@ -76,15 +76,15 @@ void Tun::set_mtu(unsigned mtu) {
     control(SIOCSIFTXQLEN, &request, "queue length");
 }
 
-void Tun::bring_up() {
+void tun_device::bring_up() {
     ifreq request = request_for(name_);
     control(SIOCGIFFLAGS, &request, "flags");
     request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
     control(SIOCSIFFLAGS, &request, "flags");
 }
 
-void Tun::add_routes(const Cidr &address, const AddressRange &pool) {
-    for (const Cidr &network : networks_of(pool)) {
+void tun_device::add_routes(const ipv4_cidr &address, const address_range &pool) {
+    for (const ipv4_cidr &network : networks_of(pool)) {
         if (address.range().contains(network.network()) && address.range().contains(network.broadcast())) continue;
         rtentry route{};
         route.rt_dst     = socket_address(network.network());
@@ -92,22 +92,22 @@ void Tun::add_routes(const Cidr &address, const AddressRange &pool) {
         route.rt_flags   = RTF_UP;
         route.rt_dev     = name_.data();
         if (ioctl(control_.get(), SIOCADDRT, &route) != 0 && errno != EEXIST)
-            throw RuntimeFailure("cannot add a route to " + cidr_text(network) + ": " + strerror(errno));
+            throw runtime_failure("cannot add a route to " + cidr_text(network) + ": " + strerror(errno));
     }
 }
 
-size_t Tun::read(std::span<uint8_t> to) {
+size_t tun_device::read(std::span<uint8_t> to) {
     ssize_t count = ::read(fd_.get(), to.data(), to.size());
     return count > 0 ? static_cast<size_t>(count) : 0;
 }
 
-bool Tun::write(ByteView packet) {
+bool tun_device::write(byte_view packet) {
     return ::write(fd_.get(), packet.data(), packet.size()) == static_cast<ssize_t>(packet.size());
 }
 
-std::vector<Cidr> networks_of(AddressRange range) {
-    std::vector<Cidr> networks;
-    uint64_t          first = range.first;
+std::vector<ipv4_cidr> networks_of(address_range range) {
+    std::vector<ipv4_cidr> networks;
+    uint64_t               first = range.first;
     while (first <= range.last) {
         unsigned bits = first == 0 ? 32 : static_cast<unsigned>(std::countr_zero(first));
         while (bits > 0 && first + (uint64_t{1} << bits) - 1 > range.last) bits--;

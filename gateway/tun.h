@@ -8,11 +8,11 @@
 namespace gw {
 
 // The gateway's TUN interface (Linux, Documentation/networking/tuntap.rst): IP packets without any header before them.
-class Tun {
+class tun_device {
 public:
-    // Creates the interface, gives it address and MTU, brings it up and adds routes for what `pool` has outside `address`.
-    // Throws RuntimeFailure. The interface goes away with this object.
-    Tun(const std::string &name, const Cidr &address, unsigned mtu, const AddressRange &pool);
+    // Creates the interface, gives it address and MTU, brings it up and adds routes for what `pool` has outside
+    // `address`. Throws RuntimeFailure. The interface goes away with this object.
+    tun_device(const std::string &name, const ipv4_cidr &address, unsigned mtu, const address_range &pool);
 
     int                fd() const { return fd_.get(); }
     const std::string &name() const { return name_; }
@@ -21,21 +21,21 @@ public:
     size_t read(std::span<uint8_t> to);
 
     // False when the kernel refuses the packet.
-    bool write(ByteView packet);
+    bool write(byte_view packet);
 
 private:
-    void set_address(const Cidr &address);
+    void set_address(const ipv4_cidr &address);
     void set_mtu(unsigned mtu);
     void bring_up();
-    void add_routes(const Cidr &address, const AddressRange &pool);
+    void add_routes(const ipv4_cidr &address, const address_range &pool);
     void control(unsigned long request, void *argument, const char *what);
 
     std::string name_;
-    UniqueFd    fd_;
-    UniqueFd    control_;  // for the interface ioctls, netdevice(7)
+    unique_fd   fd_;
+    unique_fd   control_;  // for the interface ioctls, netdevice(7)
 };
 
 // The fewest networks that cover the range exactly.
-std::vector<Cidr> networks_of(AddressRange range);
+std::vector<ipv4_cidr> networks_of(address_range range);
 
 }  // namespace gw

@@ -7,17 +7,17 @@
 namespace gw {
 
 // Owner of one descriptor; -1 means none.
-class UniqueFd {
+class unique_fd {
 public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd &operator=(UniqueFd &&other) noexcept {
+    explicit unique_fd(int fd = -1) : fd_(fd) {}
+    ~unique_fd() { reset(); }
+    unique_fd(unique_fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    unique_fd &operator=(unique_fd &&other) noexcept {
         if (this != &other) reset(std::exchange(other.fd_, -1));
         return *this;
     }
-    UniqueFd(const UniqueFd &)            = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
+    unique_fd(const unique_fd &)            = delete;
+    unique_fd &operator=(const unique_fd &) = delete;
 
     int      get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }

@@ -10,18 +10,18 @@ using namespace gwtest;
 
 namespace {
 
-struct Party {
+struct certified {
     EVP_PKEY *key         = nullptr;
     X509     *certificate = nullptr;
 
-    ~Party() {
+    ~certified() {
         EVP_PKEY_free(key);
         X509_free(certificate);
     }
 };
 
 // A certificate for `name` with that serial number, signed by `issuer` or, without one, by itself as a CA.
-void issue(Party &party, const char *name, long serial, const Party *issuer) {
+void issue(certified &party, const char *name, long serial, const certified *issuer) {
     party.key         = EVP_EC_gen("P-256");
     party.certificate = X509_new();
     X509 *certificate = party.certificate;
@@ -42,24 +42,24 @@ void issue(Party &party, const char *name, long serial, const Party *issuer) {
 }
 
 template <class Write>
-std::string write_pem(const TempDir &dir, const std::string &name, Write write) {
+std::string write_pem(const temp_dir &dir, const std::string &name, Write write) {
     FILE *file = fopen(dir.file(name).c_str(), "w");
     EXPECT_EQ(write(file), 1);
     fclose(file);
     return dir.file(name);
 }
 
-std::string write_certificate(const TempDir &dir, const std::string &name, const Party &party) {
+std::string write_certificate(const temp_dir &dir, const std::string &name, const certified &party) {
     return write_pem(dir, name, [&](FILE *file) { return PEM_write_X509(file, party.certificate); });
 }
 
-std::string write_key(const TempDir &dir, const std::string &name, const Party &party) {
+std::string write_key(const temp_dir &dir, const std::string &name, const certified &party) {
     return write_pem(dir, name, [&](FILE *file) {
         return PEM_write_PrivateKey(file, party.key, nullptr, nullptr, 0, nullptr, nullptr);
     });
 }
 
-std::string write_crl(const TempDir &dir, const Party &ca, long revoked_serial) {
+std::string write_crl(const temp_dir &dir, const certified &ca, long revoked_serial) {
     X509_CRL *crl = X509_CRL_new();
     X509_CRL_set_version(crl, 1);
     X509_CRL_set_issuer_name(crl, X509_get_subject_name(ca.certificate));
@@ -104,8 +104,8 @@ protected:
         return options_with({"--client-ca", write_certificate(dir_, "ca.pem", ca_), "--crl", write_crl(dir_, ca_, 4)});
     }
 
-    TestClient::Settings settings(const Party *party) {
-        TestClient::Settings made;
+    test_client::client_settings settings(const certified *party) {
+        test_client::client_settings made;
         made.ciphers = "ECDHE-ECDSA-AES256-GCM-SHA384";
         if (!party) return made;
         made.certificate = write_certificate(dir_, "client.pem", *party);
@@ -113,57 +113,57 @@ protected:
         return made;
     }
 
-    TempDir                  dir_;
-    Party                    ca_, other_ca_, server_, good_, revoked_, stranger_;
+    temp_dir                 dir_;
+    certified                ca_, other_ca_, server_, good_, revoked_, stranger_;
     std::vector<std::string> options_;
 };
 
 }  // namespace
 
 TEST_F(gateway_certificate, a_client_with_a_good_certificate_is_let_in_under_its_common_name) {
-    TestGateway gateway(require_clients(), false);
-    TestClient  client(gateway.port(), settings(&good_));
+    test_gateway gateway(require_clients(), false);
+    test_client  client(gateway.port(), settings(&good_));
     ASSERT_TRUE(client.up) << client.reason;
     EXPECT_NE(client.configure(), "");
     EXPECT_EQ(gateway.controller().event("tls_up")["identity"], "device-7");
 }
 
 TEST_F(gateway_certificate, a_revoked_certificate_is_refused_with_its_own_alert) {
-    TestGateway gateway(require_clients(), false);
-    TestClient  client(gateway.port(), settings(&revoked_));
+    test_gateway gateway(require_clients(), false);
+    test_client  client(gateway.port(), settings(&revoked_));
     EXPECT_FALSE(client.up);
     EXPECT_EQ(client.reason, "sslv3 alert certificate revoked");
     EXPECT_EQ(gateway.controller().event("tls_failed")["reason"], "certificate verify failed");
 }
 
 TEST_F(gateway_certificate, a_certificate_of_another_ca_is_refused) {
-    TestGateway gateway(require_clients(), false);
-    EXPECT_FALSE(TestClient(gateway.port(), settings(&stranger_)).up);
+    test_gateway gateway(require_clients(), false);
+    EXPECT_FALSE(test_client(gateway.port(), settings(&stranger_)).up);
 }
 
 TEST_F(gateway_certificate, a_client_without_certificate_is_refused_only_where_one_is_required) {
     {
-        TestGateway gateway(require_clients(), false);
-        EXPECT_FALSE(TestClient(gateway.port(), settings(nullptr)).up);
+        test_gateway gateway(require_clients(), false);
+        EXPECT_FALSE(test_client(gateway.port(), settings(nullptr)).up);
     }
-    TestGateway gateway(options_, false);
-    EXPECT_TRUE(TestClient(gateway.port(), settings(nullptr)).up);
+    test_gateway gateway(options_, false);
+    EXPECT_TRUE(test_client(gateway.port(), settings(nullptr)).up);
 }
 
 TEST_F(gateway_certificate, keys_and_certificates_can_be_offered_together) {
-    TestGateway gateway(options_, true);
-    EXPECT_TRUE(TestClient(gateway.port(), settings(nullptr)).up);
-    EXPECT_TRUE(TestClient(gateway.port()).up);
+    test_gateway gateway(options_, true);
+    EXPECT_TRUE(test_client(gateway.port(), settings(nullptr)).up);
+    EXPECT_TRUE(test_client(gateway.port()).up);
 }
 
 TEST_F(gateway_certificate, files_that_do_not_fit_together_are_complained_of) {
     std::string other_key = write_key(dir_, "other.key", good_);
-    EXPECT_THROW(TlsContext({.cert = options_[1], .key = other_key}), UsageError);
-    EXPECT_THROW(TlsContext({.cert = options_[1], .key = options_[3], .client_ca = dir_.file("none")}), UsageError);
-    EXPECT_THROW(TlsContext({.cert = options_[1], .key = options_[3], .client_ca = dir_.write("empty", "")}),
-                 UsageError);
+    EXPECT_THROW(tls_context({.cert = options_[1], .key = other_key}), usage_error);
+    EXPECT_THROW(tls_context({.cert = options_[1], .key = options_[3], .client_ca = dir_.file("none")}), usage_error);
+    EXPECT_THROW(tls_context({.cert = options_[1], .key = options_[3], .client_ca = dir_.write("empty", "")}),
+                 usage_error);
     EXPECT_THROW(
-        TlsContext(
+        tls_context(
             {.cert = options_[1], .key = options_[3], .client_ca = options_[1], .crl = dir_.write("junk", "junk")}),
-        UsageError);
+        usage_error);
 }

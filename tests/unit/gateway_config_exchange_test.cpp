@@ -51,8 +51,8 @@ TEST(gateway_config_exchange, a_fatal_dpd_inside_another_value_is_seen) {
 }
 
 TEST(gateway_config_exchange, overrides_replace_in_place_omit_repeat_and_append) {
-    Headers   headers = {{"A", "1"}, {"B", "2"}, {"C", "3"}};
-    Overrides overrides;
+    header_list      headers = {{"A", "1"}, {"B", "2"}, {"C", "3"}};
+    header_overrides overrides;
     overrides.set("B", {"x", "y"}, false);
     overrides.set("A", {}, false);
     overrides.set("D", {"4"}, false);
@@ -61,10 +61,10 @@ TEST(gateway_config_exchange, overrides_replace_in_place_omit_repeat_and_append)
 }
 
 TEST(gateway_config_exchange, an_override_for_once_wins_over_a_lasting_one_and_is_forgotten) {
-    Overrides overrides;
+    header_overrides overrides;
     overrides.set("A", {"once"}, true);
     overrides.set("A", {"always"}, false);
-    Headers first = {{"A", "1"}}, second = first;
+    header_list first = {{"A", "1"}}, second = first;
     overrides.apply(first);
     EXPECT_EQ(first[0].second, "once");
     overrides.forget_once();

@@ -6,13 +6,13 @@ using namespace gw;
 
 namespace {
 
-struct Seen {
+struct seen_frames {
     std::vector<std::pair<int, std::string>> frames;
-    FrameParser::Result                      result = FrameParser::Result::ok;
+    frame_parser::result                     result = frame_parser::result::ok;
 };
 
-void feed(FrameParser &parser, std::string_view bytes, Seen &seen) {
-    seen.result = parser.feed(bytes_of(bytes), [&](const Frame &frame) {
+void feed(frame_parser &parser, std::string_view bytes, seen_frames &seen) {
+    seen.result = parser.feed(bytes_of(bytes), [&](const cstp_frame &frame) {
         seen.frames.emplace_back(frame.type, std::string(text_of(frame.payload)));
         return true;
     });
@@ -29,8 +29,8 @@ TEST(gateway_frame, header_has_magic_version_big_endian_length_type_and_zero) {
 }
 
 TEST(gateway_frame, two_frames_in_one_piece_are_both_taken) {
-    FrameParser parser;
-    Seen        seen;
+    frame_parser parser;
+    seen_frames  seen;
     feed(parser, two_frames, seen);
     ASSERT_EQ(seen.frames.size(), 2u);
     EXPECT_EQ(seen.frames[0], (std::pair<int, std::string>{0, "abc"}));
@@ -40,8 +40,8 @@ TEST(gateway_frame, two_frames_in_one_piece_are_both_taken) {
 
 TEST(gateway_frame, every_cut_gives_the_same_frames) {
     for (size_t cut = 0; cut <= two_frames.size(); cut++) {
-        FrameParser parser;
-        Seen        seen;
+        frame_parser parser;
+        seen_frames  seen;
         feed(parser, two_frames.substr(0, cut), seen);
         feed(parser, two_frames.substr(cut), seen);
         EXPECT_EQ(seen.frames.size(), 2u) << cut;
@@ -50,17 +50,17 @@ TEST(gateway_frame, every_cut_gives_the_same_frames) {
 }
 
 TEST(gateway_frame, single_bytes_give_the_same_frames) {
-    FrameParser parser;
-    Seen        seen;
+    frame_parser parser;
+    seen_frames  seen;
     for (char c : two_frames) feed(parser, std::string_view(&c, 1), seen);
     EXPECT_EQ(seen.frames.size(), 2u);
 }
 
 TEST(gateway_frame, longest_payload_is_taken_whole) {
-    FrameParser parser;
-    Seen        seen;
-    std::string big(65535, 'x');
-    std::string frame("STF\1\xff\xff\0\0", 8);
+    frame_parser parser;
+    seen_frames  seen;
+    std::string  big(65535, 'x');
+    std::string  frame("STF\1\xff\xff\0\0", 8);
     frame += big;
     feed(parser, frame, seen);
     ASSERT_EQ(seen.frames.size(), 1u);
@@ -68,36 +68,36 @@ TEST(gateway_frame, longest_payload_is_taken_whole) {
 }
 
 TEST(gateway_frame, other_magic_is_seen_at_its_first_byte) {
-    FrameParser parser;
-    Seen        seen;
+    frame_parser parser;
+    seen_frames  seen;
     feed(parser, "ST", seen);
-    EXPECT_EQ(seen.result, FrameParser::Result::ok);
+    EXPECT_EQ(seen.result, frame_parser::result::ok);
     feed(parser, "X", seen);
-    EXPECT_EQ(seen.result, FrameParser::Result::bad_magic);
+    EXPECT_EQ(seen.result, frame_parser::result::bad_magic);
 }
 
 TEST(gateway_frame, version_1_is_taken_and_2_refused) {
-    FrameParser good, bad;
-    Seen        seen;
+    frame_parser good, bad;
+    seen_frames  seen;
     feed(good, std::string("STF\1", 4), seen);
-    EXPECT_EQ(seen.result, FrameParser::Result::ok);
+    EXPECT_EQ(seen.result, frame_parser::result::ok);
     feed(bad, std::string("STF\2", 4), seen);
-    EXPECT_EQ(seen.result, FrameParser::Result::bad_version);
+    EXPECT_EQ(seen.result, frame_parser::result::bad_version);
 }
 
 TEST(gateway_frame, frames_before_a_bad_header_are_taken) {
-    FrameParser parser;
-    Seen        seen;
+    frame_parser parser;
+    seen_frames  seen;
     feed(parser, two_frames + "garbage", seen);
     EXPECT_EQ(seen.frames.size(), 2u);
-    EXPECT_EQ(seen.result, FrameParser::Result::bad_magic);
+    EXPECT_EQ(seen.result, frame_parser::result::bad_magic);
 }
 
 TEST(gateway_frame, a_taker_that_stops_gets_no_further_frame) {
-    FrameParser parser;
-    int         taken  = 0;
-    auto        result = parser.feed(bytes_of(two_frames), [&](const Frame &) { return ++taken == 0; });
-    EXPECT_EQ(result, FrameParser::Result::stopped);
+    frame_parser parser;
+    int          taken  = 0;
+    auto         result = parser.feed(bytes_of(two_frames), [&](const cstp_frame &) { return ++taken == 0; });
+    EXPECT_EQ(result, frame_parser::result::stopped);
     EXPECT_EQ(taken, 1);
 }
 

@@ -29,19 +29,19 @@
 
 namespace gwtest {
 
-using gw::Bytes;
-using gw::Json;
+using gw::byte_vector;
+using gw::json;
 
 // A directory that goes away with the object.
-class TempDir {
+class temp_dir {
 public:
-    TempDir() {
+    temp_dir() {
         char name[] = "/tmp/gateway_test_XXXXXX";
         path_       = mkdtemp(name);
     }
-    ~TempDir() { std::filesystem::remove_all(path_); }
-    TempDir(const TempDir &)            = delete;
-    TempDir &operator=(const TempDir &) = delete;
+    ~temp_dir() { std::filesystem::remove_all(path_); }
+    temp_dir(const temp_dir &)            = delete;
+    temp_dir &operator=(const temp_dir &) = delete;
 
     std::string file(const std::string &name) const { return path_ + "/" + name; }
     std::string write(const std::string &name, const std::string &text) const {
@@ -53,16 +53,16 @@ private:
     std::string path_;
 };
 
-inline gw::Options options_from(std::vector<std::string> words) {
+inline gw::gateway_options options_from(std::vector<std::string> words) {
     std::vector<const char *> argv = {"tlsc-gateway"};
     for (const std::string &word : words) argv.push_back(word.c_str());
     return *gw::parse_options(static_cast<int>(argv.size()), argv.data());
 }
 
 // The controller's end of the control socket.
-class Controller {
+class test_controller {
 public:
-    explicit Controller(const std::string &path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit test_controller(const std::string &path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -73,7 +73,7 @@ public:
     void send_line(const std::string &line) { (void)!write(fd_.get(), (line + "\n").data(), line.size() + 1); }
 
     // The next line, answer or event; null when none comes within five seconds.
-    Json next() {
+    json next() {
         size_t end;
         while ((end = text_.find('\n')) == std::string::npos) {
             pollfd  one{fd_.get(), POLLIN, 0};
@@ -82,21 +82,21 @@ public:
             if (count <= 0) return nullptr;
             text_.append(buffer, static_cast<size_t>(count));
         }
-        Json line = Json::parse(text_.substr(0, end));
+        json line = json::parse(text_.substr(0, end));
         text_.erase(0, end + 1);
         return line;
     }
 
-    Json ask(const std::string &line) {
+    json ask(const std::string &line) {
         send_line(line);
-        Json answer;
+        json answer;
         do answer = next();
         while (answer.is_object() && !answer.contains("ok"));
         return answer;
     }
 
     bool ok(const std::string &line) {
-        Json answer = ask(line);
+        json answer = ask(line);
         EXPECT_EQ(answer["ok"], true) << answer;
         return answer["ok"] == true;
     }
@@ -108,7 +108,7 @@ public:
     }
 
     // The event of that kind after `since`, waiting for it.
-    Json event(const std::string &kind, const std::string &more = "", uint64_t since = 0) {
+    json event(const std::string &kind, const std::string &more = "", uint64_t since = 0) {
         return ask(R"({"cmd":"wait","timeout_ms":4000,"event":")" + kind + R"(","since":)" + std::to_string(since) +
                    more + "}")["event_data"];
     }
@@ -125,22 +125,22 @@ public:
     }
 
 private:
-    gw::UniqueFd fd_;
-    std::string  text_;
+    gw::unique_fd fd_;
+    std::string   text_;
 };
 
 // The gateway in its thread. Listens on a free loopback port.
-class TestGateway {
+class test_gateway {
 public:
-    explicit TestGateway(std::vector<std::string> words = {}, bool with_psk = true) : stop_(eventfd(0, EFD_CLOEXEC)) {
+    explicit test_gateway(std::vector<std::string> words = {}, bool with_psk = true) : stop_(eventfd(0, EFD_CLOEXEC)) {
         spdlog::set_level(spdlog::level::off);
         std::vector<std::string> all = {"--listen", "127.0.0.1:0"};
         if (with_psk)
             all.insert(all.end(), {"--psk-file", dir.write("psk", "dev:0123456789abcdef\nsecond:key of two\n")});
         if (std::find(words.begin(), words.end(), "--tun") == words.end()) all.push_back("--no-tun");
         all.insert(all.end(), words.begin(), words.end());
-        gateway_ = std::make_unique<gw::Gateway>(options_from(all), loop_);
-        control_ = std::make_unique<gw::Control>(dir.file("control"), *gateway_, loop_);
+        gateway_ = std::make_unique<gw::tunnel_gateway>(options_from(all), loop_);
+        control_ = std::make_unique<gw::control_socket>(dir.file("control"), *gateway_, loop_);
         port_    = static_cast<uint16_t>(
             std::stoi(gateway_->listen_text().substr(gateway_->listen_text().rfind(':') + 1)));
         loop_.watch(stop_.get(), EPOLLIN, [this](uint32_t) {
@@ -154,32 +154,32 @@ public:
             });
         });
     }
-    ~TestGateway() {
+    ~test_gateway() {
         uint64_t one = 1;
         (void)!write(stop_.get(), &one, sizeof one);
         thread_.join();
     }
-    TestGateway(const TestGateway &)            = delete;
-    TestGateway &operator=(const TestGateway &) = delete;
+    test_gateway(const test_gateway &)            = delete;
+    test_gateway &operator=(const test_gateway &) = delete;
 
-    uint16_t   port() const { return port_; }
-    Controller controller() const { return Controller(dir.file("control")); }
+    uint16_t        port() const { return port_; }
+    test_controller controller() const { return test_controller(dir.file("control")); }
 
-    TempDir dir;
+    temp_dir dir;
 
 private:
-    gw::UniqueFd                 stop_;
-    gw::Loop                     loop_;
-    std::unique_ptr<gw::Gateway> gateway_;
-    std::unique_ptr<gw::Control> control_;
-    std::thread                  thread_;
-    uint16_t                     port_ = 0;
+    gw::unique_fd                       stop_;
+    gw::event_loop                      loop_;
+    std::unique_ptr<gw::tunnel_gateway> gateway_;
+    std::unique_ptr<gw::control_socket> control_;
+    std::thread                         thread_;
+    uint16_t                            port_ = 0;
 };
 
 // A client that speaks TLS 1.2 with a pre-shared key or a certificate, and shows each record as it comes.
-class TestClient {
+class test_client {
 public:
-    struct Settings {
+    struct client_settings {
         std::string identity = "dev";
         std::string key      = "0123456789abcdef";
         std::string ciphers  = "PSK-AES256-GCM-SHA384";
@@ -189,8 +189,8 @@ public:
     };
 
     // What a read brought: bytes of a record, nothing in time, or the end of the connection.
-    struct Got {
-        Bytes       bytes;
+    struct received {
+        byte_vector bytes;
         bool        ended = false;
         int         error = SSL_ERROR_NONE;  // class, when ended
         std::string reason;                  // OpenSSL's, when ended
@@ -198,8 +198,8 @@ public:
         std::string text() const { return std::string(gw::text_of(bytes)); }
     };
 
-    explicit TestClient(uint16_t port) : TestClient(port, Settings()) {}
-    TestClient(uint16_t port, const Settings &settings)
+    explicit test_client(uint16_t port) : test_client(port, client_settings()) {}
+    test_client(uint16_t port, const client_settings &settings)
         : settings_(settings), fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
         address.sin_family      = AF_INET;
@@ -210,12 +210,12 @@ public:
         setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         if (connected) handshake();
     }
-    ~TestClient() {
+    ~test_client() {
         SSL_free(ssl_);
         SSL_CTX_free(context_);
     }
-    TestClient(const TestClient &)            = delete;
-    TestClient &operator=(const TestClient &) = delete;
+    test_client(const test_client &)            = delete;
+    test_client &operator=(const test_client &) = delete;
 
     bool        connected = false;
     bool        up        = false;  // handshake done
@@ -224,17 +224,17 @@ public:
 
     int fd() const { return fd_.get(); }
 
-    void write_record(const Bytes &bytes) {
+    void write_record(const byte_vector &bytes) {
         EXPECT_GT(SSL_write(ssl_, bytes.data(), static_cast<int>(bytes.size())), 0);
     }
     void send(uint8_t type, const std::string &payload = "") {
         write_record(gw::make_frame(type, gw::bytes_of(payload)));
     }
 
-    Got read(int milliseconds = 3000) {
-        Got     got;
-        uint8_t buffer[20000];
-        auto    end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    received read(int milliseconds = 3000) {
+        received got;
+        uint8_t  buffer[20000];
+        auto     end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
         for (;;) {
             ERR_clear_error();
             int flags = fcntl(fd_.get(), F_GETFL);
@@ -261,7 +261,7 @@ public:
     // The configuration exchange; the response's text.
     std::string configure(const std::string &request = "X-CSTP-Device-ID:d1\n") {
         send(gw::frame_config_request, request);
-        Got got = read();
+        received got = read();
         if (got.bytes.size() < gw::frame_header_size) return "";
         EXPECT_EQ(got.bytes[6], gw::frame_config_response);
         return got.text().substr(gw::frame_header_size);
@@ -287,17 +287,17 @@ private:
     }
 
     static unsigned give_key(SSL *ssl, const char *hint, char *identity, unsigned, unsigned char *key, unsigned) {
-        auto *self = static_cast<TestClient *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
+        auto *self = static_cast<test_client *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
         if (hint) self->hint = hint;
         strcpy(identity, self->settings_.identity.c_str());
         memcpy(key, self->settings_.key.data(), self->settings_.key.size());
         return static_cast<unsigned>(self->settings_.key.size());
     }
 
-    Settings     settings_;
-    gw::UniqueFd fd_;
-    SSL_CTX     *context_ = nullptr;
-    SSL         *ssl_     = nullptr;
+    client_settings settings_;
+    gw::unique_fd   fd_;
+    SSL_CTX        *context_ = nullptr;
+    SSL            *ssl_     = nullptr;
 };
 
 inline std::string line_of(const std::string &text, const std::string &name) {
@@ -305,24 +305,24 @@ inline std::string line_of(const std::string &text, const std::string &name) {
 }
 
 // A UDP packet with correct checksums, as its bytes.
-inline Bytes udp_packet(const std::string &source, const std::string &destination, uint16_t port,
-                        const std::string &data) {
-    auto sum = [](const Bytes &bytes) {
+inline byte_vector udp_packet(const std::string &source, const std::string &destination, uint16_t port,
+                              const std::string &data) {
+    auto sum = [](const byte_vector &bytes) {
         uint32_t total = 0;
         for (size_t i = 0; i < bytes.size(); i += 2)
             total += static_cast<uint32_t>(bytes[i] << 8 | (i + 1 < bytes.size() ? bytes[i + 1] : 0));
         while (total >> 16) total = (total & 0xffff) + (total >> 16);
         return static_cast<uint16_t>(~total);
     };
-    auto u16 = [](Bytes &to, size_t value) {
+    auto u16 = [](byte_vector &to, size_t value) {
         to.insert(to.end(), {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
     };
-    auto u32 = [&](Bytes &to, uint32_t value) {
+    auto u32 = [&](byte_vector &to, uint32_t value) {
         u16(to, value >> 16);
         u16(to, value & 0xffff);
     };
-    size_t length = 28 + data.size();
-    Bytes  packet = {0x45, 0};
+    size_t      length = 28 + data.size();
+    byte_vector packet = {0x45, 0};
     u16(packet, length);
     u32(packet, 0x12340000);
     u32(packet, 0x40110000);

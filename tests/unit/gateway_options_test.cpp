@@ -11,18 +11,18 @@ std::string complaint(std::vector<std::string> words) {
     try {
         (void)options_from(words);
         return "";
-    } catch (const UsageError &error) {
+    } catch (const usage_error &error) {
         EXPECT_EQ(std::string(error.what()).find('\n'), std::string::npos);
         return error.what();
     }
 }
 
 std::string psk_complaint(const std::string &text) {
-    TempDir dir;
+    temp_dir dir;
     try {
         (void)read_psk_file(dir.write("psk", text));
         return "";
-    } catch (const UsageError &error) {
+    } catch (const usage_error &error) {
         EXPECT_EQ(std::string(error.what()).find("secret"), std::string::npos) << "a key is shown";
         return std::string(error.what()).substr(dir.file("psk").size());
     }
@@ -31,7 +31,7 @@ std::string psk_complaint(const std::string &text) {
 }  // namespace
 
 TEST(gateway_options, defaults_are_those_of_the_document) {
-    Options options = options_from({"--psk-file", "x"});
+    gateway_options options = options_from({"--psk-file", "x"});
     EXPECT_EQ(options.listen_address, 0u);
     EXPECT_EQ(options.listen_port, 443);
     EXPECT_EQ(options.tun, "tlsgw0");
@@ -47,6 +47,13 @@ TEST(gateway_options, defaults_are_those_of_the_document) {
     EXPECT_EQ(options.mtu, 1406u);
 }
 
+TEST(gateway_options, version_is_that_of_the_project) {
+    const char *const words[] = {"tlsc-gateway", "--version"};
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(parse_options(2, words).has_value());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "tlsc-gateway " TLSC_GATEWAY_VERSION "\n");
+}
+
 TEST(gateway_options, a_dpd_below_5_needs_allow_fatal) {
     EXPECT_EQ(complaint({"--dpd", "5"}), "");
     EXPECT_NE(complaint({"--dpd", "4"}), "");
@@ -57,7 +64,7 @@ TEST(gateway_options, a_dpd_below_5_needs_allow_fatal) {
 }
 
 TEST(gateway_options, headers_can_be_omitted_and_dns_repeated) {
-    Options options = options_from(
+    gateway_options options = options_from(
         {"--psk-file", "x", "--rekey", "omit", "--prefix", "omit", "--dns", "1.1.1.1", "--dns", "2.2.2.2"});
     EXPECT_FALSE(options.rekey);
     EXPECT_FALSE(options.prefix);
@@ -65,11 +72,11 @@ TEST(gateway_options, headers_can_be_omitted_and_dns_repeated) {
 }
 
 TEST(gateway_options, pool_is_a_network_or_a_range) {
-    Options network = options_from({"--psk-file", "x", "--pool", "10.8.0.0/16"});
+    gateway_options network = options_from({"--psk-file", "x", "--pool", "10.8.0.0/16"});
     EXPECT_EQ(ipv4_text(network.pool.first), "10.8.0.1");
     EXPECT_EQ(ipv4_text(network.pool.last), "10.8.255.254");
     EXPECT_EQ(network.prefix, "10.8.0.0");
-    Options range = options_from({"--psk-file", "x", "--pool", "10.9.0.10-10.9.0.20"});
+    gateway_options range = options_from({"--psk-file", "x", "--pool", "10.9.0.10-10.9.0.20"});
     EXPECT_EQ(ipv4_text(range.pool.last), "10.9.0.20");
     EXPECT_NE(complaint({"--pool", "10.9.0.20-10.9.0.10"}), "");
     EXPECT_NE(complaint({"--pool", "10.9.0.1-10.9.0.1"}), "");
@@ -96,8 +103,8 @@ TEST(gateway_options, wrong_words_are_complained_of) {
 }
 
 TEST(gateway_options, psk_file_gives_identities_and_key_characters) {
-    TempDir dir;
-    auto    table = read_psk_file(dir.write("psk", "# comment\n\none:abcd1234\ntwo:with: colon and blank \r\n"));
+    temp_dir dir;
+    auto     table = read_psk_file(dir.write("psk", "# comment\n\none:abcd1234\ntwo:with: colon and blank \r\n"));
     EXPECT_EQ(table.size(), 2u);
     EXPECT_EQ(table["one"], "abcd1234");
     EXPECT_EQ(table["two"], "with: colon and blank ");
@@ -111,21 +118,21 @@ TEST(gateway_options, errors_of_a_psk_file_name_the_line_and_not_the_key) {
     EXPECT_EQ(psk_complaint("a:" + std::string(256, 'k')), "");
     EXPECT_EQ(psk_complaint("a:" + std::string(257, 'k')), ":1: key of more than 256 characters");
     EXPECT_EQ(psk_complaint(std::string(129, 'i') + ":secret"), ":1: identity of more than 128 characters");
-    EXPECT_THROW((void)read_psk_file("/nonexistent/psk"), UsageError);
+    EXPECT_THROW((void)read_psk_file("/nonexistent/psk"), usage_error);
 }
 
 TEST(gateway_options, an_empty_psk_file_is_refused) {
-    TempDir dir;
-    EXPECT_THROW((void)read_psk_file(dir.write("psk", "# nothing\n")), UsageError);
+    temp_dir dir;
+    EXPECT_THROW((void)read_psk_file(dir.write("psk", "# nothing\n")), usage_error);
 }
 
 TEST(gateway_options, unusable_tls_files_and_lists_are_complained_of) {
-    TempDir     dir;
+    temp_dir    dir;
     std::string psk  = dir.write("psk", "a:b\n");
     std::string junk = dir.write("junk", "junk\n");
-    EXPECT_NO_THROW(TlsContext({.psk_file = psk}));
-    EXPECT_THROW(TlsContext({.psk_file = psk, .ciphers = "nonsense"}), UsageError);
-    EXPECT_THROW(TlsContext({.psk_file = dir.file("none")}), UsageError);
-    EXPECT_THROW(TlsContext({.cert = junk, .key = junk}), UsageError);
-    EXPECT_THROW(TlsContext({.psk_file = psk, .keylog = "/nonexistent/keys"}), UsageError);
+    EXPECT_NO_THROW(tls_context({.psk_file = psk}));
+    EXPECT_THROW(tls_context({.psk_file = psk, .ciphers = "nonsense"}), usage_error);
+    EXPECT_THROW(tls_context({.psk_file = dir.file("none")}), usage_error);
+    EXPECT_THROW(tls_context({.cert = junk, .key = junk}), usage_error);
+    EXPECT_THROW(tls_context({.psk_file = psk, .keylog = "/nonexistent/keys"}), usage_error);
 }

@@ -10,57 +10,57 @@ namespace {
 uint32_t address(const char *text) { return *parse_ipv4(text); }
 
 // Five addresses, of which .1 is the gateway's own.
-Pool small_pool() { return Pool({address("10.0.0.1"), address("10.0.0.5")}, {address("10.0.0.1")}); }
+address_pool small_pool() { return address_pool({address("10.0.0.1"), address("10.0.0.5")}, {address("10.0.0.1")}); }
 
-Pool::Asker asker(const char *device, std::optional<uint32_t> wanted = {}, const char *cookie = "",
-                  const char *identity = "id") {
+address_pool::applicant asker(const char *device, std::optional<uint32_t> wanted = {}, const char *cookie = "",
+                              const char *identity = "id") {
     return {identity, device, cookie, wanted};
 }
 
 }  // namespace
 
 TEST(gateway_pool, first_address_is_the_first_that_is_not_excluded) {
-    Pool pool = small_pool();
+    address_pool pool = small_pool();
     EXPECT_EQ(ipv4_text(pool.acquire(asker("a"))->address), "10.0.0.2");
     EXPECT_EQ(ipv4_text(pool.acquire(asker("b"))->address), "10.0.0.3");
 }
 
 TEST(gateway_pool, a_device_keeps_its_address_while_it_is_away) {
-    Pool   pool  = small_pool();
-    Lease *lease = pool.acquire(asker("a"));
+    address_pool   pool  = small_pool();
+    address_lease *lease = pool.acquire(asker("a"));
     pool.release(*lease);
     (void)pool.acquire(asker("b"));
     EXPECT_EQ(pool.acquire(asker("a")), lease);
 }
 
 TEST(gateway_pool, the_same_device_id_under_another_identity_is_another_device) {
-    Pool pool = small_pool();
+    address_pool pool = small_pool();
     EXPECT_NE(pool.acquire(asker("a", {}, "", "one"))->address, pool.acquire(asker("a", {}, "", "two"))->address);
 }
 
 TEST(gateway_pool, an_address_asked_for_is_granted_when_it_is_free) {
-    Pool pool = small_pool();
+    address_pool pool = small_pool();
     EXPECT_EQ(ipv4_text(pool.acquire(asker("a", address("10.0.0.4")))->address), "10.0.0.4");
 }
 
 TEST(gateway_pool, an_address_outside_the_pool_or_excluded_is_not_granted) {
-    Pool pool = small_pool();
+    address_pool pool = small_pool();
     EXPECT_EQ(ipv4_text(pool.acquire(asker("a", address("10.0.0.6")))->address), "10.0.0.2");
     EXPECT_EQ(ipv4_text(pool.acquire(asker("b", address("10.0.0.1")))->address), "10.0.0.3");
 }
 
 TEST(gateway_pool, an_address_of_a_connected_device_is_not_granted_and_of_an_absent_one_is) {
-    Pool   pool = small_pool();
-    Lease *held = pool.acquire(asker("a", address("10.0.0.4")));
+    address_pool   pool = small_pool();
+    address_lease *held = pool.acquire(asker("a", address("10.0.0.4")));
     EXPECT_NE(ipv4_text(pool.acquire(asker("b", address("10.0.0.4")))->address), "10.0.0.4");
     pool.release(*held);
     EXPECT_EQ(ipv4_text(pool.acquire(asker("c", address("10.0.0.4")))->address), "10.0.0.4");
 }
 
 TEST(gateway_pool, a_full_pool_gives_away_the_address_of_the_device_absent_for_longest) {
-    Pool        pool = small_pool();
-    Lease      *leases[4];
-    const char *names[4] = {"a", "b", "c", "d"};
+    address_pool   pool = small_pool();
+    address_lease *leases[4];
+    const char    *names[4] = {"a", "b", "c", "d"};
     for (int i = 0; i < 4; i++) leases[i] = pool.acquire(asker(names[i]));
     EXPECT_EQ(pool.acquire(asker("e")), nullptr);
     uint32_t first_gone = leases[2]->address;
@@ -71,8 +71,8 @@ TEST(gateway_pool, a_full_pool_gives_away_the_address_of_the_device_absent_for_l
 }
 
 TEST(gateway_pool, a_second_connection_of_a_device_shares_the_lease) {
-    Pool   pool  = small_pool();
-    Lease *lease = pool.acquire(asker("a"));
+    address_pool   pool  = small_pool();
+    address_lease *lease = pool.acquire(asker("a"));
     EXPECT_EQ(pool.acquire(asker("a", lease->address)), lease);
     EXPECT_EQ(lease->connections, 2u);
     pool.release(*lease);
@@ -80,9 +80,9 @@ TEST(gateway_pool, a_second_connection_of_a_device_shares_the_lease) {
 }
 
 TEST(gateway_pool, devices_without_an_id_are_told_apart_by_address_and_cookie) {
-    Pool   pool   = small_pool();
-    Lease *first  = pool.acquire(asker(""));
-    Lease *second = pool.acquire(asker(""));
+    address_pool   pool   = small_pool();
+    address_lease *first  = pool.acquire(asker(""));
+    address_lease *second = pool.acquire(asker(""));
     EXPECT_NE(first, second);
     EXPECT_EQ(pool.acquire(asker("", second->address)), second);
     first->cookie = "0123456789";
@@ -90,26 +90,26 @@ TEST(gateway_pool, devices_without_an_id_are_told_apart_by_address_and_cookie) {
 }
 
 TEST(gateway_pool, a_device_without_an_id_gets_the_lease_of_an_absent_one) {
-    Pool   pool  = small_pool();
-    Lease *first = pool.acquire(asker(""));
+    address_pool   pool  = small_pool();
+    address_lease *first = pool.acquire(asker(""));
     pool.release(*first);
     EXPECT_EQ(pool.acquire(asker("")), first);
 }
 
 TEST(gateway_pool, a_cookie_is_known_by_its_first_ten_characters_and_with_an_old_tail) {
-    Lease lease;
-    EXPECT_FALSE(Pool::is_known_cookie(lease, ""));
+    address_lease lease;
+    EXPECT_FALSE(address_pool::is_known_cookie(lease, ""));
     lease.cookie = "0123456789abc";
-    EXPECT_TRUE(Pool::is_known_cookie(lease, "0123456789"));
-    EXPECT_FALSE(Pool::is_known_cookie(lease, "012345678"));
+    EXPECT_TRUE(address_pool::is_known_cookie(lease, "0123456789"));
+    EXPECT_FALSE(address_pool::is_known_cookie(lease, "012345678"));
     lease.cookie = "xyz";
-    EXPECT_TRUE(Pool::is_known_cookie(lease, "xyz3456789"));
+    EXPECT_TRUE(address_pool::is_known_cookie(lease, "xyz3456789"));
 }
 
 TEST(gateway_pool, a_lease_moves_only_to_an_address_that_no_connected_device_holds) {
-    Pool   pool = small_pool();
-    Lease *a    = pool.acquire(asker("a"));
-    Lease *b    = pool.acquire(asker("b"));
+    address_pool   pool = small_pool();
+    address_lease *a    = pool.acquire(asker("a"));
+    address_lease *b    = pool.acquire(asker("b"));
     EXPECT_FALSE(pool.move(*a, b->address));
     EXPECT_FALSE(pool.move(*a, address("10.0.0.9")));
     EXPECT_TRUE(pool.move(*a, address("10.0.0.5")));
@@ -119,7 +119,7 @@ TEST(gateway_pool, a_lease_moves_only_to_an_address_that_no_connected_device_hol
 TEST(gateway_pool, a_range_is_covered_exactly_by_its_networks) {
     auto     networks = networks_of({address("10.0.0.1"), address("10.0.0.6")});
     uint64_t covered  = 0;
-    for (const Cidr &network : networks) {
+    for (const ipv4_cidr &network : networks) {
         EXPECT_GE(network.network(), address("10.0.0.1"));
         EXPECT_LE(network.broadcast(), address("10.0.0.6"));
         covered += network.broadcast() - network.network() + 1;

@@ -11,12 +11,12 @@ const std::string dpd_response("STF\1\0\0\4\0", 8);
 const std::string site = "10.9.0.1";
 
 // A configured client; `inner` is the address it was given.
-struct Up {
-    explicit Up(TestGateway &gateway, const std::string &request = "X-CSTP-Device-ID:d1\n")
+struct up_client {
+    explicit up_client(test_gateway &gateway, const std::string &request = "X-CSTP-Device-ID:d1\n")
         : client(gateway.port()),
           response(client.configure(request)),
           inner(line_of(response, "X-CSTP-Address-Client")) {}
-    TestClient  client;
+    test_client client;
     std::string response;
     std::string inner;
 };
@@ -30,8 +30,8 @@ std::string record_request(const std::string &hex_or_list, const std::string &mo
 }  // namespace
 
 TEST(gateway_session, response_has_the_documented_lines_in_order) {
-    TestGateway gateway({"--dns", "10.9.0.1", "--dns", "10.9.0.2", "--cookie", "abc"});
-    Up          up(gateway);
+    test_gateway gateway({"--dns", "10.9.0.1", "--dns", "10.9.0.2", "--cookie", "abc"});
+    up_client    up(gateway);
     EXPECT_EQ(
         up.response,
         "X-CSTP-Address:10.9.0.0\nX-CSTP-Prefix-Length:24\nX-CSTP-DPD:10\nX-CSTP-Address-Client:10.9.0.2\n"
@@ -39,18 +39,18 @@ TEST(gateway_session, response_has_the_documented_lines_in_order) {
 }
 
 TEST(gateway_session, every_header_can_be_omitted) {
-    TestGateway gateway({"--prefix", "omit", "--prefix-length", "omit", "--dpd", "omit", "--retry", "omit", "--rekey",
-                         "omit", "--cookie", "none"});
-    Up          up(gateway);
+    test_gateway gateway({"--prefix", "omit", "--prefix-length", "omit", "--dpd", "omit", "--retry", "omit", "--rekey",
+                          "omit", "--cookie", "none"});
+    up_client    up(gateway);
     EXPECT_EQ(up.response, "X-CSTP-Address-Client:10.9.0.2\n");
 }
 
 TEST(gateway_session, request_is_reported_verbatim) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    std::string request    = "X-CSTP-Device-ID:\nX-CSTP-Device-Name:n\nX-Unknown:\x01\n";
-    Up          up(gateway, request);
-    Json        event = controller.event("config_req");
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    std::string  request    = "X-CSTP-Device-ID:\nX-CSTP-Device-Name:n\nX-Unknown:\x01\n";
+    up_client    up(gateway, request);
+    json         event = controller.event("config_req");
     EXPECT_EQ(event["text"], request);
     EXPECT_EQ(event["hex"], hex(request));
     EXPECT_EQ(event["device_id"], "");
@@ -59,9 +59,9 @@ TEST(gateway_session, request_is_reported_verbatim) {
 }
 
 TEST(gateway_session, dpd_requests_are_answered_unless_told_otherwise) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    Up          up(gateway);
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    up_client    up(gateway);
     up.client.send(frame_dpd_request);
     EXPECT_EQ(up.client.read().text(), dpd_response);
     controller.ok(R"({"cmd":"dpd","on":false})");
@@ -75,21 +75,21 @@ TEST(gateway_session, dpd_requests_are_answered_unless_told_otherwise) {
 }
 
 TEST(gateway_session, frames_may_come_split_and_joined) {
-    TestGateway gateway;
-    Up          up(gateway);
-    Bytes       frame = make_frame(frame_dpd_request, {});
-    Bytes       five;
+    test_gateway gateway;
+    up_client    up(gateway);
+    byte_vector  frame = make_frame(frame_dpd_request, {});
+    byte_vector  five;
     for (int i = 0; i < 5; i++) five.insert(five.end(), frame.begin(), frame.end());
-    up.client.write_record(Bytes(five.begin(), five.begin() + 19));
-    up.client.write_record(Bytes(five.begin() + 19, five.begin() + 20));
-    up.client.write_record(Bytes(five.begin() + 20, five.end()));
+    up.client.write_record(byte_vector(five.begin(), five.begin() + 19));
+    up.client.write_record(byte_vector(five.begin() + 19, five.begin() + 20));
+    up.client.write_record(byte_vector(five.begin() + 20, five.end()));
     for (int i = 0; i < 5; i++) EXPECT_EQ(up.client.read().text(), dpd_response);
 }
 
 TEST(gateway_session, unknown_frame_type_is_dropped_and_bad_magic_or_version_closes) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    Up          up(gateway);
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    up_client    up(gateway);
     up.client.send(7, "abc");
     EXPECT_EQ(controller.event("frame_invalid")["action"], "dropped");
     up.client.send(frame_dpd_request);
@@ -98,26 +98,26 @@ TEST(gateway_session, unknown_frame_type_is_dropped_and_bad_magic_or_version_clo
     EXPECT_TRUE(up.client.read().ended);
     EXPECT_EQ(controller.event("frame_invalid", R"(,"match":{"action":"closed"})")["reason"], "bad_version");
 
-    Up other(gateway);
+    up_client other(gateway);
     other.client.write_record(*from_hex("00"));
     EXPECT_TRUE(other.client.read().ended);
     EXPECT_EQ(controller.event("closed", R"(,"client":2)")["detail"], "frame_invalid");
 }
 
 TEST(gateway_session, packets_with_another_source_or_before_the_response_are_dropped_and_counted) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
+    test_gateway gateway;
+    auto         controller = gateway.controller();
     controller.ok(R"({"cmd":"data_events","on":true})");
-    TestClient client(gateway.port());
-    auto       send_packet = [&](const Bytes &packet) { client.send(frame_data, std::string(text_of(packet))); };
+    test_client client(gateway.port());
+    auto        send_packet = [&](const byte_vector &packet) { client.send(frame_data, std::string(text_of(packet))); };
     send_packet(udp_packet("10.9.0.2", site, 9, "early"));
     client.configure();
-    Bytes good = udp_packet("10.9.0.2", site, 9, "good");
+    byte_vector good = udp_packet("10.9.0.2", site, 9, "good");
     send_packet(good);
     send_packet(udp_packet("10.9.0.3", site, 9, "other"));
     send_packet(*from_hex("45"));
     send_packet({});
-    Bytes solicitation(48, 0);
+    byte_vector solicitation(48, 0);
     solicitation[0]  = 0x60;
     solicitation[6]  = 58;
     solicitation[40] = 133;
@@ -131,18 +131,18 @@ TEST(gateway_session, packets_with_another_source_or_before_the_response_are_dro
     EXPECT_EQ(controller.counter("drop_source"), 1u);
     EXPECT_EQ(controller.counter("drop_malformed"), 2u);
     EXPECT_EQ(controller.counter("drop_v6_rs"), 1u);
-    Json event = controller.event("data", R"(,"match":{"verdict":"ok"})");
+    json event = controller.event("data", R"(,"match":{"verdict":"ok"})");
     EXPECT_EQ(event["hex"], to_hex(good));
     EXPECT_EQ(event["dir"], "up");
 }
 
 TEST(gateway_session, packets_are_routed_by_destination_one_frame_per_record) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    Up          first(gateway, "X-CSTP-Device-ID:a\n");
-    Up          second(gateway, "X-CSTP-Device-ID:b\n");
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    up_client    first(gateway, "X-CSTP-Device-ID:a\n");
+    up_client    second(gateway, "X-CSTP-Device-ID:b\n");
     ASSERT_NE(first.inner, second.inner);
-    Bytes packet = udp_packet(site, first.inner, 9, "down");
+    byte_vector packet = udp_packet(site, first.inner, 9, "down");
     controller.ok(R"({"cmd":"send_packet","count":3,"hex":")" + to_hex(packet) + "\"}");
     for (int i = 0; i < 3; i++) EXPECT_EQ(first.client.read().bytes, make_frame(frame_data, packet));
     EXPECT_TRUE(second.client.read(50).bytes.empty());
@@ -152,14 +152,14 @@ TEST(gateway_session, packets_are_routed_by_destination_one_frame_per_record) {
 }
 
 TEST(gateway_session, a_rekeying_client_keeps_address_and_cookie_and_is_served_on_the_newest_configured_connection) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    Up          old(gateway);
-    std::string cookie = line_of(old.response, "X-CSTP-Cookie");
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    up_client    old(gateway);
+    std::string  cookie = line_of(old.response, "X-CSTP-Cookie");
     EXPECT_EQ(cookie.size(), 10u);
     std::string packet = R"({"cmd":"send_packet","hex":")" + to_hex(udp_packet(site, old.inner, 9, "x")) + "\"}";
 
-    auto fresh = std::make_unique<TestClient>(gateway.port());
+    auto fresh = std::make_unique<test_client>(gateway.port());
     controller.ok(packet);  // not configured yet: the old one gets it
     EXPECT_FALSE(old.client.read().bytes.empty());
     std::string response = fresh->configure("X-CSTP-Address:" + old.inner +
@@ -182,10 +182,10 @@ TEST(gateway_session, a_rekeying_client_keeps_address_and_cookie_and_is_served_o
 }
 
 TEST(gateway_session, response_can_be_held_and_released) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
+    test_gateway gateway;
+    auto         controller = gateway.controller();
     controller.ok(R"({"cmd":"config","mode":"hold"})");
-    TestClient client(gateway.port());
+    test_client client(gateway.port());
     client.send(frame_config_request, "X-CSTP-Device-ID:d\n");
     EXPECT_TRUE(client.read(100).bytes.empty());
     EXPECT_EQ(controller.ask(R"({"cmd":"clients"})")["clients"][0]["state"], "held");
@@ -196,10 +196,10 @@ TEST(gateway_session, response_can_be_held_and_released) {
 }
 
 TEST(gateway_session, response_can_be_delayed_dropped_replaced_and_malformed_for_once) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    TestClient  client(gateway.port());
-    std::string request = "X-CSTP-Device-ID:d\n";
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    test_client  client(gateway.port());
+    std::string  request = "X-CSTP-Device-ID:d\n";
 
     controller.ok(R"({"cmd":"config","mode":"delay","ms":200,"once":true})");
     auto before = std::chrono::steady_clock::now();
@@ -222,9 +222,9 @@ TEST(gateway_session, response_can_be_delayed_dropped_replaced_and_malformed_for
 }
 
 TEST(gateway_session, headers_can_be_set_for_one_response_or_all) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    TestClient  client(gateway.port());
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    test_client  client(gateway.port());
     controller.ok(R"({"cmd":"set","header":"X-CSTP-Rekey-Time:","value":"60","once":true})");
     controller.ok(R"({"cmd":"set","header":"X-CSTP-DNS","value":["1.1.1.1","nonsense","2.2.2.2"]})");
     controller.ok(R"({"cmd":"set","header":"X-CSTP-Cookie","value":null})");
@@ -239,10 +239,10 @@ TEST(gateway_session, headers_can_be_set_for_one_response_or_all) {
 }
 
 TEST(gateway_session, a_fatal_dpd_is_refused_on_every_way_unless_allowed) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    TestClient  client(gateway.port());
-    std::string response = "STF\1" + std::string("\0\x0d\2\0", 4) + "X-CSTP-DPD:4\n";
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    test_client  client(gateway.port());
+    std::string  response = "STF\1" + std::string("\0\x0d\2\0", 4) + "X-CSTP-DPD:4\n";
     for (const std::string &line : {
              std::string(R"({"cmd":"set","header":"X-CSTP-DPD","value":"4"})"),
              std::string(R"({"cmd":"set","header":"X-CSTP-DPD","value":0})"),
@@ -255,19 +255,19 @@ TEST(gateway_session, a_fatal_dpd_is_refused_on_every_way_unless_allowed) {
         EXPECT_EQ(controller.ask(line)["ok"], false) << line;
     EXPECT_EQ(line_of(client.configure(), "X-CSTP-DPD"), "10");
 
-    TestGateway reckless({"--allow-fatal"});
+    test_gateway reckless({"--allow-fatal"});
     EXPECT_TRUE(reckless.controller().ok(R"({"cmd":"set","header":"X-CSTP-DPD","value":"4"})"));
 }
 
 class gateway_records : public testing::TestWithParam<std::pair<const char *, bool>> {};
 
 TEST_P(gateway_records, records_of_any_content_leave_the_stream_intact) {
-    TestGateway          gateway;
-    auto                 controller = gateway.controller();
-    TestClient::Settings settings;
+    test_gateway                 gateway;
+    auto                         controller = gateway.controller();
+    test_client::client_settings settings;
     settings.ciphers          = GetParam().first;
     settings.encrypt_then_mac = GetParam().second;
-    TestClient client(gateway.port(), settings);
+    test_client client(gateway.port(), settings);
     ASSERT_TRUE(client.up) << client.reason;
 
     controller.ok(record_request(R"(["aa","","bbcc",""])"));
@@ -294,30 +294,30 @@ INSTANTIATE_TEST_SUITE_P(
                     std::pair("ECDHE-PSK-CHACHA20-POLY1305", true)));
 
 TEST(gateway_session, a_cipher_that_cannot_be_crafted_keeps_its_connection) {
-    TestGateway          gateway;
-    auto                 controller = gateway.controller();
-    TestClient::Settings settings;
+    test_gateway                 gateway;
+    auto                         controller = gateway.controller();
+    test_client::client_settings settings;
     settings.ciphers = "PSK-AES256-CCM";
-    TestClient client(gateway.port(), settings);
+    test_client client(gateway.port(), settings);
     EXPECT_EQ(controller.ask(record_request("\"\""))["ok"], false);
     client.send(frame_dpd_request);
     EXPECT_EQ(client.read().text(), dpd_response);
 }
 
 TEST(gateway_session, a_record_can_arrive_in_two_parts) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    Up          up(gateway);
-    auto        before = std::chrono::steady_clock::now();
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    up_client    up(gateway);
+    auto         before = std::chrono::steady_clock::now();
     controller.ok(record_request("\"41424344\"", R"(,"cut":7,"gap_ms":150)"));
     EXPECT_EQ(up.client.read().text(), "ABCD");
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(140));
 }
 
 TEST(gateway_session, frames_can_be_sent_with_any_header) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    Up          up(gateway);
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    up_client    up(gateway);
     controller.ok(
         R"({"cmd":"send_frame","type":9,"payload":"6162","version":7,"length":65535,"reserved":1,"magic":"XYZ"})");
     EXPECT_EQ(to_hex(up.client.read().bytes), "58595a07ffff09016162");
@@ -326,9 +326,9 @@ TEST(gateway_session, frames_can_be_sent_with_any_header) {
 }
 
 TEST(gateway_session, bytes_past_tls_break_the_client) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    Up          up(gateway);
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    up_client    up(gateway);
     controller.ok(R"({"cmd":"send_bytes","hex":"00112233445566778899"})");
     auto got = up.client.read();
     EXPECT_TRUE(got.ended);
@@ -336,10 +336,10 @@ TEST(gateway_session, bytes_past_tls_break_the_client) {
 }
 
 TEST(gateway_session, connections_end_the_way_that_is_asked_for) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    auto        end        = [&](const std::string &how) {
-        Up up(gateway);
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    auto         end        = [&](const std::string &how) {
+        up_client up(gateway);
         controller.ok(R"({"cmd":"close","how":)" + how + "}");
         return up.client.read();
     };
@@ -355,9 +355,9 @@ TEST(gateway_session, connections_end_the_way_that_is_asked_for) {
 }
 
 TEST(gateway_session, a_half_closed_connection_is_still_read) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    Up          up(gateway);
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    up_client    up(gateway);
     controller.ok(R"({"cmd":"close","how":"half"})");
     EXPECT_EQ(controller.ask(R"({"cmd":"clients"})")["clients"][0]["state"], "half");
     up.client.send(frame_dpd_request);
@@ -367,19 +367,19 @@ TEST(gateway_session, a_half_closed_connection_is_still_read) {
 }
 
 TEST(gateway_session, the_peers_end_is_told_apart) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    { Up up(gateway); }  // quiet shutdown: a bare FIN
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    { up_client up(gateway); }  // quiet shutdown: a bare FIN
     EXPECT_EQ(controller.event("closed", R"(,"client":1)")["how"], "fin");
     {
-        Up            up(gateway);
+        up_client     up(gateway);
         struct linger hard = {1, 0};
         setsockopt(up.client.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
     }
     EXPECT_EQ(controller.event("closed", R"(,"client":2)")["how"], "rst");
     {
-        Up    up(gateway);
-        Bytes part = *from_hex("5354");
+        up_client   up(gateway);
+        byte_vector part = *from_hex("5354");
         up.client.write_record(part);
     }
     EXPECT_EQ(controller.event("closed", R"(,"client":3)")["detail"], "inside a frame");
@@ -387,9 +387,9 @@ TEST(gateway_session, the_peers_end_is_told_apart) {
 }
 
 TEST(gateway_session, a_silent_connection_does_nothing_until_it_is_woken_and_its_end_is_noticed) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    auto        up         = std::make_unique<Up>(gateway);
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    auto         up         = std::make_unique<up_client>(gateway);
     controller.ok(R"({"cmd":"silence"})");
     up->client.send(frame_dpd_request);
     EXPECT_TRUE(up->client.read(100).bytes.empty());
@@ -401,9 +401,9 @@ TEST(gateway_session, a_silent_connection_does_nothing_until_it_is_woken_and_its
 }
 
 TEST(gateway_session, packets_for_a_slow_client_wait_up_to_the_limit_and_are_dropped_beyond) {
-    TestGateway gateway({"--queue", "10"});
-    auto        controller = gateway.controller();
-    Up          up(gateway);
+    test_gateway gateway({"--queue", "10"});
+    auto         controller = gateway.controller();
+    up_client    up(gateway);
     controller.ok(R"({"cmd":"silence"})");
     std::string packet = to_hex(udp_packet(site, up.inner, 9, "x"));
     EXPECT_EQ(controller.ask(R"({"cmd":"send_packet","count":15,"hex":")" + packet + "\"}")["packets"], 10);
@@ -414,11 +414,11 @@ TEST(gateway_session, packets_for_a_slow_client_wait_up_to_the_limit_and_are_dro
 }
 
 TEST(gateway_session, a_client_that_never_reads_costs_nobody_else_anything) {
-    TestGateway gateway({"--queue", "100"});
-    auto        controller = gateway.controller();
-    Up          deaf(gateway, "X-CSTP-Device-ID:deaf\n");
-    Up          other(gateway, "X-CSTP-Device-ID:other\n");
-    std::string packet = to_hex(udp_packet(site, deaf.inner, 9, std::string(1400, 'x')));
+    test_gateway gateway({"--queue", "100"});
+    auto         controller = gateway.controller();
+    up_client    deaf(gateway, "X-CSTP-Device-ID:deaf\n");
+    up_client    other(gateway, "X-CSTP-Device-ID:other\n");
+    std::string  packet = to_hex(udp_packet(site, deaf.inner, 9, std::string(1400, 'x')));
     controller.ok(R"({"cmd":"send_packet","count":20000,"hex":")" + packet + "\"}");
     EXPECT_GT(controller.counter("drop_queue"), 0u);
     other.client.send(frame_dpd_request);
@@ -429,10 +429,10 @@ TEST(gateway_session, a_client_that_never_reads_costs_nobody_else_anything) {
 }
 
 TEST(gateway_session, new_connections_can_be_refused_reset_and_stalled) {
-    TestGateway gateway;
-    auto        controller  = gateway.controller();
-    auto        raw_connect = [&](char &seen, int milliseconds) {
-        UniqueFd    fd(socket(AF_INET, SOCK_STREAM, 0));
+    test_gateway gateway;
+    auto         controller  = gateway.controller();
+    auto         raw_connect = [&](char &seen, int milliseconds) {
+        unique_fd   fd(socket(AF_INET, SOCK_STREAM, 0));
         sockaddr_in address{};
         address.sin_family      = AF_INET;
         address.sin_port        = htons(gateway.port());
@@ -454,35 +454,35 @@ TEST(gateway_session, new_connections_can_be_refused_reset_and_stalled) {
     EXPECT_EQ(raw_connect(seen, 100), ETIMEDOUT);
     EXPECT_EQ(controller.event("closed", R"(,"client":2)")["by"], "peer");
     controller.ok(R"({"cmd":"accept","mode":"normal"})");
-    EXPECT_TRUE(TestClient(gateway.port()).up);
+    EXPECT_TRUE(test_client(gateway.port()).up);
 }
 
 TEST(gateway_session, handshakes_fail_for_a_stated_reason) {
-    TestGateway          gateway({"--psk-hint", "hello"});
-    auto                 controller = gateway.controller();
-    TestClient::Settings wrong_key;
+    test_gateway                 gateway({"--psk-hint", "hello"});
+    auto                         controller = gateway.controller();
+    test_client::client_settings wrong_key;
     wrong_key.key = "fedcba9876543210";
-    EXPECT_FALSE(TestClient(gateway.port(), wrong_key).up);
+    EXPECT_FALSE(test_client(gateway.port(), wrong_key).up);
     EXPECT_NE(controller.event("tls_failed", R"(,"client":1)")["reason"], "unknown");
-    TestClient::Settings stranger;
+    test_client::client_settings stranger;
     stranger.identity = "stranger";
-    TestClient unknown(gateway.port(), stranger);
+    test_client unknown(gateway.port(), stranger);
     EXPECT_FALSE(unknown.up);
     EXPECT_EQ(unknown.hint, "hello");
     EXPECT_EQ(controller.event("tls_failed", R"(,"client":2)")["reason"], "psk identity not found");
-    TestClient::Settings second;
+    test_client::client_settings second;
     second.identity = "second";
     second.key      = "key of two";
-    EXPECT_TRUE(TestClient(gateway.port(), second).up);
+    EXPECT_TRUE(test_client(gateway.port(), second).up);
     EXPECT_EQ(controller.event("tls_up")["identity"], "second");
     EXPECT_EQ(controller.counter("closed"), 2u + (controller.event("closed", R"(,"client":3)").is_object() ? 1 : 0));
 }
 
 TEST(gateway_session, a_handshake_that_does_not_come_times_out) {
-    TestGateway gateway({"--handshake-timeout", "1"});
-    auto        controller = gateway.controller();
-    UniqueFd    fd(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
+    test_gateway gateway({"--handshake-timeout", "1"});
+    auto         controller = gateway.controller();
+    unique_fd    fd(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in  address{};
     address.sin_family      = AF_INET;
     address.sin_port        = htons(gateway.port());
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -492,27 +492,27 @@ TEST(gateway_session, a_handshake_that_does_not_come_times_out) {
 }
 
 TEST(gateway_session, clients_above_the_limit_are_reset) {
-    TestGateway gateway({"--max-clients", "2"});
-    auto        controller = gateway.controller();
-    TestClient  one(gateway.port()), two(gateway.port()), three(gateway.port());
+    test_gateway gateway({"--max-clients", "2"});
+    auto         controller = gateway.controller();
+    test_client  one(gateway.port()), two(gateway.port()), three(gateway.port());
     EXPECT_TRUE(two.up);
     EXPECT_FALSE(three.up);
     EXPECT_EQ(controller.event("accept_refused")["why"], "max_clients");
 }
 
 TEST(gateway_session, a_full_pool_withholds_the_response) {
-    TestGateway gateway({"--pool", "10.9.0.2-10.9.0.2"});
-    auto        controller = gateway.controller();
-    Up          up(gateway, "X-CSTP-Device-ID:a\n");
-    TestClient  late(gateway.port());
+    test_gateway gateway({"--pool", "10.9.0.2-10.9.0.2"});
+    auto         controller = gateway.controller();
+    up_client    up(gateway, "X-CSTP-Device-ID:a\n");
+    test_client  late(gateway.port());
     late.send(frame_config_request, "X-CSTP-Device-ID:b\n");
     EXPECT_EQ(controller.event("config_resp_withheld")["why"], "pool_exhausted");
 }
 
 TEST(gateway_session, sessions_are_resumed_with_the_same_identity) {
-    TestGateway gateway;
-    auto        controller = gateway.controller();
-    SSL_CTX    *context    = SSL_CTX_new(TLS_client_method());
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    SSL_CTX     *context    = SSL_CTX_new(TLS_client_method());
     SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set_cipher_list(context, "PSK-AES256-GCM-SHA384");
     SSL_CTX_set_psk_client_callback(
@@ -523,7 +523,7 @@ TEST(gateway_session, sessions_are_resumed_with_the_same_identity) {
         });
     SSL_SESSION *session = nullptr;
     for (bool resumed : {false, true}) {
-        UniqueFd    fd(socket(AF_INET, SOCK_STREAM, 0));
+        unique_fd   fd(socket(AF_INET, SOCK_STREAM, 0));
         sockaddr_in address{};
         address.sin_family      = AF_INET;
         address.sin_port        = htons(gateway.port());

@@ -21,8 +21,8 @@ sockaddr_in udp_address(const std::string &text, uint16_t port) {
     return address;
 }
 
-UniqueFd udp_socket(const std::string &address, uint16_t port) {
-    UniqueFd    fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+unique_fd udp_socket(const std::string &address, uint16_t port) {
+    unique_fd   fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in local = udp_address(address, port);
     EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&local), sizeof local), 0) << strerror(errno);
     timeval limit{5, 0};
@@ -34,10 +34,10 @@ UniqueFd udp_socket(const std::string &address, uint16_t port) {
 
 TEST(gateway_tun, a_packet_of_a_client_reaches_the_site_and_the_answer_comes_back) {
     if (!can_create_tun()) GTEST_SKIP() << "needs root and /dev/net/tun";
-    TestGateway gateway(tun_options);
-    TestClient  client(gateway.port());
-    std::string inner = line_of(client.configure(), "X-CSTP-Address-Client");
-    UniqueFd    site  = udp_socket("10.99.0.1", 5000);
+    test_gateway gateway(tun_options);
+    test_client  client(gateway.port());
+    std::string  inner = line_of(client.configure(), "X-CSTP-Address-Client");
+    unique_fd    site  = udp_socket("10.99.0.1", 5000);
     client.send(frame_data, std::string(text_of(udp_packet(inner, "10.99.0.1", 5000, "question"))));
 
     char        data[64] = "";
@@ -48,17 +48,17 @@ TEST(gateway_tun, a_packet_of_a_client_reaches_the_site_and_the_answer_comes_bac
     EXPECT_EQ(ipv4_text(ntohl(from.sin_addr.s_addr)), inner);
 
     sendto(site.get(), "answer", 6, 0, reinterpret_cast<sockaddr *>(&from), size);
-    Bytes frame = client.read().bytes;
+    byte_vector frame = client.read().bytes;
     ASSERT_EQ(frame.size(), 8u + 28 + 6);
     EXPECT_EQ(frame[6], frame_data);
-    EXPECT_EQ(text_of(ByteView(frame).last(6)), "answer");
+    EXPECT_EQ(text_of(byte_view(frame).last(6)), "answer");
 }
 
 TEST(gateway_tun, packets_for_nobody_are_counted) {
     if (!can_create_tun()) GTEST_SKIP() << "needs root and /dev/net/tun";
-    TestGateway gateway(tun_options);
-    UniqueFd    site   = udp_socket("10.99.0.1", 5000);
-    sockaddr_in nobody = udp_address("10.99.0.200", 1);
+    test_gateway gateway(tun_options);
+    unique_fd    site   = udp_socket("10.99.0.1", 5000);
+    sockaddr_in  nobody = udp_address("10.99.0.200", 1);
     sendto(site.get(), "x", 1, 0, reinterpret_cast<sockaddr *>(&nobody), sizeof nobody);
     EXPECT_TRUE(gateway.controller().counts("tun_no_route", 1));
 }
@@ -67,11 +67,11 @@ TEST(gateway_tun, a_pool_outside_the_interface_gets_its_route) {
     if (!can_create_tun()) GTEST_SKIP() << "needs root and /dev/net/tun";
     auto options = tun_options;
     options.insert(options.end(), {"--pool", "10.98.1.5-10.98.1.9"});
-    TestGateway gateway(options);
-    TestClient  client(gateway.port());
-    std::string inner = line_of(client.configure(), "X-CSTP-Address-Client");
+    test_gateway gateway(options);
+    test_client  client(gateway.port());
+    std::string  inner = line_of(client.configure(), "X-CSTP-Address-Client");
     EXPECT_EQ(inner, "10.98.1.5");
-    UniqueFd    site = udp_socket("10.99.0.1", 5000);
+    unique_fd   site = udp_socket("10.99.0.1", 5000);
     sockaddr_in to   = udp_address(inner, 9);
     sendto(site.get(), "x", 1, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
     EXPECT_EQ(client.read().bytes.size(), 8u + 28 + 1);
@@ -81,22 +81,22 @@ TEST(gateway_tun, packets_of_the_interfaces_mtu_pass_and_keep_their_bytes) {
     if (!can_create_tun()) GTEST_SKIP() << "needs root and /dev/net/tun";
     auto options = tun_options;
     options.insert(options.end(), {"--mtu", "1436"});
-    TestGateway gateway(options);
-    TestClient  client(gateway.port());
-    std::string inner = line_of(client.configure(), "X-CSTP-Address-Client");
-    UniqueFd    site  = udp_socket("10.99.0.1", 5000);
-    sockaddr_in to    = udp_address(inner, 9);
-    std::string data(1436 - 28, 'm');
+    test_gateway gateway(options);
+    test_client  client(gateway.port());
+    std::string  inner = line_of(client.configure(), "X-CSTP-Address-Client");
+    unique_fd    site  = udp_socket("10.99.0.1", 5000);
+    sockaddr_in  to    = udp_address(inner, 9);
+    std::string  data(1436 - 28, 'm');
     sendto(site.get(), data.data(), data.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
-    Bytes frame = client.read().bytes;
+    byte_vector frame = client.read().bytes;
     ASSERT_EQ(frame.size(), 8u + 1436);
-    EXPECT_EQ(text_of(ByteView(frame).last(data.size())), data);
+    EXPECT_EQ(text_of(byte_view(frame).last(data.size())), data);
 }
 
 TEST(gateway_tun, the_interface_goes_with_the_gateway) {
     if (!can_create_tun()) GTEST_SKIP() << "needs root and /dev/net/tun";
     {
-        TestGateway gateway(tun_options);
+        test_gateway gateway(tun_options);
         EXPECT_NE(if_nametoindex("gwtest0"), 0u);
     }
     EXPECT_EQ(if_nametoindex("gwtest0"), 0u);
@@ -104,14 +104,14 @@ TEST(gateway_tun, the_interface_goes_with_the_gateway) {
 
 TEST(gateway_tun, an_interface_that_is_in_use_is_a_failure_with_one_line) {
     if (!can_create_tun()) GTEST_SKIP() << "needs root and /dev/net/tun";
-    TestGateway gateway(tun_options);
-    Loop        loop;
-    auto        words = tun_options;
+    test_gateway gateway(tun_options);
+    event_loop   loop;
+    auto         words = tun_options;
     words.insert(words.end(), {"--listen", "127.0.0.1:0", "--psk-file", gateway.dir.file("psk")});
     try {
-        Gateway second(options_from(words), loop);
+        tunnel_gateway second(options_from(words), loop);
         FAIL() << "took the interface";
-    } catch (const RuntimeFailure &failure) {
+    } catch (const runtime_failure &failure) {
         EXPECT_EQ(std::string(failure.what()), "cannot create the interface gwtest0: Device or resource busy");
     }
 }
