@@ -98,6 +98,9 @@ int32_t tlsc_read_param_val(const char *key, char *value_out) {
 // returns 1 to go on, 0 to end the load.
 
 namespace {
+namespace loading {
+
+constexpr tlsc_work_of tlsc_log_function{"tlsc_read_config_file"};  // what every step here is part of
 
 int32_t read_server_ip_address(char *value) { return tlsc_read_param_val("server_ip_address", value); }
 int32_t read_server_port(char *value) { return tlsc_read_param_val("server_port", value); }
@@ -418,6 +421,14 @@ int32_t load_log_level() {
     return 1;
 }
 
+int32_t load_settings(tlsc_config *conf) {
+    return load_server_ip_address(conf) && load_server_port(conf) && load_management_ip(conf) &&
+           load_tun_interface_name(conf) && load_ssl_auth_mech(conf) && load_credentials(conf) &&
+           load_cipher_algo(conf) && load_device_id(conf) && load_device_name(conf) && load_serial_no(conf) &&
+           load_log_level();
+}
+
+}  // namespace loading
 }  // namespace
 
 // ---- 4 the whole local file -----------------------------------------------------------------------------------------------
@@ -428,8 +439,5 @@ int32_t tlsc_read_config_file(tlsc_config *conf) {
         return 0;
     }
 
-    return load_server_ip_address(conf) && load_server_port(conf) && load_management_ip(conf) &&
-           load_tun_interface_name(conf) && load_ssl_auth_mech(conf) && load_credentials(conf) &&
-           load_cipher_algo(conf) && load_device_id(conf) && load_device_name(conf) && load_serial_no(conf) &&
-           load_log_level();
+    return loading::load_settings(conf);
 }

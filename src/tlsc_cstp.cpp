@@ -349,6 +349,7 @@ int32_t tlsc_process_config_resp(tlsc_sock *sock, const char *buff) {
 namespace {
 
 int32_t process_response_frame(tlsc_sock *sock, tlsc_cstp_frame *frame, size_t length) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_process_cstp_frame"};
     tlsc_stop_timer(&tlsc_timers.guard);
     frame->payload[std::min(length, max_payload_size)] = '\0';
     TLSC_DEBUG("Got CSTP config resp frame of len %d for conn %p", static_cast<int>(length), shown(sock));
@@ -368,6 +369,7 @@ int32_t process_response_frame(tlsc_sock *sock, tlsc_cstp_frame *frame, size_t l
 
 // The DPD timer comes first: if it cannot run, the retry timer goes on.
 int32_t process_dpd_response(tlsc_sock *sock) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_process_cstp_frame"};
     TLSC_INFO("Got CSTP dpd resp frame [Req Retry Ref #%d] for conn %p", tlsc_retry_ref, shown(sock));
     if (!tlsc_start_timer(&tlsc_timers.dpd, 1)) {
         TLSC_WARNING("Could not start DPD timer for conn %p", shown(sock));
@@ -382,6 +384,7 @@ int32_t process_dpd_response(tlsc_sock *sock) {
 }
 
 int32_t process_data_frame(tlsc_sock *sock, tlsc_cstp_frame *frame, size_t length) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_process_cstp_frame"};
     TLSC_DEBUG("Got CSTP Data frame of len %d for conn %p", static_cast<int>(length), shown(sock));
     tlsc_count(&tlsc_stats::data_pkt_rx);
     if (!tlsc_tun_write(sock, frame->payload, static_cast<int32_t>(length))) {
@@ -392,6 +395,7 @@ int32_t process_data_frame(tlsc_sock *sock, tlsc_cstp_frame *frame, size_t lengt
 }
 
 int32_t drop_invalid_frame(tlsc_sock *sock, uint8_t type) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_process_cstp_frame"};
     TLSC_ERROR("Receieved invalid cstp frame(%d) for conn %p.. dropping..", type, shown(sock));
     tlsc_count(&tlsc_stats::invalid_rx);
     TLSC_ERROR("Processing CSTP frame failed due to error %s\n", tlsc_cstp_resp_name(TLSC_CSTP_INVALID_FRAME_RECVD));

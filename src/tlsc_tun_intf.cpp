@@ -99,6 +99,8 @@ void delete_stale_interface(const char *name) {
 // One pass of a flags request on a control socket of its own. Returns true, or false with the errno to hand on.
 // By contract: the texts name getting the flags for the write as well.
 bool request_flags(const char *name, unsigned long code, ifreq *request, int32_t *error) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_tun_up"};
+
     int32_t sock = tlsc_socket_creation(name);
     if (sock < 0) {
         *error = tlsc_socket_errno;

@@ -104,8 +104,8 @@ module("src/tlsc_config.cpp",
     ("The highest log level is refused.",
      "level > LOG_BUF_PRINT", "level >= LOG_BUF_PRINT", "tlsc_config_test"),
     ("The cipher list is read before the credentials.",
-     "           load_credentials(conf) &&\n           load_cipher_algo(conf) &&\n",
-     "           load_cipher_algo(conf) &&\n           load_credentials(conf) &&\n", "tlsc_config_test"),
+     "load_credentials(conf) &&\n           load_cipher_algo(conf)",
+     "load_cipher_algo(conf) &&\n           load_credentials(conf)", "tlsc_config_test"),
 )
 
 module("src/tlsc_tun_intf.cpp",

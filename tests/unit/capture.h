@@ -4,8 +4,9 @@
 //   tlsc_set_config_defaults(nullptr);
 //   EXPECT_TRUE(log.has("ERROR", "tlsc_config.c", "tlsc_set_config_defaults", "Conf pointer is NULL"));
 //
-// The destructor gives descriptor 1, the level and the destination back. When the test has failed by then, it shows
-// what was captured, and with it the failure texts that the test framework wrote meanwhile.
+// The destructor compares every captured line with the table of log_lines.h, and gives descriptor 1, the level and the
+// destination back. When the test has failed by then, it shows what was captured, and with it the failure texts that the
+// test framework wrote meanwhile.
 #pragma once
 
 #include <string>
@@ -19,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include "log_lines.h"
 #include "tlsc_debug.h"
 
 // One line of the log, taken apart. A line of the controller interface's plain path ("TLSC-WLC: ...") has the
@@ -131,6 +133,7 @@ struct log_capture {
 
     ~log_capture() {
         fflush(stdout);
+        if (!::testing::Test::HasFailure()) expect_known_lines();  // otherwise failure texts stand between the lines
         tlsc_log_level = old_level_;
         tlsc_log_dest  = old_dest_;
         if (dup2(stdout_, STDOUT_FILENO) < 0) abort();
@@ -211,6 +214,16 @@ struct log_capture {
     bool contains(const std::string &part) const { return text().find(part) != std::string::npos; }
 
 private:
+    void expect_known_lines() const {
+        for (const log_line &line : all_entries()) {
+            if (line.plain) continue;
+            const char *fault = fault_of_log_line(line.file, line.severity, line.function, line.message);
+            if (fault)
+                ADD_FAILURE() << fault << ": " << line.severity << " [" << line.file << "] [" << line.function << "] "
+                              << line.message;
+        }
+    }
+
     off_t size() const {
         struct stat st {};
         if (fstat(memory_, &st) != 0) abort();

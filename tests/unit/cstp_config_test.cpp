@@ -633,7 +633,7 @@ TEST_F(cstp_config, a_response_frame_stops_the_guard_and_arms_the_dpd_timer) {
     EXPECT_LE(seconds_left(tlsc_timers.dpd), 99);
     EXPECT_EQ(period(tlsc_timers.dpd), 0);
     const std::string got = "Got CSTP config resp frame of len 49 for conn " + conn();
-    EXPECT_TRUE(log.has("DEBUG", cstp_file, "process_response_frame", got));
+    EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_process_cstp_frame", got));
     EXPECT_LT(position(text_of("Successfully deleted fd = %d, to epoll-event", guard)),
               position(got));  // the guard is stopped first
     EXPECT_LT(position(got), position("Process CSTP-CONFIG-RESPONSE"));
@@ -645,7 +645,7 @@ TEST_F(cstp_config, a_response_that_cannot_be_parsed_has_stopped_the_guard_and_i
     EXPECT_EQ(receive("nothing of use"), 0);
     EXPECT_EQ(tlsc_timers.guard, -1);
     EXPECT_EQ(tlsc_timers.dpd, -1);
-    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_response_frame",
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_process_cstp_frame",
                         "Could not process config resp for conn " + conn() + ". Error = TLSC_CSTP_RESP_ERR_NONE"));
     EXPECT_FALSE(log.contains("Closing connection and bringing down tun interface"));
     expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}});
@@ -661,8 +661,8 @@ TEST_F(cstp_config, a_dpd_timer_that_cannot_start_fails_the_frame) {
     timers_fail = true;
     EXPECT_EQ(receive(client), 0);
     EXPECT_TRUE(
-        log.has("WARNING", cstp_file, "process_response_frame", "Could not start DPD timer for conn " + conn()));
-    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_response_frame",
+        log.has("WARNING", cstp_file, "tlsc_process_cstp_frame", "Could not start DPD timer for conn " + conn()));
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_process_cstp_frame",
                         "Processing CSTP frame failed due to error TLSC_CSTP_START_TIMER_FAILED\n"));
     EXPECT_EQ(tlsc_dp_state, 1);
 }

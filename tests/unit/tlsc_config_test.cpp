@@ -301,17 +301,17 @@ TEST_F(tlsc_config_file, complete_psk_file_logs_its_settings_in_order) {
     log_capture log;
     ASSERT_EQ(load(psk_settings), 1);
     const std::vector<std::pair<const char *, const char *>> expected{
-        {"load_server_ip_address", "Server IP address set from config file:203.0.113.5"},
-        {"load_server_port", "Server port set from config file"},
-        {"load_tun_interface_name", "Tun Interface name set from config file"},
-        {"load_ssl_auth_mech", "SSL auth-mech set to PSK"},
-        {"load_psk_identity", "PSK-identity set from config file"},
-        {"load_psk_key", "PSK-key set from config file"},
-        {"load_cipher_algo", "Cipher-algo set from config file"},
-        {"load_device_id", "Device id set from config file"},
-        {"load_device_name", "Device name set from config file"},
-        {"load_serial_no", "Device serial no. set from config file"},
-        {"load_log_level", "Log level set from config file, Log-Level = 3"}};
+        {"tlsc_read_config_file", "Server IP address set from config file:203.0.113.5"},
+        {"tlsc_read_config_file", "Server port set from config file"},
+        {"tlsc_read_config_file", "Tun Interface name set from config file"},
+        {"tlsc_read_config_file", "SSL auth-mech set to PSK"},
+        {"tlsc_read_config_file", "PSK-identity set from config file"},
+        {"tlsc_read_config_file", "PSK-key set from config file"},
+        {"tlsc_read_config_file", "Cipher-algo set from config file"},
+        {"tlsc_read_config_file", "Device id set from config file"},
+        {"tlsc_read_config_file", "Device name set from config file"},
+        {"tlsc_read_config_file", "Device serial no. set from config file"},
+        {"tlsc_read_config_file", "Log level set from config file, Log-Level = 3"}};
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), expected.size());
     for (size_t i = 0; i < lines.size(); ++i)
@@ -335,13 +335,13 @@ TEST_F(tlsc_config_file, complete_certificate_file_fills_the_four_paths) {
                                   "SSL private_key file path set successfully",
                                   "SSL root_ca file path set successfully", "SSL crl file path set successfully"}));
     for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "DEBUG") << line.message;
-    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_auth_mech", "SSL auth-mech set to Certificate"));
+    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "tlsc_read_config_file", "SSL auth-mech set to Certificate"));
     EXPECT_TRUE(
-        log.has("DEBUG", "tlsc_config.c", "load_ssl_certificate", "SSL certificate file path set successfully"));
+        log.has("DEBUG", "tlsc_config.c", "tlsc_read_config_file", "SSL certificate file path set successfully"));
     EXPECT_TRUE(
-        log.has("DEBUG", "tlsc_config.c", "load_ssl_private_key", "SSL private_key file path set successfully"));
-    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_rootca_bundle", "SSL root_ca file path set successfully"));
-    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "load_ssl_crl", "SSL crl file path set successfully"));
+        log.has("DEBUG", "tlsc_config.c", "tlsc_read_config_file", "SSL private_key file path set successfully"));
+    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "tlsc_read_config_file", "SSL root_ca file path set successfully"));
+    EXPECT_TRUE(log.has("DEBUG", "tlsc_config.c", "tlsc_read_config_file", "SSL crl file path set successfully"));
 }
 
 TEST_F(tlsc_config_file, other_mechanisms_settings_are_ignored) {
@@ -379,7 +379,7 @@ TEST_F(tlsc_config_file, missing_file_ends_the_load_at_the_server_address) {
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_TRUE(
         is_log_line(lines[0], "ERROR", "tlsc_config.c", "tlsc_read_param_val", "Can't open config file, errno=2"));
-    EXPECT_TRUE(is_log_line(lines[1], "ERROR", "tlsc_config.c", "load_server_ip_address", "Server Addr not found!!"));
+    EXPECT_TRUE(is_log_line(lines[1], "ERROR", "tlsc_config.c", "tlsc_read_config_file", "Server Addr not found!!"));
     EXPECT_TRUE(is_all_zero(conf));
 }
 
@@ -401,31 +401,33 @@ std::string text_of(size_t length) { return std::string(length, 'x'); }
 
 TEST_F(tlsc_config_file, every_fatal_error_of_a_psk_file_ends_the_load_with_its_line) {
     const std::vector<spoilt> table{
-        {"server_ip_address", "-", 0, "ERROR", "load_server_ip_address", "Server Addr not found!!"},
-        {"server_ip_address", text_of(50), 0, "ERROR", "load_server_ip_address", "Invalid Server Addr!!"},
-        {"management_ip", "-", 0, "ERROR", "load_management_ip", "Mgmt IP not found!!"},
-        {"management_ip", text_of(50), 0, "ERROR", "load_management_ip", "Invalid Mgmt IP!!"},
-        {"tun_interface_name", "-", 0, "ERROR", "load_tun_interface_name", "TUN name not found!!"},
-        {"tun_interface_name", text_of(50), 0, "ERROR", "load_tun_interface_name", "Invalid TUN name!!"},
-        {"ssl_authentication_mechanism", "-", 0, "ERROR", "load_ssl_auth_mech",
+        {"server_ip_address", "-", 0, "ERROR", "tlsc_read_config_file", "Server Addr not found!!"},
+        {"server_ip_address", text_of(50), 0, "ERROR", "tlsc_read_config_file", "Invalid Server Addr!!"},
+        {"management_ip", "-", 0, "ERROR", "tlsc_read_config_file", "Mgmt IP not found!!"},
+        {"management_ip", text_of(50), 0, "ERROR", "tlsc_read_config_file", "Invalid Mgmt IP!!"},
+        {"tun_interface_name", "-", 0, "ERROR", "tlsc_read_config_file", "TUN name not found!!"},
+        {"tun_interface_name", text_of(50), 0, "ERROR", "tlsc_read_config_file", "Invalid TUN name!!"},
+        {"ssl_authentication_mechanism", "-", 0, "ERROR", "tlsc_read_config_file",
          "SSL Authentication mechanism not found in config file"},
-        {"ssl_authentication_mechanism", "PSK", 0, "ERROR", "load_ssl_auth_mech",
+        {"ssl_authentication_mechanism", "PSK", 0, "ERROR", "tlsc_read_config_file",
          "Invalid SSL authentication-mechanism!!"},
-        {"ssl_authentication_mechanism", "pskx", 0, "ERROR", "load_ssl_auth_mech",
+        {"ssl_authentication_mechanism", "pskx", 0, "ERROR", "tlsc_read_config_file",
          "Invalid SSL authentication-mechanism!!"},
-        {"ssl_authentication_mechanism", "", 0, "ERROR", "load_ssl_auth_mech",
+        {"ssl_authentication_mechanism", "", 0, "ERROR", "tlsc_read_config_file",
          "Invalid SSL authentication-mechanism!!"},
-        {"psk_identity", "-", 0, "ERROR", "load_psk_identity", "PSK ID not found!!"},
-        {"psk_identity", "ab", 0, "ERROR", "load_psk_identity", "Invalid PSK ID length(2). Range(3-128)!!"},
-        {"psk_identity", text_of(129), 0, "ERROR", "load_psk_identity", "Invalid PSK ID length(129). Range(3-128)!!"},
-        {"psk_key", "-", 0, "ERROR", "load_psk_key", "PSK Key not found in config file!!"},
-        {"psk_key", "abcd", 0, "ERROR", "load_psk_key", "Invalid PSK Key length(4). Range(5-4)!!"},
-        {"psk_key", text_of(257), 0, "ERROR", "load_psk_key", "Invalid PSK Key length(257). Range(5-4)!!"},
-        {"cipher_algo", text_of(50), 0, "ERROR", "load_cipher_algo", "Invalid Cipher Algo!!"},
-        {"device_id", "-", 0, "ERROR", "load_device_id", "Device ID not found!!"},
-        {"device_id", text_of(17), 0, "ERROR", "load_device_id", "Invalid Device ID!!"},
-        {"device_name", text_of(51), 0, "ERROR", "load_device_name", "Device Name longer than max allowed(50)!!"},
-        {"serial_no", text_of(17), 0, "ERROR", "load_serial_no", "Device serial no. longer than max allowed(16)!!"}};
+        {"psk_identity", "-", 0, "ERROR", "tlsc_read_config_file", "PSK ID not found!!"},
+        {"psk_identity", "ab", 0, "ERROR", "tlsc_read_config_file", "Invalid PSK ID length(2). Range(3-128)!!"},
+        {"psk_identity", text_of(129), 0, "ERROR", "tlsc_read_config_file",
+         "Invalid PSK ID length(129). Range(3-128)!!"},
+        {"psk_key", "-", 0, "ERROR", "tlsc_read_config_file", "PSK Key not found in config file!!"},
+        {"psk_key", "abcd", 0, "ERROR", "tlsc_read_config_file", "Invalid PSK Key length(4). Range(5-4)!!"},
+        {"psk_key", text_of(257), 0, "ERROR", "tlsc_read_config_file", "Invalid PSK Key length(257). Range(5-4)!!"},
+        {"cipher_algo", text_of(50), 0, "ERROR", "tlsc_read_config_file", "Invalid Cipher Algo!!"},
+        {"device_id", "-", 0, "ERROR", "tlsc_read_config_file", "Device ID not found!!"},
+        {"device_id", text_of(17), 0, "ERROR", "tlsc_read_config_file", "Invalid Device ID!!"},
+        {"device_name", text_of(51), 0, "ERROR", "tlsc_read_config_file", "Device Name longer than max allowed(50)!!"},
+        {"serial_no", text_of(17), 0, "ERROR", "tlsc_read_config_file",
+         "Device serial no. longer than max allowed(16)!!"}};
     for (const spoilt &entry : table) {
         log_capture log;
         EXPECT_EQ(
@@ -441,24 +443,26 @@ TEST_F(tlsc_config_file, every_fatal_error_of_a_psk_file_ends_the_load_with_its_
 
 TEST_F(tlsc_config_file, every_fatal_error_of_a_certificate_file_ends_the_load_with_its_line) {
     const std::vector<spoilt> table{
-        {"ssl_certificate", "-", 0, "ERROR", "load_ssl_certificate", "SSL certificate not provided!!"},
-        {"ssl_certificate", text_of(100), 0, "ERROR", "load_ssl_certificate",
+        {"ssl_certificate", "-", 0, "ERROR", "tlsc_read_config_file", "SSL certificate not provided!!"},
+        {"ssl_certificate", text_of(100), 0, "ERROR", "tlsc_read_config_file",
          "The ssl-certificate file-path is more than max-size(100)"},
-        {"ssl_certificate", "absent", 0, "ERROR", "load_ssl_certificate",
+        {"ssl_certificate", "absent", 0, "ERROR", "tlsc_read_config_file",
          "Invalid SSL certificate file. No file found with name(absent)!!"},
-        {"ssl_private_key", "-", 0, "ERROR", "load_ssl_private_key", "SSL private_key not provided!!"},
-        {"ssl_private_key", text_of(100), 0, "ERROR", "load_ssl_private_key",
+        {"ssl_private_key", "-", 0, "ERROR", "tlsc_read_config_file", "SSL private_key not provided!!"},
+        {"ssl_private_key", text_of(100), 0, "ERROR", "tlsc_read_config_file",
          "The ssl-private_key file-path is more than max-size(100)"},
-        {"ssl_private_key", "absent", 0, "ERROR", "load_ssl_private_key",
+        {"ssl_private_key", "absent", 0, "ERROR", "tlsc_read_config_file",
          "Invalid SSL private-key file!! No file found with name(absent)!!"},
-        {"ssl_rootca_bundle", "-", 0, "ERROR", "load_ssl_rootca_bundle", "SSL root-ca not provided!!"},
-        {"ssl_rootca_bundle", text_of(100), 0, "ERROR", "load_ssl_rootca_bundle",
+        {"ssl_rootca_bundle", "-", 0, "ERROR", "tlsc_read_config_file", "SSL root-ca not provided!!"},
+        {"ssl_rootca_bundle", text_of(100), 0, "ERROR", "tlsc_read_config_file",
          "The ssl-root_ca file-path is more than max-size(100)"},
-        {"ssl_rootca_bundle", "absent", 0, "ERROR", "load_ssl_rootca_bundle",
+        {"ssl_rootca_bundle", "absent", 0, "ERROR", "tlsc_read_config_file",
          "Invalid SSL root-ca file!! No file found with name(absent)!!"},
-        {"ssl_crl", "-", 0, "ERROR", "load_ssl_crl", "SSL crl not provided!!"},
-        {"ssl_crl", text_of(100), 0, "ERROR", "load_ssl_crl", "The ssl-root_ca file-path is more than max-size(100)"},
-        {"ssl_crl", "absent", 0, "ERROR", "load_ssl_crl", "Invalid SSL crl file!! No file found with name(absent)!!"}};
+        {"ssl_crl", "-", 0, "ERROR", "tlsc_read_config_file", "SSL crl not provided!!"},
+        {"ssl_crl", text_of(100), 0, "ERROR", "tlsc_read_config_file",
+         "The ssl-root_ca file-path is more than max-size(100)"},
+        {"ssl_crl", "absent", 0, "ERROR", "tlsc_read_config_file",
+         "Invalid SSL crl file!! No file found with name(absent)!!"}};
     for (const spoilt &entry : table) {
         log_capture log;
         EXPECT_EQ(load(entry.value == "-" ? without(certificate_settings, entry.key)
@@ -508,7 +512,8 @@ TEST_F(tlsc_config_file, missing_port_falls_back_to_443) {
     log_capture log;
     EXPECT_EQ(load(without(psk_settings, "server_port")), 1);
     EXPECT_EQ(conf.server_port, 443);
-    EXPECT_TRUE(log.has("WARNING", "tlsc_config.c", "load_server_port", "Server Port not found, setting to default!!"));
+    EXPECT_TRUE(
+        log.has("WARNING", "tlsc_config.c", "tlsc_read_config_file", "Server Port not found, setting to default!!"));
     EXPECT_FALSE(log.contains("Server port set from config file"));
 }
 
@@ -534,7 +539,8 @@ TEST_F(tlsc_config_file, missing_cipher_list_falls_back_to_the_default_list) {
     log_capture log;
     EXPECT_EQ(load(without(psk_settings, "cipher_algo")), 1);
     EXPECT_STREQ(conf.cipher_algo, "DHE-PSK-AES256-CBC-SHA");
-    EXPECT_TRUE(log.has("WARNING", "tlsc_config.c", "load_cipher_algo", "Cipher algo not found, setting to default!!"));
+    EXPECT_TRUE(
+        log.has("WARNING", "tlsc_config.c", "tlsc_read_config_file", "Cipher algo not found, setting to default!!"));
 }
 
 TEST_F(tlsc_config_file, missing_name_and_serial_number_are_warnings) {
@@ -542,8 +548,8 @@ TEST_F(tlsc_config_file, missing_name_and_serial_number_are_warnings) {
     EXPECT_EQ(load(without(without(psk_settings, "device_name"), "serial_no")), 1);
     EXPECT_STREQ(conf.device_name, "");
     EXPECT_STREQ(conf.serial_no, "");
-    EXPECT_TRUE(log.has("WARNING", "tlsc_config.c", "load_device_name", "Device Name not found!!"));
-    EXPECT_TRUE(log.has("WARNING", "tlsc_config.c", "load_serial_no", "Device serial no. not found!!"));
+    EXPECT_TRUE(log.has("WARNING", "tlsc_config.c", "tlsc_read_config_file", "Device Name not found!!"));
+    EXPECT_TRUE(log.has("WARNING", "tlsc_config.c", "tlsc_read_config_file", "Device serial no. not found!!"));
 }
 
 TEST_F(tlsc_config_file, log_levels_0_to_5_are_stored_as_given) {
@@ -551,7 +557,7 @@ TEST_F(tlsc_config_file, log_levels_0_to_5_are_stored_as_given) {
         log_capture log;
         ASSERT_EQ(load(with(psk_settings, "log_level", std::to_string(level))), 1);
         EXPECT_EQ(tlsc_log_level, level);
-        EXPECT_EQ(log.has("DEBUG", "tlsc_config.c", "load_log_level",
+        EXPECT_EQ(log.has("DEBUG", "tlsc_config.c", "tlsc_read_config_file",
                           "Log level set from config file, Log-Level = " + std::to_string(level)),
                   level >= 3)
             << "the new level decides over its own line";
@@ -563,7 +569,7 @@ TEST_F(tlsc_config_file, log_level_outside_0_to_5_becomes_2_with_a_warning) {
         log_capture log;
         ASSERT_EQ(load(with(psk_settings, "log_level", level)), 1) << level;
         EXPECT_EQ(tlsc_log_level, 2);
-        EXPECT_TRUE(log.has("WARNING", "tlsc_config.c", "load_log_level",
+        EXPECT_TRUE(log.has("WARNING", "tlsc_config.c", "tlsc_read_config_file",
                             "Invalid log level received in config file... Setting to default level INFO(2)"));
     }
 }
@@ -582,7 +588,8 @@ TEST_F(tlsc_config_file, missing_log_level_becomes_2_with_a_warning) {
     log_capture log;
     ASSERT_EQ(load(without(psk_settings, "log_level")), 1);
     EXPECT_EQ(tlsc_log_level, 2);
-    EXPECT_TRUE(log.has("WARNING", "tlsc_config.c", "load_log_level", "Log level not found, setting to default!!"));
+    EXPECT_TRUE(
+        log.has("WARNING", "tlsc_config.c", "tlsc_read_config_file", "Log level not found, setting to default!!"));
 }
 
 TEST_F(tlsc_config_file, fatal_error_keeps_what_was_set_before_it_and_leaves_the_rest) {
@@ -644,7 +651,7 @@ TEST_F(tlsc_config_file, malformed_files_end_the_load_at_what_they_lack_and_neve
     ASSERT_EQ(mkdir(file_name, 0700), 0);
     log_capture log;
     EXPECT_EQ(tlsc_read_config_file(&conf), 0) << "a directory";
-    EXPECT_TRUE(log.has("ERROR", "tlsc_config.c", "load_server_ip_address", "Server Addr not found!!"));
+    EXPECT_TRUE(log.has("ERROR", "tlsc_config.c", "tlsc_read_config_file", "Server Addr not found!!"));
     ASSERT_EQ(rmdir(file_name), 0);
 }
 

@@ -282,7 +282,7 @@ TEST_F(tlsc_cstp, a_data_frame_is_counted_and_handed_to_the_tun_writer) {
     EXPECT_EQ(process(0, "E-packet"), 1);
     EXPECT_EQ(tun_length, 8);
     EXPECT_EQ(tun_bytes, "E-packet");
-    EXPECT_TRUE(log.has("DEBUG", cstp_file, "process_data_frame",
+    EXPECT_TRUE(log.has("DEBUG", cstp_file, "tlsc_process_cstp_frame",
                         text_of("Got CSTP Data frame of len 8 for conn %p", static_cast<void *>(sock))));
     expect_counters({{"data_pkt_rx", 1}});
 }
@@ -295,7 +295,7 @@ TEST_F(tlsc_cstp, a_data_frame_of_length_0_is_still_handed_to_the_tun_writer) {
 TEST_F(tlsc_cstp, a_data_frame_is_counted_as_received_even_if_tun_refuses_it) {
     tun_result = 0;
     EXPECT_EQ(process(0, "E"), 0);
-    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_data_frame",
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_process_cstp_frame",
                         text_of("Could not write data-frame on tun-intf, for conn %p", static_cast<void *>(sock))));
     expect_counters({{"data_pkt_rx", 1}});
 }
@@ -318,10 +318,11 @@ TEST_F(tlsc_cstp, every_type_but_0_2_and_4_is_counted_as_invalid_and_dropped) {
         EXPECT_EQ(process(type, "payload"), 0) << type;
         ++invalid;
         EXPECT_TRUE(log.has(
-            "ERROR", cstp_file, "drop_invalid_frame",
+            "ERROR", cstp_file, "tlsc_process_cstp_frame",
             text_of("Receieved invalid cstp frame(%d) for conn %p.. dropping..", type, static_cast<void *>(sock))))
             << type;
-        EXPECT_TRUE(log.has("ERROR", cstp_file, "drop_invalid_frame", failed_due_to("TLSC_CSTP_INVALID_FRAME_RECVD")))
+        EXPECT_TRUE(
+            log.has("ERROR", cstp_file, "tlsc_process_cstp_frame", failed_due_to("TLSC_CSTP_INVALID_FRAME_RECVD")))
             << type;
         EXPECT_FALSE(log.contains("Closing connection"));
     }
@@ -337,7 +338,7 @@ TEST_F(tlsc_cstp, a_dpd_response_arms_the_dpd_timer_stops_the_retry_timer_and_re
     EXPECT_GT(tlsc_timers.dpd, 0);
     EXPECT_EQ(tlsc_timers.retry, -1);
     EXPECT_EQ(tlsc_retry_ref, 0);
-    EXPECT_TRUE(log.has("INFO", cstp_file, "process_dpd_response",
+    EXPECT_TRUE(log.has("INFO", cstp_file, "tlsc_process_cstp_frame",
                         text_of("Got CSTP dpd resp frame [Req Retry Ref #3] for conn %p", static_cast<void *>(sock))));
     expect_counters({{"dpd_rsp_rx", 1}, {"ctrl_pkt_rx", 1}});
 
@@ -377,9 +378,9 @@ TEST_F(tlsc_cstp, the_retry_timer_keeps_running_when_the_dpd_timer_cannot_be_arm
     EXPECT_EQ(process(4, ""), 0);
     EXPECT_GT(tlsc_timers.retry, 0);
     EXPECT_EQ(tlsc_retry_ref, 2);
-    EXPECT_TRUE(log.has("WARNING", cstp_file, "process_dpd_response",
+    EXPECT_TRUE(log.has("WARNING", cstp_file, "tlsc_process_cstp_frame",
                         text_of("Could not start DPD timer for conn %p", static_cast<void *>(sock))));
-    EXPECT_TRUE(log.has("ERROR", cstp_file, "process_dpd_response", failed_due_to("TLSC_CSTP_START_TIMER_FAILED")));
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_process_cstp_frame", failed_due_to("TLSC_CSTP_START_TIMER_FAILED")));
     expect_counters({});
 }
 

@@ -669,7 +669,7 @@ TEST_F(tlsc_tun_intf, flags_of_an_absent_interface_give_its_errno) {
     log_capture log;
     EXPECT_EQ(tlsc_tun_up("absent0", 1), ENODEV);
     EXPECT_EQ(count_ioctls(SIOCSIFFLAGS), 0u);
-    expect_lines(log, {{"ERROR", "request_flags", "Failed to get flags for interface  absent0 due to error[19]"}});
+    expect_lines(log, {{"ERROR", "tlsc_tun_up", "Failed to get flags for interface  absent0 due to error[19]"}});
 }
 
 TEST_F(tlsc_tun_intf, flags_that_cannot_be_read_or_written_use_the_same_texts) {
@@ -683,10 +683,10 @@ TEST_F(tlsc_tun_intf, flags_that_cannot_be_read_or_written_use_the_same_texts) {
                 log_capture log;
                 EXPECT_EQ(tlsc_tun_up("lo", 1), error);
                 expect_lines(log,
-                             {{"WARNING", "request_flags",
+                             {{"WARNING", "tlsc_tun_up",
                                std::string("Failed to get flags for interface lo due to ") + strerror(error) +
                                    ", Retrying to get flags..."},
-                              {"ERROR", "request_flags",
+                              {"ERROR", "tlsc_tun_up",
                                "Failed to get flags for interface  lo due to error[" + std::to_string(error) + "]"}});
             }
             EXPECT_EQ(count_ioctls(request), 1u) << "one pass";
@@ -770,7 +770,7 @@ TEST_F(tlsc_tun_intf, state_change_that_fails_clears_the_name_and_the_next_fails
     EXPECT_EQ(session.tun_state, 0);
     EXPECT_TRUE(reports.empty());
     EXPECT_EQ(tlsc_chg_tun_state(&session, 1), 0);
-    expect_lines(log, {{"ERROR", "request_flags", "Failed to get flags for interface  absent0 due to error[19]"},
+    expect_lines(log, {{"ERROR", "tlsc_tun_up", "Failed to get flags for interface  absent0 due to error[19]"},
                        {"ERROR", "tlsc_chg_tun_state", "Could not change the tun-interface(absent0) state"},
                        {"ERROR", "tlsc_chg_tun_state", "Session or ifname is Null"}});
 }
