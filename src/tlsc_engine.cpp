@@ -1,4 +1,4 @@
-// Contents: 0 the thread's turn  1 TLS set-up  2 connection and TLS I/O  3 registry and state  4 teardown  5 data path  6 commands  7 event loop
+// Contents: 1 TLS set-up  2 connection and TLS I/O  3 registry and state  4 teardown  5 data path  6 commands  7 event loop
 //
 // Out: handle_event -> on_tun_event -> tlsc_tun_read_and_process -> tlsc_write_cstp_data_pak -> tlsc_ssl_write
 // In:  handle_event -> on_ssl_event -> tlsc_cstp_read_frame -> tlsc_process_cstp_frame -> tlsc_tun_write
@@ -26,6 +26,7 @@
 
 #include "tlsc_config.h"
 #include "tlsc_debug.h"
+#include "tlsc_turn.h"
 #include "tlsc_utils.h"
 
 #include "tlsc_cstp.h"      // frames of the packet path, configuration request
@@ -34,116 +35,6 @@
 #include "tlsc_tun_intf.h"  // interface creation, state, deletion
 
 #include "tlsc_platform.h"  // counters, client restart
-
-// ==== 0 The thread's turn ========================================================================================
-// This thread touches the tunnel in its turn only. Its turn is over while it waits for something outside: for events,
-// for a connection, for the end of a pause. Inside OpenSSL, which may wait as well, it still uses its TLS session.
-// Who halts it shuts the gate and looks until the turn is over; the thread finds the gate shut when it comes back. A new
-// reading of the configuration shuts it for its time, the process's clean-up for good. Nothing is locked otherwise.
-
-namespace {
-
-enum turn_state {
-    turn_over,    // it waits, or is no more
-    turn_taken,   // it works
-    turn_in_tls,  // it is inside OpenSSL
-};
-
-std::atomic<turn_state> turn{turn_over};
-std::atomic<bool>       gate_shut{false};
-pthread_mutex_t         gate = PTHREAD_MUTEX_INITIALIZER;  // held by who shut it
-
-constexpr timespec look_interval = {0, 1000000};  // between two looks at the turn
-
-// Who sees the turn over sees what was done in it; the thread itself does not wait for that.
-void end_turn(turn_state state) { turn.store(state, std::memory_order_release); }
-
-// meanwhile: the state of a thread that stands at the gate.
-void take_turn(turn_state meanwhile) {
-    turn = turn_taken;
-    while (gate_shut) {  // in this order: either this thread sees the gate shut, or the other one sees the turn taken
-        end_turn(meanwhile);
-        pthread_mutex_lock(&gate);
-        pthread_mutex_unlock(&gate);
-        turn = turn_taken;
-    }
-}
-
-struct tunnel_turn {
-    tunnel_turn() { take_turn(turn_over); }
-    ~tunnel_turn() { end_turn(turn_over); }
-    tunnel_turn(const tunnel_turn &)            = delete;
-    tunnel_turn &operator=(const tunnel_turn &) = delete;
-};
-
-// Around what may wait. Without effect while no thread has the turn.
-class turn_pause {
-public:
-    explicit turn_pause(turn_state state = turn_over) : had_turn_(turn == turn_taken) {
-        if (had_turn_) end_turn(state);
-    }
-    ~turn_pause() {
-        if (had_turn_) take_turn(turn_over);
-    }
-    turn_pause(const turn_pause &)            = delete;
-    turn_pause &operator=(const turn_pause &) = delete;
-
-private:
-    const bool had_turn_;
-};
-
-// The turn of a callback that OpenSSL calls.
-class callback_turn {
-public:
-    callback_turn() : in_tls_(turn == turn_in_tls) {
-        if (in_tls_) take_turn(turn_in_tls);
-    }
-    ~callback_turn() {
-        if (in_tls_) end_turn(turn_in_tls);
-    }
-    callback_turn(const callback_turn &)            = delete;
-    callback_turn &operator=(const callback_turn &) = delete;
-
-private:
-    const bool in_tls_;
-};
-
-// True when the gate is shut and the turn is over, or, if that will do, inside OpenSSL; false after so many seconds.
-bool shut_gate(int32_t seconds, bool in_tls_will_do) {
-    timespec deadline{};
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += seconds;
-
-    pthread_mutex_lock(&gate);
-    gate_shut = true;
-    for (;;) {
-        const turn_state seen = turn;
-        if (seen == turn_over || (seen == turn_in_tls && in_tls_will_do)) return true;
-
-        timespec now{};
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        if (now.tv_sec > deadline.tv_sec || (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec)) break;
-        (void)nanosleep(&look_interval, nullptr);
-    }
-    tlsc_resume_tunnel_thread();
-    return false;
-}
-
-}  // namespace
-
-bool tlsc_halt_tunnel_thread(int32_t seconds) { return shut_gate(seconds, false); }
-
-bool tlsc_hold_tunnel_thread(int32_t seconds) { return shut_gate(seconds, true); }
-
-void tlsc_resume_tunnel_thread() {
-    gate_shut = false;
-    pthread_mutex_unlock(&gate);
-}
-
-void tlsc_sleep_out_of_turn(unsigned seconds) {
-    turn_pause pause;
-    sleep(seconds);
-}
 
 // ==== 1 TLS set-up ===============================================================================================
 // The context is built once per process, on the main thread. The verification and PSK callbacks run on the thread
@@ -286,7 +177,7 @@ struct verification {
 // By contract: OpenSSL's own verdict is ignored; every certificate of the chain must verify directly against the first
 // certificate of the bundle.
 int tlsc_verify_cert_cb(int, X509_STORE_CTX *store) {
-    callback_turn turn_of_callback;
+    tlsc_turn turn(TLSC_AT_WORK);
     TLSC_INFO("tlsc_verify_cert_cb received...");
     tlsc_config *conf = tlsc_get_config();
     if (!conf) {
@@ -338,7 +229,7 @@ int tlsc_verify_cert_cb(int, X509_STORE_CTX *store) {
 
 unsigned tlsc_psk_client_cb(SSL *, const char *hint, char *identity, unsigned max_identity_len, unsigned char *psk,
                             unsigned) {
-    callback_turn turn_of_callback;
+    tlsc_turn turn(TLSC_AT_WORK);
     TLSC_INFO("psk_client_cb received...");
     if (!hint) TLSC_WARNING("NULL received for PSK-identity-hint, continuing anyway...");
     else TLSC_DEBUG("Received PSK-identity-hint '%s'", hint);
@@ -434,23 +325,23 @@ sockaddr_in server_address(const char *text, uint16_t port) {
 }
 
 bool connect_to(int32_t fd, const sockaddr_in &address) {
-    turn_pause pause;
+    tlsc_turn pause(TLSC_AT_SAFEPOINT);
     return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
 }
 
 // What a peer does not send or take holds up these three.
 int connect_tls(SSL *ssl) {
-    turn_pause pause(turn_in_tls);
+    tlsc_turn pause(TLSC_IN_TLS);
     return SSL_connect(ssl);
 }
 
 int write_tls(SSL *ssl, const void *buff, int length) {
-    turn_pause pause(turn_in_tls);
+    tlsc_turn pause(TLSC_IN_TLS);
     return SSL_write(ssl, buff, length);
 }
 
 int read_tls(SSL *ssl, void *buff, int length) {
-    turn_pause pause(turn_in_tls);
+    tlsc_turn pause(TLSC_IN_TLS);
     return SSL_read(ssl, buff, length);
 }
 
@@ -1257,7 +1148,7 @@ bool set_up_tunnel(tlsc_sock *sock) {
 // ---- loop and end ----------------------------------------------------------------------------------------------------
 
 int wait_for_events() {
-    turn_pause pause;
+    tlsc_turn pause(TLSC_AT_SAFEPOINT);
     return epoll_wait(tlsc_epoll_fd, tlsc_epoll_events, max_events, -1);
 }
 
@@ -1294,8 +1185,8 @@ void end_tunnel(tlsc_sock *sock) {
 
 void *tlsc_start_epoll(void *) {
     (void)signal(SIGPIPE, SIG_IGN);  // a peer that went away is an error of the write
-    tunnel_turn turn_of_run;
-    tlsc_sock  *sock = tlsc_get_sock();
+    tlsc_turn  turn(TLSC_AT_WORK);
+    tlsc_sock *sock = tlsc_get_sock();
 
     TLSC_INFO("In epoll thread");
     if (!set_up_tunnel(sock)) return nullptr;

@@ -28,21 +28,6 @@ extern ssl_ctx_st *tlsc_ssl_ctx;   // the process's TLS context; null when none
 // The address of the one connection context; never null. Any thread.
 tlsc_sock *tlsc_get_sock();
 
-// Keeps the tunnel thread from touching the tunnel: waits at most the given seconds until it waits for something itself
-// (events, a connection, the end of a pause) or ends. Returns true when it did; the thread then stands still until it is
-// resumed. Main thread.
-bool tlsc_halt_tunnel_thread(int32_t seconds);
-
-// The same for who needs the configuration only: a thread inside OpenSSL, which touches nothing but its TLS session and
-// may wait for the peer there, is let be and held when it comes back. Main thread.
-bool tlsc_hold_tunnel_thread(int32_t seconds);
-
-// Lets a halted or held tunnel thread go on. Main thread, only after a success of one of the two.
-void tlsc_resume_tunnel_thread();
-
-// Sleeps; the thread can be halted meanwhile. Tunnel thread.
-void tlsc_sleep_out_of_turn(unsigned seconds);
-
 // ---- TLS set-up (main thread, but for the callbacks) ---------------------------------------------------------------
 
 // Creates the lock array that the 1.0 series of OpenSSL needs and installs its callbacks; see CRYPTO_lock(3).

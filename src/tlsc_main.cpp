@@ -14,6 +14,7 @@
 
 #include "tlsc_config.h"
 #include "tlsc_debug.h"
+#include "tlsc_turn.h"
 
 #include "tlsc_engine.h"   // the mailbox of the tunnel thread, TLS set-up
 #include "tlsc_session.h"  // created at the first initialisation

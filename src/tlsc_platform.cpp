@@ -16,6 +16,7 @@
 
 #include "tlsc_config.h"
 #include "tlsc_debug.h"
+#include "tlsc_turn.h"
 #include "tlsc_utils.h"
 
 #include "tlsc_engine.h"    // the tunnel thread and its mailbox
@@ -235,7 +236,7 @@ void release_openssl() {
 }  // namespace
 
 void tlsc_cleanup_context() {
-    const bool halted = tlsc_halt_tunnel_thread(halt_seconds);
+    const bool halted = tlsc_halt_tunnel_thread(halt_seconds, nullptr);
 
     tlsc_close_cli_pipe();
     TLSC_WARNING("Cleaning up Tls-session and SSL context");

@@ -15,9 +15,10 @@
 
 #include "tlsc_config.h"
 #include "tlsc_debug.h"
+#include "tlsc_turn.h"
 #include "tlsc_utils.h"
 
-#include "tlsc_engine.h"    // epoll registry, pauses
+#include "tlsc_engine.h"    // epoll registry
 #include "tlsc_platform.h"  // state reports, counters
 
 // ---- 1 ioctls and control sockets -----------------------------------------------------------------------------------

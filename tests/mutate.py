@@ -193,17 +193,27 @@ module("src/tlsc_cstp.cpp",
      "    tlsc_stop_timer(&tlsc_timers.retry);\n    if (!tlsc_start_timer(&tlsc_timers.dpd, 1)) {\n        TLSC_WARNING(\"Could not start DPD timer for conn %p\", shown(sock));\n        TLSC_ERROR(\"Processing CSTP frame failed due to error %s\\n\", tlsc_cstp_resp_name(TLSC_CSTP_START_TIMER_FAILED));\n        return 0;\n    }\n", "tlsc_cstp_test"),
 )
 
+module("src/tlsc_turn.cpp",
+    ("Who halts the tunnel thread does not wait for it.",
+     "    moment.tv_sec += seconds;\n", "    (void)seconds;\n", "tlsc_turn_test engine_loop_test"),
+    ("The tunnel thread keeps its turn while it sleeps.",
+     "    tlsc_turn pause(TLSC_AT_SAFEPOINT);\n    sleep(seconds);", "    sleep(seconds);", "engine_loop_test"),
+    ("A callback waits at the gate of who waits for the end.",
+     "(turn.load(std::memory_order_acquire) & gate_ending) != 0;", "(turn.load(std::memory_order_acquire) & gate_ending) < 0;", "tlsc_turn_test"),
+    ("A thread inside OpenSSL counts as one that can be halted.",
+     "gate_shut | gate_ending, TLSC_AT_SAFEPOINT, interrupt", "gate_shut | gate_ending, TLSC_IN_TLS, interrupt", "tlsc_turn_test engine_loop_test"),
+    ("A retired thread goes on.",
+     "        if ((seen & run_bits) != run) end_retired_thread();\n", "        run = seen & run_bits;\n", "tlsc_turn_test"),
+    ("A second one may quiesce what is quiesced already.",
+     "while ((seen & gate_shut) == 0)", "while ((seen & gate_shut) <= gate_shut)", "tlsc_turn_test"),
+)
+
 # The engine, section by section.
 module("src/tlsc_engine.cpp",
-    # 0 the thread's turn
-    ("Who halts the tunnel thread does not wait for it.",
-     "    deadline.tv_sec += seconds;\n", "", "engine_loop_test"),
     ("The tunnel thread keeps its turn while it waits for events.",
-     "    turn_pause pause;\n    return epoll_wait(", "    return epoll_wait(", "engine_loop_test"),
+     "    tlsc_turn pause(TLSC_AT_SAFEPOINT);\n    return epoll_wait(", "    return epoll_wait(", "engine_loop_test"),
     ("The tunnel thread keeps its turn while it connects.",
-     "    turn_pause pause;\n    return connect(", "    return connect(", "engine_loop_test"),
-    ("The tunnel thread keeps its turn in the pause behind a handshake.",
-     "    turn_pause pause;\n    sleep(seconds);", "    sleep(seconds);", "engine_loop_test"),
+     "    tlsc_turn pause(TLSC_AT_SAFEPOINT);\n    return connect(", "    return connect(", "engine_loop_test"),
     # 1 TLS set-up
     ("The peer is told of an unspecified fault of its certificate.",
      "    X509_STORE_CTX_set_error(store, result.error);  // decides the alert that the peer gets\n", "", "engine_tls_test"),

@@ -13,6 +13,7 @@
 
 #include "tlsc_main.h"
 #include "tlsc_session.h"
+#include "tlsc_turn.h"
 
 #include "hand_clock.h"
 #include "tls_peer.h"
@@ -287,7 +288,7 @@ protected:
     }
     // What the thread owns is touched while it waits for events, or is no more.
     static void at_rest(const std::function<void()> &look) {
-        ASSERT_TRUE(tlsc_halt_tunnel_thread(peer_patience_ms / 1000));
+        ASSERT_TRUE(tlsc_halt_tunnel_thread(peer_patience_ms / 1000, nullptr));
         look();
         tlsc_resume_tunnel_thread();
     }
@@ -295,7 +296,7 @@ protected:
     static void halt_in_every_sleep() {
         halts                    = 0;
         hand_clock::during_sleep = [] {
-            if (!tlsc_halt_tunnel_thread(0)) return;
+            if (!tlsc_halt_tunnel_thread(0, nullptr)) return;
             ++halts;
             tlsc_resume_tunnel_thread();
         };
@@ -304,7 +305,7 @@ protected:
     // Neither at rest nor at work: it does not come to rest for a while.
     static bool is_inside_openssl() {
         for (int looks = 0; looks < 3; ++looks) {
-            const bool halted = tlsc_halt_tunnel_thread(0);
+            const bool halted = tlsc_halt_tunnel_thread(0, nullptr);
             if (!halted && !tlsc_hold_tunnel_thread(0)) return false;  // at work
             tlsc_resume_tunnel_thread();
             if (halted) return false;
@@ -1274,7 +1275,7 @@ TEST_F(engine_loop, a_run_that_ends_in_the_backoff_starts_it_anew_for_the_next) 
 TEST_F(engine_loop, a_halted_thread_goes_on_when_it_is_resumed) {
     tls_peer peer;
     bring_up(peer);
-    ASSERT_TRUE(tlsc_halt_tunnel_thread(5));
+    ASSERT_TRUE(tlsc_halt_tunnel_thread(5, nullptr));
     ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(tlsc_stats_record.invalid_rx, 0u);
@@ -1293,7 +1294,7 @@ TEST_F(engine_loop, who_halts_the_thread_waits_for_its_turn) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         peer.connection(0).hang_up();
     });
-    EXPECT_TRUE(tlsc_halt_tunnel_thread(5));
+    EXPECT_TRUE(tlsc_halt_tunnel_thread(5, nullptr));
     tlsc_resume_tunnel_thread();
     impatient.join();
     EXPECT_TRUE(torn_down());
@@ -1321,7 +1322,7 @@ TEST_F(engine_loop, a_thread_that_connects_can_be_halted) {
     EXPECT_TRUE(eventually([&] { return logged_like("INFO", "tlsc_create_tcp_conn", "Server port = *"); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(teardowns(), 0u);
-    const bool halted = tlsc_halt_tunnel_thread(0);
+    const bool halted = tlsc_halt_tunnel_thread(0, nullptr);
     EXPECT_TRUE(halted);
     if (halted) tlsc_resume_tunnel_thread();
 
@@ -1416,7 +1417,7 @@ TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_in_a_handshake_can
             std::thread([] { tlsc_start_epoll(nullptr); }).detach();
             (void)peer.connection(0);
             const bool is_in_handshake = eventually([] {  // until then it connects, and can be halted
-                if (!tlsc_halt_tunnel_thread(0)) return true;
+                if (!tlsc_halt_tunnel_thread(0, nullptr)) return true;
                 tlsc_resume_tunnel_thread();
                 return false;
             });
@@ -1424,7 +1425,7 @@ TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_in_a_handshake_can
             peer.meet_with(tls_peer::manner::handshake);
             peer.connection(0).hang_up();
             if (!hand_clock::wait_for("backoff")) _exit(2);
-            if (!tlsc_halt_tunnel_thread(5)) _exit(3);
+            if (!tlsc_halt_tunnel_thread(5, nullptr)) _exit(3);
             hand_clock::expire("backoff");
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
             _exit(peer.connections() == 1 ? 0 : 4);

@@ -11,6 +11,7 @@
 #include "tlsc_main.h"
 #include "tlsc_openssl.h"
 #include "tlsc_session.h"
+#include "tlsc_turn.h"
 
 #include "in_child.h"
 #include "tls_peer.h"
@@ -121,7 +122,7 @@ extern "C" int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *at
     return __real_pthread_create(thread, attributes, body, argument);
 }
 
-extern "C" bool __wrap_tlsc_halt_tunnel_thread(int32_t seconds) {
+extern "C" bool __wrap_tlsc_halt_tunnel_thread(int32_t seconds, void (*)()) {
     EXPECT_EQ(seconds, 3);
     if (!halt_fails) turn.lock();
     return !halt_fails;
