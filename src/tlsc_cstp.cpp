@@ -71,7 +71,10 @@ int32_t tlsc_write_cstp_data_pak(tlsc_sock *sock, const uint8_t *buff, int32_t l
         TLSC_ERROR("Null pointer received for buff/sock/sess");
         return 0;
     }
-    if (len < 0 || len > static_cast<int32_t>(max_packet_size)) return 0;  // more than one TUN read can give
+    if (len < 0 || len > static_cast<int32_t>(max_packet_size)) {  // more than one TUN read can give
+        TLSC_ERROR("Invalid length of data pak received: %d, Max-limit = %d", len, static_cast<int>(max_packet_size));
+        return 0;
+    }
 
     uint8_t                frame[sizeof(tlsc_cstp_header) + max_packet_size];
     const tlsc_cstp_header header = make_header(CSTP_DATA, static_cast<size_t>(len));
@@ -91,6 +94,11 @@ int32_t tlsc_write_cstp_data_pak(tlsc_sock *sock, const uint8_t *buff, int32_t l
 }
 
 int32_t tlsc_send_dpd_req(tlsc_sock *sock) {
+    if (!sock) {
+        TLSC_ERROR("Null ptr received for sock");
+        return 1;
+    }
+
     TLSC_INFO("Sending DPD Request [Req Retry Ref #%d]", tlsc_retry_ref);
 
     static const tlsc_cstp_header dpd_frame = make_header(CSTP_DPD_REQ, 0);
@@ -136,51 +144,69 @@ void append_header_line(request_text *request, const char *name, const char *val
     request->text[request->length] = '\0';
 }
 
-}  // namespace
+void build_request(const tlsc_sock *sock, request_text *request) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_send_config_req"};
+    const tlsc_config     *conf = tlsc_get_config();
 
-int32_t tlsc_send_config_req(tlsc_sock *sock, int32_t *err) {
-    TLSC_INFO("Building CSTP-CONFIG-REQ");
-    const tlsc_config *conf = tlsc_get_config();
-    request_text       request{};
-
-    if (sock && sock->sess && conf->inner_addr.kind == ADDR_IPV4) {
+    if (sock->sess && conf->inner_addr.kind == ADDR_IPV4) {
         char address[INET_ADDRSTRLEN] = "";
         (void)inet_ntop(AF_INET, conf->inner_addr.ipv4, address, sizeof(address));
-        append_header_line(&request, "X-CSTP-Address:", address);
+        append_header_line(request, "X-CSTP-Address:", address);
         TLSC_DEBUG("Internal IP: %s", address);
     }
-    append_header_line(&request, "X-CSTP-Device-ID:", conf->device_id);
+    append_header_line(request, "X-CSTP-Device-ID:", conf->device_id);
     TLSC_DEBUG("Device ID: %s", conf->device_id);
     if (conf->cookie[0] != '\0') {
-        append_header_line(&request, "X-CSTP-Cookie:", conf->cookie);
+        append_header_line(request, "X-CSTP-Cookie:", conf->cookie);
         TLSC_DEBUG("Cookie: %s", conf->cookie);
     }
     if (conf->device_name[0] != '\0') {
-        append_header_line(&request, "X-CSTP-Device-Name:", conf->device_name);
+        append_header_line(request, "X-CSTP-Device-Name:", conf->device_name);
         TLSC_DEBUG("Device Name: %s", conf->device_name);
     }
     if (conf->serial_no[0] != '\0') {
-        append_header_line(&request, "X-CSTP-Device-SerialNo:", conf->serial_no);
+        append_header_line(request, "X-CSTP-Device-SerialNo:", conf->serial_no);
         TLSC_DEBUG("Serial No.: %s", conf->serial_no);
     }
-    TLSC_INFO("Config Request msg = [index = %d] \n%s", static_cast<int>(request.length), request.text);
+}
 
+// Writes the request as one frame. Returns the outcome of the TLS write, and in written its bytes.
+int32_t write_request(tlsc_sock *sock, const request_text &request, int32_t *written) {
     static uint8_t         frame[max_req_frame_size];
     const tlsc_cstp_header header = make_header(CSTP_CONFIG_REQ, request.length);
     memcpy(frame, &header, sizeof(header));
     memcpy(frame + sizeof(header), request.text, request.length);
 
-    int32_t       result  = TLSC_SSL_ERROR;
-    const int32_t written = tlsc_ssl_write(sock, frame, static_cast<int32_t>(sizeof(header) + request.length), &result);
-    if (result != TLSC_SSL_OK) {
+    int32_t result = TLSC_SSL_ERROR;
+    *written       = tlsc_ssl_write(sock, frame, static_cast<int32_t>(sizeof(header) + request.length), &result);
+    return result;
+}
+
+// Leaves the code in the caller's error slot, if it gave one. Returns 0.
+int32_t fail_request(int32_t *err, int32_t code) {
+    if (err) *err = code;
+    return 0;
+}
+
+}  // namespace
+
+int32_t tlsc_send_config_req(tlsc_sock *sock, int32_t *err) {
+    if (!sock) {
+        TLSC_ERROR("Null ptr received for sock");
+        return fail_request(err, TLSC_CSTP_REQ_WRITE_FAILED);
+    }
+
+    TLSC_INFO("Building CSTP-CONFIG-REQ");
+    request_text request{};
+    build_request(sock, &request);
+    TLSC_INFO("Config Request msg = [index = %d] \n%s", static_cast<int>(request.length), request.text);
+
+    int32_t written = 0;
+    if (write_request(sock, request, &written) != TLSC_SSL_OK) {
         TLSC_ERROR("SSL write failed for connection = %p", shown(sock));
-        if (err) *err = TLSC_CSTP_REQ_WRITE_FAILED;
-        return 0;
+        return fail_request(err, TLSC_CSTP_REQ_WRITE_FAILED);
     }
-    if (!tlsc_start_timer(&tlsc_timers.guard, 1)) {
-        if (err) *err = TLSC_CSTP_REQ_GUARD_FAILED;
-        return 0;
-    }
+    if (!tlsc_start_timer(&tlsc_timers.guard, 1)) return fail_request(err, TLSC_CSTP_REQ_GUARD_FAILED);
     TLSC_INFO("Successfully wrote %d bytes of config-resq for conn %p", written, shown(sock));
     tlsc_count(&tlsc_stats::ctrl_pkt_tx);
     return 1;
@@ -208,6 +234,9 @@ const char *copy_value(const char *value, char (&out)[value_text_size]) {
     return value + length;
 }
 
+// The decimal value of a header; 0 for an empty one, whatever the next line begins with.
+int32_t number_of(const char *value) { return value[strspn(value, " \t\v\f\r")] == '\n' ? 0 : tlsc_decimal(value); }
+
 bool convert_ipv4(const char *text, tlsc_addr *addr) { return inet_pton(AF_INET, text, addr->ipv4) == 1; }
 
 // By contract: the terminator goes to position 10, not behind the last character, so a shorter cookie keeps the tail
@@ -217,99 +246,122 @@ void store_cookie(const char *value, char (&cookie)[cookie_size]) {
     cookie[max_cookie_text] = '\0';
 }
 
-}  // namespace
+// The steps of tlsc_parse_config_resp, one for each header, in the order in which the headers are looked for.
+namespace parsing {
 
-int32_t tlsc_parse_config_resp(tlsc_sock *sock, const char *buff) {
-    tlsc_config    *conf        = tlsc_get_config();
-    const tlsc_addr saved_inner = conf->inner_addr;
-    if (!sock || !buff) {
-        TLSC_ERROR("Null pointer received for sock/buff");
-        return 0;
-    }
-    TLSC_INFO("Parsing CSTP-CONFIG-RESPONSE msg");
+constexpr tlsc_work_of tlsc_log_function{"tlsc_parse_config_resp"};
 
-    tlsc_addr prefix{};
-    char      prefix_text[value_text_size] = "";
-    if (const char *value = find_value(buff, "X-CSTP-Address:")) {
-        copy_value(value, prefix_text);
-        prefix.kind = ADDR_IPV4;
-        if (!convert_ipv4(prefix_text, &prefix)) {
-            TLSC_ERROR("Invalid IPv4 prefix received for conn %p", shown(sock));
-            prefix.kind = ADDR_NONE;
-        } else {
-            TLSC_DEBUG("Received CSTP prefix-addr in config-resp: %s for conn: %p", prefix_text, shown(sock));
-        }
-    }
-    if (const char *value = find_value(buff, "X-CSTP-Prefix-Length:")) {
-        conf->prefix_length = static_cast<uint8_t>(tlsc_decimal(value));
-        TLSC_DEBUG("Prefix len received in config-resp: %d %d", conf->prefix_length,
-                   static_cast<unsigned char>(value[0]));
-    }
-    if (const char *value = find_value(buff, "X-CSTP-DPD:")) {
-        conf->dpd_interval = tlsc_decimal(value);
-        TLSC_DEBUG("DPD interval received in config-resp: %d", conf->dpd_interval);
-    }
+struct prefix_value {
+    tlsc_addr addr;  // no kind when the response has none, or one that is no address
+    char      text[value_text_size];
+};
 
-    const char *client_value = find_value(buff, "X-CSTP-Address-Client:");
-    if (!client_value) {
+void read_prefix(tlsc_sock *sock, const char *buff, prefix_value *prefix) {
+    const char *value = find_value(buff, "X-CSTP-Address:");
+    if (!value) return;
+    copy_value(value, prefix->text);
+    if (!convert_ipv4(prefix->text, &prefix->addr)) {
+        TLSC_ERROR("Invalid IPv4 prefix received for conn %p", shown(sock));
+        return;
+    }
+    prefix->addr.kind = ADDR_IPV4;
+    TLSC_DEBUG("Received CSTP prefix-addr in config-resp: %s for conn: %p", prefix->text, shown(sock));
+}
+
+void read_prefix_length(const char *buff, tlsc_config *conf) {
+    const char *value = find_value(buff, "X-CSTP-Prefix-Length:");
+    if (!value) return;
+    conf->prefix_length = static_cast<uint8_t>(number_of(value));
+    TLSC_DEBUG("Prefix len received in config-resp: %d %d", conf->prefix_length, static_cast<unsigned char>(value[0]));
+}
+
+void read_dpd_interval(const char *buff, tlsc_config *conf) {
+    const char *value = find_value(buff, "X-CSTP-DPD:");
+    if (!value) return;
+    conf->dpd_interval = number_of(value);
+    TLSC_DEBUG("DPD interval received in config-resp: %d", conf->dpd_interval);
+}
+
+// The one header that a response must have.
+bool read_client_addr(tlsc_sock *sock, const char *buff, tlsc_config *conf) {
+    const char *value = find_value(buff, "X-CSTP-Address-Client:");
+    if (!value) {
         TLSC_ERROR("Did not receive IP addr from GW");
-        return 0;
+        return false;
     }
-    char client_text[value_text_size];
-    copy_value(client_value, client_text);
+
+    char text[value_text_size];
+    copy_value(value, text);
     conf->inner_addr.kind = ADDR_IPV4;
-    if (!convert_ipv4(client_text, &conf->inner_addr)) {
+    if (!convert_ipv4(text, &conf->inner_addr)) {
         TLSC_ERROR("Invalid IPv4 Client addr received for conn %p", shown(sock));
         conf->inner_addr.kind = ADDR_NONE;
-        return 0;
+        return false;
     }
-    TLSC_DEBUG("Received CSTP IPv4 client addr in config-resp: %s for conn: %p", client_text, shown(sock));
+    TLSC_DEBUG("Received CSTP IPv4 client addr in config-resp: %s for conn: %p", text, shown(sock));
+    return true;
+}
 
-    if (const char *value = find_value(buff, "X-CSTP-Retry-Time:")) {
-        conf->retry_interval = tlsc_decimal(value);
-        TLSC_DEBUG("Retry interval received in config-resp: %d", conf->retry_interval);
-    }
-    const char *rekey_value = find_value(buff, "X-CSTP-Rekey-Time:");
-    if (rekey_value) {
-        conf->rekey_interval = tlsc_decimal(rekey_value);
+void read_retry_interval(const char *buff, tlsc_config *conf) {
+    const char *value = find_value(buff, "X-CSTP-Retry-Time:");
+    if (!value) return;
+    conf->retry_interval = number_of(value);
+    TLSC_DEBUG("Retry interval received in config-resp: %d", conf->retry_interval);
+}
+
+void read_rekey_interval(const char *buff, tlsc_config *conf) {
+    const char *value = find_value(buff, "X-CSTP-Rekey-Time:");
+    if (value) {
+        conf->rekey_interval = number_of(value);
         TLSC_DEBUG("Rekey interval received in cofig-resp: %d", conf->rekey_interval);
     }
-    if (!rekey_value || conf->rekey_interval == 0) {
+    if (!value || conf->rekey_interval == 0) {
         conf->rekey_interval = default_rekey_seconds;
         TLSC_DEBUG("Rekey interval not received in cofig-resp, so choosing default value: %d", conf->rekey_interval);
     }
-    if (const char *value = find_value(buff, "X-CSTP-Cookie:")) {
-        store_cookie(value, conf->cookie);
-        TLSC_DEBUG("Cookie received in cofig-resp: %s", conf->cookie);
-    }
+}
 
-    uint16_t dns_count = 0;
-    for (const char *rest = buff; dns_count < max_dns_servers;) {
+void read_cookie(const char *buff, tlsc_config *conf) {
+    const char *value = find_value(buff, "X-CSTP-Cookie:");
+    if (!value) return;
+    store_cookie(value, conf->cookie);
+    TLSC_DEBUG("Cookie received in cofig-resp: %s", conf->cookie);
+}
+
+// Every occurrence of the header, up to the four that are kept.
+void read_dns_servers(tlsc_sock *sock, const char *buff, tlsc_config *conf) {
+    uint16_t count = 0;
+    for (const char *rest = buff; count < max_dns_servers;) {
         const char *value = find_value(rest, "X-CSTP-DNS:");
         if (!value) break;
-        char       dns_text[value_text_size];
-        tlsc_addr *entry = &conf->dns_servers[dns_count];
-        rest             = copy_value(value, dns_text);
-        if (!convert_ipv4(dns_text, entry)) {
+        char       text[value_text_size];
+        tlsc_addr *entry = &conf->dns_servers[count];
+        rest             = copy_value(value, text);
+        if (!convert_ipv4(text, entry)) {
             TLSC_ERROR("Invalid DNS Ip received for conn %p", shown(sock));
             continue;
         }
-        TLSC_DEBUG("Received CSTP DNS-addr in config-resp: %s for conn: %p", dns_text, shown(sock));
+        TLSC_DEBUG("Received CSTP DNS-addr in config-resp: %s for conn: %p", text, shown(sock));
         entry->kind = ADDR_IPV4;
-        ++dns_count;
+        ++count;
     }
-    conf->dns_count = dns_count;
+    conf->dns_count = count;
+}
 
-    if (dns_count != 0) {
+// A controller that does not listen does not stop the tunnel.
+void report_addresses(const tlsc_config *conf, const tlsc_addr &earlier_inner_addr) {
+    if (conf->dns_count != 0) {
         tlsc_dns_list list{};
-        list.count = dns_count;
+        list.count = conf->dns_count;
         memcpy(list.servers, conf->dns_servers, sizeof(list.servers));
-        (void)tlsc_write_dns_ip(list);  // a controller that does not listen does not stop the tunnel
+        (void)tlsc_write_dns_ip(list);
     }
-    if (tlsc_cmp_addr(&saved_inner, &conf->inner_addr) != 0) (void)tlsc_write_inner_ip(conf->inner_addr);
+    if (tlsc_cmp_addr(&earlier_inner_addr, &conf->inner_addr) != 0) (void)tlsc_write_inner_ip(conf->inner_addr);
+}
 
-    if (!tlsc_start_session(sock, &prefix)) {
-        TLSC_ERROR("Could not allocate a session for prefix %s", prefix_text);
+int32_t start_session(tlsc_sock *sock, const prefix_value &prefix) {
+    if (!tlsc_start_session(sock, &prefix.addr)) {
+        TLSC_ERROR("Could not allocate a session for prefix %s", prefix.text);
         return 0;
     }
     TLSC_INFO("Rekey interval is set, start the timer");
@@ -318,6 +370,32 @@ int32_t tlsc_parse_config_resp(tlsc_sock *sock, const char *buff) {
         return 0;
     }
     return 1;
+}
+
+}  // namespace parsing
+}  // namespace
+
+int32_t tlsc_parse_config_resp(tlsc_sock *sock, const char *buff) {
+    if (!sock || !buff) {
+        TLSC_ERROR("Null pointer received for sock/buff");
+        return 0;
+    }
+
+    TLSC_INFO("Parsing CSTP-CONFIG-RESPONSE msg");
+    tlsc_config          *conf               = tlsc_get_config();
+    const tlsc_addr       earlier_inner_addr = conf->inner_addr;
+    parsing::prefix_value prefix{};
+
+    parsing::read_prefix(sock, buff, &prefix);
+    parsing::read_prefix_length(buff, conf);
+    parsing::read_dpd_interval(buff, conf);
+    if (!parsing::read_client_addr(sock, buff, conf)) return 0;
+    parsing::read_retry_interval(buff, conf);
+    parsing::read_rekey_interval(buff, conf);
+    parsing::read_cookie(buff, conf);
+    parsing::read_dns_servers(sock, buff, conf);
+    parsing::report_addresses(conf, earlier_inner_addr);
+    return parsing::start_session(sock, prefix);
 }
 
 int32_t tlsc_process_config_resp(tlsc_sock *sock, const char *buff) {

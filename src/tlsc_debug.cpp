@@ -137,6 +137,11 @@ const char *line_word(int32_t level) {
 // ==== 3 One line, one dump =======================================================================================
 
 void tlsc_log(int32_t level, const char *file, int line, const char *function, const char *format, ...) {
+    if (!file || !function || !format) {
+        TLSC_ERROR("Null ptr received for file/function/format");
+        return;
+    }
+
     log_guard guard;
     if (!guard.may_write() || !tlsc_log_wanted(level)) return;
 
@@ -155,6 +160,10 @@ void tlsc_log(int32_t level, const char *file, int line, const char *function, c
 }
 
 void tlsc_log_piece(const char *text) {
+    if (!text) {
+        TLSC_ERROR("Null ptr received for text");
+        return;
+    }
     if (!tlsc_log_wanted(LOG_BUF_PRINT)) return;
 
     log_guard guard;
@@ -165,6 +174,10 @@ void tlsc_log_piece(const char *text) {
 }
 
 void tlsc_log_hex(const void *bytes, size_t length) {
+    if (!bytes && length != 0) {
+        TLSC_ERROR("Null ptr received for bytes");
+        return;
+    }
     if (!tlsc_log_wanted(LOG_BUF_PRINT)) return;
 
     const auto *byte = static_cast<const uint8_t *>(bytes);
@@ -219,11 +232,20 @@ void tlsc_log_rotate() {
 // ==== 5 Controller line path =====================================================================================
 
 void tlsc_wlc_header(bool is_error, const char *path, int line) {
+    if (!path) {
+        TLSC_ERROR("Null ptr received for path");
+        return;
+    }
     if (is_error) printf("\nTLSC-WLC: %s ERROR [%s:%d]", tlsc_log_timestamp(), path, line);
     else printf("\nTLSC-WLC: %s EVENT [%s:%d]", tlsc_log_timestamp(), path, line);
 }
 
 void tlsc_wlc_message(const char *format, ...) {
+    if (!format) {
+        TLSC_ERROR("Null ptr received for format");
+        return;
+    }
+
     va_list arguments;
     va_start(arguments, format);
     (void)vprintf(format, arguments);
@@ -346,18 +368,20 @@ message_texts describe_message(int content_type, const uint8_t *bytes, size_t le
 }  // namespace
 
 void tlsc_ssl_msg_cb(int write_p, int version, int content_type, const void *buf, size_t len, ssl_st *, void *) {
+    if (!buf && len != 0) {
+        TLSC_ERROR("Null ptr received for buf");
+        return;
+    }
     if (tlsc_ssl_debug.load(std::memory_order_relaxed) == 0) {
         TLSC_DEBUG("SSL Debug is turned off... Return without debugging SSL-PROTOCOL-MSG !!!");
         return;
     }
     if (!tlsc_log_wanted(LOG_SSL_DBG)) return;
 
-    const int     shown_version = tlsc_ossl_msg_version(version, content_type);
     message_texts texts;
-    if (is_detailed_version(shown_version))
-        texts = describe_message(content_type, static_cast<const uint8_t *>(buf), len);
-    TLSC_SSL_DEBUG("%s %s%s [length %04lx]%s%s", write_p == 0 ? "<<<" : ">>>", version_text(shown_version, len),
-                   texts.type, static_cast<unsigned long>(len), texts.details1, texts.details2);
+    if (is_detailed_version(version)) texts = describe_message(content_type, static_cast<const uint8_t *>(buf), len);
+    TLSC_SSL_DEBUG("%s %s%s [length %04lx]%s%s", write_p == 0 ? "<<<" : ">>>", version_text(version, len), texts.type,
+                   static_cast<unsigned long>(len), texts.details1, texts.details2);
 
     if (len == 0 || !tlsc_log_wanted(LOG_BUF_PRINT)) return;
     tlsc_log_piece("\n   ");
@@ -365,33 +389,45 @@ void tlsc_ssl_msg_cb(int write_p, int version, int content_type, const void *buf
     tlsc_log_piece("\n");
 }
 
+namespace {
+
+// What ended a step of the handshake; a result above 0 is no news.
+void trace_exit(const ssl_st *ssl, const char *role, int ret) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_ssl_info_cb"};
+
+    if (ret == 0) TLSC_SSL_DEBUG("%s:failed in %s", role, SSL_state_string_long(ssl));
+    if (ret >= 0) return;
+    const int error = SSL_get_error(ssl, ret);
+    if (error == SSL_ERROR_WANT_READ) TLSC_SSL_DEBUG("%s:would block on read in %s", role, SSL_state_string_long(ssl));
+    else if (error == SSL_ERROR_WANT_WRITE)
+        TLSC_SSL_DEBUG("%s:would block on write in %s", role, SSL_state_string_long(ssl));
+}
+
+// The first case that fits.
+void trace_state(const ssl_st *ssl, int where, int ret) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_ssl_info_cb"};
+
+    const char *role = where & SSL_ST_CONNECT ? "SSL_connect" : where & SSL_ST_ACCEPT ? "SSL_accept" : "undefined";
+    if (where & SSL_CB_LOOP) TLSC_SSL_DEBUG("%s:%s", role, SSL_state_string_long(ssl));
+    else if (where & SSL_CB_ALERT)
+        TLSC_SSL_DEBUG("SSL3 alert %s:%s:%s", where & SSL_CB_READ ? "read" : "write", SSL_alert_type_string_long(ret),
+                       SSL_alert_desc_string_long(ret));
+    else if (where & SSL_CB_EXIT) trace_exit(ssl, role, ret);
+    else if (where & SSL_CB_HANDSHAKE_START) TLSC_SSL_DEBUG("Handshake start: %s", SSL_state_string_long(ssl));
+    else if (where & SSL_CB_HANDSHAKE_DONE) TLSC_SSL_DEBUG("Handshake done: %s", SSL_state_string_long(ssl));
+}
+
+}  // namespace
+
 void tlsc_ssl_info_cb(const ssl_st *ssl, int where, int ret) {
+    if (!ssl) {
+        TLSC_ERROR("Null ptr received for ssl");
+        return;
+    }
     if (where & SSL_CB_HANDSHAKE_DONE) tlsc_ossl_forbid_renegotiation(ssl);
     if (tlsc_ssl_debug.load(std::memory_order_relaxed) == 0) {
         TLSC_DEBUG("SSL Debug is turned off... Return without debugging SSL-INFO-CB !!!");
         return;
     }
-    if (!tlsc_log_wanted(LOG_SSL_DBG)) return;
-
-    const char *role = where & SSL_ST_CONNECT ? "SSL_connect" : where & SSL_ST_ACCEPT ? "SSL_accept" : "undefined";
-    if (where & SSL_CB_LOOP) {
-        TLSC_SSL_DEBUG("%s:%s", role, SSL_state_string_long(ssl));
-    } else if (where & SSL_CB_ALERT) {
-        TLSC_SSL_DEBUG("SSL3 alert %s:%s:%s", where & SSL_CB_READ ? "read" : "write", SSL_alert_type_string_long(ret),
-                       SSL_alert_desc_string_long(ret));
-    } else if (where & SSL_CB_EXIT) {
-        if (ret == 0) {
-            TLSC_SSL_DEBUG("%s:failed in %s", role, SSL_state_string_long(ssl));
-        } else if (ret < 0) {
-            const int error = SSL_get_error(ssl, ret);
-            if (error == SSL_ERROR_WANT_READ)
-                TLSC_SSL_DEBUG("%s:would block on read in %s", role, SSL_state_string_long(ssl));
-            else if (error == SSL_ERROR_WANT_WRITE)
-                TLSC_SSL_DEBUG("%s:would block on write in %s", role, SSL_state_string_long(ssl));
-        }
-    } else if (where & SSL_CB_HANDSHAKE_START) {
-        TLSC_SSL_DEBUG("Handshake start: %s", SSL_state_string_long(ssl));
-    } else if (where & SSL_CB_HANDSHAKE_DONE) {
-        TLSC_SSL_DEBUG("Handshake done: %s", SSL_state_string_long(ssl));
-    }
+    if (tlsc_log_wanted(LOG_SSL_DBG)) trace_state(ssl, where, ret);
 }

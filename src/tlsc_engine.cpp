@@ -299,7 +299,7 @@ int32_t tlsc_init_ssl_config() {
         return 0;
     }
     TLSC_INFO("Cipher set successfully for SSL-Ctx : %s", conf->cipher_algo);
-    SSL_CTX_set_msg_callback(tlsc_ssl_ctx, tlsc_ssl_msg_cb);
+    SSL_CTX_set_msg_callback(tlsc_ssl_ctx, tlsc_ossl_traced<tlsc_ssl_msg_cb>);
     SSL_CTX_set_info_callback(tlsc_ssl_ctx, tlsc_ssl_info_cb);
     tlsc_ossl_set_ctx_options(tlsc_ssl_ctx);
     SSL_CTX_set_quiet_shutdown(tlsc_ssl_ctx, 1);

@@ -51,8 +51,17 @@ inline int tlsc_ossl_get_error(const SSL *ssl, int ret) {
     return error;
 }
 
-// The version that a message callback is told for a record header (content type 256): the 1.0 series gives 0.
-inline int tlsc_ossl_msg_version(int version, int content_type) { return content_type == 0x100 ? 0 : version; }
+using tlsc_ossl_msg_cb = void (*)(int, int, int, const void *, size_t, SSL *, void *);
+
+// The message callback to install: it hears of everything as the 1.0 series tells it. 3.0 names the session's version for
+// a record header (content type 256), where the 1.0 series gives 0.
+template <tlsc_ossl_msg_cb callback>
+void tlsc_ossl_traced(int write_p, int version, int content_type, const void *buf, size_t len, SSL *ssl, void *arg) {
+#if !TLSC_OPENSSL_1_0
+    if (content_type == SSL3_RT_HEADER) version = 0;
+#endif
+    callback(write_p, version, content_type, buf, len, ssl, arg);
+}
 
 // Forbids renegotiation on a server-side connection.
 inline void tlsc_ossl_forbid_renegotiation(const SSL *ssl) {

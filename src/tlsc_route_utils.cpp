@@ -54,33 +54,45 @@ rtentry make_route(const tlsc_addr *addr, uint8_t prefix_length, char *device) {
 }  // namespace
 
 int32_t tlsc_create_socket(const char *name) {
+    if (!name) {
+        TLSC_ERROR("Null ptr received for name");
+        tlsc_socket_errno = EINVAL;
+        return -1;
+    }
+
     int32_t sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (sock < 0) {
         tlsc_socket_errno = errno;
-        TLSC_ERROR("Could not open socket for interface: %s", tlsc_text_or_null(name));
+        TLSC_ERROR("Could not open socket for interface: %s", name);
         return -1;
     }
     return sock;
 }
 
 int32_t tlsc_create_socket_ipv4(const char *name) {
+    if (!name) {
+        TLSC_ERROR("Null ptr received for name");
+        tlsc_socket_errno = EINVAL;
+        return -1;
+    }
+
     int32_t sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (sock < 0) {
         tlsc_socket_errno = errno;
-        TLSC_ERROR("Could not open socket for add/remove of route to interface = %s", tlsc_text_or_null(name));
+        TLSC_ERROR("Could not open socket for add/remove of route to interface = %s", name);
         return -1;
     }
     return sock;
 }
 
 int32_t tlsc_route_operation_ipv4(int32_t sock, rtentry *route, int32_t add, const char *name) {
-    if (!route) {
-        TLSC_ERROR("Null ptr received for route");
+    if (!route || !name) {
+        TLSC_ERROR("Null ptr received for route/name");
         return 0;
     }
 
-    if (add) TLSC_INFO("Adding route to interface %s", tlsc_text_or_null(name));
-    else TLSC_INFO("Deleting route for interface %s", tlsc_text_or_null(name));
+    if (add) TLSC_INFO("Adding route to interface %s", name);
+    else TLSC_INFO("Deleting route for interface %s", name);
     return tlsc_ioctl(sock, add ? SIOCADDRT : SIOCDELRT, route);
 }
 

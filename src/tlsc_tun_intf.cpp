@@ -51,6 +51,11 @@ bool renew_control_socket(const char *name) {
 
 // By contract: an EPERM (1) reads as success, since any other errno is the result itself.
 int32_t tlsc_ioctl(int32_t fd, unsigned long request, void *argument) {
+    if (!argument) {
+        TLSC_ERROR("Null ptr received for argument");
+        tlsc_ioctl_errno = EFAULT;
+        return -1;
+    }
     if (ioctl(fd, request, argument) >= 0) return 1;
 
     tlsc_ioctl_errno = errno;
@@ -63,10 +68,16 @@ int32_t tlsc_ioctl(int32_t fd, unsigned long request, void *argument) {
 }
 
 int32_t tlsc_socket_creation(const char *name) {
+    if (!name) {
+        TLSC_ERROR("Null ptr received for name");
+        tlsc_socket_errno = EINVAL;
+        return -1;
+    }
+
     int32_t sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (sock < 0) {
         tlsc_socket_errno = errno;
-        TLSC_ERROR("Could not open socket for interface: %s", tlsc_text_or_null(name));
+        TLSC_ERROR("Could not open socket for interface: %s", name);
         return -1;
     }
     return sock;
@@ -136,6 +147,37 @@ ifreq make_addr_request(const char *name, const tlsc_addr *addr) {
     static_assert(sizeof(request.ifr_addr) == sizeof(ipv4));
     memcpy(&request.ifr_addr, &ipv4, sizeof(ipv4));
     return request;
+}
+
+int32_t assign_ipv4(int32_t sock, const char *name, const tlsc_addr *addr) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_add_tun_addr"};
+
+    uint32_t stored;  // the address as its four bytes stand in memory
+    memcpy(&stored, addr->ipv4, sizeof(stored));
+    ifreq request = make_addr_request(name, addr);
+    if (ioctl(sock, SIOCSIFADDR, &request) < 0) {
+        tlsc_ioctl_errno = errno;
+        TLSC_ERROR("Failed to set intf addr(%xu)", stored);
+        return 0;
+    }
+    // By contract: no netmask is set; the one that is printed is fixed text.
+    TLSC_INFO("Successfully changed addr and netmask for Interface(%s). Addr = %xu, Netmask: %s", name, stored,
+              netmask_text);
+    return 1;
+}
+
+// By contract: a kind of address that is not assigned counts as success.
+int32_t assign_addr(int32_t sock, const char *name, const tlsc_addr *addr, uint32_t prefix_len) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_add_tun_addr"};
+
+    if (addr->kind == ADDR_IPV6) TLSC_ERROR("IPv6 address assignment to interface not supported yet.");
+    else if (addr->kind != ADDR_IPV4) TLSC_ERROR("Invalid addr-type(%d) while setting interface IP", addr->kind);
+    if (addr->kind != ADDR_IPV4) return 1;
+    if (prefix_len > 32) {
+        TLSC_ERROR("Invalid Prefix length received: %d, which is greater than 32", static_cast<int>(prefix_len));
+        return 0;
+    }
+    return assign_ipv4(sock, name, addr);
 }
 
 }  // namespace
@@ -230,28 +272,7 @@ int32_t tlsc_add_tun_addr(const char *name, const tlsc_addr *addr, uint32_t pref
         return tlsc_socket_errno;
     }
 
-    int32_t result = 1;  // By contract: also for a kind of address that is not assigned.
-    if (addr->kind == ADDR_IPV4 && prefix_len > 32) {
-        TLSC_ERROR("Invalid Prefix length received: %d, which is greater than 32", static_cast<int>(prefix_len));
-        result = 0;
-    } else if (addr->kind == ADDR_IPV4) {
-        uint32_t stored;  // the address as its four bytes stand in memory
-        memcpy(&stored, addr->ipv4, sizeof(stored));
-        ifreq request = make_addr_request(name, addr);
-        if (ioctl(sock, SIOCSIFADDR, &request) < 0) {
-            tlsc_ioctl_errno = errno;
-            TLSC_ERROR("Failed to set intf addr(%xu)", stored);
-            result = 0;
-        } else {
-            // By contract: no netmask is set; the one that is printed is fixed text.
-            TLSC_INFO("Successfully changed addr and netmask for Interface(%s). Addr = %xu, Netmask: %s", name, stored,
-                      netmask_text);
-        }
-    } else if (addr->kind == ADDR_IPV6) {
-        TLSC_ERROR("IPv6 address assignment to interface not supported yet.");
-    } else {
-        TLSC_ERROR("Invalid addr-type(%d) while setting interface IP", addr->kind);
-    }
+    const int32_t result = assign_addr(sock, name, addr, prefix_len);
     close(sock);
     return result;
 }
@@ -315,6 +336,27 @@ int32_t open_clone_device() {
     return fd;
 }
 
+// Attaches the session's descriptor to the name, each time it fails a fresh one after a pause; the session names the
+// interface only when there is one. Returns the number of the last attempt, one more when all of them failed.
+int32_t attach_session(tlsc_session *session, const char *name) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_create_tun"};
+
+    int32_t attempt = 0;
+    while (attempt++ < max_create_attempts) {
+        if (tlsc_tun_alloc(name, session->tun_fd)) {
+            session->if_name = name;
+            break;
+        }
+        TLSC_WARNING("Failed to create interface for session %p, Retrying to create interface...",
+                     static_cast<void *>(session));
+        tlsc_tun_delete(session, TLSC_DOWN_NO_ERROR);
+        tlsc_sleep_out_of_turn(retry_pause_seconds);
+        session->tun_fd = open_clone_device();
+        if (session->tun_fd < 0) TLSC_ERROR("Error cloning tun interface, errno:%d", errno);
+    }
+    return attempt;
+}
+
 }  // namespace
 
 int32_t tlsc_create_tun(tlsc_session *session) {
@@ -327,19 +369,8 @@ int32_t tlsc_create_tun(tlsc_session *session) {
     session->if_name = name;
     TLSC_DEBUG("Creating interface %s for session %p", name, static_cast<void *>(session));
 
-    int32_t attempt = 0;
-    while (attempt++ < max_create_attempts) {
-        if (tlsc_tun_alloc(name, session->tun_fd)) break;
-        TLSC_WARNING("Failed to create interface for session %p, Retrying to create interface...",
-                     static_cast<void *>(session));
-        tlsc_tun_delete(session, TLSC_DOWN_NO_ERROR);
-        session->if_name = name;  // The deletion has cleared it.
-        tlsc_sleep_out_of_turn(retry_pause_seconds);
-        session->tun_fd = open_clone_device();
-        if (session->tun_fd < 0) TLSC_ERROR("Error cloning tun interface, errno:%d", errno);
-    }
     // By contract: an interface obtained on the fifth attempt still counts as a failure, and stays.
-    if (attempt >= max_create_attempts) {
+    if (attach_session(session, name) >= max_create_attempts) {
         TLSC_ERROR("Retry count(%d) over. Failed to create interface for session %p", max_create_attempts,
                    static_cast<void *>(session));
         return 0;

@@ -20,7 +20,14 @@ void tlsc_copy_text(char *field, size_t size, const char *text) {
     if (text) memcpy(field, text, strnlen(text, size - 1));
 }
 
-int32_t tlsc_decimal(const char *text) { return static_cast<int32_t>(strtoll(text, nullptr, 10)); }
+int32_t tlsc_decimal(const char *text) {
+    if (!text) {
+        TLSC_ERROR("Null ptr received for text");
+        return 0;
+    }
+
+    return static_cast<int32_t>(strtoll(text, nullptr, 10));
+}
 
 // ---- checksum repair ------------------------------------------------------------------------------------------------
 // Ones' complement sums do not care for the byte order of their words as long as all of them are loaded alike, so the
@@ -60,7 +67,14 @@ bool is_later_fragment(const uint8_t *packet) { return ((packet[6] & 0x1F) | pac
 
 }  // namespace
 
-uint32_t tlsc_addr_sum(const uint8_t *bytes) { return load_word(bytes) + load_word(bytes + 2); }
+uint32_t tlsc_addr_sum(const uint8_t *bytes) {
+    if (!bytes) {
+        TLSC_ERROR("Null ptr received for bytes");
+        return 0;
+    }
+
+    return load_word(bytes) + load_word(bytes + 2);
+}
 
 void tlsc_checksum(uint8_t *packet, uint32_t old_sum, size_t offset) {
     if (!packet) {

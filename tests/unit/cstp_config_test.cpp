@@ -195,6 +195,14 @@ TEST_F(cstp_config, a_request_that_cannot_be_written_reports_12_and_arms_no_guar
     expect_counters({});
 }
 
+TEST_F(cstp_config, a_request_without_a_connection_is_refused_as_one_that_cannot_be_written) {
+    int32_t err = -1;
+    EXPECT_EQ(tlsc_send_config_req(nullptr, &err), 0);
+    EXPECT_EQ(err, 12);
+    EXPECT_EQ(tlsc_send_config_req(nullptr, nullptr), 0);
+    EXPECT_EQ(log.count("ERROR", cstp_file, "tlsc_send_config_req", "Null ptr received for sock"), 2u);
+}
+
 TEST_F(cstp_config, a_guard_timer_that_cannot_start_reports_13_without_a_line_of_its_own) {
     timers_fail = true;
     int32_t err = -1;
@@ -388,6 +396,24 @@ TEST_F(cstp_config, the_prefix_length_keeps_the_low_8_bits) {
 }
 
 // ---- response: numbers ------------------------------------------------------------------------------------------------------
+
+TEST_F(cstp_config, a_number_without_digits_is_0_and_never_the_next_lines) {
+    for (const char *blank : {"", " ", "\t \r"}) {
+        conf->prefix_length     = 9;
+        conf->dpd_interval      = 9;
+        conf->retry_interval    = 9;
+        const std::string empty = std::string(blank) + "\n77\n";
+        EXPECT_EQ(tlsc_parse_config_resp(sock, ("X-CSTP-Prefix-Length:" + empty + "X-CSTP-DPD:" + empty +
+                                                "X-CSTP-Retry-Time:" + empty + "X-CSTP-Rekey-Time:" + empty + client)
+                                                   .c_str()),
+                  1);
+        EXPECT_EQ(conf->prefix_length, 0);
+        EXPECT_EQ(conf->dpd_interval, 0);
+        EXPECT_EQ(conf->retry_interval, 0);
+        EXPECT_EQ(conf->rekey_interval, 3600) << "0 stands for the default";
+        tlsc_stop_timer(&tlsc_timers.rekey);
+    }
+}
 
 TEST_F(cstp_config, numbers_are_converted_as_decimal_text_is) {
     const struct {

@@ -38,6 +38,13 @@ struct known_log_line {
 
 constexpr known_log_line known_log_lines[] = {
     // tlsc_debug
+    {debug_file, "ERROR", "tlsc_log", "Null ptr received for file/function/format"},
+    {debug_file, "ERROR", "tlsc_log_piece", "Null ptr received for text"},
+    {debug_file, "ERROR", "tlsc_log_hex", "Null ptr received for bytes"},
+    {debug_file, "ERROR", "tlsc_wlc_header", "Null ptr received for path"},
+    {debug_file, "ERROR", "tlsc_wlc_message", "Null ptr received for format"},
+    {debug_file, "ERROR", "tlsc_ssl_msg_cb", "Null ptr received for buf"},
+    {debug_file, "ERROR", "tlsc_ssl_info_cb", "Null ptr received for ssl"},
     {debug_file, "DEBUG", "tlsc_ssl_msg_cb",
      "SSL Debug is turned off... Return without debugging SSL-PROTOCOL-MSG !!!"},
     {debug_file, "SSL_DEBUG", "tlsc_ssl_msg_cb", "%s %s%s [length %04lx]%s%s"},
@@ -51,6 +58,8 @@ constexpr known_log_line known_log_lines[] = {
     {debug_file, "SSL_DEBUG", "tlsc_ssl_info_cb", "Handshake done: %s"},
 
     // tlsc_utils
+    {utils_file, "ERROR", "tlsc_decimal", "Null ptr received for text"},
+    {utils_file, "ERROR", "tlsc_addr_sum", "Null ptr received for bytes"},
     {utils_file, "ERROR", "tlsc_copy_text", "Null ptr received for field"},
     {utils_file, "ERROR", "tlsc_checksum", "Null ptr received for packet"},
     {utils_file, "ERROR", "tlsc_checksum", "Got a packet(Non TCP/UDP/ICMP) whose checksum is not handled from tun"},
@@ -124,6 +133,8 @@ constexpr known_log_line known_log_lines[] = {
     {config_file, "ERROR", "tlsc_read_config_file", "Null ptr received for conf"},
 
     // tlsc_tun_intf
+    {tun_file, "ERROR", "tlsc_ioctl", "Null ptr received for argument"},
+    {tun_file, "ERROR", "tlsc_socket_creation", "Null ptr received for name"},
     {tun_file, "ERROR", "tlsc_socket_creation", "Could not open socket for interface: %s"},
     {tun_file, "WARNING", "tlsc_tun_up", "Failed to get flags for interface %s due to %s, Retrying to get flags..."},
     {tun_file, "ERROR", "tlsc_tun_up", "Failed to get flags for interface  %s due to error[%d]"},
@@ -167,9 +178,10 @@ constexpr known_log_line known_log_lines[] = {
     {tun_file, "INFO", "tlsc_create_tun", "Successfully set the MTU(%d) for the interface %s"},
 
     // tlsc_route_utils
+    {route_file, "ERROR", "tlsc_create_socket|tlsc_create_socket_ipv4", "Null ptr received for name"},
     {route_file, "ERROR", "tlsc_create_socket", "Could not open socket for interface: %s"},
     {route_file, "ERROR", "tlsc_create_socket_ipv4", "Could not open socket for add/remove of route to interface = %s"},
-    {route_file, "ERROR", "tlsc_route_operation_ipv4", "Null ptr received for route"},
+    {route_file, "ERROR", "tlsc_route_operation_ipv4", "Null ptr received for route/name"},
     {route_file, "INFO", "tlsc_route_operation_ipv4", "Adding route to interface %s"},
     {route_file, "INFO", "tlsc_route_operation_ipv4", "Deleting route for interface %s"},
     {route_file, "ERROR", "tlsc_inject_v4_host_route", "Null ptr received for addr/ifname, or addr-type is not IPv4"},
@@ -220,6 +232,8 @@ constexpr known_log_line known_log_lines[] = {
     {timer_file, "ERROR", "tlsc_start_rekey_proc", "Could not delete the old-transport-fd(%d) from epoll-list"},
 
     // tlsc_cstp
+    {cstp_file, "ERROR", "tlsc_send_dpd_req|tlsc_send_config_req", "Null ptr received for sock"},
+    {cstp_file, "ERROR", "tlsc_write_cstp_data_pak", "Invalid length of data pak received: %d, Max-limit = %d"},
     {cstp_file, "ERROR", "tlsc_cstp_read_frame", "Null pointer received for sock/frame/ssl"},
     {cstp_file, "DEBUG", "tlsc_cstp_read_frame", "Read %d bytes from SSL for conn %p"},
     {cstp_file, "ERROR", "tlsc_cstp_read_frame|tlsc_write_cstp_data_pak",

@@ -220,6 +220,11 @@ TEST_F(tlsc_cstp, a_packet_of_1436_bytes_is_written_and_1437_refused) {
     EXPECT_EQ(written.size(), 1444u);
     written.clear();
     EXPECT_EQ(tlsc_write_cstp_data_pak(sock, packet.data(), 1437), 0);
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_write_cstp_data_pak",
+                        "Invalid length of data pak received: 1437, Max-limit = 1436"));
+    EXPECT_EQ(tlsc_write_cstp_data_pak(sock, packet.data(), -1), 0);
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_write_cstp_data_pak",
+                        "Invalid length of data pak received: -1, Max-limit = 1436"));
     EXPECT_EQ(tlsc_write_cstp_data_pak(sock, packet.data(), -1), 0);
     EXPECT_TRUE(written.empty());
     expect_counters({{"data_pkt_tx", 1}});
@@ -266,6 +271,7 @@ TEST_F(tlsc_cstp, dpd_request_returns_0_on_success_and_1_on_failure_unlike_every
               3u);
     tls_result = 1;
     EXPECT_EQ(tlsc_send_dpd_req(nullptr), 1);
+    EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_send_dpd_req", "Null ptr received for sock"));
     expect_counters({{"dpd_req_tx", 1}, {"ctrl_pkt_tx", 1}});
 }
 

@@ -1052,3 +1052,19 @@ TEST_F(tlsc_debug, boot_up_flag_file_counts_by_its_existence) {
     unlink(flag);
     EXPECT_FALSE(tlscWlcBootupDbgFlagPresent());
 }
+
+TEST(tlsc_log_arguments, null_pointers_are_refused_with_a_line_each) {
+    log_capture log(LOG_ERRORS);
+    const char *volatile nothing = nullptr;
+    tlsc_log_hex(nothing, 3);
+    tlsc_log_hex(nothing, 0);
+    tlsc_log_piece(nothing);
+    tlsc_log(LOG_ERRORS, nothing, 1, "f", "%s", "");
+    tlsc_log(LOG_ERRORS, "f.c", 1, nothing, "%s", "");
+    tlsc_wlc_header(true, nothing, 1);
+    const std::vector<std::string> expected{"Null ptr received for bytes", "Null ptr received for text",
+                                            "Null ptr received for file/function/format",
+                                            "Null ptr received for file/function/format", "Null ptr received for path"};
+    EXPECT_EQ(log.messages(), expected);
+    EXPECT_TRUE(log.has("ERROR", "tlsc_debug.c", "tlsc_log_hex", "Null ptr received for bytes"));
+}

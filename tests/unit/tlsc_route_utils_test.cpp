@@ -327,11 +327,14 @@ TEST_F(tlsc_route_utils, operation_results_are_1_minus_1_or_the_errno) {
     }
 }
 
-TEST_F(tlsc_route_utils, operation_on_a_null_route_is_refused) {
+TEST_F(tlsc_route_utils, operation_on_a_null_route_or_name_is_refused) {
     log_capture log;
+    rtentry     route{};
     EXPECT_EQ(tlsc_route_operation_ipv4(3, nullptr, 1, "lo"), 0);
+    EXPECT_EQ(tlsc_route_operation_ipv4(3, &route, 1, nullptr), 0);
     EXPECT_TRUE(routes.empty());
-    expect_lines(log, {{"ERROR", "tlsc_route_operation_ipv4", "Null ptr received for route"}});
+    expect_lines(log, {{"ERROR", "tlsc_route_operation_ipv4", "Null ptr received for route/name"},
+                       {"ERROR", "tlsc_route_operation_ipv4", "Null ptr received for route/name"}});
 }
 
 TEST_F(tlsc_route_utils, interface_sockets_are_local_or_ipv4_datagram_sockets) {
@@ -361,8 +364,10 @@ TEST_F(tlsc_route_utils, interface_socket_that_cannot_be_made_keeps_the_errno) {
     EXPECT_EQ(tlsc_create_socket_ipv4("lo"), -1);
     EXPECT_EQ(tlsc_socket_errno, ENFILE);
     EXPECT_EQ(tlsc_create_socket(nullptr), -1);
+    EXPECT_EQ(tlsc_create_socket_ipv4(nullptr), -1);
     expect_lines(
         log, {{"ERROR", "tlsc_create_socket", "Could not open socket for interface: lo"},
               {"ERROR", "tlsc_create_socket_ipv4", "Could not open socket for add/remove of route to interface = lo"},
-              {"ERROR", "tlsc_create_socket", "Could not open socket for interface: (null)"}});
+              {"ERROR", "tlsc_create_socket", "Null ptr received for name"},
+              {"ERROR", "tlsc_create_socket_ipv4", "Null ptr received for name"}});
 }

@@ -95,7 +95,7 @@ struct memory_link {
     }
 
     void trace(SSL *ssl) {
-        SSL_set_msg_callback(ssl, tlsc_ssl_msg_cb);
+        SSL_set_msg_callback(ssl, tlsc_ossl_traced<tlsc_ssl_msg_cb>);
         SSL_set_info_callback(ssl, tlsc_ssl_info_cb);
     }
 
@@ -188,9 +188,31 @@ TEST(tlsc_trace, unknown_version_with_the_length_of_a_record_header_is_a_header)
         << "known versions keep their text";
 }
 
-TEST(tlsc_trace, record_header_call_prints_the_same_on_both_openssl_series) {
-    EXPECT_EQ(traced(sent, 0, 0x100, bytes(5)), ">>> TLS Header [length 0005]");
-    EXPECT_EQ(traced(sent, 0x0301, 0x100, bytes(5)), ">>> TLS Header [length 0005]");
+TEST(tlsc_trace, content_type_of_a_record_header_changes_nothing_in_the_table) {
+    EXPECT_EQ(traced(sent, 0, 256, bytes(5)), ">>> TLS Header [length 0005]");
+    EXPECT_EQ(traced(sent, tls_1_2, 256, bytes(5)), ">>> TLS 1.2  [length 0005]");
+}
+
+TEST(tlsc_trace, installed_callback_hears_of_a_record_header_alike_on_both_openssl_series) {
+    log_capture log(LOG_SSL_DBG);
+    for (int version : {0, TLSC_OPENSSL_1_0 ? 0 : tls_1_2})
+        tlsc_ossl_traced<tlsc_ssl_msg_cb>(sent, version, 256, "\x16\x03\x03\x00\x34", 5, nullptr, nullptr);
+    tlsc_ossl_traced<tlsc_ssl_msg_cb>(received, tls_1_2, alert, "\2\50", 2, nullptr, nullptr);
+    EXPECT_EQ(log.messages(), (std::vector<std::string>{">>> TLS Header [length 0005]", ">>> TLS Header [length 0005]",
+                                                        "<<< TLS 1.2 Alert [length 0002], fatal handshake_failure"}));
+}
+
+TEST(tlsc_trace, null_message_with_a_length_and_a_null_session_are_refused) {
+    log_capture log(LOG_BUF_PRINT);
+    tlsc_ssl_msg_cb(sent, tls_1_2, handshake, nullptr, 5, nullptr, nullptr);
+    tlsc_ssl_info_cb(nullptr, SSL_CB_HANDSHAKE_DONE, 1);
+    tlsc_ssl_info_cb(nullptr, SSL_ST_CONNECT | SSL_CB_LOOP, 1);
+    tlsc_ssl_debug = 0;
+    tlsc_ssl_info_cb(nullptr, 0, 0);
+    tlsc_ssl_debug = 1;
+    EXPECT_EQ(log.entries().size(), 4u);
+    EXPECT_EQ(log.count("ERROR", "tlsc_debug.c", "tlsc_ssl_msg_cb", "Null ptr received for buf"), 1u);
+    EXPECT_EQ(log.count("ERROR", "tlsc_debug.c", "tlsc_ssl_info_cb", "Null ptr received for ssl"), 3u);
 }
 
 TEST(tlsc_trace, only_five_versions_have_content_types) {

@@ -343,6 +343,7 @@ TEST_F(tlsc_tun_intf, five_failed_attempts_are_the_end_and_leave_a_sixth_descrip
     EXPECT_EQ(reports.size(), 5u);
     EXPECT_EQ(tlsc_stats_record.tun_freed, 5u);
     EXPECT_EQ(tlsc_stats_record.tun_alloc, 0u);
+    EXPECT_EQ(session.if_name, nullptr) << "there is no interface that it could name";
     EXPECT_TRUE(commands.empty());
     EXPECT_NE(fcntl(session.tun_fd, F_GETFD), -1);
     EXPECT_EQ(log.count("WARNING", "tlsc_tun_intf.c", "tlsc_create_tun",
@@ -362,6 +363,7 @@ TEST_F(tlsc_tun_intf, interface_obtained_on_the_fifth_attempt_still_counts_as_a_
     EXPECT_EQ(count_ioctls(SIOCSIFMTU), 0u);
     EXPECT_EQ(pauses.size(), 4u);
     EXPECT_TRUE(exists("tunt"));
+    EXPECT_STREQ(session.if_name, "tunt");
     EXPECT_EQ(tlsc_stats_record.tun_alloc, 0u);
     EXPECT_TRUE(is_log_line(log.lines().back(), "ERROR", "tlsc_tun_intf.c", "tlsc_create_tun",
                             "Retry count(5) over. Failed to create interface for session " + self));
@@ -544,7 +546,15 @@ TEST_F(tlsc_tun_intf, control_socket_that_cannot_be_made_is_logged_with_the_name
     EXPECT_EQ(tlsc_socket_errno, EMFILE);
     EXPECT_EQ(tlsc_socket_creation(nullptr), -1);
     expect_lines(log, {{"ERROR", "tlsc_socket_creation", "Could not open socket for interface: tunt"},
-                       {"ERROR", "tlsc_socket_creation", "Could not open socket for interface: (null)"}});
+                       {"ERROR", "tlsc_socket_creation", "Null ptr received for name"}});
+}
+
+TEST_F(tlsc_tun_intf, request_without_a_record_never_reaches_the_kernel) {
+    log_capture log;
+    EXPECT_EQ(tlsc_ioctl(3, SIOCGIFFLAGS, nullptr), -1);
+    EXPECT_EQ(tlsc_ioctl_errno, EFAULT);
+    EXPECT_TRUE(ioctl_calls.empty());
+    expect_lines(log, {{"ERROR", "tlsc_ioctl", "Null ptr received for argument"}});
 }
 
 // ---- MTU ------------------------------------------------------------------------------------------------------------------

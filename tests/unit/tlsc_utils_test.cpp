@@ -178,6 +178,14 @@ TEST(tlsc_utils, text_copy_into_a_field_of_one_or_no_byte_keeps_to_it) {
     EXPECT_EQ(log.count("ERROR", "tlsc_utils.c", "tlsc_copy_text", "Null ptr received for field"), 2u);
 }
 
+TEST(tlsc_utils, number_and_address_sum_of_nothing_are_0_with_a_line) {
+    log_capture log;
+    EXPECT_EQ(tlsc_decimal(nullptr), 0);
+    EXPECT_EQ(tlsc_addr_sum(nullptr), 0u);
+    EXPECT_TRUE(log.has("ERROR", "tlsc_utils.c", "tlsc_decimal", "Null ptr received for text"));
+    EXPECT_TRUE(log.has("ERROR", "tlsc_utils.c", "tlsc_addr_sum", "Null ptr received for bytes"));
+}
+
 TEST(tlsc_utils, null_text_prints_as_null_in_parentheses) {
     EXPECT_STREQ(tlsc_text_or_null(nullptr), "(null)");
     EXPECT_STREQ(tlsc_text_or_null("tun0"), "tun0");
