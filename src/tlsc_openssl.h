@@ -71,3 +71,61 @@ inline void tlsc_ossl_forbid_renegotiation(const SSL *ssl) {
     if (SSL_is_server(ssl)) SSL_set_options(const_cast<SSL *>(ssl), SSL_OP_NO_RENEGOTIATION);
 #endif
 }
+
+// What a BIO of our own does: see BIO_meth_new(3).
+struct tlsc_ossl_bio_calls {
+    const char *name;
+    int (*write)(BIO *, const char *, int);
+    int (*read)(BIO *, char *, int);
+    long (*control)(BIO *, int, long, void *);
+    int (*create)(BIO *);
+    int (*destroy)(BIO *);
+};
+
+#if TLSC_OPENSSL_1_0
+inline void *tlsc_ossl_bio_data(BIO *bio) { return bio->ptr; }
+inline void  tlsc_ossl_bio_set_data(BIO *bio, void *data) { bio->ptr = data; }
+inline int   tlsc_ossl_bio_close(BIO *bio) { return bio->shutdown; }
+inline void  tlsc_ossl_bio_set_close(BIO *bio, int flag) { bio->shutdown = flag; }
+inline void  tlsc_ossl_bio_set_init(BIO *bio) { bio->init = 1; }
+#else
+inline void *tlsc_ossl_bio_data(BIO *bio) { return BIO_get_data(bio); }
+inline void tlsc_ossl_bio_set_data(BIO *bio, void *data) { BIO_set_data(bio, data); }
+inline int tlsc_ossl_bio_close(BIO *bio) { return BIO_get_shutdown(bio); }
+inline void tlsc_ossl_bio_set_close(BIO *bio, int flag) { BIO_set_shutdown(bio, flag); }
+inline void tlsc_ossl_bio_set_init(BIO *bio) { BIO_set_init(bio, 1); }
+#endif
+
+// The method of a source and sink with a descriptor, which SSL_get_fd finds; null when out of memory.
+inline BIO_METHOD *tlsc_ossl_descriptor_method(const tlsc_ossl_bio_calls &calls) {
+#if TLSC_OPENSSL_1_0
+    constexpr int     own_type = 0x70;  // the series itself goes up to 24
+    static BIO_METHOD method{own_type | BIO_TYPE_DESCRIPTOR | BIO_TYPE_SOURCE_SINK,
+                             calls.name,
+                             calls.write,
+                             calls.read,
+                             nullptr,
+                             nullptr,
+                             calls.control,
+                             calls.create,
+                             calls.destroy,
+                             nullptr};
+    return &method;
+#else
+    BIO_METHOD *method = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_DESCRIPTOR | BIO_TYPE_SOURCE_SINK, calls.name);
+    if (!method) return nullptr;
+    BIO_meth_set_write(method, calls.write);
+    BIO_meth_set_read(method, calls.read);
+    BIO_meth_set_ctrl(method, calls.control);
+    BIO_meth_set_create(method, calls.create);
+    BIO_meth_set_destroy(method, calls.destroy);
+    return method;
+#endif
+}
+
+// A BIO with these calls, which are the same each time; null when out of memory.
+inline BIO *tlsc_ossl_new_descriptor_bio(const tlsc_ossl_bio_calls &calls) {
+    static BIO_METHOD *method;  // made once, kept for the process's life
+    if (!method) method = tlsc_ossl_descriptor_method(calls);
+    return method ? BIO_new(method) : nullptr;
+}

@@ -1,7 +1,7 @@
 // Holds the rules that keep the headers free of circles and the modules in their ranks.
 //
 //   rank 0  records: tlsc.h, wlc.h        rank 3  the seam: tlsc_platform
-//   rank 1  services: debug, config, utils, turn        rank 4  main thread: tlsc_main, tlsc_wlc
+//   rank 1  services: debug, config, utils, turn, transport  rank 4  main thread: tlsc_main, tlsc_wlc
 //   rank 2  the tunnel thread's peers
 
 #include <algorithm>
@@ -33,12 +33,17 @@ struct source_file {
 };
 
 const std::set<std::string>      records{"tlsc.h", "wlc.h"};
-const std::set<std::string>      services{"tlsc_debug.h", "tlsc_config.h", "tlsc_utils.h", "tlsc_turn.h"};
-const std::map<std::string, int> ranks{
-    {"tlsc.h", 0},       {"wlc.h", 0},       {"tlsc_openssl.h", 0},  {"tlsc_debug.h", 1},       {"tlsc_config.h", 1},
-    {"tlsc_utils.h", 1}, {"tlsc_turn.h", 1}, {"tlsc_tun_intf.h", 2}, {"tlsc_route_utils.h", 2}, {"tlsc_session.h", 2},
-    {"tlsc_timer.h", 2}, {"tlsc_cstp.h", 2}, {"tlsc_engine.h", 2},   {"tlsc_platform.h", 3},    {"tlsc_main.h", 4},
-    {"tlsc_wlc.h", 4}};
+const std::set<std::string>      services{"tlsc_debug.h", "tlsc_config.h", "tlsc_utils.h", "tlsc_turn.h",
+                                     "tlsc_transport.h"};
+const std::map<std::string, int> ranks{{"tlsc.h", 0},          {"wlc.h", 0},
+                                       {"tlsc_openssl.h", 0},  {"tlsc_debug.h", 1},
+                                       {"tlsc_config.h", 1},   {"tlsc_utils.h", 1},
+                                       {"tlsc_turn.h", 1},     {"tlsc_transport.h", 1},
+                                       {"tlsc_tun_intf.h", 2}, {"tlsc_route_utils.h", 2},
+                                       {"tlsc_session.h", 2},  {"tlsc_timer.h", 2},
+                                       {"tlsc_cstp.h", 2},     {"tlsc_engine.h", 2},
+                                       {"tlsc_platform.h", 3}, {"tlsc_main.h", 4},
+                                       {"tlsc_wlc.h", 4}};
 
 // Takes '#include "name"  // reason' apart; false for any other line.
 bool parse_include(const std::string &line, include_line *out) {
@@ -103,7 +108,7 @@ int group_of(const source_file &file, const include_line &include) {
 
 TEST(include_rules, the_tree_is_found) {
     EXPECT_GE(read_tree(".h").size(), 15u);
-    EXPECT_EQ(read_tree(".cpp").size(), 13u);
+    EXPECT_EQ(read_tree(".cpp").size(), 14u);
 }
 
 TEST(include_rules, every_header_has_a_rank) {
