@@ -19,8 +19,6 @@ namespace gw {
 
 namespace {
 
-constexpr int transmit_queue = 1000;  // packets that the kernel keeps for us
-
 sockaddr socket_address(uint32_t address) {
     sockaddr_in in{};
     in.sin_family      = AF_INET;
@@ -72,8 +70,6 @@ void tun_device::set_mtu(unsigned mtu) {
     ifreq request   = request_for(name_);
     request.ifr_mtu = static_cast<int>(mtu);
     control(SIOCSIFMTU, &request, "MTU");
-    request.ifr_qlen = transmit_queue;
-    control(SIOCSIFTXQLEN, &request, "queue length");
 }
 
 void tun_device::bring_up() {

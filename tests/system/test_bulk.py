@@ -41,6 +41,33 @@ def test_a_gigabyte_arrives_with_its_hash(bench, direction):
     print(f"{direction}: {GIGABYTE * 8 / received['seconds'] / 1e6:.0f} Mbit/s")
 
 
+def stream(world, number, receiver_ns, receiver_address, sender_ns, sender_address, target):
+    """Starts a TCP stream of five seconds. Returns (sending process, receiving process, its output file)."""
+    port, output = str(9000 + number), f"/tmp/receiver{number}.out"
+    words = ["/usr/bin/python3", BULK, "receive", receiver_address, port, "--no-hash"]
+    receiver = world.spawn(words, ns=receiver_ns, stdout=output)
+    wait_until(lambda: world.exists(output) and b"ready" in world.read(output), 10, "the receiver")
+    words = ["/usr/bin/python3", BULK, "send", target, port, "--from", sender_address, "--seconds", "5", "--no-hash"]
+    return world.spawn(words, ns=sender_ns), receiver, output
+
+
+def test_two_streams_in_opposite_directions_share_the_tunnel(bench):
+    bench.make_tunnel()
+    world = bench.world
+    streams = [
+        stream(world, 1, "gateway", SITE_IP, "device", MANAGEMENT_IP, SITE_IP),
+        stream(world, 2, "device", MANAGEMENT_IP, "gateway", SITE_IP, bench.gateway.inner()),
+    ]
+    rates = []
+    for sender, receiver, output in streams:
+        assert sender.wait(30) == 0 and receiver.wait(30) == 0
+        received = json.loads(world.read(output).decode().split("ready\n")[1])
+        rates.append(received["bytes"] * 8 / received["seconds"] / 1e6)
+    up, down = rates
+    print(f"up {up:.0f} Mbit/s, down {down:.0f} Mbit/s")
+    assert min(up, down) > 0.65 * max(up, down)
+
+
 def calls_per_packet(bench, counter, direction):
     """System calls of the tunnel thread per packet while one small packet after the other crosses, by name."""
     daemon, world = bench.daemon, bench.world

@@ -2,7 +2,9 @@
 
 // The gateway with an interface of its own. Needs root and /dev/net/tun.
 
+#include <linux/if_tun.h>
 #include <net/if.h>
+#include <sys/ioctl.h>
 
 using namespace gw;
 using namespace gwtest;
@@ -30,7 +32,29 @@ unique_fd udp_socket(const std::string &address, uint16_t port) {
     return fd;
 }
 
+// Packets that the kernel keeps for the reader of an interface.
+int queue_length(const char *interface) {
+    unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ifreq     request{};
+    strcpy(request.ifr_name, interface);
+    EXPECT_EQ(ioctl(fd.get(), SIOCGIFTXQLEN, &request), 0) << strerror(errno);
+    return request.ifr_qlen;
+}
+
 }  // namespace
+
+// A longer queue at the gateway's end than at the client's starves the way up when both ways are busy.
+TEST(gateway_tun, queue_is_as_long_as_that_of_a_client_interface) {
+    if (!can_create_tun()) GTEST_SKIP() << "needs root and /dev/net/tun";
+    unique_fd client(open("/dev/net/tun", O_RDWR | O_CLOEXEC));
+    ifreq     request{};
+    strcpy(request.ifr_name, "gwclient0");
+    request.ifr_flags = IFF_TUN | IFF_NO_PI;
+    ASSERT_EQ(ioctl(client.get(), TUNSETIFF, &request), 0) << strerror(errno);
+
+    test_gateway gateway(tun_options);
+    EXPECT_EQ(queue_length("gwtest0"), queue_length("gwclient0"));
+}
 
 TEST(gateway_tun, a_packet_of_a_client_reaches_the_site_and_the_answer_comes_back) {
     if (!can_create_tun()) GTEST_SKIP() << "needs root and /dev/net/tun";
