@@ -1,6 +1,6 @@
-// What the daemon itself spends on a packet: the two ways between TUN and TLS with the four calls that leave the program
-// (read, write, SSL_read, SSL_write) replaced by a copy of the packet. Everything else is the daemon's own code at the
-// default log level, address exchange, checksum repair, framing and required copies included.
+// What the daemon itself spends on a packet: the two ways between TUN and TLS with the four calls that leave the
+// program (read, write, SSL_read, SSL_write) replaced by a copy of the packet. Everything else is the daemon's own code
+// at the default log level, address exchange, checksum repair, framing and required copies included.
 
 #include <benchmark/benchmark.h>
 

@@ -41,6 +41,6 @@ set(CMAKE_SKIP_RPATH TRUE)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${TLSC_ARMHF_QEMU} -L ${TLSC_ARMHF_SYSROOT})
 
 # The programs are built for the architecture's baseline, which divides in software, and that answers a division by zero
-# with a signal. The tests' copy of the daemon is built for a core that divides in hardware and gets 0: it must raise the
-# signal itself.
+# with a signal. The tests' copy of the daemon is built for a core that divides in hardware and gets 0: it must raise
+# the signal itself.
 set(TLSC_TEST_OPTIONS -march=armv7ve+fp)

@@ -4,8 +4,9 @@
     bulk.py receive ADDRESS PORT [--no-hash]
     bulk.py send ADDRESS PORT [--from ADDRESS] (--bytes N | --seconds S | --until-stdin-closes) [--no-hash]
 
-The receiver prints "ready" when it listens. Each end prints one JSON object when it is done: "bytes", "seconds" (receiver: from
-the first byte to the last), "sha256" (unless --no-hash), and the receiver also "longest_pause", in seconds.
+The receiver prints "ready" when it listens. Each end prints one JSON object when it is done: "bytes", "seconds"
+(receiver: from the first byte to the last), "sha256" (unless --no-hash), and the receiver also "longest_pause", in
+seconds.
 """
 
 import argparse

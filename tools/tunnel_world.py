@@ -53,7 +53,7 @@ class World:
         self.logs = Path("/tmp/logs")
         self.logs.mkdir()
 
-    # ---- network and processes --------------------------------------------------------------------------------
+    # ---- network and processes ---------------------------------------------------------------------------------------
 
     def make_network(self):
         for name in (DEVICE, GATEWAY):
@@ -87,7 +87,7 @@ class World:
             popen |= {"stdout": output, "stderr": subprocess.STDOUT}
         return subprocess.Popen(["ip", "netns", "exec", namespace, *command], **({"stdin": subprocess.DEVNULL} | popen))
 
-    # ---- the three programs -----------------------------------------------------------------------------------
+    # ---- the three programs ------------------------------------------------------------------------------------------
 
     def start_gateway(self, *options):
         """Starts the gateway and waits until it accepts clients. Returns the process, or None when it did not come up."""
@@ -139,7 +139,7 @@ class World:
         """Returns the first event of that kind numbered above since, or None when the seconds are over."""
         return wait_for(lambda: next((e for e in self.events(since) if e["kind"] == kind), None), seconds, 0.1)
 
-    # ---- traffic ----------------------------------------------------------------------------------------------
+    # ---- traffic -----------------------------------------------------------------------------------------------------
 
     def ping(self, count, interval=0.02):
         """Pings the site from the device. Returns (received, average milliseconds)."""
@@ -172,7 +172,7 @@ class World:
             return None
         return json.loads(output) if process.returncode == 0 and output.strip() else None
 
-    # ---- what the programs tell -------------------------------------------------------------------------------
+    # ---- what the programs tell --------------------------------------------------------------------------------------
 
     def log_lines(self):
         """The messages of the daemon's log, without their headers: [(level, message)]."""

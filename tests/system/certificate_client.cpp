@@ -1,11 +1,11 @@
-// One connection that is authenticated by certificates, made by the daemon's own modules. The controller can only ask for
-// pre-shared keys, so the settings come from "tls_client_config.txt" in the working directory.
+// One connection that is authenticated by certificates, made by the daemon's own modules. The controller can only ask
+// for pre-shared keys, so the settings come from "tls_client_config.txt" in the working directory.
 //
 //   certificate_client [FILE]
 //
-// FILE is removed before the connection: the loader and the set-up insist on files that exist. Each step prints its name and
-// its result on a line of its own; behind a step that fails comes the clean-up, and what it left open. The log goes to its
-// usual place. Exit status 0.
+// FILE is removed before the connection: the loader and the set-up insist on files that exist. Each step prints its
+// name and its result on a line of its own; behind a step that fails comes the clean-up, and what it left open. The log
+// goes to its usual place. Exit status 0.
 
 #include <arpa/inet.h>
 #include <csignal>

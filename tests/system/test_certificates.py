@@ -135,7 +135,7 @@ def client(bench, request):
     return Client(bench, request.param)
 
 
-# ---- accepted -------------------------------------------------------------------------------------------------------------
+# ---- accepted --------------------------------------------------------------------------------------------------------
 
 
 def assert_tunnel(outcome, gateway, identity=""):
@@ -197,7 +197,7 @@ def test_the_settings_are_loaded_in_the_order_of_the_keys(client):
     ]
 
 
-# ---- rejected by the client -----------------------------------------------------------------------------------------------
+# ---- rejected by the client ------------------------------------------------------------------------------------------
 
 
 @dataclass
@@ -287,7 +287,7 @@ def assert_refused_connection(outcome):
     assert_lines(lines[: len(expected)], expected)  # the clean-up follows
 
 
-# ---- rejected by the gateway ------------------------------------------------------------------------------------------------
+# ---- rejected by the gateway -----------------------------------------------------------------------------------------
 
 
 def test_a_gateway_that_refuses_the_clients_certificate_fails_the_handshake(client):
@@ -300,7 +300,7 @@ def test_a_gateway_that_refuses_the_clients_certificate_fails_the_handshake(clie
     assert gateway.wait("tls_failed", since=0)["reason"] == "certificate verify failed"
 
 
-# ---- files that cannot be used ------------------------------------------------------------------------------------------------
+# ---- files that cannot be used ---------------------------------------------------------------------------------------
 
 
 def test_a_key_of_another_certificate_leaves_no_usable_context(client):

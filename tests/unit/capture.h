@@ -5,10 +5,11 @@
 //   EXPECT_TRUE(log.has("ERROR", "tlsc_config.c", "tlsc_set_config_defaults", "Conf pointer is NULL"));
 //
 // The destructor compares every captured line with the table of log_lines.h, and gives descriptor 1, the level and the
-// destination back. When the test has failed by then, it shows what was captured, and with it the failure texts that the
-// test framework wrote meanwhile.
+// destination back. When the test has failed by then, it shows what was captured, and with it the failure texts that
+// the test framework wrote meanwhile.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -102,11 +103,9 @@ inline bool parse_log_line(const std::string &text, log_line *out) {
     }
     out->message = in.rest();
 
-    const std::string &word       = out->severity;
-    const bool         known_word = out->plain ? word == "EVENT" || word == "ERROR"
-                                               : word == "ERROR" || word == "WARNING" || word == "INFO" || word == "DEBUG" ||
-                                             word == "SSL_DEBUG";
-    return in.ok && known_word;
+    static const std::set<std::string> words{"ERROR", "WARNING", "INFO", "DEBUG", "SSL_DEBUG"};
+    static const std::set<std::string> plain_words{"EVENT", "ERROR"};
+    return in.ok && (out->plain ? plain_words : words).contains(out->severity);
 }
 
 // True when text is the whole line "TLSC[n]: time SEVER [file:line] [function] message", with any counter, any time

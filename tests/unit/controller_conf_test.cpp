@@ -164,7 +164,8 @@ TEST_F(controller_conf_file, survives_a_daemon_that_puts_the_old_content_back) {
     EXPECT_EQ(files(), 1u);
 }
 
-// A rewriting that takes longer than the writer waits for it: the new file is put in place, replaced by the old, and written again.
+// A rewriting that takes longer than the writer waits for it: the new file is put in place, replaced by the old, and
+// written again.
 TEST_F(controller_conf_file, is_written_again_when_a_slow_daemon_replaces_the_new_file) {
     ASSERT_EQ(write_conf_file(path, {{"a", "1"}}, false), "");
     std::ofstream(temp) << "a;1;0\n";

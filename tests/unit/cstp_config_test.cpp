@@ -216,7 +216,7 @@ TEST_F(cstp_config, a_guard_timer_that_cannot_start_reports_13_without_a_line_of
     expect_counters({});
 }
 
-// ---- response: the whole ----------------------------------------------------------------------------------------------
+// ---- response: the whole --------------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, a_full_response_sets_everything_and_logs_each_value) {
     const std::string prefix_before = address(conf->prefix);
@@ -280,7 +280,7 @@ TEST_F(cstp_config, null_arguments_of_the_parser_are_refused_with_0) {
     EXPECT_EQ(conf->inner_addr.kind, ADDR_NONE);
 }
 
-// ---- response: rekey interval -------------------------------------------------------------------------------------------
+// ---- response: rekey interval ---------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, a_response_without_rekey_time_sets_3600_even_after_another_value) {
     conf->rekey_interval = 99;
@@ -303,7 +303,7 @@ TEST_F(cstp_config, a_negative_rekey_time_fails_the_response_at_the_timer) {
     EXPECT_EQ(tlsc_timers.rekey, -1);
 }
 
-// ---- response: client address ---------------------------------------------------------------------------------------------
+// ---- response: client address ---------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, a_missing_client_address_fails_and_keeps_what_was_read_before_it) {
     set_inner("10.0.0.1");
@@ -371,7 +371,7 @@ TEST_F(cstp_config, an_address_that_a_bad_response_has_taken_away_is_reported_wh
     EXPECT_EQ(events, (strings{"inner", "session"}));
 }
 
-// ---- response: prefix -----------------------------------------------------------------------------------------------------
+// ---- response: prefix -----------------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, an_invalid_prefix_is_logged_and_processing_goes_on_with_kind_0) {
     EXPECT_EQ(parse("X-CSTP-Address:not-an-address\n" + client), 1);
@@ -395,7 +395,7 @@ TEST_F(cstp_config, the_prefix_length_keeps_the_low_8_bits) {
     }
 }
 
-// ---- response: numbers ------------------------------------------------------------------------------------------------------
+// ---- response: numbers ----------------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, a_number_without_digits_is_0_and_never_the_next_lines) {
     for (const char *blank : {"", " ", "\t \r"}) {
@@ -441,7 +441,7 @@ TEST_F(cstp_config, numbers_are_converted_as_decimal_text_is) {
     }
 }
 
-// ---- response: cookie ---------------------------------------------------------------------------------------------------------
+// ---- response: cookie -----------------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, a_cookie_is_cut_to_10_characters) {
     EXPECT_EQ(parse(client + "X-CSTP-Cookie:0123456789ABC\n"), 1);
@@ -467,7 +467,7 @@ TEST_F(cstp_config, the_tail_of_a_cookie_survives_the_teardown_too) {
     EXPECT_STREQ(conf->cookie, "abc3456789");
 }
 
-// ---- response: DNS servers ------------------------------------------------------------------------------------------------------
+// ---- response: DNS servers ------------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, of_five_dns_servers_the_first_four_are_stored) {
     EXPECT_EQ(
@@ -536,7 +536,7 @@ TEST_F(cstp_config, a_hundred_dns_lines_end_the_search_at_the_fourth_good_one) {
     EXPECT_EQ(address(conf->dns_servers[3]), "1 8.8.4.3");
 }
 
-// ---- response: where names are found -----------------------------------------------------------------------------------------------
+// ---- response: where names are found --------------------------------------------------------------------------------
 
 TEST_F(cstp_config, names_are_matched_case_sensitively) {
     EXPECT_EQ(parse("x-cstp-address-client:10.20.30.40\n"), 0);
@@ -568,7 +568,7 @@ TEST_F(cstp_config, over_long_values_are_cut_safely) {
     EXPECT_EQ(parse("X-CSTP-Address-Client:" + huge), 0);
 }
 
-// ---- response: failures behind the text ----------------------------------------------------------------------------------------------
+// ---- response: failures behind the text -----------------------------------------------------------------------------
 
 TEST_F(cstp_config, a_session_that_cannot_start_fails_the_response_and_names_the_prefix) {
     session_fails = true;
@@ -587,7 +587,7 @@ TEST_F(cstp_config, a_rekey_timer_that_cannot_start_fails_the_response) {
     EXPECT_TRUE(log.has("ERROR", cstp_file, "tlsc_parse_config_resp", "Could not start Rekey timer"));
 }
 
-// ---- processing -----------------------------------------------------------------------------------------------------------------------
+// ---- processing -----------------------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, a_good_response_enables_the_data_path_and_resets_the_backoff) {
     tlsc_dp_state         = 0;
@@ -645,7 +645,7 @@ TEST_F(cstp_config, descriptor_0_is_no_old_transport) {
     EXPECT_FALSE(log.contains("Closing the old transport-fd"));
 }
 
-// ---- the response frame -----------------------------------------------------------------------------------------------------------------
+// ---- the response frame ---------------------------------------------------------------------------------------------
 
 TEST_F(cstp_config, a_response_frame_stops_the_guard_and_arms_the_dpd_timer) {
     EXPECT_EQ(tlsc_send_config_req(sock, nullptr), 1);

@@ -120,7 +120,7 @@ protected:
     }
 };
 
-// ---- pipe ----------------------------------------------------------------------------------------------------------------
+// ---- pipe -----------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_commands, the_read_end_does_not_block_and_the_write_end_does) {
     EXPECT_TRUE(fcntl(cli_pipe_rd_fd, F_GETFL) & O_NONBLOCK);
@@ -191,7 +191,7 @@ TEST_F(engine_commands, a_read_end_that_cannot_be_made_non_blocking_is_used_all_
                         text_of("Set non-block flag on CLI pipe read fd:%d failed.", cli_pipe_rd_fd.load())));
 }
 
-// ---- senders -------------------------------------------------------------------------------------------------------------
+// ---- senders --------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_commands, the_exit_command_is_36_bytes_with_id_1) {
     EXPECT_EQ(tlsc_send_exit_client_req(), 1);
@@ -295,7 +295,7 @@ TEST_F(engine_commands, the_wrappers_print_a_failure_without_a_line_end) {
     EXPECT_EQ(tlsc_post_gw_ip({}), 0);
 }
 
-// ---- handling ------------------------------------------------------------------------------------------------------------
+// ---- handling -------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_commands, an_empty_pipe_does_nothing_and_gives_the_result_of_the_read) {
     EXPECT_EQ(tlsc_handle_cli_cmds(), -1);
@@ -444,7 +444,7 @@ TEST_F(engine_commands, no_bytes_in_the_pipe_harm_the_tunnel_thread) {
     tlsc_log_level = LOG_DEBUG;
 }
 
-// ---- draining ------------------------------------------------------------------------------------------------------------
+// ---- draining -------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_commands, stale_commands_are_discarded_unexecuted_and_counted) {
     put(message(1) + message(2, 0) + message(4, 1));

@@ -147,7 +147,7 @@ protected:
     int ends[2];
 };
 
-// ---- names ---------------------------------------------------------------------------------------------------------------
+// ---- names ----------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_data_path, result_codes_0_to_9_have_names_and_all_others_no_error) {
     const char *names[] = {"TLSC_CSTP_RESP_ERR_NONE",       "TLSC_CSTP_START_TIMER_FAILED",
@@ -159,7 +159,7 @@ TEST_F(engine_data_path, result_codes_0_to_9_have_names_and_all_others_no_error)
     for (int code : {-1, 10, 11, 12, 13, INT32_MAX, INT32_MIN}) EXPECT_STREQ(tlsc_cstp_resp_name(code), "No error");
 }
 
-// ---- out -----------------------------------------------------------------------------------------------------------------
+// ---- out ------------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_data_path, an_outbound_packet_leaves_with_the_assigned_address_and_good_checksums) {
     const std::string packet = udp_packet("192.168.1.5", "8.8.8.8", 100);
@@ -273,7 +273,7 @@ TEST_F(engine_data_path, a_read_of_0_bytes_is_an_error_of_the_class_of_the_stale
     expect_counters({{"tun_read_errors_total", 1}, {"tun_read_errors_einval", 1}});
 }
 
-// ---- in --------------------------------------------------------------------------------------------------------------------
+// ---- in -------------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_data_path, an_inbound_packet_arrives_with_the_management_address_and_good_checksums) {
     const std::string packet = udp_packet("8.8.8.8", "10.99.0.7", 100);
@@ -416,7 +416,7 @@ TEST_F(engine_data_path, an_inbound_packet_is_dumped_before_the_rewrite_at_level
     EXPECT_FALSE(log.contains(" c0 a8 01 05"));
 }
 
-// ---- a real interface ----------------------------------------------------------------------------------------------------------
+// ---- a real interface -----------------------------------------------------------------------------------------------
 
 class engine_real_tun : public engine_data_path {
 protected:

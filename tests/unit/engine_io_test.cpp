@@ -122,7 +122,7 @@ protected:
     }
 };
 
-// ---- connecting -------------------------------------------------------------------------------------------------------
+// ---- connecting -----------------------------------------------------------------------------------------------------
 
 TEST_F(engine_io, a_good_connection_logs_its_steps_pauses_2_seconds_and_sends_the_request) {
     tls_peer peer;
@@ -385,7 +385,7 @@ TEST_F(engine_io, a_failed_rekey_connection_closes_the_old_transport_once) {
     expect_nothing_open();
 }
 
-// ---- writing ------------------------------------------------------------------------------------------------------------
+// ---- writing --------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_io, a_write_goes_out_as_one_record) {
     tls_peer peer;
@@ -496,7 +496,7 @@ TEST_F(engine_io, the_dump_comes_before_the_attempt_to_write) {
     EXPECT_FALSE(log.contains(" ab cd ef"));
 }
 
-// ---- reading --------------------------------------------------------------------------------------------------------------
+// ---- reading --------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_io, a_read_takes_what_one_record_holds) {
     tls_peer peer;
@@ -576,7 +576,7 @@ TEST_F(engine_io, a_bare_fin_reads_as_class_5) {
     expect_counters({{"ssl_read_errors_total", 1}, {"ssl_read_errors_others", 1}});
 }
 
-// ---- release ----------------------------------------------------------------------------------------------------------------
+// ---- release --------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_io, releasing_a_null_session_is_only_logged) {
     tlsc_ssl_cleanup(nullptr);
@@ -635,7 +635,7 @@ TEST_F(engine_io, closing_the_old_transport_releases_its_session_and_forgets_bot
     EXPECT_TRUE(log.contains("SSL-handle and Engine cleanup"));
 }
 
-// ---- descriptor modes ---------------------------------------------------------------------------------------------------------
+// ---- descriptor modes -----------------------------------------------------------------------------------------------
 
 TEST_F(engine_io, non_blocking_adds_its_flag_and_keeps_the_others) {
     int ends[2];
@@ -685,7 +685,7 @@ TEST_F(engine_io, blocking_that_succeeds_says_so) {
     for (int fd : ends) close(fd);
 }
 
-// ---- errno classes ---------------------------------------------------------------------------------------------------------------
+// ---- errno classes --------------------------------------------------------------------------------------------------
 
 TEST_F(engine_io, exhaustion_of_memory_or_descriptors_ends_the_client) {
     for (int32_t error : {ENOMEM, EMFILE, ENOBUFS}) {

@@ -336,8 +336,8 @@ protected:
     bool torn_down(size_t times = 1) {
         return hand_clock::wait_for("backoff", times) && eventually_at_rest([&] { return teardowns() >= times; });
     }
-    // Holds the thread that waits for this peer inside OpenSSL, ends the wait, and sees that nothing happens before the thread
-    // is resumed.
+    // Holds the thread that waits for this peer inside OpenSSL, ends the wait, and sees that nothing happens before the
+    // thread is resumed.
     void expect_held_back(tls_peer &peer) {
         ASSERT_TRUE(tlsc_hold_tunnel_thread(0));
         peer.connection(0).hang_up();
@@ -376,7 +376,7 @@ protected:
     sockaddr_ll       place_{};
 };
 
-// ---- set-up -----------------------------------------------------------------------------------------------------------------
+// ---- set-up ---------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, a_run_goes_from_connection_to_orderly_end) {
     const int before = open_descriptors();
@@ -670,7 +670,7 @@ TEST_F(engine_loop, a_peer_that_goes_away_does_not_kill_the_process) {
     EXPECT_EQ(signal(SIGPIPE, SIG_IGN), SIG_IGN);
 }
 
-// ---- traffic --------------------------------------------------------------------------------------------------------------------
+// ---- traffic --------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, packets_go_both_ways_with_their_addresses_exchanged) {
     tls_peer peer;
@@ -962,7 +962,7 @@ TEST_F(engine_loop, a_later_event_of_a_closed_timer_is_not_taken_for_one_of_the_
     answer(peer, 1);
 }
 
-// ---- timers in the loop ---------------------------------------------------------------------------------------------------------------
+// ---- timers in the loop ---------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, dead_peer_detection_asks_four_times_and_then_gives_up) {
     tls_peer peer;
@@ -1270,7 +1270,7 @@ TEST_F(engine_loop, a_run_that_ends_in_the_backoff_starts_it_anew_for_the_next) 
     EXPECT_EQ(tlsc_backoff_interval, 0u);
 }
 
-// ---- standing still -------------------------------------------------------------------------------------------------------------------------
+// ---- standing still -------------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, a_halted_thread_goes_on_when_it_is_resumed) {
     tls_peer peer;

@@ -36,7 +36,7 @@ protected:
     int ends[2];
 };
 
-// ---- context ------------------------------------------------------------------------------------------------------------
+// ---- context --------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_registry, there_is_one_context_and_all_its_fields_are_zero_at_process_start) {
     EXPECT_EQ(tlsc_get_sock(), tlsc_get_sock());
@@ -52,7 +52,7 @@ TEST_F(engine_registry, there_is_one_context_and_all_its_fields_are_zero_at_proc
 
 TEST_F(engine_registry, the_data_path_is_enabled_at_process_start) { EXPECT_EQ(dp_state_at_start, 1); }
 
-// ---- kinds ---------------------------------------------------------------------------------------------------------------
+// ---- kinds ----------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_registry, a_descriptor_is_classified_by_the_tls_socket_first_and_the_tun_second) {
     attach_session();
@@ -94,7 +94,7 @@ TEST_F(engine_registry, zero_and_negative_descriptors_are_unknown_even_when_they
                         "FD is zero/negative value, or sock ptr is NULL. Return unknown-fd for fd = 5"));
 }
 
-// ---- epoll ---------------------------------------------------------------------------------------------------------------
+// ---- epoll ----------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_registry, a_descriptor_is_registered_for_input_and_peer_hang_up) {
     open_epoll();
@@ -137,7 +137,7 @@ TEST_F(engine_registry, a_descriptor_is_removed_and_a_failed_removal_logged) {
     EXPECT_EQ(epoll_wait(tlsc_epoll_fd, &event, 1, 0), 0);
 }
 
-// ---- data-path state ---------------------------------------------------------------------------------------------------------
+// ---- data-path state ------------------------------------------------------------------------------------------------
 
 TEST_F(engine_registry, requesting_the_current_state_warns_and_writes_nothing) {
     ASSERT_EQ(tlsc_create_pipe_for_cli_cmds(), 1);

@@ -54,7 +54,9 @@ private:
         const std::string script = R"(
             set -e
             cd )" + directory_ + R"(
-            for n in root other mid leaf revoked deep client; do openssl ecparam -name prime256v1 -genkey -noout -out $n.key; done
+            for n in root other mid leaf revoked deep client; do
+                openssl ecparam -name prime256v1 -genkey -noout -out $n.key
+            done
             ext() { printf 'basicConstraints=critical,CA:%s\nkeyUsage=%s\n' "$1" "$2" > $3.ext; }
             ext TRUE keyCertSign,cRLSign ca
             ext FALSE digitalSignature end
@@ -63,13 +65,15 @@ private:
                 openssl x509 -req -in $n.csr -signkey $n.key -extfile ca.ext -days 30 -out $n.pem
             done
             sign() { openssl req -new -key $1.key -subj /CN=$1 -out $1.csr
-                     openssl x509 -req -in $1.csr -CA $2.pem -CAkey $2.key -CAcreateserial -extfile $3.ext -days 30 -out $1.pem; }
+                     openssl x509 -req -in $1.csr -CA $2.pem -CAkey $2.key -CAcreateserial -extfile $3.ext \
+                         -days 30 -out $1.pem; }
             sign mid root ca
             sign leaf root end
             sign revoked root end
             sign client root end
             sign deep mid end
-            printf '[ca]\ndefault_ca=c\n[c]\ndatabase=index.txt\ncrlnumber=crlnumber\ndefault_md=sha256\ndefault_crl_days=30\n' > ca.cnf
+            printf '[ca]\ndefault_ca=c\n[c]\ndatabase=index.txt\ncrlnumber=crlnumber\n' > ca.cnf
+            printf 'default_md=sha256\ndefault_crl_days=30\n' >> ca.cnf
             : > index.txt
             echo 01 > crlnumber
             openssl ca -config ca.cnf -cert root.pem -keyfile root.key -revoke revoked.pem
@@ -178,7 +182,7 @@ protected:
 };
 std::atomic<int> engine_tls::alert;
 
-// ---- locks -----------------------------------------------------------------------------------------------------------------
+// ---- locks ----------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_tls, the_lock_array_is_made_and_destroyed_with_its_count) {
     tlsc_init_locks();
@@ -233,7 +237,7 @@ TEST_F(engine_tls, the_callbacks_name_the_thread_and_lock_the_mutex_with_the_num
 }
 #endif
 
-// ---- context ---------------------------------------------------------------------------------------------------------------
+// ---- context --------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_tls, a_psk_context_is_made_for_tls_1_2_alone) {
     EXPECT_EQ(tlsc_init_ssl_config(), 1);
@@ -338,7 +342,7 @@ TEST_F(engine_tls, the_protocol_is_traced_by_both_callbacks_of_the_context) {
                         "Handshake done: SSL negotiation finished successfully"));
 }
 
-// ---- certificates of the client ----------------------------------------------------------------------------------------------
+// ---- certificates of the client -------------------------------------------------------------------------------------
 
 TEST_F(engine_tls, loading_certificates_stops_at_the_first_failure) {
     SSL_CTX *ctx = __real_SSL_CTX_new(TLS_client_method());
@@ -470,7 +474,7 @@ TEST_F(engine_tls, no_broken_file_in_the_place_of_bundle_or_crl_lets_a_certifica
     X509_free(leaf);
 }
 
-// ---- the verification callback ------------------------------------------------------------------------------------------------
+// ---- the verification callback --------------------------------------------------------------------------------------
 
 TEST_F(engine_tls, a_leaf_of_the_root_with_a_crl_is_accepted) {
     use_certificates();
@@ -587,7 +591,7 @@ TEST_F(engine_tls, a_leaf_of_another_root_is_rejected) {
     EXPECT_EQ(alert, SSL_AD_UNKNOWN_CA);
 }
 
-// ---- the PSK callback -------------------------------------------------------------------------------------------------------------
+// ---- the PSK callback -----------------------------------------------------------------------------------------------
 
 TEST_F(engine_tls, the_key_is_the_configured_text_itself_byte_for_byte_not_decoded_from_hexadecimal) {
     set_text(psk_identity, "device-7");

@@ -218,7 +218,7 @@ protected:
     }
 };
 
-// ---- clean-up ------------------------------------------------------------------------------------------------------------
+// ---- clean-up -------------------------------------------------------------------------------------------------------
 // First, while this process has no second thread that the processes of these tests would lack.
 
 TEST_F(lifecycle, a_clean_up_without_any_start_skips_what_is_not_there) {
@@ -362,7 +362,7 @@ TEST_F(lifecycle, a_tunnel_thread_that_cannot_be_halted_keeps_what_it_uses) {
     EXPECT_TRUE(log.contains("Cleaning up Tls-session and SSL context"));
 }
 
-// ---- starting and stopping -----------------------------------------------------------------------------------------------
+// ---- starting and stopping ------------------------------------------------------------------------------------------
 
 TEST_F(lifecycle, a_client_starts_runs_and_ends_with_its_monitor_on_the_exit_command) {
     EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
@@ -496,7 +496,7 @@ TEST_F(lifecycle, after_restart_client_tunnel_and_monitor_end_and_a_start_begins
     end(2);
 }
 
-// ---- one of each thread --------------------------------------------------------------------------------------------------------
+// ---- one of each thread ---------------------------------------------------------------------------------------------
 
 TEST_F(lifecycle, a_second_start_creates_nothing) {
     EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);

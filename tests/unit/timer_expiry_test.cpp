@@ -112,7 +112,7 @@ protected:
     int new_pair[2];
 };
 
-// ---- DPD ----------------------------------------------------------------------------------------------------------------
+// ---- DPD ------------------------------------------------------------------------------------------------------------
 
 TEST_F(timer_expiry, dpd_expiry_sends_a_request_starts_the_retry_timer_and_closes_the_dpd_timer) {
     connect_first();
@@ -165,7 +165,7 @@ TEST_F(timer_expiry, dpd_expiry_closes_a_timer_that_epoll_does_not_know) {
     EXPECT_FALSE(is_open(dpd));
 }
 
-// ---- retries --------------------------------------------------------------------------------------------------------------
+// ---- retries --------------------------------------------------------------------------------------------------------
 
 TEST_F(timer_expiry, four_requests_go_out_before_the_fourth_retry_expiry_gives_up_with_cause_11) {
     connect_first();
@@ -213,7 +213,7 @@ TEST_F(timer_expiry, a_retry_that_cannot_be_sent_counts_as_one_that_was_lost) {
     expect_counters({});
 }
 
-// ---- rekey expiry -----------------------------------------------------------------------------------------------------------
+// ---- rekey expiry ---------------------------------------------------------------------------------------------------
 
 TEST_F(timer_expiry, rekey_expiry_stops_the_data_path_and_waits_for_the_controllers_answer) {
     connect_first();
@@ -261,7 +261,7 @@ TEST_F(timer_expiry, the_expiry_itself_neither_counts_an_attempt_nor_sets_the_re
     expect_counters({});
 }
 
-// ---- the new transport --------------------------------------------------------------------------------------------------------
+// ---- the new transport ----------------------------------------------------------------------------------------------
 
 TEST_F(timer_expiry, a_rekey_stops_all_timers_and_keeps_the_old_transport_open_but_unwatched) {
     connect_first();

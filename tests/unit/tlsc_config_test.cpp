@@ -116,7 +116,7 @@ bool is_all_zero(const tlsc_config &conf) {
 
 }  // namespace
 
-// ---- the record and its defaults ----------------------------------------------------------------------------------------
+// ---- the record and its defaults ------------------------------------------------------------------------------------
 
 TEST(tlsc_config, there_is_one_record) {
     ASSERT_NE(tlsc_get_config(), nullptr);
@@ -192,7 +192,7 @@ TEST(tlsc_config, key_prints_as_stars_when_set_and_as_nothing_when_empty) {
     EXPECT_STREQ(tlsc_masked_psk_key(), "***");
 }
 
-// ---- one value of the file ------------------------------------------------------------------------------------------------
+// ---- one value of the file ------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_config_file, value_is_everything_behind_the_last_equals_sign) {
     EXPECT_EQ(value_of("device_id", "device_id=abc\n"), "abc");
@@ -277,7 +277,7 @@ TEST_F(tlsc_config_file, reading_leaves_no_descriptor_open) {
     EXPECT_EQ(after, before);
 }
 
-// ---- the whole file ---------------------------------------------------------------------------------------------------------
+// ---- the whole file -------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_config_file, complete_psk_file_fills_the_record_and_the_secret_buffers) {
     log_capture log;

@@ -100,7 +100,7 @@ protected:
     tlsc_cstp_frame frame{};
 };
 
-// ---- reading ----------------------------------------------------------------------------------------------------------
+// ---- reading --------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_cstp, null_arguments_of_the_reader_are_refused_with_0) {
     EXPECT_EQ(tlsc_cstp_read_frame(sock, &frame), 0);  // no TLS session
@@ -187,7 +187,7 @@ TEST_F(tlsc_cstp, a_failed_read_returns_its_result_and_says_writing) {
     }
 }
 
-// ---- writing ------------------------------------------------------------------------------------------------------------
+// ---- writing --------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_cstp, a_data_frame_is_the_header_and_the_packet) {
     const uint8_t packet[] = {0x45, 0x00, 0x01};
@@ -275,7 +275,7 @@ TEST_F(tlsc_cstp, dpd_request_returns_0_on_success_and_1_on_failure_unlike_every
     expect_counters({{"dpd_req_tx", 1}, {"ctrl_pkt_tx", 1}});
 }
 
-// ---- dispatch -------------------------------------------------------------------------------------------------------------
+// ---- dispatch -------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_cstp, null_arguments_of_the_dispatcher_are_refused_with_0) {
     EXPECT_EQ(tlsc_process_cstp_frame(nullptr, &frame), 0);
@@ -390,7 +390,7 @@ TEST_F(tlsc_cstp, the_retry_timer_keeps_running_when_the_dpd_timer_cannot_be_arm
     expect_counters({});
 }
 
-// ---- whatever the gateway sends -------------------------------------------------------------------------------------------
+// ---- whatever the gateway sends -------------------------------------------------------------------------------------
 
 // The fields that a frame may have wrong, one by one and together, with a payload that is whole, cut or missing.
 TEST_F(tlsc_cstp, malformed_frames_are_dispatched_by_type_and_length_alone) {

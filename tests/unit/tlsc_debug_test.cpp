@@ -239,7 +239,7 @@ void log_line_of_length(size_t length) {
 
 }  // namespace
 
-// ---- the form of a line ---------------------------------------------------------------------------------------------------
+// ---- the form of a line ---------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_debug, line_begins_with_a_line_end_and_carries_counter_time_word_place_and_function) {
     EXPECT_TRUE(in_fresh_process([] {
@@ -311,7 +311,7 @@ TEST_F(tlsc_debug, source_names_are_told_from_any_build_path) {
     EXPECT_STREQ(tlsc_tree_name("/a.b/c.d/wlc/tlsc_wlc.cpp").text, "../wlc/tlsc_wlc.c");
 }
 
-// ---- levels and the counter -------------------------------------------------------------------------------------------------
+// ---- levels and the counter -----------------------------------------------------------------------------------------
 
 TEST_F(tlsc_debug, each_level_prints_its_own_lines_and_those_below) {
     for (int32_t level = -1; level <= LOG_BUF_PRINT; ++level)
@@ -411,7 +411,7 @@ TEST_F(tlsc_debug, argument_that_logs_itself_does_not_block) {
     }));
 }
 
-// ---- length -------------------------------------------------------------------------------------------------------------
+// ---- length ---------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_debug, line_of_1023_characters_is_whole_and_a_longer_one_cut_to_1023) {
     EXPECT_TRUE(in_fresh_process([] {
@@ -439,7 +439,7 @@ TEST_F(tlsc_debug, header_that_fills_the_line_by_itself_is_cut_as_well) {
     }));
 }
 
-// ---- destinations -----------------------------------------------------------------------------------------------------------
+// ---- destinations ---------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_debug, lines_for_the_file_go_to_descriptor_0_before_the_file_is_opened) {
     EXPECT_TRUE(in_fresh_process([] {
@@ -506,7 +506,7 @@ TEST_F(tlsc_debug, change_of_level_or_destination_takes_effect_with_the_next_lin
     }));
 }
 
-// ---- hex dumps ------------------------------------------------------------------------------------------------------------
+// ---- hex dumps ------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_debug, dump_breaks_the_line_before_every_16th_byte_after_the_first) {
     EXPECT_TRUE(in_fresh_process([] {
@@ -558,7 +558,7 @@ TEST_F(tlsc_debug, piece_is_printed_as_it_is) {
     }));
 }
 
-// ---- rotation -------------------------------------------------------------------------------------------------------------
+// ---- rotation -------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_debug, rotation_without_a_file_only_opens_one) {
     EXPECT_TRUE(in_fresh_process([] {
@@ -809,7 +809,7 @@ TEST_F(tlsc_debug, planted_link_is_not_followed) {
     }));
 }
 
-// ---- time -----------------------------------------------------------------------------------------------------------------
+// ---- time -----------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_debug, timestamp_is_the_local_time) {
     EXPECT_TRUE(in_fresh_process([] {
@@ -839,7 +839,7 @@ TEST_F(tlsc_debug, timestamp_stays_when_the_conversion_fails) {
     }));
 }
 
-// ---- lock -----------------------------------------------------------------------------------------------------------------
+// ---- lock -----------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_debug, lines_of_many_threads_never_interleave_and_each_has_its_own_number) {
     EXPECT_TRUE(in_fresh_process([] {
@@ -937,7 +937,7 @@ TEST_F(tlsc_debug, behind_the_lock_only_the_thread_that_destroyed_it_writes) {
     }));
 }
 
-// ---- controller line path -----------------------------------------------------------------------------------------------------
+// ---- controller line path -------------------------------------------------------------------------------------------
 
 namespace {
 

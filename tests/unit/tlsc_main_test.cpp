@@ -144,7 +144,7 @@ protected:
     static void make_flag_file(mode_t mode) { close(open(flag_file, O_CREAT | O_WRONLY | O_CLOEXEC, mode)); }
 };
 
-// ---- process entry -------------------------------------------------------------------------------------------------------
+// ---- process entry --------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_main, the_exit_statuses_are_the_reverse_of_the_usual_ones) {
     EXPECT_EQ(run({"create lock", "controller up", "sleep", "poll", "controller down", "clean up", "destroy lock"}), 1);
@@ -326,7 +326,7 @@ TEST_F(tlsc_main, a_reader_that_went_away_does_not_kill_the_process) {
               0);
 }
 
-// ---- initialisation --------------------------------------------------------------------------------------------------------
+// ---- initialisation -------------------------------------------------------------------------------------------------
 
 class tlsc_first_init : public tlsc_main {
 protected:

@@ -83,7 +83,7 @@ protected:
     }
 };
 
-// ---- setters ----------------------------------------------------------------------------------------------------------
+// ---- setters --------------------------------------------------------------------------------------------------------
 
 struct text_setter {
     const char *name;
@@ -286,7 +286,7 @@ TEST_F(tlsc_platform, a_63_character_value_of_the_file_is_cut_at_the_fields_widt
     tlscWlcClearCfgParams();
 }
 
-// ---- notifications ------------------------------------------------------------------------------------------------------
+// ---- notifications --------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_platform, a_tunnel_state_is_logged_and_passed_on) {
     report_result = 77;
@@ -341,7 +341,7 @@ TEST_F(tlsc_platform, the_question_for_the_gateways_name_gives_the_result_of_the
     EXPECT_EQ(reports, (strings{"resolve", "resolve"}));
 }
 
-// ---- statistics -----------------------------------------------------------------------------------------------------------
+// ---- statistics -----------------------------------------------------------------------------------------------------
 
 // The record as 31 numbers in wire order: counter i holds i + 1 when each was counted so often.
 std::vector<uint64_t> numbers(const tlsc_stats &stats) {

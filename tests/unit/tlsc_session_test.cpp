@@ -105,7 +105,7 @@ protected:
 
 }  // namespace
 
-// ---- the record -----------------------------------------------------------------------------------------------------------
+// ---- the record -----------------------------------------------------------------------------------------------------
 
 TEST(tlsc_session_record, fresh_session_is_down_without_connection_descriptor_and_name) {
     tlsc_session *session = tlsc_init_session();
@@ -161,7 +161,7 @@ TEST(tlsc_session_record, session_without_memory_is_logged_and_null) {
     EXPECT_TRUE(log.has("ERROR", "tlsc_session.c", "tlsc_start_session", "Null ptr received for sock->sess"));
 }
 
-// ---- the start ------------------------------------------------------------------------------------------------------------
+// ---- the start ------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_session_start, start_records_the_prefix_and_brings_the_interface_up) {
     log_capture log;

@@ -114,7 +114,7 @@ TEST_F(tlsc_timer, at_process_start_no_timer_runs_and_nothing_is_counted_or_save
     EXPECT_EQ(old_transport_at_start, -1);
 }
 
-// ---- intervals ----------------------------------------------------------------------------------------------------------
+// ---- intervals ------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_timer, every_timer_takes_its_interval_from_its_place) {
     conf->retry_interval           = 21;
@@ -232,7 +232,7 @@ TEST_F(tlsc_timer, the_kind_is_looked_up_in_the_order_dpd_retry_rekey_fqdn_guard
         }
 }
 
-// ---- backoff ----------------------------------------------------------------------------------------------------------------
+// ---- backoff --------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_timer, the_backoff_is_10_seconds_first_and_then_grows_by_less_than_a_fifth) {
     EXPECT_EQ(next_backoff(99), 10u);
@@ -267,7 +267,7 @@ TEST_F(tlsc_timer, the_backoff_is_kept_when_the_timer_is_stopped) {
     EXPECT_EQ(tlsc_backoff_interval, 10u);
 }
 
-// ---- starting -----------------------------------------------------------------------------------------------------------------
+// ---- starting -------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_timer, a_running_timer_is_never_armed_again) {
     ASSERT_EQ(tlsc_start_timer(&tlsc_timers.rekey, 0), 1);
@@ -328,7 +328,7 @@ TEST_F(tlsc_timer, a_null_slot_is_refused) {
                                                "ERROR tlsc_stop_timer: Invalid timer-fd received in stop-timer"}));
 }
 
-// ---- stopping -----------------------------------------------------------------------------------------------------------------
+// ---- stopping -------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_timer, a_stopped_timer_is_taken_out_of_epoll_and_closed) {
     ASSERT_EQ(tlsc_start_timer(&tlsc_timers.dpd, 1), 1);

@@ -42,7 +42,7 @@ bytes with_first(uint8_t first, size_t length) {
     return message;
 }
 
-// ---- a client and a server in memory -------------------------------------------------------------------------------------
+// ---- a client and a server in memory --------------------------------------------------------------------------------
 
 constexpr char cipher_list[] = "PSK-AES256-CBC-SHA";
 constexpr char key_text[]    = "abcd1234";
@@ -138,7 +138,7 @@ size_t count_starting(const std::vector<std::string> &messages, const std::strin
 
 }  // namespace
 
-// ---- message callback: the line --------------------------------------------------------------------------------------------
+// ---- message callback: the line -------------------------------------------------------------------------------------
 
 TEST(tlsc_trace, sent_client_hello_of_52_bytes_is_one_line) {
     EXPECT_EQ(traced(sent, tls_1_2, handshake, with_first(1, 52)), ">>> TLS 1.2 Handshake [length 0034], ClientHello");
@@ -235,7 +235,7 @@ TEST(tlsc_trace, length_has_at_least_four_hexadecimal_digits) {
     EXPECT_EQ(traced(sent, tls_1_2, application_data, bytes(0x12345)), ">>> TLS 1.2  [length 12345]");
 }
 
-// ---- message callback: alerts, handshake messages, heartbeats ---------------------------------------------------------------------
+// ---- message callback: alerts, handshake messages, heartbeats -------------------------------------------------------
 
 TEST(tlsc_trace, every_alert_description_has_its_text) {
     const std::vector<std::pair<uint8_t, std::string>> table{{0, "close_notify"},
@@ -314,7 +314,7 @@ TEST(tlsc_trace, heartbeat_has_details_but_no_type_text) {
     EXPECT_EQ(traced(sent, tls_1_2, heartbeat, {}), ">>> TLS 1.2  [length 0000], Heartbeat");
 }
 
-// ---- message callback: levels, dump, switch --------------------------------------------------------------------------------------
+// ---- message callback: levels, dump, switch -------------------------------------------------------------------------
 
 TEST(tlsc_trace, message_is_dumped_whole_at_level_5_between_a_line_start_and_a_line_end) {
     log_capture log(LOG_BUF_PRINT);
@@ -370,7 +370,7 @@ TEST(tlsc_trace, callbacks_that_are_switched_off_say_so_at_debug_level_and_do_no
                             "SSL Debug is turned off... Return without debugging SSL-INFO-CB !!!"));
 }
 
-// ---- info callback, called directly -------------------------------------------------------------------------------------------
+// ---- info callback, called directly ---------------------------------------------------------------------------------
 
 namespace {
 
@@ -435,7 +435,7 @@ TEST(tlsc_trace, info_callback_prints_nothing_below_level_4) {
     EXPECT_EQ(log.text(), "");
 }
 
-// ---- both callbacks on a handshake ---------------------------------------------------------------------------------------------
+// ---- both callbacks on a handshake ----------------------------------------------------------------------------------
 
 TEST(tlsc_trace, handshake_is_narrated_from_start_to_done) {
     memory_link link;
@@ -496,7 +496,7 @@ TEST(tlsc_trace, wrong_key_is_seen_as_a_fatal_alert) {
     EXPECT_EQ(count_starting(all, "Handshake done"), 0u);
 }
 
-// ---- renegotiation guard --------------------------------------------------------------------------------------------------------
+// ---- renegotiation guard --------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -28,7 +28,7 @@
 #include "tlsc_tun_intf.h"
 #include "tlsc_utils.h"
 
-// ---- the system calls and reports, recorded and made to fail -----------------------------------------------------------
+// ---- the system calls and reports, recorded and made to fail --------------------------------------------------------
 
 namespace {
 
@@ -249,7 +249,7 @@ protected:
 
 }  // namespace
 
-// ---- creation -------------------------------------------------------------------------------------------------------------
+// ---- creation -------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_tun_intf, creation_makes_a_layer_3_interface_with_mtu_1406_that_is_down) {
     log_capture log;
@@ -418,7 +418,7 @@ TEST_F(tlsc_tun_intf, creation_leaks_no_control_socket) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-// ---- attaching ------------------------------------------------------------------------------------------------------------
+// ---- attaching ------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_tun_intf, attaching_refuses_a_null_name_and_a_descriptor_below_1) {
     log_capture log;
@@ -503,7 +503,7 @@ TEST_F(tlsc_tun_intf, name_with_a_percent_sign_is_printed_as_it_is) {
     EXPECT_TRUE(log.contains("IOCTL error[22] in setting tun interface tun%n%s"));
 }
 
-// ---- the shared ioctl outcome ------------------------------------------------------------------------------------------------
+// ---- the shared ioctl outcome ---------------------------------------------------------------------------------------
 
 TEST_F(tlsc_tun_intf, ioctl_outcomes_are_1_minus_1_or_the_errno) {
     struct {
@@ -557,7 +557,7 @@ TEST_F(tlsc_tun_intf, request_without_a_record_never_reaches_the_kernel) {
     expect_lines(log, {{"ERROR", "tlsc_ioctl", "Null ptr received for argument"}});
 }
 
-// ---- MTU ------------------------------------------------------------------------------------------------------------------
+// ---- MTU ------------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_tun_intf, mtu_of_1500_is_accepted_and_1501_refused) {
     log_capture log;
@@ -647,7 +647,7 @@ TEST_F(tlsc_tun_intf, mtu_failure_by_eperm_reads_as_success) {
     EXPECT_EQ(tlsc_stats_record.tun_alloc, 1u);
 }
 
-// ---- flags ----------------------------------------------------------------------------------------------------------------
+// ---- flags ----------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_tun_intf, up_and_down_change_the_up_flag_only) {
     log_capture log;
@@ -741,7 +741,7 @@ TEST_F(tlsc_tun_intf, flags_of_a_null_name_are_refused) {
     expect_lines(log, {{"ERROR", "tlsc_tun_up", "Null ptr received for dev_name"}});
 }
 
-// ---- state ----------------------------------------------------------------------------------------------------------------
+// ---- state ----------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_tun_intf, state_change_is_reported_before_it_is_recorded) {
     log_capture log;
@@ -800,7 +800,7 @@ TEST_F(tlsc_tun_intf, state_change_of_a_null_session_is_refused) {
     expect_lines(log, {{"ERROR", "tlsc_chg_tun_state", "Session or ifname is Null"}});
 }
 
-// ---- deletion --------------------------------------------------------------------------------------------------------------
+// ---- deletion -------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_tun_intf, deletion_reports_with_its_cause_closes_and_forgets_the_interface) {
     log_capture log;
@@ -871,7 +871,7 @@ TEST_F(tlsc_tun_intf, deletion_of_a_null_session_reports_nothing) {
     expect_lines(log, {{"ERROR", "tlsc_tun_delete", "Null ptr received for sess"}});
 }
 
-// ---- address ---------------------------------------------------------------------------------------------------------------
+// ---- address --------------------------------------------------------------------------------------------------------
 
 namespace {
 

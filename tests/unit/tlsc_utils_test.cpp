@@ -17,7 +17,7 @@
 #include "capture.h"
 #include "tlsc_utils.h"
 
-// ---- a heap that can be empty, a resolver that can know other families -------------------------------------------------
+// ---- a heap that can be empty, a resolver that can know other families ----------------------------------------------
 
 static bool heap_is_empty;
 static int  strange_family;  // 0 for none
@@ -46,7 +46,7 @@ constexpr size_t buffer_size = 80;  // what the repair may read, however short t
 
 constexpr char unhandled[] = "Got a packet(Non TCP/UDP/ICMP) whose checksum is not handled from tun";
 
-// ---- the oracle: RFC 1071 over big-endian words -----------------------------------------------------------------------
+// ---- the oracle: RFC 1071 over big-endian words ---------------------------------------------------------------------
 
 uint16_t internet_checksum(const packet &bytes) {
     uint64_t sum = 0;
@@ -128,7 +128,7 @@ uint32_t native_word(uint8_t first, uint8_t second) {
 
 }  // namespace
 
-// ---- text copy -------------------------------------------------------------------------------------------------------
+// ---- text copy ------------------------------------------------------------------------------------------------------
 
 TEST(tlsc_utils, text_of_width_minus_one_is_kept_whole_and_one_more_is_cut) {
     char field[8];
@@ -191,7 +191,7 @@ TEST(tlsc_utils, null_text_prints_as_null_in_parentheses) {
     EXPECT_STREQ(tlsc_text_or_null("tun0"), "tun0");
 }
 
-// ---- checksum repair -------------------------------------------------------------------------------------------------
+// ---- checksum repair ------------------------------------------------------------------------------------------------
 
 TEST(tlsc_utils, address_sum_is_the_unfolded_sum_of_both_halves_as_stored) {
     const uint8_t plain[] = {1, 2, 3, 4};
@@ -358,7 +358,7 @@ TEST(tlsc_utils, repair_of_a_null_packet_is_refused) {
     EXPECT_TRUE(log.has("ERROR", "tlsc_utils.c", "tlsc_checksum", "Null ptr received for packet"));
 }
 
-// ---- list ------------------------------------------------------------------------------------------------------------
+// ---- list -----------------------------------------------------------------------------------------------------------
 
 TEST(tlsc_utils, list_elements_come_out_in_reverse_order) {
     tlsc_list list{};
@@ -456,7 +456,7 @@ TEST(tlsc_utils, insertion_without_memory_is_logged_and_leaves_the_list_alone) {
         log.has("ERROR", "tlsc_utils.c", "tlsc_insert_element_to_list", "Memory allocation failed for list element"));
 }
 
-// ---- address records -------------------------------------------------------------------------------------------------
+// ---- address records ------------------------------------------------------------------------------------------------
 
 TEST(tlsc_utils, family_of_an_ipv4_text_is_1_and_of_an_ipv6_text_2) {
     EXPECT_EQ(tlsc_addr_family("192.0.2.1"), 1);

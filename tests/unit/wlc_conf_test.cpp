@@ -47,7 +47,7 @@ protected:
     }
 };
 
-// ---- reading all --------------------------------------------------------------------------------------------------
+// ---- reading all ----------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_conf, port_entry_sets_the_port_and_is_marked_as_consumed) {
     write_file(conf_file, "server_port;8443;1\n");
@@ -295,7 +295,7 @@ TEST_F(wlc_conf, no_bytes_in_the_file_harm_the_client) {
     }
 }
 
-// ---- the rewrite --------------------------------------------------------------------------------------------------
+// ---- the rewrite ----------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_conf, rewrite_waits_one_second_before_it_replaces_the_file) {
     write_file(conf_file, "device_id;D1;1\n");
@@ -410,7 +410,7 @@ TEST_F(wlc_conf, no_descriptor_is_left_open) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-// ---- one key ------------------------------------------------------------------------------------------------------
+// ---- one key --------------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_conf, process_refuses_a_null_key_and_a_null_value) {
     log_capture log;
@@ -605,7 +605,7 @@ TEST_F(wlc_conf, update_and_read_of_one_key_refuse_null_arguments) {
     EXPECT_EQ(log.count("ERROR", source, read_one, "wlcSecTunReadConf() - Input parm NULL"), 2u);
 }
 
-// ---- the parameter block ------------------------------------------------------------------------------------------
+// ---- the parameter block --------------------------------------------------------------------------------------------
 
 TEST_F(wlc_conf, clear_keeps_serial_number_and_system_name_only) {
     for (const char *key :
@@ -643,7 +643,7 @@ TEST_F(wlc_conf, defaults_of_the_configuration_record_leave_the_block_alone) {
     EXPECT_EQ(tlscWlcGetServerPort(), 8443);
 }
 
-// ---- the secret ---------------------------------------------------------------------------------------------------
+// ---- the secret -----------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_conf, key_text_is_never_printed) {
     const std::string long_key(600, 'h');
@@ -686,7 +686,7 @@ TEST_F(wlc_conf, identity_and_other_values_are_printed) {
                         "wlcSecTunProcessConf() - On TLS Client received key value pair Key:psk_identity,value:me"));
 }
 
-// ---- the plain path -----------------------------------------------------------------------------------------------
+// ---- the plain path -------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_conf, lines_follow_the_two_transport_flags) {
     write_file(conf_file, "device_id;D1;1\n");

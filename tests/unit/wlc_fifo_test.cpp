@@ -110,7 +110,7 @@ protected:
     }
 };
 
-// ---- before anything is opened ------------------------------------------------------------------------------------
+// ---- before anything is opened --------------------------------------------------------------------------------------
 
 TEST_F(wlc_fifo, clean_up_before_any_start_has_nothing_to_close) {
     log_capture log;
@@ -119,7 +119,7 @@ TEST_F(wlc_fifo, clean_up_before_any_start_has_nothing_to_close) {
               (std::vector<std::string>{"tlscWlcCleanUp()", "tlscWlcIpcCleanup() - on TLS Client FIFO cleanup "}));
 }
 
-// ---- the inbound FIFO ---------------------------------------------------------------------------------------------
+// ---- the inbound FIFO -----------------------------------------------------------------------------------------------
 
 TEST_F(wlc_fifo, inbound_fifo_gets_mode_0620_whatever_the_mask_and_the_mask_returns) {
     const mode_t old_mask = umask(0077);
@@ -218,7 +218,7 @@ TEST_F(wlc_fifo, refused_exit_handler_is_reported_and_the_fifo_opened_all_the_sa
         log.has("ERROR", source, "openWlcToTlscFifo", "openWlcToTlscFifo() - Install delete FIFO handler failed"));
 }
 
-// ---- reading ------------------------------------------------------------------------------------------------------
+// ---- reading --------------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_fifo, empty_fifo_reads_nothing_at_once_with_and_without_a_writer) {
     ASSERT_EQ(openWlcToTlscFifo(), 1);
@@ -279,7 +279,7 @@ TEST_F(wlc_fifo, pieces_of_any_other_length_are_lost_silently_up_to_the_next_mes
 
 TEST_F(wlc_fifo, reading_without_a_fifo_reads_nothing) { EXPECT_EQ(readFromTlscFifo(), 0); }
 
-// ---- sending ------------------------------------------------------------------------------------------------------
+// ---- sending --------------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_fifo, posted_message_is_520_bytes_of_id_and_zeroes) {
     listen();
@@ -413,7 +413,7 @@ TEST_F(wlc_fifo, messages_of_two_threads_do_not_mix) {
         EXPECT_TRUE(bytes == wire_message(520, '\x11') || bytes == wire_message(520, '\x22'));
 }
 
-// ---- start and end ------------------------------------------------------------------------------------------------
+// ---- start and end --------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_fifo, init_opens_the_fifo_then_greets_the_controller) {
     listen();
@@ -637,7 +637,7 @@ TEST_F(wlc_fifo, process_exit_removes_the_inbound_fifo) {
     EXPECT_FALSE(exists(to_client_fifo));
 }
 
-// ---- the catalogue ------------------------------------------------------------------------------------------------
+// ---- the catalogue --------------------------------------------------------------------------------------------------
 
 TEST(wlc_catalogue, every_documented_message_has_its_name_and_no_other) {
     const std::vector<std::pair<uint32_t, std::string>> names = {

@@ -97,7 +97,7 @@ protected:
 
 using ids = std::vector<uint32_t>;
 
-// ---- the dispatcher -----------------------------------------------------------------------------------------------
+// ---- the dispatcher -------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_messages, nothing_waiting_returns_0_and_logs_nothing) {
     log_capture log;
@@ -274,7 +274,7 @@ TEST_F(wlc_messages, read_without_a_message_empties_the_receive_record) {
                 "tlscWlcMsgRcvTlsGwFqdnResolveResHandler() - Received TLS GW FQDN response message from WLC, GW ip:"));
 }
 
-// ---- start, stop, restart -----------------------------------------------------------------------------------------
+// ---- start, stop, restart -------------------------------------------------------------------------------------------
 
 TEST_F(wlc_messages, start_enables_the_feature_and_reads_the_file_before_it_initialises) {
     write_file(conf_file, "server_ip_address;gw.example;1\nserver_port;8443;1\n");
@@ -399,7 +399,7 @@ TEST_F(wlc_messages, restart_leaves_the_feature_status) {
     }
 }
 
-// ---- debug settings -----------------------------------------------------------------------------------------------
+// ---- debug settings -------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_messages, level_and_destination_words_are_matched_by_their_beginning) {
     const std::vector<std::array<std::string, 3>> settings = {
@@ -532,7 +532,7 @@ TEST_F(wlc_messages, debug_parameters_of_the_file_fall_back_instead_of_being_ref
                 "tlscWlcSetDebugParams() - TLS Client, invalid debug destination:syslog, setting default :file"));
 }
 
-// ---- gateway address ----------------------------------------------------------------------------------------------
+// ---- gateway address ------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_messages, resolved_ipv4_address_goes_to_the_tunnel_as_kind_1) {
     send(make_message(28, "192.0.2.33"));
@@ -610,7 +610,7 @@ TEST_F(wlc_messages, name_resolution_request_is_an_empty_message_27) {
     EXPECT_EQ(tlscWlcMsgSendTlsGwFqdnResolveReq(), 0);
 }
 
-// ---- statistics and process information ---------------------------------------------------------------------------
+// ---- statistics and process information -----------------------------------------------------------------------------
 
 TEST_F(wlc_messages, statistics_are_sent_on_request_while_the_feature_is_enabled) {
     tlsc_count(&tlsc_stats::data_pkt_tx);
@@ -663,7 +663,7 @@ TEST_F(wlc_messages, process_information_is_sent_on_request) {
         log.has("DEBUG", source, "tlscWlcMsgRcvTlscDbgInfoReqHandler", "tlscWlcMsgRcvTlscDbgInfoReqHandler() - "));
 }
 
-// ---- malformed messages -------------------------------------------------------------------------------------------
+// ---- malformed messages ---------------------------------------------------------------------------------------------
 
 TEST_F(wlc_messages, no_message_whatever_it_holds_harms_the_client_or_shows_the_key) {
     const std::string key = "0f1e2d3c-the-key";

@@ -53,7 +53,7 @@ protected:
     }
 };
 
-// ---- tunnel state -------------------------------------------------------------------------------------------------
+// ---- tunnel state ---------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_reports, up_is_sent_empty_and_statistics_follow) {
     tlscWlcSetSecTunFeatureStatus(1);
@@ -195,7 +195,7 @@ TEST_F(wlc_reports, every_cause_has_its_text_and_others_are_invalid) {
     EXPECT_STREQ(tlscWlcTunDownCauseName(INT32_MIN), "Invalid");
 }
 
-// ---- feature status -----------------------------------------------------------------------------------------------
+// ---- feature status -------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_reports, feature_status_is_logged_when_it_changes) {
     log_capture log;
@@ -215,7 +215,7 @@ TEST_F(wlc_reports, feature_status_is_logged_when_it_changes) {
     for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "DEBUG") << line.message;
 }
 
-// ---- statistics ---------------------------------------------------------------------------------------------------
+// ---- statistics -----------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_reports, statistics_message_holds_the_31_counters_in_order) {
     uint64_t *counters = reinterpret_cast<uint64_t *>(&tlsc_stats_record);
@@ -260,7 +260,7 @@ TEST_F(wlc_reports, statistics_that_cannot_be_sent_fail_and_disabled_ones_do_not
     EXPECT_EQ(tlscWlcPostTlscStatsUpdateMsg(), 0);
 }
 
-// ---- process id ---------------------------------------------------------------------------------------------------
+// ---- process id -----------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_reports, process_information_is_the_process_id) {
     log_capture log;
@@ -277,7 +277,7 @@ TEST_F(wlc_reports, process_information_is_the_process_id) {
     EXPECT_EQ(tlscWlcPostTlscProcDbgInfoUpdateMsg(), 0);
 }
 
-// ---- inner address ------------------------------------------------------------------------------------------------
+// ---- inner address --------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_reports, inner_address_is_sent_as_text_whatever_the_feature_status) {
     log_capture log;
@@ -319,7 +319,7 @@ TEST_F(wlc_reports, null_inner_address_is_refused) {
     EXPECT_EQ(received().size(), 0u);
 }
 
-// ---- DNS servers --------------------------------------------------------------------------------------------------
+// ---- DNS servers ----------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_reports, dns_servers_are_sent_as_20_byte_entries_whatever_the_feature_status) {
     tlsc_dns_list list{};
@@ -407,7 +407,7 @@ TEST_F(wlc_reports, empty_dns_list_is_sent_and_a_null_one_is_refused) {
     EXPECT_EQ(received().size(), 0u);
 }
 
-// ---- the plain path -----------------------------------------------------------------------------------------------
+// ---- the plain path -------------------------------------------------------------------------------------------------
 
 TEST_F(wlc_reports, lines_follow_the_two_message_flags) {
     log_capture log(LOG_ERRORS);
