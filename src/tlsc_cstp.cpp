@@ -400,8 +400,8 @@ int32_t tlsc_parse_config_resp(tlsc_sock *sock, const char *buff) {
 
 int32_t tlsc_process_config_resp(tlsc_sock *sock, const char *buff) {
     TLSC_INFO("Process CSTP-CONFIG-RESPONSE");
-    if (tlsc_old_transport_fd > 0) {
-        TLSC_DEBUG("Closing the old transport-fd(%d)", tlsc_old_transport_fd);
+    if (tlsc_old_transport.fd > 0) {
+        TLSC_DEBUG("Closing the old transport-fd(%d)", tlsc_old_transport.fd);
         tlsc_close_old_transport();
     }
     if (!sock || !buff) {
@@ -411,11 +411,7 @@ int32_t tlsc_process_config_resp(tlsc_sock *sock, const char *buff) {
 
     const int32_t result = tlsc_parse_config_resp(sock, buff);
     if (result == 1) {
-        if (tlsc_rekey_in_progress == 1) {
-            tlsc_count(&tlsc_stats::rekey_success);
-            tlsc_rekey_in_progress = 0;
-        }
-        tlsc_backoff_interval = 0;
+        tlsc_note_good_response();
         TLSC_DEBUG("Enabling data reception by changing Dp-State of Client to %d", 1);
         tlsc_dp_state = 1;
     }
@@ -454,8 +450,7 @@ int32_t process_dpd_response(tlsc_sock *sock) {
         TLSC_ERROR("Processing CSTP frame failed due to error %s\n", tlsc_cstp_resp_name(TLSC_CSTP_START_TIMER_FAILED));
         return 0;
     }
-    tlsc_stop_timer(&tlsc_timers.retry);
-    tlsc_retry_ref = 0;
+    tlsc_stop_retries();
     tlsc_count(&tlsc_stats::dpd_rsp_rx);
     tlsc_count(&tlsc_stats::ctrl_pkt_rx);
     return 1;

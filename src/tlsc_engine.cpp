@@ -2,7 +2,7 @@
 //
 // Out: handle_event -> on_tun_event -> tlsc_tun_read_and_process -> tlsc_write_cstp_data_pak -> tlsc_ssl_write
 // In:  handle_event -> on_ssl_event -> tlsc_cstp_read_frame -> tlsc_process_cstp_frame -> tlsc_tun_write
-// Connection lost: any handler -> tlsc_sock_error -> backoff timer -> on_backoff_timer -> tlsc_handle_rekey_expiry
+// Connection lost: any handler -> tlsc_sock_error -> backoff timer -> tlsc_handle_timer -> tlsc_handle_rekey_expiry
 //
 // One thread runs all of this; the file reads from what is called to what calls, the loop last.
 
@@ -31,7 +31,7 @@
 
 #include "tlsc_cstp.h"      // frames of the packet path, configuration request
 #include "tlsc_session.h"   // the session is attached when the thread starts
-#include "tlsc_timer.h"     // timer slots, expiry handlers, the saved old transport
+#include "tlsc_timer.h"     // timers and their expiry, the old transport
 #include "tlsc_tun_intf.h"  // interface creation, state, deletion
 
 #include "tlsc_platform.h"  // counters, client restart
@@ -179,6 +179,10 @@ struct verification {
 int tlsc_verify_cert_cb(int, X509_STORE_CTX *store) {
     tlsc_turn turn(TLSC_AT_WORK);
     TLSC_INFO("tlsc_verify_cert_cb received...");
+    if (!store) {
+        TLSC_ERROR("Null ptr received for store");
+        return 0;
+    }
     tlsc_config *conf = tlsc_get_config();
     if (!conf) {
         TLSC_ERROR("Null ptr received for conf");
@@ -231,6 +235,10 @@ unsigned tlsc_psk_client_cb(SSL *, const char *hint, char *identity, unsigned ma
                             unsigned) {
     tlsc_turn turn(TLSC_AT_WORK);
     TLSC_INFO("psk_client_cb received...");
+    if (!identity || !psk) {
+        TLSC_ERROR("Null ptr received for identity/psk");
+        return 0;
+    }
     if (!hint) TLSC_WARNING("NULL received for PSK-identity-hint, continuing anyway...");
     else TLSC_DEBUG("Received PSK-identity-hint '%s'", hint);
 
@@ -345,16 +353,6 @@ int read_tls(SSL *ssl, void *buff, int length) {
     return SSL_read(ssl, buff, length);
 }
 
-// Closes a transport descriptor under its own name. The TLS session that still holds the number forgets it, so that
-// its later release cannot close what another thread has opened under that number.
-void close_transport(int32_t fd) {
-    close(fd);
-    tlsc_forget_fd_events(fd);
-    for (SSL *ssl : {tlsc_get_sock()->ssl, tlsc_old_ssl})
-        if (ssl && SSL_get_fd(ssl) == fd) SSL_set_fd(ssl, -1);
-    ERR_clear_error();
-}
-
 // A stale entry of the error queue would colour the class of the next error. Looking costs less than clearing.
 void drop_stale_errors() {
     if (ERR_peek_error() != 0) ERR_clear_error();
@@ -402,7 +400,7 @@ int32_t tlsc_create_tcp_conn() {
         return conn_failed;
     }
 
-    sock->ssl = SSL_new(tlsc_ssl_ctx);
+    sock->ssl = SSL_new(sock->ssl_ctx ? sock->ssl_ctx : tlsc_ssl_ctx);
     if (!sock->ssl) {
         TLSC_ERROR("Could not get new SSL handle");
         return conn_failed;
@@ -518,11 +516,14 @@ void tlsc_ssl_cleanup(SSL *ssl) {
     ERR_clear_error();
 }
 
-void tlsc_close_old_transport() {
-    close_transport(tlsc_old_transport_fd);
-    tlsc_old_transport_fd = -1;
-    tlsc_ssl_cleanup(tlsc_old_ssl);
-    tlsc_old_ssl = nullptr;
+// The TLS session that still holds the number forgets it, so that its later release cannot close what another thread has
+// opened under that number.
+void tlsc_close_transport(int32_t fd) {
+    close(fd);
+    tlsc_forget_fd_events(fd);
+    for (SSL *ssl : {tlsc_get_sock()->ssl, tlsc_old_transport.ssl})
+        if (ssl && SSL_get_fd(ssl) == fd) SSL_set_fd(ssl, -1);
+    ERR_clear_error();
 }
 
 int32_t tlsc_set_sock_nonblocking(int32_t fd) {
@@ -560,7 +561,7 @@ int32_t tlsc_error_handling(int32_t error) {
     case ENOBUFS:
         TLSC_ERROR("Socket error :%d\n", error);
         errno = error;
-        perror("Socket error: ");
+        perror("Socket error");  // which puts ": " behind it
         tlsc_restart_client();
         break;
     case EACCES:
@@ -579,8 +580,9 @@ int32_t tlsc_error_handling(int32_t error) {
 // descriptor, the current transport, or (until the new connection stands) the old transport.
 // A descriptor is open only above 0; the context starts with zeroes and uses -1 afterwards.
 
-int32_t tlsc_epoll_fd = -1;
-int8_t  tlsc_dp_state = 1;  // By contract: enabled at process start, and not reset when a thread starts.
+int32_t      tlsc_epoll_fd = -1;
+epoll_event *tlsc_epoll_events;
+int8_t       tlsc_dp_state = 1;  // By contract: enabled at process start, and not reset when a thread starts.
 
 namespace {
 
@@ -588,9 +590,8 @@ constexpr int max_events = 80;
 
 tlsc_sock client_sock;  // the one connection context
 
-epoll_event *tlsc_epoll_events;  // max_events records, owned by the running thread; null when none
-int          pass_count;         // events of the current pass
-int          pass_next;          // the first of them that has not been handled
+int pass_count;  // events of the current pass
+int pass_next;   // the first of them that has not been handled
 
 }  // namespace
 
@@ -640,8 +641,7 @@ void tlsc_set_dp_state(int8_t state) {
         TLSC_WARNING("Invalid DP state change req received. State already [%d].", state);
         return;
     }
-    if (write(cli_pipe_wr_fd, &state, sizeof(state)) < 0)
-        TLSC_ERROR("Writing to pipe-fd(%d) failed", cli_pipe_wr_fd.load());
+    if (write(cli_pipe_wr_fd, &state, sizeof(state)) < 0) {}  // nothing depends on it
     TLSC_ERROR("DP state changed. Old state [%d], new state [%d].", tlsc_dp_state, state);
 }
 
@@ -651,23 +651,22 @@ void tlsc_set_dp_state(int8_t state) {
 namespace {
 
 void drop_old_transport() {
-    TLSC_INFO("Closing the old transport-fd(%d)", tlsc_old_transport_fd);
-    if (tlsc_epoll_fd > 0 && !tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_old_transport_fd))
-        TLSC_ERROR("Could not delete the old-transport-fd(%d) from epoll-list", tlsc_old_transport_fd);
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_sock_error"};
+
+    TLSC_INFO("Closing the old transport-fd(%d)", tlsc_old_transport.fd);
+    if (tlsc_epoll_fd > 0 && !tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_old_transport.fd))
+        TLSC_ERROR("Could not delete the old-transport-fd(%d) from epoll-list", tlsc_old_transport.fd);
     tlsc_close_old_transport();
 }
 
 void drop_transport(tlsc_sock *sock) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_sock_error"};
+
     if (tlsc_epoll_fd > 0 && !tlsc_delete_fd_from_epoll(tlsc_epoll_fd, sock->sockfd))
         TLSC_ERROR("Could not delete the transport-fd(%d) from epoll-list", sock->sockfd);
-    close_transport(sock->sockfd);
+    tlsc_close_transport(sock->sockfd);
 
-    // A rekey whose connect failed has saved this very descriptor: its TLS session goes with it.
-    if (tlsc_old_transport_fd == sock->sockfd) {
-        tlsc_old_transport_fd = -1;
-        tlsc_ssl_cleanup(tlsc_old_ssl);
-        tlsc_old_ssl = nullptr;
-    }
+    tlsc_forget_old_transport(sock->sockfd);  // a rekey whose connect failed has kept this very descriptor
     sock->sockfd = -1;
     sock->ssl_fd = -1;
 }
@@ -681,7 +680,7 @@ int32_t tlsc_sock_error(int32_t) {
     TLSC_ERROR("Closing connection and bringing down tun interface");
     TLSC_DEBUG("Disable data transfer, new state %d", 0);
     tlsc_dp_state = 0;
-    if (tlsc_old_transport_fd > 0 && tlsc_old_transport_fd != sock->sockfd) drop_old_transport();
+    if (tlsc_old_transport.fd > 0 && tlsc_old_transport.fd != sock->sockfd) drop_old_transport();
     if (sock->sockfd > 0) drop_transport(sock);
     sock->ssl_up    = 0;
     conf->cookie[0] = '\0';
@@ -834,6 +833,8 @@ std::atomic<int32_t> cli_pipe_wr_fd{-1};
 namespace {
 
 void change_log_level(int32_t level) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_handle_cli_cmds"};
+
     if (level == tlsc_log_level) {
         TLSC_INFO("Log level already same(%d)", level);
         return;
@@ -843,6 +844,8 @@ void change_log_level(int32_t level) {
 }
 
 void change_log_dest(int32_t dest) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_handle_cli_cmds"};
+
     if (dest == tlsc_log_dest) {
         TLSC_INFO("Log destination already same(%d)", dest);
         return;
@@ -859,22 +862,34 @@ ssize_t read_command(tlsc_cli_cmd *cmd) {
 
 }  // namespace
 
-int32_t tlsc_handle_gw_ip_addr(int32_t kind, const uint8_t *gw_sockaddr) {
-    int32_t result = 1;
+namespace {
 
-    if (kind == ADDR_IPV4) {
-        char text[addr_text_size];
-        if (inet_ntop(AF_INET, gw_sockaddr + gw_sockaddr_ipv4_off, text, sizeof(text))) {
-            tlsc_copy_text(tlsc_get_config()->svr_addr_ipv4, addr_text_size, text);
-        } else {
-            TLSC_ERROR("GW IP ADDR Conversion failed");
-            result = 0;
-        }
-    } else {
+// Takes the address over. Returns 1, or 0 when it cannot be used (logged).
+int32_t take_gateway_address(int32_t kind, const uint8_t *gw_sockaddr) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_handle_gw_ip_addr"};
+
+    if (kind != ADDR_IPV4) {
         TLSC_ERROR("IPv6 ADDR not supported");
-        result = 0;
+        return 0;
     }
-    // By contract: an address that cannot be used reconnects too, to the one already held.
+    if (!gw_sockaddr) {
+        TLSC_ERROR("Null ptr received for gw_sockaddr");
+        return 0;
+    }
+    char text[addr_text_size];
+    if (!inet_ntop(AF_INET, gw_sockaddr + gw_sockaddr_ipv4_off, text, sizeof(text))) {
+        TLSC_ERROR("GW IP ADDR Conversion failed");
+        return 0;
+    }
+    tlsc_copy_text(tlsc_get_config()->svr_addr_ipv4, addr_text_size, text);
+    return 1;
+}
+
+}  // namespace
+
+// By contract: an address that cannot be used reconnects too, to the one already held.
+int32_t tlsc_handle_gw_ip_addr(int32_t kind, const uint8_t *gw_sockaddr) {
+    const int32_t result = take_gateway_address(kind, gw_sockaddr);
     tlsc_start_rekey_proc(tlsc_get_sock());
     return result;
 }
@@ -919,68 +934,11 @@ namespace {
 
 constexpr uint32_t error_events = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 
-// ---- timers --------------------------------------------------------------------------------------------------------
-
-// The handlers of these timers close them, so their expiry count need not be consumed.
-void discard_expiry(int32_t fd) {
-    int32_t unused;
-    if (read(fd, &unused, sizeof(unused)) < 0) return;
-}
-
-void on_dpd_timer(tlsc_sock *sock) {
-    discard_expiry(tlsc_timers.dpd);
-    tlsc_handle_dpd_expiry(sock);
-}
-
-void on_retry_timer(tlsc_sock *sock) {
-    uint64_t      expirations;
-    const ssize_t count = read(tlsc_timers.retry, &expirations, sizeof(expirations));
-    if (count == -1)
-        TLSC_ERROR("Retry timer fd read error, ret1=%d, errstr=%s", static_cast<int>(count), strerror(errno));
-    tlsc_handle_retry_expiry(sock);
-}
-
-void on_rekey_timer(tlsc_sock *sock) {
-    discard_expiry(tlsc_timers.rekey);
-    tlsc_rekey_in_progress = 1;
-    tlsc_count(&tlsc_stats::rekey_attempts);
-    if (!tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_timers.rekey))
-        TLSC_ERROR("Couldnt delete the rekey-timer-fd(%d) after rekeying", tlsc_timers.rekey);
-    if (tlsc_timers.rekey > 0) tlsc_close_timer(&tlsc_timers.rekey);
-    tlsc_handle_rekey_expiry(sock);
-}
-
-void on_guard_timer() {
-    discard_expiry(tlsc_timers.guard);
-    if (tlsc_old_transport_fd > 0) {
-        TLSC_DEBUG("Closing the old transport-fd(%d)", tlsc_old_transport_fd);
-        tlsc_close_old_transport();
-    }
-    if (!tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_timers.guard))
-        TLSC_ERROR("Couldnt delete the guard-timer-fd(%d) upon expiry", tlsc_timers.guard);
-    tlsc_close_timer(&tlsc_timers.guard);
-    tlsc_sock_error(TLSC_DOWN_CSTP_TIMEOUT);
-}
-
-void on_backoff_timer(tlsc_sock *sock) {
-    discard_expiry(tlsc_timers.backoff);
-    if (!tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_timers.backoff))
-        TLSC_ERROR("Couldnt delete the backoff-timer-fd(%d) after rekeying", tlsc_timers.backoff);
-    tlsc_close_timer(&tlsc_timers.backoff);
-    tlsc_handle_rekey_expiry(sock);  // a reconnection goes the same way as a rekey
-}
-
-void on_fqdn_timer(tlsc_sock *sock) {
-    discard_expiry(tlsc_timers.fqdn);
-    if (!tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_timers.fqdn))
-        TLSC_ERROR("Couldnt delete the fqdn-resolution-timer-fd(%d) after fqdn-resol timer expiry", tlsc_timers.fqdn);
-    tlsc_close_timer(&tlsc_timers.fqdn);
-    tlsc_start_rekey_proc(sock);  // no answer in time: the address already held
-}
-
 // ---- traffic -------------------------------------------------------------------------------------------------------
 
 void on_tun_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+
     if (mask & error_events) {
         TLSC_ERROR("Error [%d] occured on TUN-Socket-fd(%d).. closing connection", static_cast<int>(mask), fd);
         tlsc_sock_error(TLSC_DOWN_SOCKET_ERROR);
@@ -995,6 +953,8 @@ void on_tun_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
 }
 
 void on_ssl_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+
     if (mask & error_events) {
         TLSC_ERROR("Error [%d] occured on SSL-Socket-fd(%d).. closing connection", static_cast<int>(mask), fd);
         tlsc_sock_error(TLSC_DOWN_SOCKET_ERROR);
@@ -1019,6 +979,8 @@ void on_ssl_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
 }
 
 void on_unknown_event(tlsc_fd_type type) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+
     TLSC_ERROR("Epoll indicated event on an unknown socket with ltype = %d", type);
 }
 
@@ -1033,12 +995,7 @@ void handle_traffic(tlsc_sock *sock, int32_t fd, uint32_t mask) {
 
 void handle_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
     if (mask == 0) return on_unknown_event(TLSC_FD_UNKNOWN);  // closed earlier in this pass
-    if (fd == tlsc_timers.dpd) return on_dpd_timer(sock);
-    if (fd == tlsc_timers.retry) return on_retry_timer(sock);
-    if (fd == tlsc_timers.rekey) return on_rekey_timer(sock);
-    if (fd == tlsc_timers.guard) return on_guard_timer();
-    if (fd == tlsc_timers.backoff) return on_backoff_timer(sock);
-    if (fd == tlsc_timers.fqdn) return on_fqdn_timer(sock);
+    if (tlsc_handle_timer(sock, fd)) return;
     if (fd == cli_pipe_rd_fd) return static_cast<void>(tlsc_handle_cli_cmds());
     handle_traffic(sock, fd, mask);
 }
@@ -1046,6 +1003,8 @@ void handle_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
 // ---- set-up --------------------------------------------------------------------------------------------------------
 
 bool create_epoll() {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+
     tlsc_epoll_fd = epoll_create1(0);
     if (tlsc_epoll_fd < 1) {
         TLSC_ERROR("Could not create epoll-fd, due to error %d", errno);
@@ -1073,6 +1032,8 @@ void release_epoll() {
 
 // Without a pipe the thread runs without commands.
 void register_command_pipe() {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+
     const int32_t fd = cli_pipe_rd_fd;
     if (fd <= 0) return;
     tlsc_clear_cli_cmds();
@@ -1082,6 +1043,8 @@ void register_command_pipe() {
 }
 
 bool open_tun(tlsc_sock *sock) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+
     const int32_t fd = open("/dev/net/tun", O_RDWR);
     if (fd < 0) {
         TLSC_ERROR("Error cloning tun interface");
@@ -1102,6 +1065,8 @@ bool open_tun(tlsc_sock *sock) {
 }
 
 bool register_tun(const tlsc_session *sess) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+
     epoll_event event{};
     event.events  = EPOLLIN;
     event.data.fd = sess->tun_fd;
@@ -1120,6 +1085,8 @@ bool register_tun(const tlsc_session *sess) {
 
 // A failed connection leaves only the backoff timer behind; the loop starts all the same.
 bool connect_and_register(tlsc_sock *sock) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+
     if (!tlsc_create_tcp_conn()) {
         TLSC_ERROR("TCP Connection failed");
         tlsc_sock_error(TLSC_DOWN_TCP_CONNECT);
@@ -1136,6 +1103,8 @@ bool connect_and_register(tlsc_sock *sock) {
 
 // By contract: what a failed set-up has opened stays open; the next start makes its own.
 bool set_up_tunnel(tlsc_sock *sock) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+
     if (!create_epoll()) return false;
     register_command_pipe();
     if (!sock) {
@@ -1153,6 +1122,8 @@ int wait_for_events() {
 }
 
 void handle_one_pass(tlsc_sock *sock) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+
     pass_count = wait_for_events();
     pass_next  = 0;
     if (pass_count < 1) {
@@ -1169,11 +1140,9 @@ void handle_one_pass(tlsc_sock *sock) {
 // The TLS session is not released here: the process's clean-up or the next connection does it.
 void end_tunnel(tlsc_sock *sock) {
     tlsc_tun_delete(sock->sess, TLSC_DOWN_NO_ERROR);
-    tlsc_stop_all_timers();
-    tlsc_rekey_in_progress = 0;
-    tlsc_backoff_interval  = 0;
+    tlsc_end_timers();
     if (sock->sockfd > 0) {
-        close_transport(sock->sockfd);
+        tlsc_close_transport(sock->sockfd);
         sock->sockfd = -1;
         sock->ssl_fd = -1;
     }

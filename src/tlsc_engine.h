@@ -10,6 +10,7 @@
 
 extern "C" {
 
+struct epoll_event;
 struct x509_store_ctx_st;
 
 // ---- the tunnel thread's mailbox: what other threads may touch ---------------------------------------------------
@@ -21,9 +22,10 @@ extern std::atomic<int32_t> cli_pipe_wr_fd;       // command pipe, write end, bl
 
 // ---- state of the tunnel thread that its peers use ----------------------------------------------------------------
 
-extern int32_t     tlsc_epoll_fd;  // the epoll instance; -1 when none
-extern int8_t      tlsc_dp_state;  // data path: 0 disabled, 1 enabled; 1 at process start, not reset by a thread start
-extern ssl_ctx_st *tlsc_ssl_ctx;   // the process's TLS context; null when none
+extern int32_t      tlsc_epoll_fd;      // the epoll instance; -1 when none
+extern epoll_event *tlsc_epoll_events;  // the events block of the running thread, 80 records; null when none
+extern int8_t       tlsc_dp_state;  // data path: 0 disabled, 1 enabled; 1 at process start, not reset by a thread start
+extern ssl_ctx_st  *tlsc_ssl_ctx;   // the process's TLS context; null when none
 
 // The address of the one connection context; never null. Any thread.
 tlsc_sock *tlsc_get_sock();
@@ -71,8 +73,8 @@ int32_t tlsc_ssl_read(tlsc_sock *sock, void *buff, int32_t length, int32_t *resu
 // Shuts down and frees a TLS session and closes the descriptor that it still holds. A null handle is only logged.
 void tlsc_ssl_cleanup(ssl_st *ssl);
 
-// Closes the saved old transport and its TLS session; the caller has logged why and taken it out of epoll if needed.
-void tlsc_close_old_transport();
+// Closes a transport descriptor under its own name.
+void tlsc_close_transport(int32_t fd);
 
 // Adds O_NONBLOCK to the descriptor's flags. Returns 1 or 0 (logged). Any thread.
 int32_t tlsc_set_sock_nonblocking(int32_t fd);

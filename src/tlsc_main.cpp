@@ -52,7 +52,10 @@ int32_t tlsc_create_pipe_for_cli_cmds() {
 
 namespace {
 
-int32_t write_command(const tlsc_cli_cmd &cmd) {
+// operation: the sender, which the lines name.
+int32_t write_command(const tlsc_cli_cmd &cmd, const char *operation) {
+    const tlsc_work_of tlsc_log_function{operation};
+
     const int32_t fd      = cli_pipe_wr_fd;
     const ssize_t written = write(fd, &cmd, sizeof(cmd));
     if (written < 1) {
@@ -63,12 +66,6 @@ int32_t write_command(const tlsc_cli_cmd &cmd) {
     return 1;
 }
 
-int32_t send_command(const tlsc_cli_cmd &cmd) {
-    if (!write_command(cmd)) return 0;
-    TLSC_DEBUG("Sent CLI cmd: %d, to child thread", cmd.id);
-    return 1;
-}
-
 tlsc_cli_cmd make_command(tlsc_cli_cmd_id id, int32_t value) {
     tlsc_cli_cmd cmd{};
     cmd.id    = id;
@@ -76,28 +73,36 @@ tlsc_cli_cmd make_command(tlsc_cli_cmd_id id, int32_t value) {
     return cmd;
 }
 
+int32_t send_command(tlsc_cli_cmd_id id, int32_t value, const char *operation) {
+    const tlsc_work_of tlsc_log_function{operation};
+
+    if (!write_command(make_command(id, value), operation)) return 0;
+    TLSC_DEBUG("Sent CLI cmd: %d, to child thread", id);
+    return 1;
+}
+
 }  // namespace
 
-int32_t tlsc_send_exit_client_req() { return send_command(make_command(CLI_CMD_EXIT_CLIENT, 0)); }
+int32_t tlsc_send_exit_client_req() { return send_command(CLI_CMD_EXIT_CLIENT, 0, __func__); }
 
-int32_t tlsc_send_log_lvl_chg_req(int32_t level) { return send_command(make_command(CLI_CMD_LOG_LEVEL, level)); }
+int32_t tlsc_send_log_lvl_chg_req(int32_t level) { return send_command(CLI_CMD_LOG_LEVEL, level, __func__); }
 
-int32_t tlsc_send_log_dest_chg_req(int32_t dest) { return send_command(make_command(CLI_CMD_LOG_DEST, dest)); }
+int32_t tlsc_send_log_dest_chg_req(int32_t dest) { return send_command(CLI_CMD_LOG_DEST, dest, __func__); }
 
 int32_t tlsc_send_gw_ip(tlsc_gw_addr gw) {
     tlsc_cli_cmd cmd = make_command(CLI_CMD_GW_IP, gw.kind);
     memcpy(cmd.gw_sockaddr, reinterpret_cast<const uint8_t *>(&gw) + offsetof(tlsc_gw_addr, family),
            sizeof(cmd.gw_sockaddr));
-    if (!write_command(cmd)) return 0;
+    if (!write_command(cmd, __func__)) return 0;
     TLSC_DEBUG("Sent CLI cmd: %d, to epoll thread", cmd.id);
     return 1;
 }
 
 // ==== 2 Client initialisation ====================================================================================
 
-namespace {
+int32_t tlsc_initialized;
 
-int32_t tlsc_initialized;  // 1 after the first initialisation
+namespace {
 
 // Fields that the gateway assigned to an earlier connection.
 void clear_assigned_fields(tlsc_config *conf) {
@@ -203,8 +208,8 @@ void occupy_standard_descriptors() {
     } while (0)
 
 int main() {
-    occupy_standard_descriptors();
     tlsc_log_lock_create();
+    occupy_standard_descriptors();
     (void)signal(SIGPIPE, SIG_IGN);  // a reader that went away is an error of the write
     (void)umask(077);                // the log's archive is for root's eyes, as the log is
     if (tlscWlcBootupDbgFlagPresent()) tlscWlcSetBootupDbgFlags(1);

@@ -7,6 +7,8 @@
 
 extern "C" {
 
+extern int32_t tlsc_initialized;  // 1 from the first initialisation to the clean-up. Main thread.
+
 // Initialises the client the first time and re-reads its configuration every further time. Returns 1. Main thread.
 int32_t tlsc_init();
 

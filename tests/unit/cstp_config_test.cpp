@@ -625,10 +625,10 @@ TEST_F(cstp_config, rekey_success_is_counted_only_while_a_rekey_is_in_progress) 
 TEST_F(cstp_config, the_old_transport_is_closed_before_the_null_check_and_whatever_the_response_says) {
     for (const char *text : {static_cast<const char *>(nullptr), "garbage"}) {
         const int old         = dup(STDERR_FILENO);
-        tlsc_old_transport_fd = old;
+        tlsc_old_transport.fd = old;
         log.clear();
         EXPECT_EQ(tlsc_process_config_resp(sock, text), 0);
-        EXPECT_EQ(tlsc_old_transport_fd, -1);
+        EXPECT_EQ(tlsc_old_transport.fd, -1);
         EXPECT_FALSE(is_open(old));
         EXPECT_TRUE(
             log.has("DEBUG", cstp_file, "tlsc_process_config_resp", text_of("Closing the old transport-fd(%d)", old)));
@@ -638,9 +638,9 @@ TEST_F(cstp_config, the_old_transport_is_closed_before_the_null_check_and_whatev
 }
 
 TEST_F(cstp_config, descriptor_0_is_no_old_transport) {
-    tlsc_old_transport_fd = 0;
+    tlsc_old_transport.fd = 0;
     EXPECT_EQ(tlsc_process_config_resp(sock, client.c_str()), 1);
-    EXPECT_EQ(tlsc_old_transport_fd, 0);
+    EXPECT_EQ(tlsc_old_transport.fd, 0);
     EXPECT_TRUE(is_open(0));
     EXPECT_FALSE(log.contains("Closing the old transport-fd"));
 }

@@ -207,8 +207,8 @@ TEST_F(engine_commands, level_and_destination_commands_carry_their_value) {
     EXPECT_EQ(read_pipe(), message(2, 5));
     EXPECT_EQ(tlsc_send_log_dest_chg_req(-2), 1);
     EXPECT_EQ(read_pipe(), message(3, -2));
-    EXPECT_TRUE(log.has("DEBUG", main_file, "send_command", "Sent CLI cmd: 2, to child thread"));
-    EXPECT_TRUE(log.has("DEBUG", main_file, "send_command", "Sent CLI cmd: 3, to child thread"));
+    EXPECT_TRUE(log.has("DEBUG", main_file, "tlsc_send_log_lvl_chg_req", "Sent CLI cmd: 2, to child thread"));
+    EXPECT_TRUE(log.has("DEBUG", main_file, "tlsc_send_log_dest_chg_req", "Sent CLI cmd: 3, to child thread"));
 }
 
 TEST_F(engine_commands, the_gateway_command_carries_the_whole_record_behind_its_id) {
@@ -337,9 +337,9 @@ TEST_F(engine_commands, the_new_log_level_decides_over_its_own_line) {
     EXPECT_EQ(log.text(), "");
     EXPECT_EQ(handle(message(2, LOG_INFO)), 36);
     EXPECT_EQ(log.messages(), (strings{"Log level changed to: 2"}));
-    EXPECT_TRUE(log.has("INFO", engine_file, "change_log_level", "Log level changed to: 2"));
+    EXPECT_TRUE(log.has("INFO", engine_file, "tlsc_handle_cli_cmds", "Log level changed to: 2"));
     EXPECT_EQ(handle(message(2, LOG_INFO)), 36);
-    EXPECT_TRUE(log.has("INFO", engine_file, "change_log_level", "Log level already same(2)"));
+    EXPECT_TRUE(log.has("INFO", engine_file, "tlsc_handle_cli_cmds", "Log level already same(2)"));
 }
 
 TEST_F(engine_commands, a_new_log_destination_is_set_without_a_range_check) {
@@ -348,7 +348,7 @@ TEST_F(engine_commands, a_new_log_destination_is_set_without_a_range_check) {
     EXPECT_EQ(handle(message(3, 77)), 36);
     EXPECT_EQ(tlsc_log_dest, 77);
     EXPECT_EQ(handle(message(3, LOG_DEST_CONSOLE)), 36);
-    EXPECT_TRUE(log.has("INFO", engine_file, "change_log_dest", "Log destination changed to: 1"));
+    EXPECT_TRUE(log.has("INFO", engine_file, "tlsc_handle_cli_cmds", "Log destination changed to: 1"));
     EXPECT_FALSE(log.contains("Log destination changed to: 77"));  // it went where the new destination says: nowhere
 }
 
@@ -385,6 +385,14 @@ TEST_F(engine_commands, an_address_that_cannot_be_used_reconnects_too_to_the_one
         EXPECT_EQ(rekeys, 1);
         EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_handle_gw_ip_addr", "IPv6 ADDR not supported"));
     }
+}
+
+TEST_F(engine_commands, a_missing_address_is_refused_and_reconnects_too) {
+    strcpy(conf->svr_addr_ipv4, "10.0.0.1");
+    EXPECT_EQ(tlsc_handle_gw_ip_addr(1, nullptr), 0);
+    EXPECT_STREQ(conf->svr_addr_ipv4, "10.0.0.1");
+    EXPECT_EQ(rekeys, 1);
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_handle_gw_ip_addr", "Null ptr received for gw_sockaddr"));
 }
 
 TEST_F(engine_commands, an_address_that_cannot_be_converted_is_refused_and_reconnects_too) {
@@ -464,8 +472,8 @@ TEST_F(engine_commands, stale_commands_are_discarded_unexecuted_and_counted) {
 TEST_F(engine_commands, the_lines_of_sending_and_draining_name_their_functions) {
     EXPECT_EQ(tlsc_send_exit_client_req(), 1);
     EXPECT_EQ(lines_from(main_file),
-              (strings{text_of("DEBUG write_command: Wrote 36 bytes on pipe-fd: %d", cli_pipe_wr_fd.load()),
-                       "DEBUG send_command: Sent CLI cmd: 1, to child thread"}));
+              (strings{text_of("DEBUG tlsc_send_exit_client_req: Wrote 36 bytes on pipe-fd: %d", cli_pipe_wr_fd.load()),
+                       "DEBUG tlsc_send_exit_client_req: Sent CLI cmd: 1, to child thread"}));
     tlsc_clear_cli_cmds();
     EXPECT_EQ(
         lines_from(engine_file),

@@ -208,9 +208,21 @@ TEST_F(engine_io, a_failed_request_after_a_good_handshake_still_returns_1_after_
     EXPECT_TRUE(peer.connection(0).is_closed_by_client());
 }
 
+TEST_F(engine_io, the_session_is_made_of_the_connections_own_context_when_it_has_one) {
+    tls_peer peer;
+    ASSERT_EQ(sock->ssl_ctx, tlsc_ssl_ctx);
+    ssl_ctx_st *const of_process = tlsc_ssl_ctx;
+    ASSERT_EQ(tlsc_init_ssl_config(), 1);
+    sock->ssl_ctx = of_process;
+    connect_to(peer);
+    EXPECT_EQ(SSL_get_SSL_CTX(sock->ssl), of_process);
+    SSL_CTX_free(of_process);
+}
+
 TEST_F(engine_io, a_missing_tls_context_returns_0_and_arms_nothing) {
     ssl_ctx_st *const ctx = tlsc_ssl_ctx;
     tlsc_ssl_ctx          = nullptr;
+    sock->ssl_ctx         = nullptr;
     EXPECT_EQ(tlsc_create_tcp_conn(), 0);
     tlsc_ssl_ctx = ctx;
     EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_create_tcp_conn", "Could not get new SSL handle"));
@@ -373,14 +385,14 @@ TEST_F(engine_io, a_failed_rekey_connection_closes_the_old_transport_once) {
     tls_peer peer;
     connect_to(peer);
     ASSERT_EQ(tlsc_add_fd_to_epoll(tlsc_epoll_fd, sock->sockfd), 1);
-    const int32_t old     = sock->sockfd;
-    tlsc_old_transport_fd = old;
-    tlsc_old_ssl          = sock->ssl;
-    conf->server_port     = unused_port();
+    const int32_t old      = sock->sockfd;
+    tlsc_old_transport.fd  = old;
+    tlsc_old_transport.ssl = sock->ssl;
+    conf->server_port      = unused_port();
     EXPECT_EQ(tlsc_create_tcp_conn(), 0);
     EXPECT_TRUE(peer.connection(0).is_closed_by_client());
-    EXPECT_EQ(tlsc_old_transport_fd, -1);
-    EXPECT_EQ(tlsc_old_ssl, nullptr);
+    EXPECT_EQ(tlsc_old_transport.fd, -1);
+    EXPECT_EQ(tlsc_old_transport.ssl, nullptr);
     EXPECT_FALSE(log.contains("Closing the old transport-fd"));
     expect_nothing_open();
 }
@@ -623,14 +635,14 @@ TEST_F(engine_io, releasing_a_session_closes_no_descriptor_below_1) {
 TEST_F(engine_io, closing_the_old_transport_releases_its_session_and_forgets_both) {
     tls_peer peer;
     connect_to(peer);
-    tlsc_old_transport_fd = sock->sockfd;
-    tlsc_old_ssl          = sock->ssl;
-    sock->ssl             = nullptr;
-    sock->sockfd          = -1;
-    const int old         = tlsc_old_transport_fd;
+    tlsc_old_transport.fd  = sock->sockfd;
+    tlsc_old_transport.ssl = sock->ssl;
+    sock->ssl              = nullptr;
+    sock->sockfd           = -1;
+    const int old          = tlsc_old_transport.fd;
     tlsc_close_old_transport();
-    EXPECT_EQ(tlsc_old_transport_fd, -1);
-    EXPECT_EQ(tlsc_old_ssl, nullptr);
+    EXPECT_EQ(tlsc_old_transport.fd, -1);
+    EXPECT_EQ(tlsc_old_transport.ssl, nullptr);
     EXPECT_FALSE(is_open(old));
     EXPECT_TRUE(log.contains("SSL-handle and Engine cleanup"));
 }
@@ -692,7 +704,7 @@ TEST_F(engine_io, exhaustion_of_memory_or_descriptors_ends_the_client) {
         client_restarted = false;
         testing::internal::CaptureStderr();
         EXPECT_EQ(tlsc_error_handling(error), error);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), text_of("Socket error: : %s\n", strerror(error)));
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), text_of("Socket error: %s\n", strerror(error)));
         EXPECT_TRUE(client_restarted);
         EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_error_handling", text_of("Socket error :%d\n", error)));
     }

@@ -225,7 +225,7 @@ protected:
     }
     void TearDown() override {
         stop();
-        if (tlsc_old_transport_fd > 0) tlsc_close_old_transport();
+        if (tlsc_old_transport.fd > 0) tlsc_close_old_transport();
         tlsc_ssl_cleanup(sock->ssl);
         sock->ssl  = nullptr;
         sock->sess = nullptr;
@@ -254,7 +254,7 @@ protected:
     void start_afresh() {
         tlsc_ssl_cleanup(sock->ssl);
         sock->ssl = nullptr;
-        if (tlsc_old_transport_fd > 0) tlsc_close_old_transport();
+        if (tlsc_old_transport.fd > 0) tlsc_close_old_transport();
         conf->inner_addr.kind = ADDR_NONE;
         conf->cookie[0]       = '\0';
         tlsc_dp_state         = 1;
@@ -428,13 +428,13 @@ TEST_F(engine_loop, a_run_goes_from_connection_to_orderly_end) {
             EXPECT_LT(position(order[i - 1]), position(order[i])) << order[i];
         }
     }
-    EXPECT_TRUE(log.has("WARNING", engine_file, "register_tun", "Added interface loop0 to epoll list"));
+    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_start_epoll", "Added interface loop0 to epoll list"));
     EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_start_epoll", "TLS Client: epoll thread exiting normally"));
     EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_start_epoll", "TLS Client: epoll thread exiting"));
-    EXPECT_TRUE(logged_like("INFO", "create_epoll", "Created epoll-fd(~) to handle maximum 80 events"));
-    EXPECT_TRUE(logged_like("DEBUG", "register_command_pipe",
-                            text_of("Pipe-fd(%d) added to epoll-fd(~)", cli_pipe_rd_fd.load())));
-    EXPECT_TRUE(logged_like("INFO", "connect_and_register", "Successfully added Client-socket-fd(~) to epoll-fd"));
+    EXPECT_TRUE(logged_like("INFO", "tlsc_start_epoll", "Created epoll-fd(~) to handle maximum 80 events"));
+    EXPECT_TRUE(
+        logged_like("DEBUG", "tlsc_start_epoll", text_of("Pipe-fd(%d) added to epoll-fd(~)", cli_pipe_rd_fd.load())));
+    EXPECT_TRUE(logged_like("INFO", "tlsc_start_epoll", "Successfully added Client-socket-fd(~) to epoll-fd"));
     expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}, {"tun_alloc", 1}, {"tun_freed", 1}});
 }
 
@@ -445,7 +445,7 @@ TEST_F(engine_loop, an_epoll_instance_that_cannot_be_made_ends_the_thread) {
         expect_early_end();
         EXPECT_EQ(lines_from(engine_file),
                   (strings{"INFO tlsc_start_epoll: In epoll thread",
-                           text_of("ERROR create_epoll: Could not create epoll-fd, due to error %d", EMFILE)}));
+                           text_of("ERROR tlsc_start_epoll: Could not create epoll-fd, due to error %d", EMFILE)}));
         tlsc_epoll_fd = -1;
     }
 }
@@ -456,14 +456,14 @@ TEST_F(engine_loop, an_events_block_that_cannot_be_allocated_closes_epoll_and_en
     expect_early_end();
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_EQ(tlsc_epoll_fd, -1);
-    EXPECT_TRUE(log.has("ERROR", engine_file, "create_epoll", "Could not allocate memory for epoll-events block"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_start_epoll", "Could not allocate memory for epoll-events block"));
 }
 
 TEST_F(engine_loop, what_a_failed_set_up_has_opened_stays_open) {
     tun_open_fails   = true;
     const int before = open_descriptors();
     expect_early_end();
-    EXPECT_TRUE(log.has("ERROR", engine_file, "open_tun", "Error cloning tun interface"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_start_epoll", "Error cloning tun interface"));
     EXPECT_EQ(open_descriptors(), before + 1);
     const int first = tlsc_epoll_fd;
     EXPECT_GT(first, 0);
@@ -477,7 +477,7 @@ TEST_F(engine_loop, an_interface_that_cannot_be_created_ends_the_thread) {
     tlsc_attach_session(sock);
     sock->sess->tun_state = 1;  // of an earlier run
     expect_early_end();
-    EXPECT_TRUE(log.has("ERROR", engine_file, "open_tun", "Creation of tun-intf failed"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_start_epoll", "Creation of tun-intf failed"));
     EXPECT_EQ(teardowns(), 0u);
     EXPECT_EQ(sock->sess->tun_state, 0);
     EXPECT_EQ(sock->sess->conn, sock);
@@ -507,7 +507,7 @@ TEST_F(engine_loop, an_interface_that_epoll_refuses_ends_the_thread) {
     add_failure      = 2;  // behind the command pipe
     forced_add_errno = ENOMEM;
     expect_early_end();
-    EXPECT_TRUE(log.has("ERROR", engine_file, "register_tun",
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_start_epoll",
                         text_of("Could not add intf(loop0) to epoll. ErrorNo = %d", ENOMEM)));
     EXPECT_EQ(mods, 0);
     close(sock->sess->tun_fd);
@@ -519,8 +519,8 @@ TEST_F(engine_loop, an_interface_that_epoll_can_neither_add_nor_update_ends_the_
     mod_fails        = true;
     expect_early_end();
     EXPECT_TRUE(
-        log.has("WARNING", engine_file, "register_tun", "Intf FD already exists in the epoll.. updating event.."));
-    EXPECT_TRUE(log.has("ERROR", engine_file, "register_tun",
+        log.has("WARNING", engine_file, "tlsc_start_epoll", "Intf FD already exists in the epoll.. updating event.."));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_start_epoll",
                         text_of("Could not add intf(loop0) to epoll. ErrorNo = %d", EPERM)));
     EXPECT_EQ(mods, 1);
     EXPECT_GT(tlsc_epoll_fd, 0);  // left open like the interface
@@ -535,7 +535,7 @@ TEST_F(engine_loop, an_interface_that_epoll_knows_already_is_updated) {
     bring_up(peer);
     EXPECT_EQ(mods, 1);
     EXPECT_TRUE(
-        log.has("WARNING", engine_file, "register_tun", "Intf FD already exists in the epoll.. updating event.."));
+        log.has("WARNING", engine_file, "tlsc_start_epoll", "Intf FD already exists in the epoll.. updating event.."));
     EXPECT_TRUE(log.contains("Added interface loop0 to epoll list"));
 }
 
@@ -544,7 +544,7 @@ TEST_F(engine_loop, a_command_pipe_that_epoll_refuses_leaves_the_thread_without_
     forced_add_errno = ENOMEM;
     tls_peer peer;
     bring_up(peer);
-    EXPECT_TRUE(logged_like("ERROR", "register_command_pipe", "Could not add pipe-fd(~) to epoll-fd(~)"));
+    EXPECT_TRUE(logged_like("ERROR", "tlsc_start_epoll", "Could not add pipe-fd(~) to epoll-fd(~)"));
     exit_client = 1;
     ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
     thread_.join();
@@ -573,7 +573,7 @@ TEST_F(engine_loop, a_transport_that_epoll_refuses_frees_epoll_and_ends_the_thre
     add_failure       = 4;  // pipe, interface, guard timer, transport
     forced_add_errno  = ENOMEM;
     expect_early_end();
-    EXPECT_TRUE(log.has("ERROR", engine_file, "connect_and_register", "Could not add ipv4 to epoll"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_start_epoll", "Could not add ipv4 to epoll"));
     EXPECT_EQ(tlsc_epoll_fd, -1);
     EXPECT_TRUE(interface_exists());  // left as it is
     close(sock->sess->tun_fd);
@@ -602,8 +602,7 @@ TEST_F(engine_loop, with_the_gateway_unreachable_the_loop_is_entered_and_waits_f
     conf->server_port = port;
     start();
     ASSERT_TRUE(torn_down(2));  // the connection's own and the start's
-    EXPECT_TRUE(
-        eventually([&] { return log.has("ERROR", engine_file, "connect_and_register", "TCP Connection failed"); }));
+    EXPECT_TRUE(eventually([&] { return log.has("ERROR", engine_file, "tlsc_start_epoll", "TCP Connection failed"); }));
     EXPECT_TRUE(interface_exists());
     EXPECT_EQ(tun_events, static_cast<uint32_t>(EPOLLIN));
     EXPECT_GE(hand_clock::seconds("backoff"), 10);
@@ -650,7 +649,7 @@ TEST_F(engine_loop, a_failed_wait_is_logged_and_the_next_pass_follows) {
     wait_failures = 3;
     tls_peer peer;
     bring_up(peer);
-    EXPECT_EQ(log.count("ERROR", engine_file, "handle_one_pass", "EPOLL Wait timed out"), 3u);
+    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_start_epoll", "EPOLL Wait timed out"), 3u);
 }
 
 TEST_F(engine_loop, the_data_path_state_is_not_reset_when_a_thread_starts) {
@@ -692,8 +691,8 @@ TEST_F(engine_loop, packets_go_both_ways_with_their_addresses_exchanged) {
     EXPECT_EQ(dotted(std::string(bytes, static_cast<size_t>(count)), 16), "192.168.1.5");
     close(packets);
     stop();
-    EXPECT_TRUE(log.has("DEBUG", engine_file, "on_tun_event", "Got data on Tun interface"));
-    EXPECT_TRUE(log.has("DEBUG", engine_file, "on_ssl_event", "Got data on SSL socket"));
+    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_start_epoll", "Got data on Tun interface"));
+    EXPECT_TRUE(log.has("DEBUG", engine_file, "tlsc_start_epoll", "Got data on SSL socket"));
     expect_counters({{"ctrl_pkt_tx", 1},
                      {"ctrl_pkt_rx", 1},
                      {"tun_alloc", 1},
@@ -730,7 +729,7 @@ TEST_F(engine_loop, packets_stay_queued_while_the_data_path_is_down) {
     ASSERT_TRUE(hand_clock::wait_for("fqdn"));
     emit(packets, udp_packet("192.168.1.5", "8.8.8.8"));
     ASSERT_TRUE(eventually(
-        [&] { return log.count("DEBUG", engine_file, "on_tun_event", "DP STATE DOWN") >= 3; }));  // at every wakeup
+        [&] { return log.count("DEBUG", engine_file, "tlsc_start_epoll", "DP STATE DOWN") >= 3; }));  // at every wakeup
     EXPECT_EQ(tlsc_stats_record.tun_pkt_rx, 0u);
     tlsc_log_level = LOG_INFO;  // it logs at every turn
     hand_clock::expire("fqdn");
@@ -798,7 +797,7 @@ TEST_F(engine_loop, a_read_result_of_2_or_3_keeps_the_connection) {
         next_class = error;
         peer.connection(0).send_raw(std::string("\x17\x03\x03\x00\x01x", 6));  // a record that cannot be read
         ASSERT_TRUE(eventually([&] {
-            return log.has("ERROR", engine_file, "on_ssl_event",
+            return log.has("ERROR", engine_file, "tlsc_start_epoll",
                            text_of("SSL returned error = %d, while trying to read data", error));
         }));
         hand_clock::expire("rekey");  // the loop goes on
@@ -828,7 +827,8 @@ TEST_F(engine_loop, a_hang_up_tears_down_before_any_read) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     hold_wait = false;
     ASSERT_TRUE(torn_down());
-    EXPECT_TRUE(logged_like("ERROR", "on_ssl_event", "Error [8193] occured on SSL-Socket-fd(~).. closing connection"));
+    EXPECT_TRUE(
+        logged_like("ERROR", "tlsc_start_epoll", "Error [8193] occured on SSL-Socket-fd(~).. closing connection"));
     EXPECT_EQ(tlsc_stats_record.invalid_rx, 0u);
     EXPECT_FALSE(log.contains("SSL Read error"));
 }
@@ -843,7 +843,7 @@ TEST_F(engine_loop, an_error_or_a_hang_up_in_any_form_tears_down_and_nothing_is_
             const int fd = on_tun ? sock->sess->tun_fd : sock->sockfd;
             forge_event(peer, fd, EPOLLIN | mask);
             ASSERT_TRUE(torn_down());
-            EXPECT_TRUE(log.has("ERROR", engine_file, on_tun ? "on_tun_event" : "on_ssl_event",
+            EXPECT_TRUE(log.has("ERROR", engine_file, on_tun ? "tlsc_start_epoll" : "tlsc_start_epoll",
                                 text_of("Error [%u] occured on %s-Socket-fd(%d).. closing connection", EPOLLIN | mask,
                                         on_tun ? "TUN" : "SSL", fd)));
             EXPECT_FALSE(log.contains("Got data on"));
@@ -858,7 +858,7 @@ TEST_F(engine_loop, an_event_of_an_unknown_descriptor_is_only_logged) {
     bring_up(peer);
     forge_event(peer, 999, EPOLLIN | EPOLLERR);
     EXPECT_TRUE(eventually([&] {
-        return log.has("ERROR", engine_file, "on_unknown_event",
+        return log.has("ERROR", engine_file, "tlsc_start_epoll",
                        "Epoll indicated event on an unknown socket with ltype = 0");
     }));
     EXPECT_TRUE(eventually_at_rest([] { return tlsc_stats_record.invalid_rx == 1; }));  // the waking frame
@@ -871,7 +871,7 @@ TEST_F(engine_loop, a_reset_tears_down) {
     bring_up(peer);
     peer.connection(0).reset();
     ASSERT_TRUE(torn_down());
-    EXPECT_TRUE(logged_like("ERROR", "on_ssl_event", "Error [~] occured on SSL-Socket-fd(~).. closing connection"));
+    EXPECT_TRUE(logged_like("ERROR", "tlsc_start_epoll", "Error [~] occured on SSL-Socket-fd(~).. closing connection"));
 }
 
 TEST_F(engine_loop, an_interface_that_is_deleted_from_outside_tears_down) {
@@ -881,7 +881,7 @@ TEST_F(engine_loop, an_interface_that_is_deleted_from_outside_tears_down) {
     ASSERT_TRUE(hand_clock::wait_for("backoff"));
     exit_client = 1;  // the descriptor stays ready, and the loop busy, until then
     thread_.join();
-    EXPECT_TRUE(logged_like("ERROR", "on_tun_event", "Error [~] occured on TUN-Socket-fd(~).. closing connection"));
+    EXPECT_TRUE(logged_like("ERROR", "tlsc_start_epoll", "Error [~] occured on TUN-Socket-fd(~).. closing connection"));
     EXPECT_TRUE(peer.connection(0).is_closed_by_client());
 }
 
@@ -1010,7 +1010,7 @@ TEST_F(engine_loop, a_retry_timer_that_cannot_be_read_is_handled_all_the_same) {
     hand_clock::expire("retry");
     EXPECT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_DPD_REQ, ""));
     retry_read_fails = false;
-    EXPECT_TRUE(log.has("ERROR", engine_file, "on_retry_timer",
+    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_start_epoll",
                         text_of("Retry timer fd read error, ret1=-1, errstr=%s", strerror(EIO))));
 }
 
@@ -1113,8 +1113,8 @@ TEST_F(engine_loop, the_guard_of_a_rekey_closes_both_connections) {
     ASSERT_TRUE(torn_down());
     EXPECT_TRUE(peer.connection(0).is_closed_by_client());
     EXPECT_TRUE(peer.connection(1).is_closed_by_client());
-    EXPECT_TRUE(logged_like("DEBUG", "on_guard_timer", "Closing the old transport-fd(~)"));
-    EXPECT_EQ(tlsc_old_transport_fd, -1);
+    EXPECT_TRUE(logged_like("DEBUG", "tlsc_start_epoll", "Closing the old transport-fd(~)"));
+    EXPECT_EQ(tlsc_old_transport.fd, -1);
     EXPECT_EQ(tlsc_timers.guard, -1);
 }
 
@@ -1129,26 +1129,26 @@ TEST_F(engine_loop, an_expired_timer_that_epoll_does_not_know_is_closed_and_hand
     int fd = tlsc_timers.rekey;
     expire_unknown("rekey", fd);
     ASSERT_TRUE(hand_clock::wait_for("fqdn"));
-    EXPECT_TRUE(log.has("ERROR", engine_file, "on_rekey_timer",
+    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_start_epoll",
                         text_of("Couldnt delete the rekey-timer-fd(%d) after rekeying", fd)));
 
     fd = tlsc_timers.fqdn;
     expire_unknown("fqdn", fd);
     EXPECT_NE(peer.connection(1).read_record(), "");
-    EXPECT_TRUE(log.has("ERROR", engine_file, "on_fqdn_timer",
+    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_start_epoll",
                         text_of("Couldnt delete the fqdn-resolution-timer-fd(%d) after fqdn-resol timer expiry", fd)));
 
     ASSERT_TRUE(hand_clock::wait_for("guard", 2));
     fd = tlsc_timers.guard;
     expire_unknown("guard", fd);
     ASSERT_TRUE(torn_down());
-    EXPECT_TRUE(log.has("ERROR", engine_file, "on_guard_timer",
+    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_start_epoll",
                         text_of("Couldnt delete the guard-timer-fd(%d) upon expiry", fd)));
 
     fd = tlsc_timers.backoff;
     expire_unknown("backoff", fd);
     ASSERT_TRUE(hand_clock::wait_for("fqdn", 2));
-    EXPECT_TRUE(log.has("ERROR", engine_file, "on_backoff_timer",
+    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_start_epoll",
                         text_of("Couldnt delete the backoff-timer-fd(%d) after rekeying", fd)));
     undeletable = -1;
     stop();
@@ -1255,7 +1255,7 @@ TEST_F(engine_loop, a_run_that_ends_in_a_rekey_leaves_its_old_transport_open_and
     ASSERT_NE(peer.connection(1).read_record(), "");
     stop();
     EXPECT_TRUE(peer.connection(1).is_closed_by_client());
-    EXPECT_EQ(tlsc_old_transport_fd, old);
+    EXPECT_EQ(tlsc_old_transport.fd, old);
     EXPECT_TRUE(peer.connection(0).is_still_open());
     EXPECT_EQ(sock->ssl_up, 1);
 }

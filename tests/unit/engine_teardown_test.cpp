@@ -73,8 +73,8 @@ protected:
         ASSERT_EQ(tlsc_add_fd_to_epoll(tlsc_epoll_fd, sock->sockfd), 1);
     }
     void save_as_old() {
-        tlsc_old_transport_fd = sock->sockfd;
-        tlsc_old_ssl          = sock->ssl;
+        tlsc_old_transport.fd  = sock->sockfd;
+        tlsc_old_transport.ssl = sock->ssl;
     }
     void tear_down(int32_t cause = TLSC_DOWN_SOCKET_ERROR) {
         steps.clear();
@@ -217,7 +217,7 @@ TEST_F(engine_teardown, a_failed_removal_is_logged_and_the_descriptor_closed_all
     const int fd = sock->sockfd;
     ASSERT_EQ(__real_epoll_ctl(tlsc_epoll_fd, EPOLL_CTL_DEL, fd, nullptr), 0);
     tear_down();
-    EXPECT_TRUE(log.has("ERROR", engine_file, "drop_transport",
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_sock_error",
                         text_of("Could not delete the transport-fd(%d) from epoll-list", fd)));
     EXPECT_EQ(std::count(steps.begin(), steps.end(), text_of("close %d", fd)), 1);
 }
@@ -231,10 +231,10 @@ TEST_F(engine_teardown, the_old_transport_of_a_rekey_is_closed_first) {
     tear_down();
     EXPECT_EQ(steps, (strings{text_of("forget %d", old), text_of("close %d", old), text_of("forget %d", current),
                               text_of("close %d", current), text_of("watch %d", tlsc_timers.backoff)}));
-    EXPECT_TRUE(log.has("INFO", engine_file, "drop_old_transport", text_of("Closing the old transport-fd(%d)", old)));
+    EXPECT_TRUE(log.has("INFO", engine_file, "tlsc_sock_error", text_of("Closing the old transport-fd(%d)", old)));
     EXPECT_EQ(log.count("INFO", engine_file, "tlsc_ssl_cleanup", "SSL-handle and Engine cleanup"), 2u);
-    EXPECT_EQ(tlsc_old_transport_fd, -1);
-    EXPECT_EQ(tlsc_old_ssl, nullptr);
+    EXPECT_EQ(tlsc_old_transport.fd, -1);
+    EXPECT_EQ(tlsc_old_transport.ssl, nullptr);
 }
 
 TEST_F(engine_teardown, an_old_transport_that_epoll_has_forgotten_is_logged_and_closed) {
@@ -244,7 +244,7 @@ TEST_F(engine_teardown, an_old_transport_that_epoll_has_forgotten_is_logged_and_
     ASSERT_EQ(__real_epoll_ctl(tlsc_epoll_fd, EPOLL_CTL_DEL, old, nullptr), 0);
     connect();
     tear_down();
-    EXPECT_TRUE(log.has("ERROR", engine_file, "drop_old_transport",
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_sock_error",
                         text_of("Could not delete the old-transport-fd(%d) from epoll-list", old)));
     EXPECT_EQ(std::count(steps.begin(), steps.end(), text_of("close %d", old)), 1);
 }
@@ -257,8 +257,8 @@ TEST_F(engine_teardown, an_old_transport_equal_to_the_current_one_is_not_closed_
     tear_down();
     EXPECT_EQ(std::count(steps.begin(), steps.end(), text_of("close %d", fd)), 1);
     EXPECT_FALSE(log.contains("Closing the old transport-fd"));
-    EXPECT_EQ(tlsc_old_transport_fd, -1);
-    EXPECT_EQ(tlsc_old_ssl, nullptr);
+    EXPECT_EQ(tlsc_old_transport.fd, -1);
+    EXPECT_EQ(tlsc_old_transport.ssl, nullptr);
     EXPECT_EQ(sock->ssl, nullptr);
     EXPECT_EQ(log.count("INFO", engine_file, "tlsc_ssl_cleanup", "SSL-handle and Engine cleanup"), 2u);
 }

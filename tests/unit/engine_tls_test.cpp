@@ -593,6 +593,16 @@ TEST_F(engine_tls, a_leaf_of_another_root_is_rejected) {
 
 // ---- the PSK callback -----------------------------------------------------------------------------------------------
 
+TEST_F(engine_tls, callbacks_without_room_for_an_answer_fail_with_an_error_line) {
+    char          identity[129];
+    unsigned char key[257];
+    EXPECT_EQ(tlsc_psk_client_cb(nullptr, "", nullptr, sizeof(identity), key, sizeof(key)), 0u);
+    EXPECT_EQ(tlsc_psk_client_cb(nullptr, "", identity, sizeof(identity), nullptr, sizeof(key)), 0u);
+    EXPECT_EQ(log.count("ERROR", engine_file, "tlsc_psk_client_cb", "Null ptr received for identity/psk"), 2u);
+    EXPECT_EQ(tlsc_verify_cert_cb(1, nullptr), 0);
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_verify_cert_cb", "Null ptr received for store"));
+}
+
 TEST_F(engine_tls, the_key_is_the_configured_text_itself_byte_for_byte_not_decoded_from_hexadecimal) {
     set_text(psk_identity, "device-7");
     set_text(psk_key, "abcd1234");

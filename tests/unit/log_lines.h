@@ -20,15 +20,6 @@ constexpr char platform_file[] = "tlsc_platform.c";
 constexpr char wlc_file[]      = "tlsc_wlc.c";
 constexpr char main_file[]     = "tlsc_main.c";
 
-// Modules whose helpers do not name their operations yet: only their words are looked at.
-constexpr const char *modules_without_operations[] = {engine_file, timer_file, platform_file, main_file};
-
-inline bool names_operations(const std::string &file) {
-    for (const char *module : modules_without_operations)
-        if (file == module) return false;
-    return true;
-}
-
 struct known_log_line {
     const char *file;
     const char *severity;
@@ -213,7 +204,9 @@ constexpr known_log_line known_log_lines[] = {
     {timer_file, "ERROR", "tlsc_stop_timer", "Invalid timer-fd received in stop-timer"},
     {timer_file, "ERROR", "tlsc_stop_timer", "Stop timer failed for fd = %d"},
     {timer_file, "DEBUG", "tlsc_stop_timer", "Couldnt delete Timer FD from Epoll"},
-    {timer_file, "ERROR", "tlsc_handle_dpd_expiry|tlsc_start_rekey_proc", "Null ptr received for sock"},
+    {timer_file, "ERROR",
+     "tlsc_handle_dpd_expiry|tlsc_handle_retry_expiry|tlsc_handle_rekey_expiry|tlsc_start_rekey_proc",
+     "Null ptr received for sock"},
     {timer_file, "DEBUG", "tlsc_handle_dpd_expiry", "DPD timer expiry event"},
     {timer_file, "ERROR", "tlsc_handle_dpd_expiry", "Could not start Retry timer for client-sock-fd = %d"},
     {timer_file, "ERROR", "tlsc_handle_dpd_expiry", "Could not delete the dpd-timer-fd(%d) from epoll"},
@@ -302,6 +295,9 @@ constexpr known_log_line known_log_lines[] = {
     {engine_file, "ERROR", "tlsc_verify_cert_cb", "Verification failed for cert, error str = %s"},
     {engine_file, "WARNING", "tlsc_verify_cert_cb", "Depth of certificate where error occurred = %d"},
     {engine_file, "INFO", "tlsc_psk_client_cb", "psk_client_cb received..."},
+    {engine_file, "ERROR", "tlsc_psk_client_cb", "Null ptr received for identity/psk"},
+    {engine_file, "ERROR", "tlsc_verify_cert_cb", "Null ptr received for store"},
+    {engine_file, "ERROR", "tlsc_handle_gw_ip_addr", "Null ptr received for gw_sockaddr"},
     {engine_file, "WARNING", "tlsc_psk_client_cb", "NULL received for PSK-identity-hint, continuing anyway..."},
     {engine_file, "DEBUG", "tlsc_psk_client_cb", "Received PSK-identity-hint '%s'"},
     {engine_file, "ERROR", "tlsc_psk_client_cb", "Error in PSK client callback"},
@@ -347,7 +343,6 @@ constexpr known_log_line known_log_lines[] = {
     {engine_file, "ERROR", "tlsc_delete_fd_from_epoll", "Could not delete fd = %d, from epoll-event. Errno = %d"},
     {engine_file, "DEBUG", "tlsc_delete_fd_from_epoll", "Successfully deleted fd = %d, to epoll-event"},
     {engine_file, "WARNING", "tlsc_set_dp_state", "Invalid DP state change req received. State already [%d]."},
-    {engine_file, "ERROR", "tlsc_set_dp_state", "Writing to pipe-fd(%d) failed"},
     {engine_file, "ERROR", "tlsc_set_dp_state", "DP state changed. Old state [%d], new state [%d]."},
     {engine_file, "INFO", "tlsc_sock_error", "Closing the old transport-fd(%d)"},
     {engine_file, "ERROR", "tlsc_sock_error", "Could not delete the old-transport-fd(%d) from epoll-list"},
@@ -378,12 +373,12 @@ constexpr known_log_line known_log_lines[] = {
     {engine_file, "INFO", "tlsc_clear_cli_cmds", "Clearing the stale commands form CLI pipe, read fd:%d, write fd:%d"},
     {engine_file, "INFO", "tlsc_clear_cli_cmds", "Clear CLI commands: message id read:%d"},
     {engine_file, "INFO", "tlsc_clear_cli_cmds", "Total number of stale commands cleared from CLI pipe:%d"},
-    {engine_file, "ERROR", "tlsc_start_epoll", "Retry timer fd read error, ret1=%d, errstr=%s"},
-    {engine_file, "ERROR", "tlsc_start_epoll", "Couldnt delete the rekey-timer-fd(%d) after rekeying"},
-    {engine_file, "DEBUG", "tlsc_start_epoll", "Closing the old transport-fd(%d)"},
-    {engine_file, "ERROR", "tlsc_start_epoll", "Couldnt delete the guard-timer-fd(%d) upon expiry"},
-    {engine_file, "ERROR", "tlsc_start_epoll", "Couldnt delete the backoff-timer-fd(%d) after rekeying"},
-    {engine_file, "ERROR", "tlsc_start_epoll",
+    {timer_file, "ERROR", "tlsc_start_epoll", "Retry timer fd read error, ret1=%d, errstr=%s"},
+    {timer_file, "ERROR", "tlsc_start_epoll", "Couldnt delete the rekey-timer-fd(%d) after rekeying"},
+    {timer_file, "DEBUG", "tlsc_start_epoll", "Closing the old transport-fd(%d)"},
+    {timer_file, "ERROR", "tlsc_start_epoll", "Couldnt delete the guard-timer-fd(%d) upon expiry"},
+    {timer_file, "ERROR", "tlsc_start_epoll", "Couldnt delete the backoff-timer-fd(%d) after rekeying"},
+    {timer_file, "ERROR", "tlsc_start_epoll",
      "Couldnt delete the fqdn-resolution-timer-fd(%d) after fqdn-resol timer expiry"},
     {engine_file, "ERROR", "tlsc_start_epoll", "Error [%d] occured on TUN-Socket-fd(%d).. closing connection"},
     {engine_file, "DEBUG", "tlsc_start_epoll", "Got data on Tun interface"},
@@ -603,6 +598,7 @@ inline bool is_made_from(const char *text, const char *format) {
 
 // True when the name is one of the operations of a row.
 inline bool is_among(const std::string &name, const char *operations) {
+    if (name == "tlsc_process_main") return is_among("main", operations);  // the process's entry as the tests know it
     return ("|" + std::string(operations) + "|").find("|" + name + "|") != std::string::npos;
 }
 
@@ -619,7 +615,7 @@ inline const char *fault_of_log_line(const std::string &file, const std::string 
         if (severity != known.severity) continue;
         if (!may_be_cut && !is_made_from(message.c_str(), known.format)) continue;
         has_words = true;
-        if (!names_operations(file) || is_among(function, known.operations)) return nullptr;
+        if (is_among(function, known.operations)) return nullptr;
     }
     if (!is_covered) return nullptr;
     return has_words ? "no operation that prints this line" : "no line of the table";

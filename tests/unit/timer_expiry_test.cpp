@@ -49,7 +49,7 @@ extern "C" int32_t __wrap_tlsc_create_tcp_conn() {
     if (connection_result == 1) tlsc_get_sock()->sockfd = tlsc_get_sock()->ssl_fd = next_socket;
     if (connection_result == 7) {  // its teardown has closed both transports
         tlsc_get_sock()->sockfd = tlsc_get_sock()->ssl_fd = -1;
-        tlsc_old_transport_fd                             = -1;
+        tlsc_old_transport.fd                             = -1;
     }
     return connection_result;
 }
@@ -272,8 +272,8 @@ TEST_F(timer_expiry, a_rekey_stops_all_timers_and_keeps_the_old_transport_open_b
     ssl_st *const old = sock->ssl;
     EXPECT_EQ(tlsc_start_rekey_proc(sock), 1);
     EXPECT_EQ(timers_at_connect, -6);
-    EXPECT_EQ(tlsc_old_transport_fd, old_pair[0]);
-    EXPECT_EQ(tlsc_old_ssl, old);
+    EXPECT_EQ(tlsc_old_transport.fd, old_pair[0]);
+    EXPECT_EQ(tlsc_old_transport.ssl, old);
     EXPECT_TRUE(is_open(old_pair[0]));
     EXPECT_FALSE(is_registered(old_pair[0]));
     EXPECT_EQ(sock->sockfd, new_pair[0]);
@@ -281,8 +281,8 @@ TEST_F(timer_expiry, a_rekey_stops_all_timers_and_keeps_the_old_transport_open_b
     EXPECT_TRUE(log.has("INFO", timer_file, "tlsc_start_rekey_proc", "Establish new TCP connection"));
     EXPECT_TRUE(log.has("INFO", timer_file, "tlsc_start_rekey_proc",
                         text_of("TCP connection established after rekey timeout, client-sock-fd = %d", new_pair[0])));
-    tlsc_old_transport_fd = -1;
-    tlsc_old_ssl          = nullptr;
+    tlsc_old_transport.fd  = -1;
+    tlsc_old_transport.ssl = nullptr;
 }
 
 TEST_F(timer_expiry, a_reconnection_without_a_transport_saves_none) {
@@ -290,7 +290,7 @@ TEST_F(timer_expiry, a_reconnection_without_a_transport_saves_none) {
     for (int none : {0, -1}) {
         sock->sockfd = none;
         EXPECT_EQ(tlsc_start_rekey_proc(sock), 1);
-        EXPECT_EQ(tlsc_old_transport_fd, -1);
+        EXPECT_EQ(tlsc_old_transport.fd, -1);
         ASSERT_EQ(epoll_ctl(tlsc_epoll_fd, EPOLL_CTL_DEL, new_pair[0], nullptr), 0);
     }
     EXPECT_FALSE(log.contains("old-transport-fd"));
@@ -301,8 +301,8 @@ TEST_F(timer_expiry, a_failed_connection_returns_0_before_the_old_transport_is_t
     EXPECT_EQ(tlsc_start_rekey_proc(sock), 0);
     EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_start_rekey_proc", "TCP connection failed!!!"));
     EXPECT_TRUE(is_registered(old_pair[0]));
-    tlsc_old_transport_fd = -1;
-    tlsc_old_ssl          = nullptr;
+    tlsc_old_transport.fd  = -1;
+    tlsc_old_transport.ssl = nullptr;
 }
 
 TEST_F(timer_expiry, a_second_attempt_behind_a_failed_one_keeps_the_same_old_transport) {
@@ -310,12 +310,12 @@ TEST_F(timer_expiry, a_second_attempt_behind_a_failed_one_keeps_the_same_old_tra
     sock->ssl = nullptr;
     for (int attempt = 0; attempt < 2; ++attempt) {
         EXPECT_EQ(tlsc_start_rekey_proc(sock), 0);
-        EXPECT_EQ(tlsc_old_transport_fd, old_pair[0]);
+        EXPECT_EQ(tlsc_old_transport.fd, old_pair[0]);
         EXPECT_TRUE(is_open(old_pair[0]));
         EXPECT_TRUE(is_registered(old_pair[0]));
     }
     EXPECT_FALSE(log.contains("SSL-handle"));
-    tlsc_old_transport_fd = -1;
+    tlsc_old_transport.fd = -1;
 }
 
 TEST_F(timer_expiry, a_connection_whose_request_failed_leaves_no_socket_to_register) {
@@ -335,7 +335,7 @@ TEST_F(timer_expiry, a_failed_handshake_is_passed_on_as_7) {
     EXPECT_EQ(tlsc_start_rekey_proc(sock), 7);
     EXPECT_FALSE(log.contains("TCP connection established"));
     EXPECT_FALSE(log.contains("TCP connection failed!!!"));
-    tlsc_old_ssl = nullptr;
+    tlsc_old_transport.ssl = nullptr;
 }
 
 TEST_F(timer_expiry, a_new_socket_that_cannot_be_registered_is_reported_and_kept) {
@@ -347,8 +347,8 @@ TEST_F(timer_expiry, a_new_socket_that_cannot_be_registered_is_reported_and_kept
                         text_of("Could not add the new client-sock-fd(%d) to epoll(%d) after rekey timeout",
                                 new_pair[0], tlsc_epoll_fd)));
     EXPECT_TRUE(log.contains("TCP connection established after rekey timeout"));
-    tlsc_old_transport_fd = -1;
-    tlsc_old_ssl          = nullptr;
+    tlsc_old_transport.fd  = -1;
+    tlsc_old_transport.ssl = nullptr;
 }
 
 TEST_F(timer_expiry, an_old_transport_that_epoll_does_not_know_is_reported) {
@@ -358,8 +358,8 @@ TEST_F(timer_expiry, an_old_transport_that_epoll_does_not_know_is_reported) {
     EXPECT_EQ(tlsc_start_rekey_proc(sock), 1);
     EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_start_rekey_proc",
                         text_of("Could not delete the old-transport-fd(%d) from epoll-list", old_pair[0])));
-    tlsc_old_transport_fd = -1;
-    tlsc_old_ssl          = nullptr;
+    tlsc_old_transport.fd  = -1;
+    tlsc_old_transport.ssl = nullptr;
 }
 
 TEST_F(timer_expiry, an_old_transport_of_an_earlier_attempt_makes_way_and_is_not_leaked) {
@@ -370,7 +370,7 @@ TEST_F(timer_expiry, an_old_transport_of_an_earlier_attempt_makes_way_and_is_not
     next_socket = dup(new_pair[1]);  // a second answer before the response
     EXPECT_EQ(tlsc_start_rekey_proc(sock), 1);
     EXPECT_FALSE(is_open(old_pair[0]));
-    EXPECT_EQ(tlsc_old_transport_fd, new_pair[0]);
+    EXPECT_EQ(tlsc_old_transport.fd, new_pair[0]);
     EXPECT_TRUE(is_open(new_pair[0]));
     close(next_socket);
     old_pair[0] = -1;
@@ -378,9 +378,15 @@ TEST_F(timer_expiry, an_old_transport_of_an_earlier_attempt_makes_way_and_is_not
 
 TEST_F(timer_expiry, null_contexts_are_refused) {
     tlsc_handle_dpd_expiry(nullptr);
+    tlsc_handle_retry_expiry(nullptr);
+    tlsc_handle_rekey_expiry(nullptr);
     EXPECT_EQ(tlsc_start_rekey_proc(nullptr), 0);
     EXPECT_EQ(connections, 0);
+    EXPECT_EQ(tlsc_retry_ref, 0);
+    EXPECT_EQ(tlsc_dp_state, 1);
     EXPECT_EQ(lines_from(timer_file), (strings{"ERROR tlsc_handle_dpd_expiry: Null ptr received for sock",
+                                               "ERROR tlsc_handle_retry_expiry: Null ptr received for sock",
+                                               "ERROR tlsc_handle_rekey_expiry: Null ptr received for sock",
                                                "ERROR tlsc_start_rekey_proc: Null ptr received for sock"}));
 }
 

@@ -87,7 +87,7 @@ extern "C" uid_t __wrap_getuid() { return user; }
 
 extern "C" void __real_tlsc_log_lock_create();
 extern "C" void __wrap_tlsc_log_lock_create() {
-    note_step("create lock");
+    note_step(fcntl(STDIN_FILENO, F_GETFD) < 0 ? "create lock first" : "create lock");
     __real_tlsc_log_lock_create();
 }
 
@@ -300,6 +300,15 @@ TEST_F(tlsc_main, with_the_flag_the_announcements_go_to_standard_output_behind_a
                               " Waiting on FIFO to receive messagesShutting down TLS Client...\n"),
               1u);
     EXPECT_TRUE(log.has("WARNING", main_file, entry, "Received TWLC_EXIT command, Exiting TLS Client!!!"));
+}
+
+TEST_F(tlsc_main, the_log_lock_is_made_before_anything_else_runs) {
+    EXPECT_EQ(in_child([] {
+                  close(STDIN_FILENO);
+                  (void)tlsc_process_main();
+                  return steps.front() == "create lock first" ? 0 : 1;
+              }),
+              0);
 }
 
 TEST_F(tlsc_main, standard_descriptors_are_occupied_so_that_nothing_else_gets_number_0) {

@@ -55,7 +55,7 @@ const tlsc_timer_slots slots_at_start         = tlsc_timers;
 const uint32_t         backoff_at_start       = tlsc_backoff_interval;
 const int32_t          retry_ref_at_start     = tlsc_retry_ref;
 const int32_t          rekey_flag_at_start    = tlsc_rekey_in_progress;
-const int32_t          old_transport_at_start = tlsc_old_transport_fd;
+const int32_t          old_transport_at_start = tlsc_old_transport.fd;
 
 class tlsc_timer : public tunnel_test {
 protected:
@@ -88,7 +88,7 @@ protected:
         next_random        = random;
         EXPECT_EQ(tlsc_start_timer(&tlsc_timers.dpd, 1), 1);
         const long seconds = seconds_left(tlsc_timers.dpd);
-        EXPECT_TRUE(log.has("INFO", timer_file, "choose_seconds", text_of("Started DPD Timer for %ld sec", seconds)))
+        EXPECT_TRUE(log.has("INFO", timer_file, "tlsc_start_timer", text_of("Started DPD Timer for %ld sec", seconds)))
             << interval;
         tlsc_stop_timer(&tlsc_timers.dpd);
         return seconds;
@@ -97,7 +97,7 @@ protected:
         next_random = random;
         EXPECT_EQ(tlsc_start_timer(&tlsc_timers.backoff, 1), 1);
         EXPECT_EQ(seconds_left(tlsc_timers.backoff), static_cast<long>(tlsc_backoff_interval));
-        EXPECT_TRUE(log.has("INFO", timer_file, "choose_seconds",
+        EXPECT_TRUE(log.has("INFO", timer_file, "tlsc_start_timer",
                             text_of("Started Backoff Timer for %u sec", tlsc_backoff_interval)));
         tlsc_stop_timer(&tlsc_timers.backoff);
         return tlsc_backoff_interval;
@@ -132,7 +132,7 @@ TEST_F(tlsc_timer, every_timer_takes_its_interval_from_its_place) {
         ASSERT_EQ(tlsc_start_timer(c.slot, 1), 1);
         EXPECT_EQ(seconds_left(*c.slot), c.seconds);
         EXPECT_EQ(period(*c.slot), 0);
-        EXPECT_TRUE(log.has("INFO", timer_file, "choose_seconds", c.line)) << c.line;
+        EXPECT_TRUE(log.has("INFO", timer_file, "tlsc_start_timer", c.line)) << c.line;
         EXPECT_TRUE(log.has("DEBUG", timer_file, "tlsc_start_timer", text_of("Created timer with fd = %d", *c.slot)));
         EXPECT_TRUE(is_registered(*c.slot));
     }
@@ -317,7 +317,7 @@ TEST_F(tlsc_timer, a_timer_that_cannot_be_registered_is_closed) {
 TEST_F(tlsc_timer, a_slot_of_no_known_kind_is_reported) {
     int32_t stranger = -1;
     (void)tlsc_start_timer(&stranger, 1);
-    EXPECT_TRUE(log.has("ERROR", timer_file, "choose_seconds", "Unknown Timer FD"));
+    EXPECT_TRUE(log.has("ERROR", timer_file, "tlsc_start_timer", "Unknown Timer FD"));
     if (stranger > 0) close(stranger);
 }
 

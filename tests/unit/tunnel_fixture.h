@@ -75,8 +75,8 @@ protected:
         tlsc_backoff_interval  = 0;
         tlsc_retry_ref         = 0;
         tlsc_rekey_in_progress = 0;
-        tlsc_old_transport_fd  = -1;
-        tlsc_old_ssl           = nullptr;
+        tlsc_old_transport.fd  = -1;
+        tlsc_old_transport.ssl = nullptr;
         tlsc_epoll_fd          = -1;
         exit_client            = 0;
         tlsc_set_config_defaults(conf);
