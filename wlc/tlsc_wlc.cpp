@@ -1,4 +1,4 @@
-// Contents: 1 configuration file and parameter block  2 FIFO transport and catalogue  3 reports  4 messages
+// Contents: 1 configuration file and parameter block  2 FIFO transport and catalogue  3 reports  4 messages  5 start and end
 // In:  wlcTlscFifoHandler -> readFromTlscFifo -> tlscWlcMsgRcv... -> tlsc_platform (start, stop, command pipe), reports
 // Out: tlscWlcSetTunState, tlscWlcPost...UpdateMsg -> tlscWriteToWLC -> the controller's FIFO
 // File: tlscWlcMsgRcvSecTunStart -> wlcSecTunReadAllConf -> wlcSecTunProcessConf -> parameter block -> tlsc_set_config_all
@@ -45,13 +45,6 @@ constexpr char masked_text[] = "***";
 // The settings that the next client start applies. Main thread.
 wlc_sec_tun_params params;
 
-// What the controller was last told of the tunnel: 1 up, 0 down, -1 not known. Written by the tunnel thread, and by
-// the main thread when it stops the tunnel; a plain word without a lock.
-std::atomic<int32_t> reported_state{-1};
-
-// 1 while the controller wants a tunnel. Written by the main thread; read by the tunnel thread's reports.
-std::atomic<uint8_t> feature_status{0};
-
 using param_text = char (wlc_sec_tun_params::*)[param_text_size];
 
 enum conf_key_id : int {
@@ -80,28 +73,17 @@ constexpr struct {
     {"system_name", 13, &wlc_sec_tun_params::system_name},
 };
 
-// The value as it may be printed beside its key. A misspelt key that still holds the secret one's name hides it too.
+// The value as it may be printed beside its key.
 const char *printable_value(const char *key, const char *value) {
-    return strstr(key, secret_key) ? masked_text : value;
+    return strcmp(key, secret_key) == 0 ? masked_text : value;
 }
 
 // The same beside the beginning of a key: one that selects the secret key's entry hides the value.
 const char *printable_value_of_prefix(const char *key, const char *value) {
-    return strncmp(secret_key, key, strlen(key)) == 0 ? masked_text : printable_value(key, value);
+    return strncmp(secret_key, key, strlen(key)) == 0 ? masked_text : value;
 }
 
 // ---- one pass ----------------------------------------------------------------------------------------------------
-
-struct conf_pass {
-    FILE *conf;
-    FILE *temp;
-    off_t temp_size;             // of the temporary file when the pass began: an earlier pass may have left it behind
-    int   error;                 // the first errno of the pass, 0 while all went well
-    char  line[conf_line_size];  // the current line, its newline included
-    bool  line_is_cut;           // the line goes on in the next piece
-    bool  line_is_secret;        // the line names the secret key, or goes on from a piece that does
-    bool  line_is_secret_rest;   // the latter
-};
 
 struct conf_entry {
     char key[conf_field_size];
@@ -109,14 +91,37 @@ struct conf_entry {
     int  flag;  // 1 written by an update and not yet consumed, 0 consumed
 };
 
+struct conf_pass;
+
+// What one operation makes of the file; the pass is the same for all of them.
+struct conf_policy {
+    const char *operation;                                   // in whose name the pass logs
+    const char *mode;                                        // of fopen
+    bool        shows_lines;                                 // each line is logged
+    void (*keep)(conf_pass *pass, const conf_entry &entry);  // writes an entry back
+    void (*finish)(conf_pass *pass);                         // behind the last line; may be null
+};
+
+struct conf_pass {
+    const conf_policy *policy;
+    const char        *key;  // that the operation was given, with the value to set or the buffer to fill
+    const char        *value;
+    char              *value_out;
+    bool               updated;  // an entry has taken the value
+
+    FILE *conf;
+    FILE *temp;
+    off_t temp_size;             // of the temporary file when the pass began: an earlier pass may have left it behind
+    int   error;                 // the first errno of the pass, 0 while all went well
+    char  line[conf_line_size];  // the current line, its newline included
+    char  tail[sizeof(secret_key) - 1];  // the last piece's end: it may be the beginning of the secret key's name
+    bool  line_is_cut;                   // the line goes on in the next piece
+    bool  line_is_secret;                // the line names the secret key, or goes on from a piece that does
+    bool  line_is_secret_rest;           // the latter
+};
+
 void note_error(conf_pass *pass) {
     if (pass->error == 0) pass->error = errno;
-}
-
-// mode: of fopen.
-bool open_conf(conf_pass *pass, const char *mode) {
-    pass->conf = fopen(conf_path, mode);
-    return pass->conf != nullptr;
 }
 
 // An entry must not be appended to a line that a crash cut short.
@@ -152,6 +157,20 @@ bool open_temp(conf_pass *pass) {
     return true;
 }
 
+// True when the secret key's name lies across the seam of the last piece and this one.
+bool is_named_across_seam(const conf_pass *pass) {
+    char joined[sizeof(pass->tail) + sizeof(pass->line)];
+    (void)snprintf(joined, sizeof(joined), "%s%s", pass->tail, pass->line);
+    const char *name = strstr(joined, secret_key);
+    return name && name < joined + strlen(pass->tail);
+}
+
+void keep_tail(conf_pass *pass) {
+    const size_t length = strlen(pass->line);
+    const size_t kept   = length < sizeof(pass->tail) - 1 ? length : sizeof(pass->tail) - 1;
+    tlsc_copy_text(pass->tail, sizeof(pass->tail), pass->line_is_cut ? pass->line + length - kept : "");
+}
+
 // Reads the next line, or the next piece of a long one. False at the end of the file.
 bool read_line(conf_pass *pass) {
     const bool goes_on = pass->line_is_cut;
@@ -160,20 +179,40 @@ bool read_line(conf_pass *pass) {
         if (ferror(pass->conf)) note_error(pass);
         return false;
     }
+    pass->line_is_secret_rest = goes_on && (pass->line_is_secret || is_named_across_seam(pass));
+    pass->line_is_secret      = pass->line_is_secret_rest || strstr(pass->line, secret_key);
     pass->line_is_cut         = strchr(pass->line, '\n') == nullptr;
-    pass->line_is_secret_rest = goes_on && pass->line_is_secret;
-    pass->line_is_secret      = strstr(pass->line, secret_key) || (goes_on && pass->line_is_secret);
+    keep_tail(pass);
     return true;
 }
 
-// The current line as it may be printed: nothing behind the secret key's name shows. Valid until the next call.
+// Where the value begins in a line whose key is the secret one, in a comment too; null for any other line.
+const char *find_secret_value(const char *line) {
+    const char *key = line + strspn(line, line[0] == '#' ? "# \t;" : ";");
+    if (strncmp(key, secret_key, strlen(secret_key)) != 0 || key[strlen(secret_key)] != ';') return nullptr;
+    return key + strlen(secret_key) + 1;
+}
+
+// The flag, if the line ends with one: what stands before it belongs to the value.
+const char *find_flag(const char *value) {
+    const char *last = strrchr(value, ';');
+    if (!last) return "";
+    const size_t digits = strspn(last + 1, "0123456789");
+    return digits != 0 && (last[1 + digits] == '\n' || last[1 + digits] == '\0') ? last : "";
+}
+
+// The current line as it may be printed: the secret shows as "***", the fields around it as they are. Of a long line
+// nothing shows behind the secret key's name. Valid until the next call.
 const char *printable_line(const conf_pass *pass) {
     static char shown[conf_line_size + sizeof(masked_text)];
 
-    if (!pass->line_is_secret) return pass->line;
-    const char  *name = strstr(pass->line, secret_key);
-    const size_t kept = name ? static_cast<size_t>(name - pass->line) + strlen(secret_key) : 0;
-    (void)snprintf(shown, sizeof(shown), "%.*s%s%s", static_cast<int>(kept), pass->line, name ? ";" : "", masked_text);
+    if (pass->line_is_secret_rest) return masked_text;
+    const bool  goes_on = pass->line_is_secret && pass->line_is_cut;
+    const char *name    = goes_on ? strstr(pass->line, secret_key) : nullptr;
+    const char *value   = name ? name + strlen(secret_key) : find_secret_value(pass->line);
+    if (!value) return pass->line;
+    (void)snprintf(shown, sizeof(shown), "%.*s%s%s%s", static_cast<int>(value - pass->line), pass->line,
+                   name ? ";" : "", masked_text, name ? "" : find_flag(value));
     return shown;
 }
 
@@ -229,10 +268,95 @@ bool finish_pass(conf_pass *pass) {
     return rename(temp_path, conf_path) == 0;
 }
 
+// Opens both files. False, with a line, when one of them does not open.
+bool open_files(conf_pass *pass) {
+    const tlsc_work_of tlsc_log_function{pass->policy->operation};
+
+    pass->conf = fopen(conf_path, pass->policy->mode);
+    if (!pass->conf) {
+        WLC_IPC_ERROR("%s - File open failed, returning, file:%s", pass->policy->operation, conf_path);
+        return false;
+    }
+    if (!open_temp(pass)) {
+        WLC_IPC_ERROR("%s - Temp File open failed to read, returning, filename:%s", pass->policy->operation, temp_path);
+        return false;
+    }
+    return true;
+}
+
+// Takes the current line: keeps its entry, or says why it has none.
+void take_line(conf_pass *pass) {
+    const tlsc_work_of tlsc_log_function{pass->policy->operation};
+
+    if (pass->policy->shows_lines) WLC_IPC_EVENT("Config line read:%s", printable_line(pass));
+    conf_entry entry;
+    const int  skipped = split_current_line(pass, &entry);
+    if (skipped) WLC_IPC_EVENT("%s", skip_texts[skipped]);
+    else pass->policy->keep(pass, entry);
+}
+
+// The whole pass. Returns 1, also when the file could not be replaced (logged), or 0 when one could not be opened.
+int32_t run_pass(conf_pass *pass) {
+    const tlsc_work_of tlsc_log_function{pass->policy->operation};
+
+    if (!open_files(pass)) return 0;
+    while (read_line(pass)) take_line(pass);
+    if (pass->policy->finish) pass->policy->finish(pass);
+    if (!finish_pass(pass)) {
+        const char *error = strerror(errno);
+        WLC_IPC_ERROR("%s() - Error [%s] while Renaming file %s to %s", pass->policy->operation, error, temp_path,
+                      conf_path);
+    }
+    return 1;
+}
+
+// ---- what the operations make of it ------------------------------------------------------------------------------
+
+// Every entry goes to the parameter block and is consumed by it.
+void consume_entry(conf_pass *pass, const conf_entry &entry) {
+    (void)wlcSecTunProcessConf(entry.key, entry.value);
+    write_entry(pass, entry.key, entry.value, 0);
+}
+
+// By contract: the given key selects every entry that begins with it.
+bool is_selected(const conf_pass *pass, const conf_entry &entry) {
+    return strncmp(entry.key, pass->key, strlen(pass->key)) == 0;
+}
+
+// By contract: the given key becomes the key of the entry.
+void update_entry(conf_pass *pass, const conf_entry &entry) {
+    constexpr tlsc_work_of tlsc_log_function{"wlcSecTunUpdateConf"};
+
+    if (!is_selected(pass, entry)) return write_entry(pass, entry.key, entry.value, entry.flag);
+    write_entry(pass, pass->key, pass->value, 1);
+    pass->updated = true;
+    WLC_IPC_EVENT("%s() - entry updated for key:%s, data:%s", pass->policy->operation, pass->key,
+                  printable_value_of_prefix(pass->key, pass->value));
+}
+
+void add_missing_entry(conf_pass *pass) {
+    constexpr tlsc_work_of tlsc_log_function{"wlcSecTunUpdateConf"};
+
+    if (pass->updated) return;
+    WLC_IPC_EVENT("%s() - new entry added for key:%s, data:%s", pass->policy->operation, pass->key,
+                  printable_value_of_prefix(pass->key, pass->value));
+    write_entry(pass, pass->key, pass->value, 1);
+}
+
+// Of several entries the last one's value stays in the buffer.
+void copy_entry(conf_pass *pass, const conf_entry &entry) {
+    const bool selected = is_selected(pass, entry);
+    if (selected) tlsc_copy_text(pass->value_out, conf_line_size, entry.value);
+    write_entry(pass, entry.key, entry.value, selected ? 0 : entry.flag);
+}
+
+constexpr conf_policy read_all_policy{"wlcSecTunReadAllConf", "re", false, consume_entry, nullptr};
+constexpr conf_policy update_policy{"wlcSecTunUpdateConf", "r+e", true, update_entry, add_missing_entry};
+constexpr conf_policy read_one_policy{"wlcSecTunReadConf", "r+e", true, copy_entry, nullptr};
+
 }  // namespace
 
 // ---- the operations on the file ----------------------------------------------------------------------------------
-// The three passes look alike and differ in what they keep, in their texts and in the name that the texts carry.
 
 int32_t wlcSecTunProcessConf(const char *key, const char *value) {
     if (!key || !value) {
@@ -262,33 +386,10 @@ int32_t wlcSecTunProcessConf(const char *key, const char *value) {
 
 int32_t wlcSecTunReadAllConf() {
     conf_pass pass{};
+    pass.policy = &read_all_policy;
 
     WLC_IPC_EVENT("%s - TLS Client process, reading all the configuration", __func__);
-    if (!open_conf(&pass, "re")) {
-        WLC_IPC_ERROR("%s - File open failed, returning, file:%s", __func__, conf_path);
-        return 0;
-    }
-    if (!open_temp(&pass)) {
-        WLC_IPC_ERROR("%s - Temp File open failed to read, returning, filename:%s", __func__, temp_path);
-        return 0;
-    }
-
-    while (read_line(&pass)) {
-        conf_entry entry;
-        const int  skipped = split_current_line(&pass, &entry);
-        if (skipped) {
-            WLC_IPC_EVENT("%s", skip_texts[skipped]);
-            continue;
-        }
-        (void)wlcSecTunProcessConf(entry.key, entry.value);
-        write_entry(&pass, entry.key, entry.value, 0);
-    }
-
-    if (!finish_pass(&pass)) {
-        const char *error = strerror(errno);
-        WLC_IPC_ERROR("%s() - Error [%s] while Renaming file %s to %s", __func__, error, temp_path, conf_path);
-    }
-    return 1;
+    return run_pass(&pass);
 }
 
 int32_t wlcSecTunUpdateConf(const char *key, const char *value) {
@@ -297,47 +398,13 @@ int32_t wlcSecTunUpdateConf(const char *key, const char *value) {
         return 0;
     }
 
-    conf_pass   pass{};
-    bool        updated = false;
-    const char *shown   = printable_value_of_prefix(key, value);
-
-    WLC_IPC_EVENT("%s() - Updating the Secure tunnel conf file, for the key:%s, data:%s", __func__, key, shown);
-    if (!open_conf(&pass, "r+e")) {
-        WLC_IPC_ERROR("%s - File open failed, returning, file:%s", __func__, conf_path);
-        return 0;
-    }
-    if (!open_temp(&pass)) {
-        WLC_IPC_ERROR("%s - Temp File open failed to read, returning, filename:%s", __func__, temp_path);
-        return 0;
-    }
-
-    while (read_line(&pass)) {
-        conf_entry entry;
-        WLC_IPC_EVENT("Config line read:%s", printable_line(&pass));
-        const int skipped = split_current_line(&pass, &entry);
-        if (skipped) {
-            WLC_IPC_EVENT("%s", skip_texts[skipped]);
-            continue;
-        }
-        // By contract: the given key selects every entry that begins with it, and becomes the key of the entry.
-        if (strncmp(entry.key, key, strlen(key)) == 0) {
-            write_entry(&pass, key, value, 1);
-            updated = true;
-            WLC_IPC_EVENT("%s() - entry updated for key:%s, data:%s", __func__, key, shown);
-        } else {
-            write_entry(&pass, entry.key, entry.value, entry.flag);
-        }
-    }
-    if (!updated) {
-        WLC_IPC_EVENT("%s() - new entry added for key:%s, data:%s", __func__, key, shown);
-        write_entry(&pass, key, value, 1);
-    }
-
-    if (!finish_pass(&pass)) {
-        const char *error = strerror(errno);
-        WLC_IPC_ERROR("%s() - Error [%s] while Renaming file %s to %s", __func__, error, temp_path, conf_path);
-    }
-    return 1;
+    conf_pass pass{};
+    pass.policy = &update_policy;
+    pass.key    = key;
+    pass.value  = value;
+    WLC_IPC_EVENT("%s() - Updating the Secure tunnel conf file, for the key:%s, data:%s", __func__, key,
+                  printable_value_of_prefix(key, value));
+    return run_pass(&pass);
 }
 
 int32_t wlcSecTunReadConf(const char *key, char *value_out) {
@@ -347,36 +414,12 @@ int32_t wlcSecTunReadConf(const char *key, char *value_out) {
     }
 
     conf_pass pass{};
-
+    pass.policy    = &read_one_policy;
+    pass.key       = key;
+    pass.value_out = value_out;
     // By contract: a read announces itself with the text of the update; there is no data yet that it could name.
     WLC_IPC_EVENT("%s() - Updating the Secure tunnel conf file, for the key:%s, data:%s", __func__, key, "");
-    if (!open_conf(&pass, "r+e")) {
-        WLC_IPC_ERROR("%s - File open failed, returning, file:%s", __func__, conf_path);
-        return 0;
-    }
-    if (!open_temp(&pass)) {
-        WLC_IPC_ERROR("%s - Temp File open failed to read, returning, filename:%s", __func__, temp_path);
-        return 0;
-    }
-
-    while (read_line(&pass)) {
-        conf_entry entry;
-        WLC_IPC_EVENT("Config line read:%s", printable_line(&pass));
-        const int skipped = split_current_line(&pass, &entry);
-        if (skipped) {
-            WLC_IPC_EVENT("%s", skip_texts[skipped]);
-            continue;
-        }
-        const bool wanted = strncmp(entry.key, key, strlen(key)) == 0;
-        if (wanted) tlsc_copy_text(value_out, conf_line_size, entry.value);
-        write_entry(&pass, entry.key, entry.value, wanted ? 0 : entry.flag);
-    }
-
-    if (!finish_pass(&pass)) {
-        const char *error = strerror(errno);
-        WLC_IPC_ERROR("%s() - Error [%s] while Renaming file %s to %s", __func__, error, temp_path, conf_path);
-    }
-    return 1;
+    return run_pass(&pass);
 }
 
 // ---- the parameter block -----------------------------------------------------------------------------------------
@@ -576,26 +619,6 @@ int tlscWlcIpcCleanup() {
     return 1;
 }
 
-int tlscWlcInit() {
-    if (tlscWlcBootupDbgFlagPresent()) tlscWlcSetBootupDbgFlags(1);
-    WLC_IPC_EVENT("TLS Client: WLC initialization");
-
-    params = {};
-    feature_status.store(0, std::memory_order_relaxed);
-    reported_state.store(-1, std::memory_order_relaxed);
-
-    // By contract: without its FIFO the client still greets the controller and counts as initialised.
-    (void)openWlcToTlscFifo();
-    WLC_IPC_EVENT("TLS Client is up and running, posting HELLO message to WLC");
-    (void)tlscPostMsgToWlc(WLC_SEC_TUN_MSG_HELLO);
-    return 1;
-}
-
-int tlscWlcCleanUp() {
-    WLC_MSG_EVENT("%s()", __func__);
-    return tlscWlcIpcCleanup();
-}
-
 // ==== 3 Reports ==================================================================================================
 // What the controller is told: tunnel state, statistics, process id, inner address, DNS servers. Each report is one
 // message; one that cannot be sent is lost.
@@ -605,6 +628,13 @@ namespace {
 constexpr int32_t state_none = -1;
 constexpr int32_t state_down = 0;
 constexpr int32_t state_up   = 1;
+
+// What the controller was last told of the tunnel. Written by the tunnel thread, and by the main thread when it stops
+// the tunnel: an atomic word that orders nothing else.
+std::atomic<int32_t> reported_state{state_none};
+
+// 1 while the controller wants a tunnel. Written by the main thread, read by the tunnel thread's reports: the same.
+std::atomic<uint8_t> feature_status{0};
 
 // The statistics as last sent; two threads send them.
 tlsc_stats      last_snapshot;
@@ -1009,4 +1039,27 @@ int wlcTlscFifoHandler() {
         }
     }
     return 0;
+}
+
+// ==== 5 Start and end ============================================================================================
+
+int tlscWlcInit() {
+    if (tlscWlcBootupDbgFlagPresent()) tlscWlcSetBootupDbgFlags(1);
+    WLC_IPC_EVENT("TLS Client: WLC initialization");
+
+    params = {};
+    feature_status.store(0, std::memory_order_relaxed);
+    reported_state.store(state_none, std::memory_order_relaxed);
+
+    // By contract: without its FIFO the client still greets the controller and counts as initialised.
+    (void)openWlcToTlscFifo();
+    WLC_IPC_EVENT("TLS Client is up and running, posting HELLO message to WLC");
+    (void)tlscPostMsgToWlc(WLC_SEC_TUN_MSG_HELLO);
+    return 1;
+}
+
+int tlscWlcCleanUp() {
+    WLC_MSG_EVENT("%s()", __func__);
+    (void)tlscWlcIpcCleanup();
+    return 1;  // By contract: whatever the close gave; it has its line.
 }

@@ -13,7 +13,7 @@ extern "C" {
 // Opens the inbound FIFO and greets the controller. Returns 1 always.
 int tlscWlcInit();
 
-// Closes the inbound FIFO. Returns 1, or 0 when the close failed.
+// Closes the inbound FIFO. Returns 1, whatever the close gave.
 int tlscWlcCleanUp();
 
 // Creates and opens "/tmp/wlc-to-tlsc-fifo". Returns 1 or 0 (logged).

@@ -654,28 +654,77 @@ TEST_F(wlc_conf, key_text_is_never_printed) {
         const auto  fresh_file = [&] {
             write_file(
                  conf_file,
-                 "# psk_key;hush-comment;0\npsk_key;hush-file;1\npsk_key;hush-short\n psk_key;hush-blank;1\npsk_key;" +
+                 "# psk_key;hush-comment;0\npsk_key;hush-file;1\npsk_key;hush-short\npsk_key;hush;hush;0\n;psk_key;hush;1\npsk_key;" +
                      long_key + ";1\n");
         };
         fresh_file();
         EXPECT_EQ(wlcSecTunReadAllConf(), 1);
-        EXPECT_STREQ(tlscWlcGetPskKey(), "hush-file");
+        EXPECT_STREQ(tlscWlcGetPskKey(), "hush");
         EXPECT_TRUE(
             log.contains("wlcSecTunProcessConf() - On TLS Client received key value pair Key:psk_key,value:***"));
         for (const char *key : {"psk_key", "psk", "p", "", "psk_key_x", "device_id"}) {
             fresh_file();
             EXPECT_EQ(wlcSecTunReadConf(key, value), 1);
             fresh_file();
-            EXPECT_EQ(wlcSecTunUpdateConf(key, strcmp(key, "device_id") == 0 ? "D1" : "hush-update"), 1);
+            EXPECT_EQ(wlcSecTunUpdateConf(key, std::string("psk_key").starts_with(key) ? "hush-update" : "D1"), 1);
         }
-        EXPECT_TRUE(log.contains("Config line read:# psk_key;***"));
-        EXPECT_TRUE(log.contains("Config line read:psk_key;***"));
+        for (const char *line : {"# psk_key;***;0\n", "psk_key;***;1\n", "psk_key;***;0\n", ";psk_key;***;1\n"})
+            EXPECT_TRUE(log.contains(std::string("Config line read:") + line)) << line;
         EXPECT_TRUE(log.contains("wlcSecTunUpdateConf() - entry updated for key:psk, data:***"));
         EXPECT_TRUE(log.contains("wlcSecTunUpdateConf() - entry updated for key:device_id, data:D1") ||
                     log.contains("wlcSecTunUpdateConf() - new entry added for key:device_id, data:D1"));
         EXPECT_FALSE(log.contains("hush"));
         EXPECT_FALSE(log.contains("hhhh"));
     }
+}
+
+TEST_F(wlc_conf, key_text_behind_a_name_split_by_the_piece_of_a_long_line_is_neither_printed_nor_kept) {
+    char value[512] = "";
+    for (size_t before = 1; before < strlen("psk_key"); ++before)
+        for (const char *front : {"", "#", "k;v;1;"}) {
+            std::string line(front);
+            line += std::string(511 - before - line.size(), 'x') + "psk_key;hush;1;hush;psk_key;2\n";
+            log_capture log(LOG_BUF_PRINT);
+            for (int pass = 0; pass < 3; ++pass) {
+                write_file(conf_file, line + "device_id;D1;0\n");
+                EXPECT_EQ(pass == 0   ? wlcSecTunReadAllConf()
+                          : pass == 1 ? wlcSecTunReadConf("none", value)
+                                      : wlcSecTunUpdateConf("device_id", "D1"),
+                          1);
+                const std::string kept = read_file(conf_file);
+                EXPECT_EQ(kept.find("hush"), std::string::npos) << kept;
+                EXPECT_NE(kept.find("device_id;D1;"), std::string::npos) << kept;
+            }
+            EXPECT_FALSE(log.contains("hush"));
+            EXPECT_TRUE(log.contains("Config line read:***"));
+        }
+}
+
+TEST_F(wlc_conf, what_goes_on_from_a_long_line_without_the_key_is_a_line_as_any_other) {
+    write_file(conf_file, std::string(511, 'x') + "device_id;D1;1\npsk_key_x;seen;1\n");
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    EXPECT_EQ(read_file(conf_file), "device_id;D1;0\npsk_key_x;seen;0\n");
+}
+
+TEST_F(wlc_conf, only_the_one_key_hides_its_value_and_the_fields_beside_it_stay) {
+    char              value[512] = "";
+    const std::string others =
+        "my_psk_key;seen1;1\npsk_key_x;seen2;1\n psk_key;seen3;1\nk;psk_key;1\n#about psk_key;x;1\n";
+    write_file(conf_file, "psk_key;hush;1\n" + others);
+    log_capture log(LOG_BUF_PRINT);
+    EXPECT_EQ(wlcSecTunReadConf("none", value), 1);
+    EXPECT_TRUE(log.has("DEBUG", source, read_one, "Config line read:psk_key;***;1\n"));
+    for (const char *line :
+         {"my_psk_key;seen1;1\n", "psk_key_x;seen2;1\n", " psk_key;seen3;1\n", "k;psk_key;1\n", "#about psk_key;x;1\n"})
+        EXPECT_TRUE(log.has("DEBUG", source, read_one, std::string("Config line read:") + line)) << line;
+    EXPECT_EQ(wlcSecTunReadAllConf(), 1);
+    for (const char *shown : {"Key:psk_key,value:***", "Key:my_psk_key,value:seen1", "Key:psk_key_x,value:seen2",
+                              "Key: psk_key,value:seen3"})
+        EXPECT_TRUE(log.has("DEBUG", source, process_one,
+                            std::string("wlcSecTunProcessConf() - On TLS Client received key value pair ") + shown))
+            << shown;
+    EXPECT_TRUE(log.has("DEBUG", source, process_one, "Got invalid keystr:my_psk_key value:seen1"));
+    EXPECT_FALSE(log.contains("hush"));
 }
 
 TEST_F(wlc_conf, identity_and_other_values_are_printed) {

@@ -599,13 +599,24 @@ TEST_F(wlc_fifo, failed_close_is_reported_and_keeps_the_descriptor) {
     ASSERT_EQ(openWlcToTlscFifo(), 1);
     log_capture log;
     refused_close = last_inbound_fd;
-    EXPECT_EQ(tlscWlcCleanUp(), 0);
+    EXPECT_EQ(tlscWlcIpcCleanup(), 0);
     EXPECT_TRUE(log.has("ERROR", source, "tlscWlcIpcCleanup",
                         "tlscWlcIpcCleanup() - close /tmp/wlc-to-tlsc-fifo FIFO failed "));
     refused_close = -1;
     send(make_message(1));
     EXPECT_EQ(readFromTlscFifo(), 1);
     EXPECT_EQ(tlscWlcIpcCleanup(), 1);
+}
+
+TEST_F(wlc_fifo, clean_up_returns_1_whatever_the_close_gave) {
+    ASSERT_EQ(openWlcToTlscFifo(), 1);
+    log_capture log;
+    refused_close = last_inbound_fd;
+    EXPECT_EQ(tlscWlcCleanUp(), 1);
+    EXPECT_TRUE(log.has("ERROR", source, "tlscWlcIpcCleanup",
+                        "tlscWlcIpcCleanup() - close /tmp/wlc-to-tlsc-fifo FIFO failed "));
+    refused_close = -1;
+    EXPECT_EQ(tlscWlcCleanUp(), 1);
 }
 
 TEST_F(wlc_fifo, delete_removes_the_inbound_fifo_and_reports_a_missing_one) {
