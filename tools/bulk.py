@@ -2,9 +2,9 @@
 """Bulk data over one TCP connection, with a hash on either end.
 
     bulk.py receive ADDRESS PORT [--no-hash]
-    bulk.py send ADDRESS PORT [--from ADDRESS] (--bytes N | --seconds S | --until-stdin-closes) [--no-hash]
+    bulk.py send ADDRESS PORT [--from ADDRESS] (--bytes N | --seconds S | --until-told) [--no-hash]
 
-The receiver prints "ready" when it listens. Each end prints one JSON object when it is done: "bytes", "seconds"
+--until-told: SIGTERM ends the sending; what was sent arrives. The receiver prints "ready" when it listens. Each end prints one JSON object when it is done: "bytes", "seconds"
 (receiver: from the first byte to the last), "sha256" (unless --no-hash), and the receiver also "longest_pause", in
 seconds.
 """
@@ -13,7 +13,7 @@ import argparse
 import hashlib
 import json
 import random
-import select
+import signal
 import socket
 import sys
 import time
@@ -46,13 +46,16 @@ def receive(options):
 
 def blocks(options):
     """Yields pieces of the pool, cut at --bytes, until the end that the options ask for."""
+    told = []
+    if options.until_told:
+        signal.signal(signal.SIGTERM, lambda *_: told.append(True))
     end = time.monotonic() + options.seconds if options.seconds else None
     left = options.bytes
     place = 0
     while left is None or left > 0:
         if end and time.monotonic() >= end:
             return
-        if options.until_stdin_closes and select.select([sys.stdin], [], [], 0)[0] and not sys.stdin.read(1):
+        if told:
             return
         piece = memoryview(POOL)[place : place + min(BLOCK, left or BLOCK)]
         yield piece
@@ -97,7 +100,7 @@ def main():
             amount = verb.add_mutually_exclusive_group(required=True)
             amount.add_argument("--bytes", type=int)
             amount.add_argument("--seconds", type=float)
-            amount.add_argument("--until-stdin-closes", action="store_true")
+            amount.add_argument("--until-told", action="store_true")
     options = parser.parse_args()
     print(json.dumps(receive(options) if options.verb == "receive" else send(options)), flush=True)
 

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """A tunnel's life as a time line: what happened, what proves it, when. Run it with ./run demo [--shell].
 
-Runs inside tools/private-world, as its first process: when it ends, in whatever way, every process, namespace, interface and file
-of the demonstration ends with it. Each step is checked; the exit status is 0 only if every step held.
+Runs inside tools/private-world, as its first process: when it ends, in whatever way, every process, namespace,
+interface and file of the demonstration ends with it. Each step is checked; the exit status is 0 only if every step held.
 """
 
 import argparse
@@ -15,14 +15,28 @@ import sys
 import time
 from pathlib import Path
 
-import tunnel_world as net
-from tunnel_world import DEVICE, GATEWAY, MANAGEMENT, SITE, World, GatewayControl, stop, wait_for
+from harness.controller import FROM_DAEMON, TO_DAEMON
+from harness.daemon import PSK_KEY, TUN_NAME, Daemon
+from harness.gateway import CONTROL, Gateway, GatewayError
+from harness.gateway import LOG as GATEWAY_LOG
+from harness.log import LOG_FILE
+from harness.traffic import Transfer, ping
+from harness.wlcctl import PROGRAM as WLCCTL
+from harness.wlcctl import SOCKET as AGENT_SOCKET
+from harness.wlcctl import Wlcctl
+from harness.world import BUILD, DEVICE_IP, GATEWAY_IP, LAN_IP, MANAGEMENT_IP, OwnWorld, WorldError, wait_until
 
 STORY_SECONDS = 88  # the whole story, its failure included
 REKEY_SECONDS = 18  # assigned to the first connection only: pings and both transfers take some 12 of them
 BULK_SECONDS = 4    # each way
 CIPHER = "PSK-AES256-GCM-SHA384"
-FROM_DAEMON_PIPE, TO_DAEMON_PIPE = "/tmp/tlsc-to-wlc-fifo", "/tmp/wlc-to-tlsc-fifo"
+DEVICE_SIDE, SITE_SIDE = ("device", MANAGEMENT_IP), ("gateway", LAN_IP)  # of the transfers
+LOGS = {  # what the programs leave: the name on the screen and the files
+    "tlsc_log": (LOG_FILE,),
+    "daemon": ("/tmp/daemon.out", "/tmp/daemon.err"),
+    "gateway": (GATEWAY_LOG, "/tmp/gateway.out", "/tmp/gateway.err"),
+    "agent": ("/tmp/agent.out", "/tmp/agent.err"),
+}
 
 
 class StepFailed(Exception):
@@ -103,8 +117,9 @@ def mbit_per_second(report):
 class Story:
     """The chapters in order. Whatever a later chapter or the summary needs is kept here."""
 
-    def __init__(self, binaries, timeline):
-        self.world = World(binaries)
+    def __init__(self, timeline):
+        self.world = OwnWorld()
+        self.controller = Wlcctl(self.world)
         self.line = timeline
         self.checks = 0
         self.summary = []
@@ -114,39 +129,37 @@ class Story:
         if not holds:
             raise StepFailed(expected, str(seen))
 
-    def event(self, kind, since, seconds=5):
+    def event(self, kind, since, seconds=5, **match):
         """The agent's first event of that kind after number since; the step fails without one."""
-        event = self.world.wait_for_event(kind, since, seconds)
-        self.check(event, f"the agent's event '{kind}' within {seconds:.0f} s")
-        return event
+        self.checks += 1
+        return self.controller.wait(kind, since, seconds, **match)
 
     def sent_message(self, number, since):
         """The agent's event of having sent this message to the daemon."""
-        def sent():
-            return next((e for e in self.world.events(since) if e["kind"] == "sent" and e["id"] == number), None)
-        event = wait_for(sent, 5)
-        self.check(event, f"message {number} from the controller to the daemon")
-        return event
+        return self.event("sent", since, id=number)
 
     def gateway_event(self, kind, since=0, seconds=5):
-        events = wait_for(lambda: GatewayControl().events(kind, since=since), seconds)
-        self.check(events, f"the gateway's event '{kind}' within {seconds} s")
-        return events[0]
+        self.checks += 1
+        return self.gateway.wait(kind, since, seconds)
 
     def logged(self, text, seconds=3):
         """The newest line of the daemon's log that begins with text, as a proof."""
-        def newest():
-            return next((message for _, message in reversed(self.world.log_lines()) if message.startswith(text)), None)
-        message = wait_for(newest, seconds)
-        self.check(message, f"the line \"{text}\" in the daemon's log")
-        return f'log "{message}"'
 
-    def last_event(self):
-        events = self.world.events()
-        return events[-1]["event"] if events else 0
+        def newest():
+            entries = reversed(self.daemon.log.entries())
+            return next((entry.message for entry in entries if entry.message.startswith(text)), None)
+
+        self.checks += 1
+        return f'log "{wait_until(newest, seconds, f"the line {text!r} in the log")}"'
 
     def open_descriptors(self):
-        return len(os.listdir(f"/proc/{self.daemon.pid}/fd"))
+        return len(self.daemon.process.descriptors())
+
+    def tail(self, name, count):
+        """The last lines of a log, all of them if count is None."""
+        files = [self.world.read(path) for path in LOGS[name] if self.world.exists(path)]
+        lines = b"\n".join(files).decode(errors="replace").splitlines()
+        return [line for line in lines if line.strip()][-count if count else None :]
 
     # ---- 1 the stage
 
@@ -154,35 +167,31 @@ class Story:
         world, line = self.world, self.line
         line.chapter("The stage")
 
-        world.make_network()
-        cable = world.run(DEVICE, "ping", "-n", "-q", "-c", "1", "-W", "1", net.GATEWAY_WAN, check=False)
-        self.check(cable.returncode == 0, "one ping from the device to the gateway over the cable", cable.stdout)
-        line.row("device", f"two network namespaces joined by a cable; the site {SITE} lies behind the gateway",
-                 f"device {net.DEVICE_WAN} ---- {net.GATEWAY_WAN} gateway: ping answered")
-        unreachable = world.run(DEVICE, "ping", "-n", "-q", "-c", "1", "-W", "1", SITE, check=False)
-        self.check(unreachable.returncode != 0, "no way from the device to the site without a tunnel", unreachable.stdout)
+        self.check(ping(world, GATEWAY_IP, 1, DEVICE_IP), "one ping from the device to the gateway over the cable")
+        line.row("device", f"two network namespaces joined by a cable; the site {LAN_IP} lies behind the gateway",
+                 f"device {DEVICE_IP} ---- {GATEWAY_IP} gateway: ping answered")
+        self.check(not ping(world, LAN_IP, 1, MANAGEMENT_IP), "no way from the device to the site without a tunnel")
 
-        self.gateway = world.start_gateway()
-        self.check(self.gateway, "the gateway to accept clients within 5 s", world.tail("gateway", 3))
-        status = GatewayControl().ask("status")
-        line.row("gateway", "accepts clients", f"status listen={status['listen']} tun={status['tun']} pool={status['pool']}")
+        self.gateway = Gateway(world)
+        status = self.gateway.ask("status")
+        line.row("gateway", "accepts clients",
+                 f"status listen={status['listen']} tun={status['tun']} pool={status['pool']}")
 
-        written = world.write_configuration("--cipher-algo", CIPHER)
-        self.check(written.returncode == 0, "wlcctl conf init to write the configuration file", written.answer)
-        path = Path(written.answer["path"])
+        done, answer = self.controller.write_configuration("--cipher-algo", CIPHER)
+        self.check(done == 0, "wlcctl conf init to write the configuration file", answer)
+        path = Path(answer["path"])
         mode = stat.S_IMODE(path.stat().st_mode)
         self.check(mode == 0o600, f"{path} readable by root alone", oct(mode))
-        shown = world.run(DEVICE, world.binaries / "wlcctl", "conf", "show").stdout
-        self.check("***" in shown and net.KEY not in shown, "wlcctl conf show to mask the key", shown)
+        shown = world.run([str(WLCCTL), "conf", "show"], ns="device")["out"]
+        self.check("***" in shown and PSK_KEY not in shown, "wlcctl conf show to mask the key", shown)
         line.row("controller", "writes the tunnel's configuration", f"{path}, mode {mode:04o}, key shown as ***")
 
-        self.agent = world.start_agent()
-        self.check(self.agent, "wlcctl agent to serve its socket within 5 s", world.tail("agent", 3))
-        line.row("controller", "agent listens to the daemon's pipe", FROM_DAEMON_PIPE)
+        self.controller.start_agent()
+        line.row("controller", "agent listens to the daemon's pipe", FROM_DAEMON)
 
-        self.daemon = world.start_daemon()
+        self.daemon = Daemon(world, None)
         hello = self.event("hello", 0)
-        self.check(os.path.exists(TO_DAEMON_PIPE), f"the daemon's pipe {TO_DAEMON_PIPE}")
+        self.check(world.exists(TO_DAEMON), f"the daemon's pipe {TO_DAEMON}")
         line.row("daemon", "starts and says hello", "pipe 1 HELLO", at=hello["mono"])
 
     # ---- 2 the tunnel comes up
@@ -191,13 +200,12 @@ class Story:
         world, line = self.world, self.line
         line.chapter("The tunnel comes up")
         if rekey_seconds:
-            answer = GatewayControl().ask("set", header="X-CSTP-Rekey-Time", value=str(rekey_seconds), once=True)
-            self.check(answer["ok"], "the gateway to take a rekey interval for the next client", answer)
+            self.gateway.ask("set", header="X-CSTP-Rekey-Time", value=str(rekey_seconds), once=True)
 
-        since = self.last_event()
+        since = self.controller.last_event()
         line.waiting("the daemon looks into its pipe every 2 s, and pauses 2 s before it negotiates")
-        started = world.wlcctl("start", "--wait", "30")
-        self.check(started.returncode == 0, "wlcctl start --wait to end with 0", started.answer)
+        done, answer = self.controller.ask("start", "--wait", "30")
+        self.check(done == 0, "wlcctl start --wait to end with 0", answer)
 
         asked = self.sent_message(20, since)
         line.row("controller", "says start", "pipe 20 TUN_START", at=asked["mono"])
@@ -220,10 +228,12 @@ class Story:
                  f"pipe 30/1 {inner['address']}, 30/0 {' '.join(servers['servers'])}", at=inner["mono"])
         line.row("daemon", "reports the tunnel up", "pipe 24 TUN_UP, " + self.logged("TUN-INTF is UP!!"), at=up["mono"])
         hook = self.event("hook_ended", since)
-        route = world.run(DEVICE, "ip", "route", "get", SITE, check=False).stdout.split("\n")[0].strip()
-        self.check("dev tun0" in route and f"src {MANAGEMENT}" in route, f"a route to {SITE} through tun0", route)
+        route = world.ip("device", f"route get {LAN_IP}").split("\n")[0].strip()
+        is_right = f"dev {TUN_NAME}" in route and f"src {MANAGEMENT_IP}" in route
+        self.check(is_right, f"a route to {LAN_IP} through {TUN_NAME}", route)
         line.row("controller", "hook adds the device's route", f"ip route get: {route}", at=hook["mono"])
-        times = [asked["mono"], accepted["mono"], tls["mono_ms"] / 1000, request["mono_ms"] / 1000, inner["mono"] + 0.001, up["mono"] + 0.001]
+        times = [asked["mono"], accepted["mono"], tls["mono_ms"] / 1000, request["mono_ms"] / 1000]
+        times += [inner["mono"] + 0.001, up["mono"] + 0.001]
         self.check(times == sorted(times), "start, progress, TLS, request, address and up in this order", times)
         self.inner = inner["address"]
         self.up_event = up["event"]
@@ -241,34 +251,28 @@ class Story:
     # ---- 3 traffic
 
     def ping_the_site(self, count=100):
-        received, average = self.world.ping(count)
-        self.check(received == count, f"{count} answers to {count} pings", received)
-        self.line.row("device", f"pings {SITE}: {received} of {count} answered", f"round trip {average:.2f} ms on average")
-        return received
+        times = ping(self.world, LAN_IP, count, MANAGEMENT_IP)
+        self.check(len(times) == count, f"{count} answers to {count} pings", len(times))
+        self.line.row("device", f"pings {LAN_IP}: {len(times)} of {count} answered",
+                      f"round trip {sum(times) / count:.2f} ms on average")
 
-    def transfer(self, sender, receiver, amount):
-        """One bulk transfer; returns the receiver's report. Sender and receiver are (namespace, address, options)."""
-        receiving = self.world.receiver(receiver[0], receiver[1], 5001)
-        sending = self.world.sender(sender[0], sender[1], 5001, *sender[2], *amount)
-        sent, received = self.world.finish(sending, 30), self.world.finish(receiving, 30)
-        self.check_same(sent, received)
-        return received
+    def start_transfer(self, way, amount, port=5001):
+        if way == "up":
+            return Transfer(self.world, DEVICE_SIDE, SITE_SIDE, amount, port=port)
+        return Transfer(self.world, SITE_SIDE, DEVICE_SIDE, amount, target=self.inner, port=port)
 
-    def check_same(self, sent, received):
-        self.check(sent and received, "both ends of the transfer to end well", f"sent {sent}, received {received}")
-        same = sent["bytes"] == received["bytes"] and sent["sha256"] == received["sha256"]
-        self.check(same, "the same bytes on either end", f"sent {sent}, received {received}")
+    def finish_transfer(self, transfer):
+        """The receiver's report; the step fails unless both ends have the same hash."""
+        self.checks += 1
+        return transfer.finish(30)[0]
 
     def carry_traffic(self):
         line = self.line
         line.chapter("Traffic")
         self.ping_the_site()
-        for way, who, sender, receiver in (
-            ("up", "device", (DEVICE, SITE, ()), (GATEWAY, SITE)),
-            ("down", "site", (GATEWAY, self.inner, ("--from", SITE)), (DEVICE, MANAGEMENT)),
-        ):
+        for way, who in (("up", "device"), ("down", "site")):
             line.waiting(f"{BULK_SECONDS} s of bulk data {way}")
-            report = self.transfer(sender, receiver, ("--seconds", str(BULK_SECONDS)))
+            report = self.finish_transfer(self.start_transfer(way, f"--seconds {BULK_SECONDS}"))
             rate = mbit_per_second(report)
             line.row(who, f"sends {megabytes(report['bytes'])} {way} through the tunnel at {rate:.0f} Mbit/s",
                      f"sha256 equal on both ends: {report['sha256'][:32]}...")
@@ -277,12 +281,10 @@ class Story:
     # ---- 4 rekey
 
     def rekey_under_load(self):
-        world, line = self.world, self.line
+        line = self.line
         line.chapter("Rekey under load")
-        since, gateway_since = self.up_event, GatewayControl().ask("status")["seq"]
-        receivers = world.receiver(GATEWAY, SITE, 5002), world.receiver(DEVICE, MANAGEMENT, 5003)
-        senders = (world.sender(DEVICE, SITE, 5002, "--until-stdin-closes"),
-                   world.sender(GATEWAY, self.inner, 5003, "--from", SITE, "--until-stdin-closes"))
+        since, gateway_since = self.up_event, self.gateway.seq
+        transfers = [self.start_transfer(way, "--until-told", port) for way, port in (("up", 5002), ("down", 5003))]
         loaded = time.monotonic()
         line.row("device", "bulk data runs both ways", "two TCP connections")
 
@@ -291,34 +293,31 @@ class Story:
         query = self.event("name_query", since, left + 5)
         line.row("daemon", "rekey timer expires; asks the controller for the gateway's address",
                  "pipe 27 GW_FQDN_REQ, data path closed until the new connection stands", at=query["mono"])
-        self.check(query["mono"] > loaded, "the rekey to come while the data flows", f"it came {loaded - query['mono']:.1f} s earlier")
+        early = f"it came {loaded - query['mono']:.1f} s earlier"
+        self.check(query["mono"] > loaded, "the rekey to come while the data flows", early)
         answer = self.sent_message(28, query["event"])
         line.row("controller", f"answers {answer.get('text', '')}", "pipe 28 GW_FQDN_RES", at=answer["mono"])
 
         line.waiting("the daemon reads the answer, connects, pauses 2 s and negotiates")
         tls = self.gateway_event("tls_up", gateway_since, 10)
-        line.row("daemon", "opens a second connection beside the old one", self.logged("Establish new TCP connection"), at=tls["mono_ms"] / 1000)
+        line.row("daemon", "opens a second connection beside the old one",
+                 self.logged("Establish new TCP connection"), at=tls["mono_ms"] / 1000)
         response = self.gateway_event("config_resp_sent", gateway_since, 10)
         self.check(response["inner"] == self.inner, f"the same inner address {self.inner}", response["inner"])
-        line.row("gateway", f"confirms {response['inner']} on the new connection", self.logged("TCP connection established after rekey timeout"),
-                 at=response["mono_ms"] / 1000)
+        line.row("gateway", f"confirms {response['inner']} on the new connection",
+                 self.logged("TCP connection established after rekey timeout"), at=response["mono_ms"] / 1000)
         closed = self.gateway_event("closed", gateway_since)
-        line.row("daemon", "closes the old connection; the interface stayed up", f"gateway event closed client={closed['client']} by={closed['by']}",
-                 at=closed["mono_ms"] / 1000)
+        line.row("daemon", "closes the old connection; the interface stayed up",
+                 f"gateway event closed client={closed['client']} by={closed['by']}", at=closed["mono_ms"] / 1000)
 
         time.sleep(1.5)
-        for process in senders:
-            process.stdin.close()
-            process.stdin = None
-        total = pause = 0
-        for sending, receiving in zip(senders, receivers):
-            sent, received = world.finish(sending, 20), world.finish(receiving, 20)
-            self.check_same(sent, received)
-            total += received["bytes"]
-            pause = max(pause, received["longest_pause"])
-        carried = next(c for c in GatewayControl().ask("clients")["clients"] if c["client"] == response["client"])["counters"]
+        for transfer in transfers:
+            transfer.tell()
+        reports = [self.finish_transfer(transfer) for transfer in transfers]
+        total, pause = sum(r["bytes"] for r in reports), max(r["longest_pause"] for r in reports)
+        carried = next(c for c in self.gateway.clients() if c["client"] == response["client"])["counters"]
         self.check(min(carried["data_rx"], carried["data_tx"]) > 100, "data both ways on the new connection", carried)
-        downs = [e for e in world.events(since) if e["kind"] == "tun_down"]
+        downs = [e for e in self.controller.events(since) if e["kind"] == "tun_down"]
         self.check(not downs, "no DOWN report during the rekey", downs)
         line.row("device", f"both transfers survived: {megabytes(total)}, hashes equal, longest pause {pause:.1f} s",
                  f"new connection: {carried['data_rx']} packets up, {carried['data_tx']} down")
@@ -327,10 +326,11 @@ class Story:
         attempts, done = stats["Rekey Attempts"], stats["Rekey Success"]
         self.check((attempts, done) == (1, 1), "one rekey attempted, one done", (attempts, done))
         line.row("daemon", "counts the rekey", f"pipe 30/33 Rekey Attempts {attempts}, Rekey Success {done}")
-        self.summary.append(("rekeys", f"{done} of {attempts}, under load; {megabytes(total)} intact, longest pause {pause:.1f} s"))
+        intact = f"{megabytes(total)} intact, longest pause {pause:.1f} s"
+        self.summary.append(("rekeys", f"{done} of {attempts}, under load; {intact}"))
 
     def statistics(self):
-        answer = self.world.wlcctl("stats", "--fresh").answer
+        _, answer = self.controller.ask("stats", "--fresh")
         self.check(answer.get("ok"), "statistics from the daemon", answer)
         return answer["statistics"].get("value", answer["statistics"])
 
@@ -339,38 +339,41 @@ class Story:
     def kill_the_gateway(self):
         world, line = self.world, self.line
         line.chapter("The gateway dies and comes back")
-        descriptors, since = self.open_descriptors(), self.last_event()
+        descriptors, since = self.open_descriptors(), self.controller.last_event()
 
         killed = time.monotonic()
         self.gateway.kill()
-        self.gateway.wait()
-        line.row("gateway", "killed", f"SIGKILL to process {self.gateway.pid}", at=killed)
+        line.row("gateway", "killed", f"SIGKILL to process {self.gateway.process.pid}", at=killed)
         down = self.event("tun_down", since)
-        line.row("daemon", "notices, takes the interface down and waits", "pipe 25 TUN_DOWN, " + self.logged("Started Backoff Timer for"),
-                 at=down["mono"])
+        line.row("daemon", "notices, takes the interface down and waits",
+                 "pipe 25 TUN_DOWN, " + self.logged("Started Backoff Timer for"), at=down["mono"])
 
         time.sleep(1)
-        self.gateway = world.start_gateway()
-        self.check(self.gateway, "the gateway to accept clients again", world.tail("gateway", 3))
-        line.row("gateway", "starts again; it remembers nothing", f"process {self.gateway.pid}")
+        self.gateway.start()
+        line.row("gateway", "starts again; it remembers nothing", f"process {self.gateway.process.pid}")
 
         line.waiting("the daemon's back-off of 10 s")
         query = self.event("name_query", since, 15)
-        line.row("daemon", "back-off over; asks for the gateway's address", "pipe 27 GW_FQDN_REQ, answered with 28", at=query["mono"])
+        line.row("daemon", "back-off over; asks for the gateway's address", "pipe 27 GW_FQDN_REQ, answered with 28",
+                 at=query["mono"])
         line.waiting("connecting and negotiating")
         up = self.event("tun_up", since, 15)
         request = self.gateway_event("config_req")
-        self.check(request["address"] == self.inner, f"the daemon to ask for its address {self.inner} again", request["address"])
-        line.row("daemon", "reports the tunnel up", f"pipe 24 TUN_UP, asked for X-CSTP-Address:{request['address']} and got it", at=up["mono"])
+        asked = request["address"]
+        self.check(asked == self.inner, f"the daemon to ask for its address {self.inner} again", asked)
+        line.row("daemon", "reports the tunnel up", f"pipe 24 TUN_UP, asked for X-CSTP-Address:{asked} and got it",
+                 at=up["mono"])
 
-        self.check(wait_for(lambda: world.ping(1)[0] == 1, 5), "an answer from the site within 5 s of TUN_UP")
+        wait_until(lambda: ping(world, LAN_IP, 1, MANAGEMENT_IP), 5, "an answer from the site within 5 s of TUN_UP")
         recovered = time.monotonic() - killed
         line.row("device", f"reaches the site again {recovered:.1f} s after the kill", "ping answered")
         self.ping_the_site(20)
         now_open = self.open_descriptors()
         self.check(now_open == descriptors, f"{descriptors} descriptors open in the daemon, as before", now_open)
-        line.row("daemon", f"holds {now_open} descriptors, as before the kill", f"/proc/{self.daemon.pid}/fd")
-        self.summary.append(("time to recover", f"{recovered:.1f} s from the gateway's death to the first ping (10 s of it back-off)"))
+        line.row("daemon", f"holds {now_open} descriptors, as before the kill", f"/proc/{self.daemon.process.pid}/fd")
+        self.summary.append(
+            ("time to recover", f"{recovered:.1f} s from the gateway's death to the first ping (10 s of it back-off)")
+        )
 
     # ---- 6 the orderly end
 
@@ -378,33 +381,34 @@ class Story:
         world, line = self.world, self.line
         line.chapter("The orderly end")
         stats = self.statistics()
-        self.summary.insert(0, ("packets", f"{stats['Data Pkt Tx']} up, {stats['Data Pkt Rx']} down, invalid {stats['Invalid Rx']}"))
+        packets = f"{stats['Data Pkt Tx']} up, {stats['Data Pkt Rx']} down, invalid {stats['Invalid Rx']}"
+        self.summary.insert(0, ("packets", packets))
 
-        stopped = world.wlcctl("stop", "--wait")
-        self.check(stopped.returncode == 0, "wlcctl stop --wait to end with 0", stopped.answer)
-        gone = wait_for(lambda: world.run(DEVICE, "ip", "link", "show", "tun0", check=False).returncode != 0, 5)
-        self.check(gone, "the interface tun0 to be gone after the stop")
+        done, answer = self.controller.ask("stop", "--wait")
+        self.check(done == 0, "wlcctl stop --wait to end with 0", answer)
+        wait_until(lambda: not world.has_interface("device", TUN_NAME), 5, f"the end of {TUN_NAME} after the stop")
         line.row("controller", "says stop", "pipe 21 TUN_STOP")
-        line.row("daemon", "ends the tunnel thread; tun0 is gone", self.logged("TLS Client: epoll thread exiting normally"))
+        line.row("daemon", f"ends the tunnel thread; {TUN_NAME} is gone",
+                 self.logged("TLS Client: epoll thread exiting normally"))
 
-        ended = world.wlcctl("shutdown", "--wait")
-        self.check(ended.returncode == 0, "wlcctl shutdown --wait to end with 0", ended.answer)
-        status = self.daemon.wait(5)
+        done, answer = self.controller.ask("shutdown", "--wait")
+        self.check(done == 0, "wlcctl shutdown --wait to end with 0", answer)
+        status = self.daemon.process.wait(5)
         self.check(status == 1, "exit status 1 of the daemon, which is the ordered end", status)
-        self.check(any("Shutting down TLS Client..." in text for text in world.tail("daemon", 5)),
-                   "the daemon's last words \"Shutting down TLS Client...\"", world.tail("daemon", 5))
-        self.check(not os.path.exists(TO_DAEMON_PIPE), f"{TO_DAEMON_PIPE} removed by the daemon")
-        line.row("daemon", "shuts down with status 1, the ordered one", 'pipe 37, "Shutting down TLS Client...", pipe removed')
+        words = "Shutting down TLS Client..."
+        self.check(words in self.daemon.output(), f'the daemon\'s last words "{words}"', self.tail("daemon", 5))
+        self.check(not world.exists(TO_DAEMON), f"{TO_DAEMON} removed by the daemon")
+        line.row("daemon", "shuts down with status 1, the ordered one", f'pipe 37, "{words}", pipe removed')
 
-        for who, process in (("gateway", self.gateway), ("controller", self.agent)):
-            status = stop(process)
+        for who, process in (("gateway", self.gateway.process), ("controller", self.controller.agent)):
+            status = process.end(5)
             self.check(status == 0, f"the {who} to end with 0 on SIGTERM", status)
             line.row(who, "ends", "SIGTERM, status 0")
-        names = ("tlsc_log", "daemon", "gateway", "agent")
-        told = [name for name in names if any(net.KEY in text for text in world.tail(name, None))]
+        told = [name for name in LOGS if any(PSK_KEY in text for text in self.tail(name, None))]
         self.check(not told, "the key in no log", told)
-        line.row("device", "the key is in no log of daemon, gateway and controller", f"{len(world.tail('tlsc_log', None))} lines in {net.TLSC_LOG}")
-        left = [path for path in (FROM_DAEMON_PIPE, "/tmp/wlcctl.sock", net.GATEWAY_CONTROL) if os.path.exists(path)]
+        line.row("device", "the key is in no log of daemon, gateway and controller",
+                 f"{len(self.tail('tlsc_log', None))} lines in {LOG_FILE}")
+        left = [path for path in (FROM_DAEMON, AGENT_SOCKET, CONTROL) if world.exists(path)]
         self.check(not left, "no pipe or socket left behind", left)
 
 
@@ -425,7 +429,7 @@ def open_shell(story):
     for command, purpose in (
         ("wlcctl", "what the controller knows"),
         ("wlcctl events --follow", "what the daemon reports"),
-        (f"ping {SITE}", "through the tunnel"),
+        (f"ping {LAN_IP}", "through the tunnel"),
         ("tail -f /tmp/tlsc_log", "the daemon's log"),
         ("wlcctl debug level debug", "a more talkative one"),
         ("ip netns exec gateway COMMAND", "on the gateway"),
@@ -433,9 +437,9 @@ def open_shell(story):
     ):
         line.print(f"   {command:<32} {line.paint('2', purpose)}")
     line.print()
-    environment = os.environ | {"PATH": f"{story.world.binaries}:{os.environ['PATH']}", "PS1": "device# ", "HOME": "/tmp"}
+    environment = os.environ | {"PATH": f"{BUILD}/bin:{os.environ['PATH']}", "PS1": "device# ", "HOME": "/tmp"}
     take_terminal()
-    subprocess.run(["ip", "netns", "exec", DEVICE, "bash", "--norc", "--noprofile"], env=environment, check=False)
+    subprocess.run(["ip", "netns", "exec", "device", "bash", "--norc", "--noprofile"], env=environment, check=False)
     take_terminal()
 
 
@@ -449,7 +453,7 @@ def tell(story, shell):
         story.ping_the_site()
         signal.alarm(0)
         open_shell(story)
-        if story.world.wlcctl("status").returncode != 0:
+        if story.controller.ask("status")[0] != 0:
             story.line.row("device", "the tunnel was ended in the shell; what still runs ends now")
             return
     else:
@@ -479,7 +483,7 @@ def print_failure(story, failure):
     for name, count in (("tlsc_log", 15), ("daemon", 5), ("gateway", 8), ("agent", 8)):
         line.print()
         line.print(line.paint("1", f"   last lines of {name}"))
-        for text in story.world.tail(name, count):
+        for text in story.tail(name, count):
             line.print(f"     {text}")
 
 
@@ -493,23 +497,24 @@ def on_alarm(*_):
 
 def main():
     parser = argparse.ArgumentParser(prog="./run demo", description="Shows a tunnel's life from start to shutdown.")
-    parser.add_argument("--bin", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--shell", action="store_true", help="leave the tunnel up and open a shell on the device")
     options = parser.parse_args()
-    net.require_private_world("demo")
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, on_signal)
     signal.signal(signal.SIGALRM, on_alarm)
     signal.alarm(STORY_SECONDS)
 
-    story = Story(options.bin, Timeline())
+    story = Story(Timeline())
     try:
         tell(story, options.shell)
     except StepFailed as failure:
         print_failure(story, failure)
         return 1
-    except (subprocess.SubprocessError, OSError, LookupError, ValueError) as error:
-        seen = f"{type(error).__name__}: {error} {getattr(error, 'stderr', None) or ''}"
+    except AssertionError as waited:
+        print_failure(story, StepFailed("what a step waited for to happen in time", waited))
+        return 1
+    except (WorldError, GatewayError, OSError, LookupError, ValueError) as error:
+        seen = f"{type(error).__name__}: {error}"
         print_failure(story, StepFailed("every program of the demonstration to run and to answer", seen))
         return 1
     except Interrupted as signal_name:

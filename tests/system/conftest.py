@@ -1,4 +1,4 @@
-"""Fixtures of the system tests. Each test has a world of its own; see harness/world.py.
+"""Fixtures of the system tests. Each test has a world of its own; see tools/harness/world.py.
 
     TLSC_BUILD      build directory with bin/tlsc and bin/tlsc-gateway (default: build/ of the project)
     TLSC_SAN_BUILD  the same, built with sanitizers; when given, tests marked `sanitizer` run once more with that daemon
@@ -19,7 +19,7 @@ from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).parent))
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
 
 from harness.controller import Controller  # noqa: E402
 from harness.daemon import Daemon, conf_text  # noqa: E402

@@ -35,14 +35,17 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from unittest import mock
 
-sys.path.insert(0, str(Path(__file__).parent))
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
 
 from harness import records  # noqa: E402
 from harness.controller import TO_DAEMON, Controller  # noqa: E402
 from harness.daemon import CONF_FILE, TUN_NAME, Daemon, conf_text  # noqa: E402
 from harness.gateway import Gateway, GatewayError  # noqa: E402
 from harness.sanitizers import complains, runtime, surroundings  # noqa: E402
-from harness.world import BLACK_HOLE_IP, BUILD, GATEWAY_IP, MANAGEMENT_IP, PROJECT, SITE_IP, World, WorldError, wait_until  # noqa: E402
+from harness.traffic import Transfer  # noqa: E402
+from harness.world import (  # noqa: E402
+    BLACK_HOLE_IP, BUILD, GATEWAY_IP, MANAGEMENT_IP, SITE_IP, World, WorldError, wait_until,
+)
 
 # The daemon's own times, in seconds; the preloaded clock divides them by its factor.
 FACTORS = [2, 4, 8]
@@ -645,12 +648,11 @@ def push(run):
 def bulk(run):
     """Some megabytes over TCP from the device to the site, for as long as the tunnel lasts."""
     run.add_route()
-    script = str(PROJECT / "tools/bulk.py")
     port = run.rng.randint(6000, 9999)
-    ends = [run.world.spawn(["/usr/bin/python3", script, "receive", SITE_IP, str(port), "--no-hash"], ns="gateway")]
-    time.sleep(0.2)
-    ends.append(run.world.spawn(["/usr/bin/python3", script, "send", SITE_IP, str(port), "--from", MANAGEMENT_IP, "--seconds", "2", "--no-hash"], ns="device"))
-    run.later(5, lambda: [end.end(1) for end in ends])
+    transfer = Transfer(
+        run.world, ("device", MANAGEMENT_IP), ("gateway", SITE_IP), "--seconds 2", port=port, options=["--no-hash"]
+    )
+    run.later(5, transfer.end)
 
 
 # ---- operations: a look at the whole ---------------------------------------------------------------------------------

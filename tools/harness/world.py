@@ -1,10 +1,13 @@
-"""A world of its own for one test: private /tmp, /storage and /run, three network namespaces, its own processes.
+"""A world of its own: private /tmp, /storage and /run, three network namespaces, its own processes.
 
     device  192.0.2.2 -- 192.0.2.1  gateway
-    10.1.0.2 (management address)   10.9.0.1 (the gateway's TUN interface, the site)
+    10.1.0.2 (management address)   10.9.0.1 (the gateway's TUN interface), 10.20.0.1 and 10.21.0.1 (sites behind it)
 
 The daemon runs in `device`, the gateway in `gateway`. Packets to 198.51.100.1 leave the device for a station that does
 not exist: nothing answers them.
+
+A test makes a `World` and looks into it from outside. A program that tools/private-world runs is in such a world already,
+and uses it as its `OwnWorld`. Both know the same operations.
 """
 
 import contextlib
@@ -13,17 +16,22 @@ import json
 import os
 import signal
 import subprocess
+import sys
 import threading
 import time
 from pathlib import Path
 
-PROJECT = Path(__file__).resolve().parents[3]
+from . import world_agent
+
+PROJECT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("TLSC_BUILD", PROJECT / "build")).resolve()
 
 MANAGEMENT_IP = "10.1.0.2"
 DEVICE_IP = "192.0.2.2"
 GATEWAY_IP = "192.0.2.1"
 SITE_IP = "10.9.0.1"
+LAN_IP, LAN = "10.20.0.1", "10.20.0.0/24"
+SECOND_LAN_IP, SECOND_LAN = "10.21.0.1", "10.21.0.0/24"
 BLACK_HOLE_IP = "198.51.100.1"  # packets to it vanish
 
 CLONE_NEWNET = 0x40000000
@@ -37,6 +45,8 @@ ip -n device addr add {MANAGEMENT_IP}/32 dev lo
 ip -n device link set wan0 up
 ip -n gateway addr add {GATEWAY_IP}/24 dev wan0
 ip -n gateway link set wan0 up
+ip -n gateway addr add {LAN_IP}/32 dev lo
+ip -n gateway addr add {SECOND_LAN_IP}/32 dev lo
 ip -n device route add {BLACK_HOLE_IP}/32 dev wan0
 ip -n device neigh add {BLACK_HOLE_IP} dev wan0 lladdr 02:00:00:00:00:fe nud permanent
 ip -n device route replace 192.0.2.0/24 dev wan0 src {DEVICE_IP} congctl cubic
@@ -117,56 +127,29 @@ class Process:
         raise WorldError("no VmRSS")
 
     def cpu_seconds(self):
-        fields = Path(self.proc("stat")).read_text().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+        """CPU time of the living threads, from the scheduler's accounts."""
+        total = 0
+        for task in os.listdir(self.proc("task")):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                total += int(Path(self.proc(f"task/{task}/schedstat")).read_text().split()[0])
+        return total / 1e9
 
 
-class World:
+class OwnWorld:
+    """The world that this program is in. Made once: it brings the network up."""
+
+    root = ""
+
     def __init__(self):
-        agent = Path(__file__).with_name("world_agent.py")
-        self._runner = subprocess.Popen(
-            [str(PROJECT / "tools/private-world"), "/usr/bin/python3", str(agent)],
-            stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE,
-            text=True,
-            cwd=PROJECT,
-            env={**os.environ, "PRIVATE_WORLD_BIND": " ".join(world_binds())},
-        )
-        self._one_request = threading.Lock()
-        self.ask(do="hello")
-        self.root = f"/proc/{self._first_process()}/root"
+        if os.environ.get("PRIVATE_WORLD") != "1":
+            sys.exit(f"{sys.argv[0]}: start it through ./run; it changes /tmp, /storage and the network")
         self.run(["sh", "-c", TOPOLOGY])
 
-    def _first_process(self):
-        """The host's number of the agent, through which the world's files are reached."""
-        pid = self._runner.pid
-        while True:
-            children = Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
-            if not children:
-                return pid
-            pid = int(children[0])
-
-    def close(self):
-        """Ends every process of the world; its files and interfaces go with them."""
-        self._runner.stdin.close()
-        try:
-            self._runner.wait(5)
-        except subprocess.TimeoutExpired:
-            self._runner.kill()
-            self._runner.wait()
-        self._runner.stdout.close()
-
     def ask(self, **request):
-        with self._one_request:
-            self._runner.stdin.write(json.dumps(request) + "\n")
-            self._runner.stdin.flush()
-            line = self._runner.stdout.readline()
-        if not line:
-            raise WorldError("the world has ended")
-        answer = json.loads(line)
-        if not answer["ok"]:
-            raise WorldError(answer["error"])
-        return answer
+        try:
+            return world_agent.ACTIONS[request["do"]](request)
+        except (OSError, ValueError, KeyError, subprocess.SubprocessError) as error:
+            raise WorldError(f"{type(error).__name__}: {error}") from error
 
     # Processes. `ns` is "device", "gateway" or None (the world's own, empty namespace).
 
@@ -219,7 +202,58 @@ class World:
                     raise OSError(ctypes.get_errno(), "setns back")
 
 
+class World(OwnWorld):
+    """A new world, seen from outside."""
+
+    def __init__(self):
+        agent = Path(__file__).with_name("world_agent.py")
+        self._runner = subprocess.Popen(
+            [str(PROJECT / "tools/private-world"), "/usr/bin/python3", str(agent)],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            text=True,
+            cwd=PROJECT,
+            env={**os.environ, "PRIVATE_WORLD_BIND": " ".join(world_binds())},
+        )
+        self._one_request = threading.Lock()
+        self.ask(do="hello")
+        self.root = f"/proc/{self._first_process()}/root"
+        self.run(["sh", "-c", TOPOLOGY])
+
+    def _first_process(self):
+        """The host's number of the agent, through which the world's files are reached."""
+        pid = self._runner.pid
+        while True:
+            children = Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
+            if not children:
+                return pid
+            pid = int(children[0])
+
+    def close(self):
+        """Ends every process of the world; its files and interfaces go with them."""
+        self._runner.stdin.close()
+        try:
+            self._runner.wait(5)
+        except subprocess.TimeoutExpired:
+            self._runner.kill()
+            self._runner.wait()
+        self._runner.stdout.close()
+
+    def ask(self, **request):
+        with self._one_request:
+            self._runner.stdin.write(json.dumps(request) + "\n")
+            self._runner.stdin.flush()
+            line = self._runner.stdout.readline()
+        if not line:
+            raise WorldError("the world has ended")
+        answer = json.loads(line)
+        if not answer["ok"]:
+            raise WorldError(answer["error"])
+        return answer
+
+
 def world_binds():
     """Directories outside the project that a world must show: the builds."""
-    builds = [BUILD] + [Path(os.environ[name]).resolve() for name in ("TLSC_SAN_BUILD", "TLSC_FASTER", "TLSC_ARMHF_BUILD", "TLSC_ARMHF_SYSROOT") if name in os.environ]
+    names = ("TLSC_SAN_BUILD", "TLSC_FASTER", "TLSC_ARMHF_BUILD", "TLSC_ARMHF_SYSROOT")
+    builds = [BUILD] + [Path(os.environ[name]).resolve() for name in names if name in os.environ]
     return [str(build if build.is_dir() else build.parent) for build in builds]

@@ -39,7 +39,8 @@ def conf_text(**changes):
 
 class Daemon:
     def __init__(self, world, controller, binary=None, env=None, conf=None):
-        """Starts the daemon. conf: text of its configuration file (None: the file is left as it is)."""
+        """Starts the daemon. binary: its path, or the words of a command line that runs it (default: the build's);
+        conf: text of its configuration file (None: the file is left as it is)."""
         self.world = world
         self.controller = controller
         self.log = Log(world)
@@ -47,7 +48,7 @@ class Daemon:
         if conf is not None:
             world.write(CONF_FILE, conf)
         self.process = world.spawn(
-            [binary or BUILD / "bin/tlsc"],
+            binary if isinstance(binary, (list, tuple)) else [binary or BUILD / "bin/tlsc"],
             ns="device",
             env=env or {},
             stdin=EARLY_LOG,

@@ -1,4 +1,4 @@
-"""The first process of a private world: it starts and ends the processes of a test.
+"""The first process of a private world: it starts and ends the world's processes.
 
 Run by `World` as `tools/private-world python3 world_agent.py`. Speaks JSON lines: a request on standard input, its
 answer on standard output. The world ends with this process, and this process ends when its input is closed; since it is
@@ -36,7 +36,8 @@ def run(request):
         env={**os.environ, **request.get("env", {})},
         timeout=request.get("timeout", 30),
     )
-    return {"status": done.returncode, "out": done.stdout.decode(errors="replace"), "err": done.stderr.decode(errors="replace")}
+    out, err = (stream.decode(errors="replace") for stream in (done.stdout, done.stderr))
+    return {"status": done.returncode, "out": out, "err": err}
 
 
 def spawn(request):

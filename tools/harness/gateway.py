@@ -33,13 +33,17 @@ class Gateway:
         self.world.write(PSK_FILE, f"{PSK_IDENTITY}:{key}\n")
 
     def start(self):
-        words = [BUILD / "bin/tlsc-gateway", "--listen", f"{self.listen}:443", "--psk-file", PSK_FILE, "--control", CONTROL]
-        words += ["--tun", "tlsgw0", "--tun-addr", f"{SITE_IP}/24", "--pool", "10.9.0.0/24", "--log", LOG]
+        words = [BUILD / "bin/tlsc-gateway", "--listen", f"{self.listen}:443", "--psk-file", PSK_FILE]
+        words += ["--control", CONTROL, "--log", LOG]
+        words += ["--tun", "tlsgw0", "--tun-addr", f"{SITE_IP}/24", "--pool", "10.9.0.0/24"]
         for address in self.dns:
             words += ["--dns", address]
-        self.process = self.world.spawn(words + self.options, ns="gateway", stdout="/tmp/gateway.out", stderr="/tmp/gateway.err")
+        self.process = self.world.spawn(
+            words + self.options, ns="gateway", stdout="/tmp/gateway.out", stderr="/tmp/gateway.err"
+        )
         wait_until(self._connect, 10, self._why)
-        self.world.run(["ip", "-n", "gateway", "route", "replace", "10.9.0.0/24", "dev", "tlsgw0", "src", SITE_IP, "congctl", "cubic"], check=False)
+        route = "route replace 10.9.0.0/24 dev tlsgw0 src".split() + [SITE_IP, "congctl", "cubic"]
+        self.world.run(["ip", "-n", "gateway", *route], check=False)
 
     def _why(self):
         return f"the gateway: {self.world.read('/tmp/gateway.err').decode()}"
