@@ -49,8 +49,8 @@ consteval tlsc_source_name tlsc_tree_name(const char *path) {
 template <tlsc_source_name name>
 inline constexpr const char *tlsc_source_text = name.text;
 
-// The function that a line names. In an operation that is the operation itself. A helper names the operation whose work it
-// does, once, in its first line:
+// The function that a line names. In an operation that is the operation itself. A helper names the operation whose work
+// it does, once, in its first line:
 //     constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
 constexpr const char *tlsc_log_function(const char *function) { return function; }
 

@@ -1,4 +1,5 @@
-// Contents: 1 TLS set-up  2 connection and TLS I/O  3 registry and state  4 teardown  5 data path  6 commands  7 event loop
+// Contents: 1 TLS set-up  2 connection and TLS I/O  3 registry and state  4 teardown  5 data path  6 commands  7 event
+// loop
 //
 // Out: handle_event -> on_tun_event -> tlsc_tun_read_and_process -> tlsc_write_cstp_data_pak -> tlsc_ssl_write
 // In:  handle_event -> on_ssl_event -> tlsc_cstp_read_frame -> tlsc_process_cstp_frame -> tlsc_tun_write
@@ -34,7 +35,7 @@
 #include "tlsc_timer.h"     // timers and their expiry, the old transport
 #include "tlsc_tun_intf.h"  // interface creation, state, deletion
 
-#include "tlsc_platform.h"  // counters, client restart
+#include "tlsc_platform.h"  // counters, client restart, dropped orders
 
 // ==== 1 TLS set-up ===============================================================================================
 // The context is built once per process, on the main thread. The verification and PSK callbacks run on the thread
@@ -332,6 +333,8 @@ sockaddr_in server_address(const char *text, uint16_t port) {
     return address;
 }
 
+int32_t connecting_fd = -1;  // the socket of the connection attempt that waits, up to the end of the handshake
+
 bool connect_to(int32_t fd, const sockaddr_in &address) {
     tlsc_turn pause(TLSC_AT_SAFEPOINT);
     return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
@@ -391,6 +394,48 @@ void count_ssl_error(const ssl_error_counters &counters, int error) {
 
 }  // namespace
 
+namespace {
+
+int32_t give_up_connecting(int32_t fd) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_create_tcp_conn"};
+
+    TLSC_ERROR("TCP connection failed to server");
+    connecting_fd = -1;
+    tlsc_sock_error(TLSC_DOWN_TCP_CONNECT);
+    close(fd);  // not yet known to the teardown
+    return conn_failed;
+}
+
+// ret: the result of the handshake.
+int32_t give_up_handshake(tlsc_sock *sock, const char *server, int ret) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_create_tcp_conn"};
+
+    const int error = tlsc_ossl_get_error(sock->ssl, ret);
+    TLSC_ERROR("ssl-connect error : %d, ssl-connect ret-value = %d", error, ret);
+    if (error == SSL_ERROR_SSL) {
+        char text[256];
+        ERR_error_string_n(ERR_get_error(), text, sizeof(text));
+        TLSC_ERROR("SSL connect failed!! Error = %s, SSL state = %s", text, SSL_state_string(sock->ssl));
+    }
+    TLSC_WARNING("Could not build a SSL session to: %s, Initiate session and ssl cleanup", server);
+    tlsc_sock_error(TLSC_DOWN_SSL_CONNECT);
+    return conn_handshake_failed;
+}
+
+// The session on the connected socket; the result of the handshake.
+int shake_hands(tlsc_sock *sock, int32_t fd) {
+    sock->ssl_fd = fd;
+    sock->sockfd = fd;
+    SSL_set_fd(sock->ssl, fd);
+    SSL_set_connect_state(sock->ssl);
+    ERR_clear_error();
+    const int ret = connect_tls(sock->ssl);
+    connecting_fd = -1;
+    return ret;
+}
+
+}  // namespace
+
 int32_t tlsc_create_tcp_conn() {
     tlsc_stop_all_timers();
     tlsc_config *conf = tlsc_get_config();
@@ -420,40 +465,29 @@ int32_t tlsc_create_tcp_conn() {
 
     const sockaddr_in address = server_address(server, sock->svr_port);
     TLSC_INFO("Server port = %d, Server IP(%s) = %u", address.sin_port, server, address.sin_addr.s_addr);
-    if (!connect_to(fd, address)) {
-        TLSC_ERROR("TCP connection failed to server");
-        tlsc_sock_error(TLSC_DOWN_TCP_CONNECT);
-        close(fd);  // not yet known to the teardown
-        return conn_failed;
-    }
+    connecting_fd = fd;
+    if (!connect_to(fd, address)) return give_up_connecting(fd);
     TLSC_INFO("TCP conn established successfully!! sockfd = %d", fd);
 
-    sock->ssl_fd = fd;
-    sock->sockfd = fd;
-    SSL_set_fd(sock->ssl, fd);
-    SSL_set_connect_state(sock->ssl);
-    ERR_clear_error();
-    const int ret = connect_tls(sock->ssl);
-    if (ret == 1) {
-        TLSC_INFO("Successfully enabled SSL/TLS session to: %s.", server);
-        sock->ssl_up = 1;
-        TLSC_DEBUG("Sleeping for 2 seconds, before sending config request to server");
-        tlsc_sleep_out_of_turn(request_pause_seconds);
-        int32_t cause = TLSC_DOWN_NO_ERROR;
-        if (!tlsc_send_config_req(sock, &cause)) tlsc_sock_error(cause);
-        return conn_up;
-    }
+    const int ret = shake_hands(sock, fd);
+    if (ret != 1) return give_up_handshake(sock, server, ret);
+    TLSC_INFO("Successfully enabled SSL/TLS session to: %s.", server);
+    sock->ssl_up = 1;
+    TLSC_DEBUG("Sleeping for 2 seconds, before sending config request to server");
+    tlsc_sleep_out_of_turn(request_pause_seconds);
+    int32_t cause = TLSC_DOWN_NO_ERROR;
+    if (!tlsc_send_config_req(sock, &cause)) tlsc_sock_error(cause);
+    return conn_up;
+}
 
-    const int error = tlsc_ossl_get_error(sock->ssl, ret);
-    TLSC_ERROR("ssl-connect error : %d, ssl-connect ret-value = %d", error, ret);
-    if (error == SSL_ERROR_SSL) {
-        char text[256];
-        ERR_error_string_n(ERR_get_error(), text, sizeof(text));
-        TLSC_ERROR("SSL connect failed!! Error = %s, SSL state = %s", text, SSL_state_string(sock->ssl));
-    }
-    TLSC_WARNING("Could not build a SSL session to: %s, Initiate session and ssl cleanup", server);
-    tlsc_sock_error(TLSC_DOWN_SSL_CONNECT);
-    return conn_handshake_failed;
+// A socket that connect has not been called for refuses with ENOTCONN.
+bool tlsc_interrupt_connecting() {
+    return connecting_fd <= 0 || shutdown(connecting_fd, SHUT_RDWR) == 0 || errno != ENOTCONN;
+}
+
+void tlsc_interrupt_transport() {
+    const int32_t fd = tlsc_get_sock()->sockfd;
+    if (fd > 0) (void)shutdown(fd, SHUT_RDWR);
 }
 
 int32_t tlsc_ssl_write(tlsc_sock *sock, const void *buff, int32_t length, int32_t *result) {
@@ -516,8 +550,8 @@ void tlsc_ssl_cleanup(SSL *ssl) {
     ERR_clear_error();
 }
 
-// The TLS session that still holds the number forgets it, so that its later release cannot close what another thread has
-// opened under that number.
+// The TLS session that still holds the number forgets it, so that its later release cannot close what another thread
+// has opened under that number.
 void tlsc_close_transport(int32_t fd) {
     close(fd);
     tlsc_forget_fd_events(fd);
@@ -749,6 +783,32 @@ const char *tlsc_cstp_resp_name(int32_t resp) {
     return resp_names[resp];
 }
 
+namespace {
+
+// What a tunnel that goes on under newly read settings needs of the earlier ones.
+struct {
+    bool    has_address;
+    uint8_t address[4];                                        // assigned by the gateway; until it assigns one again
+    char    if_name[sizeof(tlsc_config::tun_interface_name)];  // of the interface that exists
+} kept;
+
+const uint8_t *inner_address() {
+    const tlsc_addr &assigned = tlsc_get_config()->inner_addr;
+    return kept.has_address && assigned.kind != ADDR_IPV4 ? kept.address : assigned.ipv4;
+}
+
+}  // namespace
+
+void tlsc_keep_tunnel_settings() {
+    memcpy(kept.address, inner_address(), sizeof(kept.address));
+    kept.has_address = true;
+
+    tlsc_session *session = tlsc_get_sock()->sess;
+    if (!session || !session->if_name || session->if_name == kept.if_name) return;
+    tlsc_copy_text(kept.if_name, sizeof(kept.if_name), session->if_name);
+    session->if_name = kept.if_name;
+}
+
 int32_t tlsc_tun_read_and_process(tlsc_sock *sock) {
     if (!sock || !sock->sess) {
         TLSC_ERROR("Null ptr received for sock/sock->sess");
@@ -765,7 +825,7 @@ int32_t tlsc_tun_read_and_process(tlsc_sock *sock) {
     TLSC_DEBUG("read %d bytes from tun in read and process", static_cast<int>(count));
     tlsc_count(&tlsc_stats::tun_pkt_rx);
 
-    if (is_ipv4(packet)) exchange_address(packet, source_offset, tlsc_get_config()->inner_addr.ipv4);
+    if (is_ipv4(packet)) exchange_address(packet, source_offset, inner_address());
     if (tlsc_dp_state == 0) {
         TLSC_WARNING("DP-STATE for client = 0... Not writing data-frame on ssl-socket");
         return 0;
@@ -922,6 +982,7 @@ void tlsc_clear_cli_cmds() {
     int          cleared = 0;
     while (read_command(&cmd) > 0) {
         TLSC_INFO("Clear CLI commands: message id read:%d", cmd.id);
+        if (cmd.id == CLI_CMD_EXIT_CLIENT) tlsc_note_dropped_exit();
         ++cleared;
     }
     TLSC_INFO("Total number of stale commands cleared from CLI pipe:%d", cleared);
@@ -1114,7 +1175,8 @@ bool set_up_tunnel(tlsc_sock *sock) {
     return open_tun(sock) && register_tun(sock->sess) && connect_and_register(sock);
 }
 
-// ---- loop and end ----------------------------------------------------------------------------------------------------
+// ---- loop and end
+// ----------------------------------------------------------------------------------------------------
 
 int wait_for_events() {
     tlsc_turn pause(TLSC_AT_SAFEPOINT);
@@ -1158,6 +1220,7 @@ void *tlsc_start_epoll(void *) {
     tlsc_sock *sock = tlsc_get_sock();
 
     TLSC_INFO("In epoll thread");
+    kept.has_address = false;
     if (!set_up_tunnel(sock)) return nullptr;
     exit_client = 0;
     do handle_one_pass(sock);
@@ -1167,4 +1230,21 @@ void *tlsc_start_epoll(void *) {
     TLSC_WARNING("TLS Client: epoll thread exiting normally");
     TLSC_WARNING("TLS Client: epoll thread exiting");
     return nullptr;
+}
+
+void tlsc_release_run() {
+    tlsc_sock *sock = tlsc_get_sock();
+
+    tlsc_abandon_timers();
+    if (tlsc_epoll_fd > 0) close(tlsc_epoll_fd);
+    tlsc_epoll_fd = -1;
+    free(tlsc_epoll_events);
+    tlsc_epoll_events = nullptr;
+    pass_count        = 0;
+    pass_next         = 0;
+    if (connecting_fd > 0 && connecting_fd != sock->sockfd) close(connecting_fd);
+    connecting_fd = -1;
+    sock->sockfd  = -1;  // closed with its TLS session
+    sock->ssl_fd  = -1;
+    sock->ssl_up  = 0;
 }

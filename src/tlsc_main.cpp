@@ -111,12 +111,11 @@ void clear_assigned_fields(tlsc_config *conf) {
     conf->cookie[0]       = '\0';
 }
 
-constexpr int32_t reconfigure_wait_seconds = 3;  // so long the tunnel thread never works without a wait
+constexpr int32_t hold_seconds = 3;
 
-// What the packets of a tunnel that goes on under the new settings need: its address and its interface.
-void keep_tunnel_fields(tlsc_config *conf, const tlsc_config *earlier) {
-    memcpy(conf->inner_addr.ipv4, earlier->inner_addr.ipv4, sizeof(conf->inner_addr.ipv4));
-    memcpy(conf->tun_interface_name, earlier->tun_interface_name, sizeof(conf->tun_interface_name));
+// The record is rewritten only while the tunnel thread keeps away from it. Its work ends by itself.
+void hold_tunnel_thread() {
+    while (!tlsc_hold_tunnel_thread(hold_seconds)) {}
 }
 
 }  // namespace
@@ -133,8 +132,8 @@ int32_t tlsc_init() {
     if (tlsc_initialized) {
         TLSC_INFO("tlsc_init called again... Reading configuration again.");
         tlscWlcSetDebugParams();
-        const bool        halted  = tlsc_hold_tunnel_thread(reconfigure_wait_seconds);
-        const tlsc_config earlier = *conf;
+        hold_tunnel_thread();
+        tlsc_keep_tunnel_settings();
         tlsc_set_config_defaults(conf);
         clear_assigned_fields(conf);
         TLSC_INFO("%s() - Invoking config set APIs", __func__);
@@ -143,8 +142,7 @@ int32_t tlsc_init() {
             TLSC_ERROR("-------- %s() ERROR: Setting the configuration", __func__);
         }
         LOG_ALL_SETTINGS(conf);
-        if (tlsc_client_is_running()) keep_tunnel_fields(conf, &earlier);
-        if (halted) tlsc_resume_tunnel_thread();
+        tlsc_resume_tunnel_thread();
         return 1;
     }
 

@@ -53,8 +53,8 @@ inline int tlsc_ossl_get_error(const SSL *ssl, int ret) {
 
 using tlsc_ossl_msg_cb = void (*)(int, int, int, const void *, size_t, SSL *, void *);
 
-// The message callback to install: it hears of everything as the 1.0 series tells it. 3.0 names the session's version for
-// a record header (content type 256), where the 1.0 series gives 0.
+// The message callback to install: it hears of everything as the 1.0 series tells it. 3.0 names the session's version
+// for a record header (content type 256), where the 1.0 series gives 0.
 template <tlsc_ossl_msg_cb callback>
 void tlsc_ossl_traced(int write_p, int version, int content_type, const void *buf, size_t len, SSL *ssl, void *arg) {
 #if !TLSC_OPENSSL_1_0

@@ -8,6 +8,8 @@
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <mutex>
 #include <pthread.h>
 #include <semaphore.h>
 #include <unistd.h>
@@ -23,14 +25,15 @@
 #include "tlsc_session.h"   // released at clean-up
 #include "tlsc_tun_intf.h"  // deleted at clean-up
 
-#include "tlsc_main.h"  // command-pipe senders
+#include "tlsc_main.h"  // command-pipe senders, the mark of the initialisation
 #include "tlsc_wlc.h"   // reports to the controller, its parameter block
 
 // ==== 1 Client start and stop, monitor thread ====================================================================
 // At most one monitor thread and one tunnel thread live at any time. Invariants, changed under monitor_lock (but for
 // the tunnel thread, which sets stop_posted when it ends itself):
 // - monitor_alive: the monitor thread exists and has not yet decided to end.
-// - stop_posted: while it lives, the running tunnel thread was told to end.
+// - stop_posted: the running tunnel thread was told to end, and has not dropped the order.
+// - stop_dropped: it has, since the order came before it served its pipe; it goes on.
 // - run_wanted: a start came after that stop; the monitor runs the client once more instead of ending.
 
 namespace {
@@ -38,51 +41,77 @@ namespace {
 constexpr unsigned start_pause_seconds = 1;   // between the first start of the tunnel thread and the wait for its end
 constexpr unsigned retry_pause_seconds = 10;  // before a tunnel thread that ended abnormally is started again
 
-pthread_mutex_t   monitor_lock = PTHREAD_MUTEX_INITIALIZER;
+std::mutex        monitor_lock;
 bool              monitor_alive;
 std::atomic<bool> stop_posted{false};
+bool              stop_dropped;
 bool              run_wanted;
 
 const pthread_t no_thread = static_cast<pthread_t>(-1);
 
-pthread_t epoll_thread = no_thread;      // monitor thread only
-sem_t     tunnel_ended;                  // posted by the tunnel thread as its last act
-pthread_t epoll_mon_thread = no_thread;  // main thread only
-bool      monitor_unjoined = false;      // epoll_mon_thread names a thread to join; main thread only
+// The monitor thread's own while there is one, else the main thread's.
+pthread_t epoll_thread    = no_thread;
+bool      tunnel_unjoined = false;  // epoll_thread names a thread to join
+sem_t     tunnel_ended;             // posted by the tunnel thread as its last act
 
-class monitor_guard {
-public:
-    monitor_guard() { pthread_mutex_lock(&monitor_lock); }
-    ~monitor_guard() { pthread_mutex_unlock(&monitor_lock); }
-    monitor_guard(const monitor_guard &)            = delete;
-    monitor_guard &operator=(const monitor_guard &) = delete;
-};
+// The main thread's own.
+pthread_t epoll_mon_thread = no_thread;
+bool      monitor_unjoined = false;  // epoll_mon_thread names a thread to join
 
 void note_stop() {
-    monitor_guard guard;
+    const std::lock_guard<std::mutex> guard(monitor_lock);
     stop_posted = true;
     run_wanted  = false;
 }
 
-// A tunnel thread drops the commands that wait when it starts, an order to end among them.
-void forget_stop() {
-    monitor_guard guard;
-    stop_posted = false;
+// Whatever waits in the pipe is for an earlier run: the next one drops it.
+void forget_orders() {
+    stop_posted  = false;
+    stop_dropped = false;
+    run_wanted   = false;
 }
 
-bool is_run_wanted() {
-    monitor_guard guard;
-    return run_wanted;
+void note_run() {
+    const std::lock_guard<std::mutex> guard(monitor_lock);
+    forget_orders();
 }
 
-// The monitor's last decision: another run when one is wanted, else its end.
+// The monitor's decision behind an orderly end: another run when one is wanted, else its own end.
 bool begin_wanted_run() {
-    monitor_guard guard;
-    const bool    again = run_wanted;
-    run_wanted          = false;
-    stop_posted         = false;
-    monitor_alive       = again;
+    const std::lock_guard<std::mutex> guard(monitor_lock);
+    const bool                        again = run_wanted;
+    forget_orders();
+    monitor_alive = again;
     return again;
+}
+
+enum class start_answer {
+    begin,
+    nothing,
+    next_run,
+    end_and_next_run
+};
+
+// What a start finds. The monitor that lives needs nothing, or begins the next run when this one has ended.
+start_answer note_start() {
+    const std::lock_guard<std::mutex> guard(monitor_lock);
+    if (!monitor_alive) {
+        forget_orders();
+        monitor_alive = true;
+        return start_answer::begin;
+    }
+    if (!stop_posted && !stop_dropped) return start_answer::nothing;
+    const bool must_end = !stop_posted;
+    stop_posted         = true;
+    stop_dropped        = false;
+    run_wanted          = true;
+    return must_end ? start_answer::end_and_next_run : start_answer::next_run;
+}
+
+void note_no_monitor() {
+    const std::lock_guard<std::mutex> guard(monitor_lock);
+    forget_orders();
+    monitor_alive = false;
 }
 
 // The monitor can be cancelled only while it waits here, never while it holds a lock.
@@ -93,11 +122,13 @@ void cancellable_sleep(unsigned seconds) {
 }
 
 // The wait is not in the join itself: the thread sanitizer loses track of a thread that is cancelled there.
-void cancellable_join(pthread_t thread) {
+void join_tunnel() {
+    if (!tunnel_unjoined) return;
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     while (sem_wait(&tunnel_ended) != 0) {}  // a signal may interrupt it
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    pthread_join(thread, nullptr);
+    pthread_join(epoll_thread, nullptr);
+    tunnel_unjoined = false;
 }
 
 void *run_tunnel(void *) {
@@ -113,24 +144,40 @@ void join_monitor() {
 }
 
 void cancel_monitor() {
-    if (!monitor_unjoined) return;
-    pthread_cancel(epoll_mon_thread);
+    if (monitor_unjoined) pthread_cancel(epoll_mon_thread);
     join_monitor();
     epoll_mon_thread = no_thread;
+    note_no_monitor();
+}
+
+constexpr int32_t hold_seconds = 1;  // for a tunnel thread that works; it connects or waits the rest of its time
+
+constexpr timespec connecting_moment = {0, 1000000};  // it is only about to connect
+
+// A tunnel thread that connects would read the order to end only behind the attempt.
+void end_connection_attempt() {
+    for (bool again = true; again;) {
+        if (!tlsc_hold_tunnel_thread(hold_seconds)) return;
+        again = !tlsc_interrupt_connecting();
+        tlsc_resume_tunnel_thread();
+        if (again) (void)nanosleep(&connecting_moment, nullptr);
+    }
 }
 
 }  // namespace
 
 int32_t tlsc_start_client() {
     TLSC_INFO("Starting epoll thread");
+    join_tunnel();  // one that outlived a clean-up
     epoll_thread_exited = 0;
-    sem_init(&tunnel_ended, 0, 0);  // no tunnel thread lives now
+    sem_init(&tunnel_ended, 0, 0);
     const int ret = pthread_create(&epoll_thread, nullptr, run_tunnel, nullptr);
     if (ret != 0) {
         TLSC_ERROR("epollthread creation failed, ret:%d", ret);
         epoll_thread = no_thread;
         return 0;
     }
+    tunnel_unjoined = true;
     TLSC_INFO("Started the epoll thread, wait for thread to be up..");
     return 1;
 }
@@ -140,66 +187,52 @@ int32_t tlsc_stop_client() {
     note_stop();
     const int32_t posted = tlsc_send_exit_client_req();
     if (!posted) printf("Failed to post a msg to stop the TLS Client");
+    end_connection_attempt();
     return posted;
 }
 
 void *tlsc_epoll_mon_thread(void *) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    do {
-        TLSC_INFO("In TLS Client epoll monitor thread");
-        int32_t created = tlsc_start_client();
-        cancellable_sleep(start_pause_seconds);
-        if (created) cancellable_join(epoll_thread);
-
-        while (epoll_thread_exited == 0 && !is_run_wanted()) {
+    TLSC_INFO("In TLS Client epoll monitor thread");
+    (void)tlsc_start_client();
+    cancellable_sleep(start_pause_seconds);
+    join_tunnel();
+    while (epoll_thread_exited == 0 || begin_wanted_run()) {
+        if (epoll_thread_exited == 0) {
             TLSC_WARNING("TLSC Client exited abnormally");
             TLSC_INFO("Retrying tlsc-start-client after sleep %d", static_cast<int>(retry_pause_seconds));
             cancellable_sleep(retry_pause_seconds);
-            if (is_run_wanted()) break;
-            forget_stop();
-            epoll_thread_exited = 0;
-            created             = tlsc_start_client();
-            if (created) cancellable_join(epoll_thread);
+            note_run();
         }
-        TLSC_WARNING("epoll monitor thread exiting!!");
-    } while (begin_wanted_run());
+        (void)tlsc_start_client();
+        join_tunnel();
+    }
+    TLSC_WARNING("epoll monitor thread exiting!!");
     return nullptr;
 }
 
 int32_t tlsc_start_epoll_mon_thread() {
-    {
-        monitor_guard guard;
-        if (monitor_alive && !stop_posted) return 1;
-        if (monitor_alive) {
-            // The order to end may have met a thread that was only starting and dropped it: it is given once more,
-            // before the monitor can begin the next run.
-            run_wanted = true;
-            (void)tlsc_send_exit_client_req();
-            TLSC_INFO("Started the epoll monitor thread successfully");
-            return 1;
+    const start_answer answer = note_start();
+    if (answer == start_answer::begin) {
+        join_monitor();  // it has ended
+        const int ret = pthread_create(&epoll_mon_thread, nullptr, tlsc_epoll_mon_thread, nullptr);
+        if (ret != 0) {
+            TLSC_ERROR("epoll monitor thread creation failed,ret:%d ", ret);
+            epoll_mon_thread = no_thread;
+            note_no_monitor();
+            return 0;
         }
-        monitor_alive = true;
-        stop_posted   = false;
-        run_wanted    = false;
+        monitor_unjoined = true;
     }
-
-    join_monitor();  // it has ended
-    const int ret = pthread_create(&epoll_mon_thread, nullptr, tlsc_epoll_mon_thread, nullptr);
-    if (ret != 0) {
-        TLSC_ERROR("epoll monitor thread creation failed,ret:%d ", ret);
-        epoll_mon_thread = no_thread;
-        monitor_guard guard;
-        monitor_alive = false;
-        return 0;
-    }
-    monitor_unjoined = true;
+    if (answer == start_answer::end_and_next_run) (void)tlsc_send_exit_client_req();
     TLSC_INFO("Started the epoll monitor thread successfully");
     return 1;
 }
 
-bool tlsc_client_is_running() {
-    monitor_guard guard;
-    return monitor_alive && !stop_posted;
+void tlsc_note_dropped_exit() {
+    const std::lock_guard<std::mutex> guard(monitor_lock);
+    stop_dropped = stop_dropped || stop_posted;
+    stop_posted  = false;
 }
 
 void tlsc_restart_client() {
@@ -212,7 +245,7 @@ void tlsc_restart_client() {
 
 namespace {
 
-constexpr int32_t halt_seconds = 3;  // a handshake may hold the tunnel thread longer; the process ends anyway
+constexpr int32_t halt_seconds = 3;  // for a tunnel thread that works
 
 void release_connection() {
     tlsc_sock *sock = tlsc_get_sock();
@@ -233,31 +266,53 @@ void release_openssl() {
     ERR_free_strings();
 }
 
+void release_ssl_ctx() {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_cleanup_context"};
+
+    if (!tlsc_ssl_ctx) return;
+    TLSC_DEBUG("Freeing up SSL-ctx");
+    SSL_CTX_free(tlsc_ssl_ctx);
+    tlsc_ssl_ctx             = nullptr;
+    tlsc_get_sock()->ssl_ctx = nullptr;
+}
+
+void release_client() {
+    release_connection();
+    release_openssl();
+    release_ssl_ctx();
+    tlsc_destroy_locks();
+    OPENSSL_cleanse(psk_identity, psk_identity_size);
+    OPENSSL_cleanse(psk_key, psk_key_size);
+    tlsc_stats_destroy();
+}
+
+// It stands at a safepoint, in a system call that can be cancelled or at the gate, or is no more. Whatever a run has of
+// its own goes behind it, so that the next one begins as in a new process.
+void end_halted_tunnel() {
+    tlsc_retire_tunnel_thread();
+    if (tunnel_unjoined) {
+        pthread_cancel(epoll_thread);
+        pthread_join(epoll_thread, nullptr);
+        tunnel_unjoined = false;
+    }
+    epoll_thread = no_thread;
+    tlsc_release_run();
+}
+
 }  // namespace
 
 void tlsc_cleanup_context() {
-    const bool halted = tlsc_halt_tunnel_thread(halt_seconds, nullptr);
+    const bool halted = tlsc_halt_tunnel_thread(halt_seconds, tlsc_interrupt_transport);
 
     tlsc_close_cli_pipe();
     TLSC_WARNING("Cleaning up Tls-session and SSL context");
-    // What a tunnel thread still uses, in a handshake or in the middle of a record, is left to the end of the process.
-    if (halted) {
-        release_connection();
-        release_openssl();
-        if (tlsc_ssl_ctx) {
-            TLSC_DEBUG("Freeing up SSL-ctx");
-            SSL_CTX_free(tlsc_ssl_ctx);
-            tlsc_ssl_ctx             = nullptr;
-            tlsc_get_sock()->ssl_ctx = nullptr;
-        }
-        tlsc_destroy_locks();
-        OPENSSL_cleanse(psk_identity, psk_identity_size);
-        OPENSSL_cleanse(psk_key, psk_key_size);
-        tlsc_stats_destroy();
-    } else {
-        tlsc_stats_clear();
-    }
+    // What a tunnel thread still works with is left to it; it is told to end.
+    if (halted) release_client();
+    else tlsc_stats_clear();
     cancel_monitor();
+    if (halted) end_halted_tunnel();
+    else exit_client = 1;
+    tlsc_initialized = 0;
 }
 
 // ==== 3 Command-pipe wrappers ====================================================================================
@@ -468,7 +523,9 @@ tlsc_stats tlsc_stats_record;
 
 namespace {
 
-pthread_mutex_t stats_lock = PTHREAD_MUTEX_INITIALIZER;  // usable before the client is initialised, and after
+constexpr pthread_mutex_t usable_lock = PTHREAD_MUTEX_INITIALIZER;
+
+pthread_mutex_t stats_lock = usable_lock;  // before the client is initialised, and after it was destroyed
 
 struct labelled_counter {
     const char *label;
@@ -581,7 +638,8 @@ void tlsc_stats_clear() {
 
 void tlsc_stats_destroy() {
     tlsc_stats_clear();
-    (void)pthread_mutex_destroy(&stats_lock);  // a late report finds it gone and reads what it finds
+    (void)pthread_mutex_destroy(&stats_lock);
+    stats_lock = usable_lock;  // for a late report, another clean-up
 }
 
 void tlsc_stats_print() {

@@ -14,7 +14,8 @@ extern "C" {
 // Creates the tunnel thread. Returns 1 or 0 (logged). Monitor thread.
 int32_t tlsc_start_client();
 
-// Asks the tunnel thread to end and does not wait. Returns the result of posting the command.
+// Asks the tunnel thread to end and does not wait; a connection attempt of its is ended. Returns the result of posting
+// the command.
 int32_t tlsc_stop_client();
 
 // Starts the monitor thread. While an earlier one still lives, nothing is created: if that one was told to stop, it
@@ -24,13 +25,13 @@ int32_t tlsc_start_epoll_mon_thread();
 // Body of the monitor thread: runs the tunnel thread and restarts it 10 seconds after an abnormal end. Returns null.
 void *tlsc_epoll_mon_thread(void *);
 
-// True while a client is started and was not told to stop.
-bool tlsc_client_is_running();
+// The tunnel thread has dropped an order to end that was posted before it served its pipe. Tunnel thread.
+void tlsc_note_dropped_exit();
 
 // Makes the tunnel thread leave its loop at its next turn. Tunnel thread.
 void tlsc_restart_client();
 
-// Releases everything the client holds, at process exit.
+// Releases everything the client holds, the threads included, at process exit. The client can be initialised again.
 void tlsc_cleanup_context();
 
 // ---- command-pipe wrappers for the controller's handlers ------------------------------------------------------------
@@ -40,9 +41,10 @@ void    tlsc_post_log_dest(int32_t dest);    // failure is printed on standard o
 int32_t tlsc_post_gw_ip(tlsc_gw_addr gw);    // result of tlsc_send_gw_ip
 int32_t tlsc_request_gw_name_resolution();   // 1 when the controller was asked; tunnel thread
 
-// ---- configuration setters -------------------------------------------------------------------------------------------
-// Each copies a NUL-terminated text into the configuration, cut silently at the field's width, and logs the new
-// value. Returns 0, or -1 for a null argument (logged). Nothing is validated. Main thread.
+// ---- configuration setters
+// ------------------------------------------------------------------------------------------- Each copies a
+// NUL-terminated text into the configuration, cut silently at the field's width, and logs the new value. Returns 0, or
+// -1 for a null argument (logged). Nothing is validated. Main thread.
 
 int32_t tlsc_set_config_server_ip_port(const char *address, int port);
 int32_t tlsc_set_config_inner_ip(const char *address);  // accepted and ignored
@@ -60,7 +62,8 @@ int32_t tlsc_set_config_ssl_auth_mech(int32_t mechanism);  // tlsc_ssl_auth_mech
 // Fills the configuration from the controller's parameter block. Returns 1 always.
 int32_t tlsc_set_config_all();
 
-// ---- upward notifications (tunnel thread; the state also from clean-up) ------------------------------------------------
+// ---- upward notifications (tunnel thread; the state also from clean-up)
+// ------------------------------------------------
 
 // The tunnel went up (1) or down (0), with cause (tlsc_tun_down_cause). Returns the result of the report.
 int32_t tlsc_write_tun_intf_state(int32_t state, int32_t cause);

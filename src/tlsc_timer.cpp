@@ -12,6 +12,8 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include "tlsc_openssl.h"
+
 #include "tlsc_config.h"
 #include "tlsc_debug.h"
 
@@ -197,8 +199,8 @@ void tlsc_handle_retry_expiry(tlsc_sock *sock) {
 }
 
 // ==== 3 The old transport ========================================================================================
-// The connection that a rekey replaces, kept until the new one has its configuration response. Invariant: ssl is its TLS
-// session while fd is above 0, and null otherwise.
+// The connection that a rekey replaces, kept until the new one has its configuration response. Invariant: ssl is its
+// TLS session while fd is above 0, and null otherwise.
 
 tlsc_transport tlsc_old_transport;
 
@@ -275,6 +277,17 @@ int32_t tlsc_start_rekey_proc(tlsc_sock *sock) {
     if (tlsc_old_transport.fd != -1 && !tlsc_delete_fd_from_epoll(tlsc_epoll_fd, tlsc_old_transport.fd))
         TLSC_ERROR("Could not delete the old-transport-fd(%d) from epoll-list", tlsc_old_transport.fd);
     return result;
+}
+
+void tlsc_abandon_timers() {
+    for (int32_t *slot : {&tlsc_timers.retry, &tlsc_timers.dpd, &tlsc_timers.rekey, &tlsc_timers.fqdn,
+                          &tlsc_timers.backoff, &tlsc_timers.guard})
+        if (*slot > 0) close_timer(slot);
+    tlsc_retry_ref = 0;
+    tlsc_end_timers();
+    if (tlsc_old_transport.fd > 0) tlsc_close_transport(tlsc_old_transport.fd);
+    SSL_free(tlsc_old_transport.ssl);
+    tlsc_old_transport = {};
 }
 
 // ==== 5 Expiry ===================================================================================================

@@ -1,5 +1,5 @@
-// The six timers of the tunnel: start, stop, and what happens when each expires, the rekey included. Everything here belongs
-// to the tunnel thread, and is written by this module only.
+// The six timers of the tunnel: start, stop, and what happens when each expires, the rekey included. Everything here
+// belongs to the tunnel thread, and is written by this module only.
 #pragma once
 
 #include <cstdint>
@@ -43,6 +43,9 @@ void tlsc_stop_all_timers();
 
 // The end of a run: stops every timer, and leaves neither a rekey in progress nor a grown backoff behind.
 void tlsc_end_timers();
+
+// Closes all timers and the old transport of a run that was ended from outside, without a line. Main thread.
+void tlsc_abandon_timers();
 
 // If fd is a timer's, handles its expiry and returns true. An expired timer is closed, but for the retry timer.
 bool tlsc_handle_timer(tlsc_sock *sock, int32_t fd);

@@ -38,8 +38,8 @@ void tlsc_transport_collect(bool on);
 // True when something is collected.
 bool tlsc_transport_has_collected();
 
-// Writes what is collected; can_wait: for the peer, else what cannot be written at once is dropped. Returns 1, or 0 with
-// the reason in errno; what was collected is gone in either case.
+// Writes what is collected; can_wait: for the peer, else what cannot be written at once is dropped. Returns 1, or 0
+// with the reason in errno; what was collected is gone in either case.
 int32_t tlsc_transport_flush(bool can_wait);
 
 // While on, a wait for the peer ends within a second, as an error of the call. Any thread.

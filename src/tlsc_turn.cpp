@@ -52,8 +52,8 @@ void go_to_work(int32_t at_gate) {
     }
 }
 
-// Who ends the thread waits until it comes out of OpenSSL: a callback goes on without its turn then. Nothing that it reads
-// is released before.
+// Who ends the thread waits until it comes out of OpenSSL: a callback goes on without its turn then. Nothing that it
+// reads is released before.
 bool is_callback_at_the_end() {
     return here == TLSC_IN_TLS && (turn.load(std::memory_order_acquire) & gate_ending) != 0;
 }

@@ -1,5 +1,5 @@
-// The tunnel thread's turn. It touches the tunnel and the configuration at work only. Where it waits for something outside
-// it stands at a safepoint, and can be quiesced there: for a new reading of the configuration, for its end.
+// The tunnel thread's turn. It touches the tunnel and the configuration at work only. Where it waits for something
+// outside it stands at a safepoint, and can be quiesced there: for a new reading of the configuration, for its end.
 #pragma once
 
 #include <cstdint>
@@ -14,10 +14,10 @@ enum tlsc_place : int32_t {
     TLSC_AT_WORK      = 3,  // touches anything
 };
 
-// The calling thread is at this place while the object lives, and then again where it was. TLSC_AT_WORK around a run, or
-// around a callback that OpenSSL calls; one of the two others around what may wait. Going to work waits while the tunnel is
-// quiesced, and does not return on a thread whose run was retired meanwhile. A thread that is not at work is not concerned
-// by the two others.
+// The calling thread is at this place while the object lives, and then again where it was. TLSC_AT_WORK around a run,
+// or around a callback that OpenSSL calls; one of the two others around what may wait. Going to work waits while the
+// tunnel is quiesced, and does not return on a thread whose run was retired meanwhile. A thread that is not at work is
+// not concerned by the two others.
 class tlsc_turn {
 public:
     explicit tlsc_turn(tlsc_place place);
@@ -32,19 +32,20 @@ private:
 // Sleeps at a safepoint.
 void tlsc_sleep_out_of_turn(unsigned seconds);
 
-// Keeps the tunnel thread from work: waits at most the given seconds until it is at a safepoint, inside OpenSSL, or no more.
-// Returns true when it is; it then stays out of work until it is resumed. Any thread but the tunnel thread.
+// Keeps the tunnel thread from work: waits at most the given seconds until it is at a safepoint, inside OpenSSL, or no
+// more. Returns true when it is; it then stays out of work until it is resumed. Any thread but the tunnel thread.
 bool tlsc_hold_tunnel_thread(int32_t seconds);
 
-// The same for its end: waits until it is at a safepoint or no more. interrupt, if given, is called once when the thread is
-// found inside OpenSSL, which it cannot leave meanwhile but for the gate: it may end what the thread waits for there.
+// The same for its end: waits until it is at a safepoint or no more. interrupt, if given, is called once when the
+// thread is found inside OpenSSL, which it cannot leave meanwhile but for the gate: it may end what the thread waits
+// for there.
 bool tlsc_halt_tunnel_thread(int32_t seconds, void (*interrupt)());
 
 // Lets a held or halted tunnel thread go on. Only after a success of one of the two, by who had it.
 void tlsc_resume_tunnel_thread();
 
-// Ends the run of a halted tunnel thread: a thread that comes back from its safepoint ends there, without another step, and
-// the next run may begin. Only after a success of tlsc_halt_tunnel_thread, by who had it.
+// Ends the run of a halted tunnel thread: a thread that comes back from its safepoint ends there, without another step,
+// and the next run may begin. Only after a success of tlsc_halt_tunnel_thread, by who had it.
 void tlsc_retire_tunnel_thread();
 
 }  // extern "C"

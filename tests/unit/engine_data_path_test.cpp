@@ -174,6 +174,20 @@ TEST_F(engine_data_path, an_outbound_packet_leaves_with_the_assigned_address_and
     expect_counters({{"tun_pkt_rx", 1}});
 }
 
+TEST_F(engine_data_path, a_tunnel_that_goes_on_under_new_settings_keeps_its_address_until_it_gets_another) {
+    const std::string packet = udp_packet("192.168.1.5", "8.8.8.8", 40);
+    for (int readings = 0; readings < 2; ++readings) {
+        tlsc_keep_tunnel_settings();
+        conf->inner_addr = {};
+    }
+    EXPECT_EQ(carry_out(packet), 1);
+    EXPECT_EQ(dotted(sent, 12), "10.99.0.7");
+    conf->inner_addr.kind = ADDR_IPV4;
+    inet_pton(AF_INET, "10.99.0.8", conf->inner_addr.ipv4);
+    EXPECT_EQ(carry_out(packet), 1);
+    EXPECT_EQ(dotted(sent, 12), "10.99.0.8");
+}
+
 TEST_F(engine_data_path, whatever_the_source_is_it_becomes_the_assigned_address) {
     EXPECT_EQ(carry_out(udp_packet("172.16.9.9", "8.8.8.8", 60)), 1);
     EXPECT_EQ(dotted(sent, 12), "10.99.0.7");

@@ -12,6 +12,7 @@
 #include <net/if.h>
 
 #include "tlsc_main.h"
+#include "tlsc_openssl.h"
 #include "tlsc_session.h"
 #include "tlsc_turn.h"
 
@@ -186,6 +187,34 @@ std::string dotted(const std::string &packet, size_t offset) {
     return text;
 }
 
+// Its queue is full: the next connection attempt stays without an answer.
+class full_listener {
+public:
+    full_listener() {
+        address_.sin_family      = AF_INET;
+        address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size           = sizeof(address_);
+        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address_), size), 0);
+        EXPECT_EQ(listen(listener_, 0), 0);
+        EXPECT_EQ(getsockname(listener_, reinterpret_cast<sockaddr *>(&address_), &size), 0);
+        for (int &fd : waiting_) {
+            fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+            (void)connect(fd, reinterpret_cast<const sockaddr *>(&address_), size);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ~full_listener() {
+        for (int fd : waiting_) close(fd);
+        close(listener_);
+    }
+    uint16_t port() const { return ntohs(address_.sin_port); }
+
+private:
+    const int   listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address_{};
+    int         waiting_[4];
+};
+
 class engine_loop : public tunnel_test {
 protected:
     void SetUp() override {
@@ -326,6 +355,43 @@ protected:
         forged_mask = mask;
         forged_fd   = fd;
         ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "")));
+    }
+    // What the clean-up and the next initialisation leave to be made.
+    void initialise() {
+        text(psk_identity, "identity");
+        text(psk_key, peer_key);
+        tlsc_init_openssl();
+        ASSERT_EQ(tlsc_init_ssl_config(), 1);
+        ASSERT_EQ(tlsc_create_pipe_for_cli_cmds(), 1);
+        ASSERT_NE(tlsc_init_session(), nullptr);
+        tlsc_stats_init();
+    }
+    bool monitor_has_ended() {
+        return eventually([this] { return position("epoll monitor thread exiting!!") >= 0; });
+    }
+    bool connects_without_an_answer() {
+        const bool connects = eventually(
+            [this] { return logged_like("INFO", "tlsc_create_tcp_conn", "Server port = *"); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return connects && teardowns() == 0;
+    }
+    // The clean-up runs in all its steps, at once.
+    void expect_clean_end() {
+        states.clear();
+        log.clear();
+        const auto begin = std::chrono::steady_clock::now();
+        tlsc_cleanup_context();
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+        EXPECT_EQ(states, (strings{"0/0"}));
+        EXPECT_TRUE(log.text().find("Cleaning up Tls-session and SSL context") < log.text().find("Engine cleanup"));
+        EXPECT_TRUE(log.text().find("Engine cleanup") < log.text().find("Freeing up SSL-ctx"));
+        EXPECT_TRUE(log.text().find("Freeing up SSL-ctx") < log.text().find("Destroyed the crypto lock array"));
+        EXPECT_EQ(tlsc_ssl_ctx, nullptr);
+        EXPECT_EQ(sock->ssl, nullptr);
+        EXPECT_EQ(sock->sess, nullptr);
+        EXPECT_EQ(tlsc_epoll_fd, -1);
+        EXPECT_EQ(tlsc_initialized, 0);
+        EXPECT_EQ(psk_key[0], '\0');
     }
     bool logged(const std::string &message) {
         return eventually([&] { return position(message) >= 0; });
@@ -1301,23 +1367,8 @@ TEST_F(engine_loop, who_halts_the_thread_waits_for_its_turn) {
 }
 
 TEST_F(engine_loop, a_thread_that_connects_can_be_halted) {
-    // The queue of the listener is full: the next connection attempt stays without an answer.
-    const int   listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    socklen_t   size        = sizeof(address);
-    address.sin_family      = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), size), 0);
-    ASSERT_EQ(listen(listener, 0), 0);
-    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size), 0);
-    int waiting[4];
-    for (int &fd : waiting) {
-        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        (void)connect(fd, reinterpret_cast<const sockaddr *>(&address), size);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-
-    conf->server_port = ntohs(address.sin_port);
+    full_listener listener;
+    conf->server_port = listener.port();
     start();
     EXPECT_TRUE(eventually([&] { return logged_like("INFO", "tlsc_create_tcp_conn", "Server port = *"); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -1331,8 +1382,6 @@ TEST_F(engine_loop, a_thread_that_connects_can_be_halted) {
     sigaction(SIGUSR1, &interrupt, nullptr);
     pthread_kill(thread_.native_handle(), SIGUSR1);  // ends the attempt
     EXPECT_TRUE(torn_down());
-    for (int fd : waiting) close(fd);
-    close(listener);
 }
 
 TEST_F(engine_loop, a_thread_in_the_pause_behind_a_handshake_can_be_halted) {
@@ -1431,6 +1480,110 @@ TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_in_a_handshake_can
             _exit(peer.connections() == 1 ? 0 : 4);
         },
         ::testing::ExitedWithCode(0), "");
+}
+
+// ---- the end of the process, and another beginning -----------------------------------------------------------------
+
+TEST_F(engine_loop, a_client_that_was_cleaned_up_begins_again_and_again_and_nothing_is_left_open) {
+    int open_at_first = 0;
+    for (int round = 0; round < 4; ++round) {
+        {
+            tls_peer peer;
+            conf->server_port = peer.port();
+            ASSERT_EQ(tlsc_start_epoll_mon_thread(), 1);
+            ASSERT_NE(peer.connection(0).read_record(), "");
+            answer(peer, 0);
+            if (round % 2 == 0) {  // once in the middle of a rekey
+                hand_clock::expire("rekey");
+                ASSERT_NE(peer.connection(1).read_record(), "");
+            }
+            expect_clean_end();
+            tlsc_cleanup_context();
+            EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+        }
+        if (round == 0) open_at_first = open_descriptors();
+        EXPECT_EQ(open_descriptors(), open_at_first);
+        conf->cookie[0]       = '\0';
+        conf->inner_addr.kind = ADDR_NONE;
+        hand_clock::forget();
+        initialise();
+    }
+}
+
+TEST_F(engine_loop, a_run_behind_a_clean_up_needs_no_monitor) {
+    tlsc_cleanup_context();
+    initialise();
+    tls_peer peer;
+    bring_up(peer);
+    stop();
+    EXPECT_EQ(epoll_thread_exited, 1);
+}
+
+TEST_F(engine_loop, the_end_does_not_wait_for_a_gateway_that_is_silent_in_the_handshake) {
+    tls_peer peer;
+    peer.meet_with(tls_peer::manner::nothing);
+    conf->server_port = peer.port();
+    ASSERT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    (void)peer.connection(0);
+    ASSERT_TRUE(eventually(is_inside_openssl));
+    expect_clean_end();
+    EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+}
+
+TEST_F(engine_loop, the_end_does_not_wait_for_the_rest_of_a_tls_record) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    ASSERT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_NE(peer.connection(0).read_record(), "");
+    answer(peer, 0);
+    peer.connection(0).send_raw(std::string("\x17\x03\x03\x01\x00 the beginning", 19));
+    ASSERT_TRUE(eventually(is_inside_openssl));
+    expect_clean_end();
+}
+
+TEST_F(engine_loop, the_end_does_not_wait_for_a_gateway_that_does_not_answer_the_connection) {
+    full_listener listener;
+    conf->server_port = listener.port();
+    const int before  = open_descriptors();
+    ASSERT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(connects_without_an_answer());
+    expect_clean_end();
+    EXPECT_EQ(open_descriptors(), before - 2);  // the command pipe
+}
+
+TEST_F(engine_loop, an_order_to_end_does_not_wait_for_a_gateway_that_is_silent_in_the_handshake) {
+    tls_peer peer;
+    peer.meet_with(tls_peer::manner::nothing);
+    conf->server_port = peer.port();
+    ASSERT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    (void)peer.connection(0);
+    ASSERT_TRUE(eventually(is_inside_openssl));
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    EXPECT_TRUE(monitor_has_ended());
+    EXPECT_TRUE(logged_like("INFO", "tlsc_handle_cli_cmds", "Exit cmd rcvd *"));
+    tlsc_cleanup_context();
+}
+
+TEST_F(engine_loop, an_order_to_end_does_not_wait_for_a_gateway_that_does_not_answer_the_connection) {
+    full_listener listener;
+    conf->server_port = listener.port();
+    ASSERT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(connects_without_an_answer());
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    EXPECT_TRUE(monitor_has_ended());
+    tlsc_cleanup_context();
+}
+
+TEST_F(engine_loop, an_order_to_end_leaves_a_tunnel_that_is_up_to_its_orderly_end) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    ASSERT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_NE(peer.connection(0).read_record(), "");
+    answer(peer, 0);
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    EXPECT_TRUE(monitor_has_ended());
+    EXPECT_EQ(teardowns(), 0u);
+    tlsc_cleanup_context();
 }
 
 }  // namespace

@@ -51,6 +51,16 @@ struct farewell {
     ~farewell() { monitor_gone = true; }
 };
 
+// Of a tunnel thread, however it ends.
+struct presence {
+    presence() {
+        if (++alive > most_alive) most_alive = alive.load();
+    }
+    ~presence() { --alive; }
+    presence(const presence &)            = delete;
+    presence &operator=(const presence &) = delete;
+};
+
 bool print_steps;  // among the log lines, to see what comes before what
 
 void note_step(const std::string &step) {
@@ -58,6 +68,16 @@ void note_step(const std::string &step) {
     if (!print_steps) return;
     printf("\n<%s>", step.c_str());
     fflush(stdout);  // the log does not wait for it
+}
+
+// Can be cancelled while somebody else has it.
+std::unique_lock<std::mutex> take_my_turn() {
+    std::unique_lock<std::mutex> mine(turn, std::try_to_lock);
+    while (!mine.owns_lock()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        (void)mine.try_lock();
+    }
+    return mine;
 }
 
 void wait_while(const std::atomic<bool> &condition) {
@@ -82,28 +102,26 @@ extern "C" unsigned __wrap_sleep(unsigned seconds) {
 // The tunnel thread: drains the pipe, connects, serves commands until it is told to end.
 extern "C" void *__wrap_tlsc_start_epoll(void *) {
     ++runs;
-    if (++alive > most_alive) most_alive = alive.load();
+    const presence of_this_run;
     wait_while(hold_before_drain);
     if (tunnel_failures > 0) {
         --tunnel_failures;
-        --alive;
         return nullptr;
     }
     {
-        const std::lock_guard<std::mutex> my_turn(turn);
+        const std::unique_lock<std::mutex> my_turn = take_my_turn();
         tlsc_clear_cli_cmds();
     }
     wait_while(hold_connecting);
     exit_client = 0;
     while (exit_client != 1) {
         {
-            const std::lock_guard<std::mutex> my_turn(turn);
+            const std::unique_lock<std::mutex> my_turn = take_my_turn();
             (void)tlsc_handle_cli_cmds();
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     epoll_thread_exited = 1;
-    --alive;
     return nullptr;
 }
 
@@ -202,6 +220,10 @@ protected:
     }
     size_t ends_of_monitors() {
         return log.count("WARNING", platform_file, "tlsc_epoll_mon_thread", "epoll monitor thread exiting!!");
+    }
+    size_t starts_told() {
+        return log.count("INFO", platform_file, "tlsc_start_epoll_mon_thread",
+                         "Started the epoll monitor thread successfully");
     }
     bool running(int number) {
         return eventually([number] { return runs == number && alive == 1; });
@@ -307,9 +329,7 @@ TEST_F(lifecycle, a_clean_up_cancels_a_monitor_that_sleeps_and_one_that_waits_fo
                   EXPECT_TRUE(running(1));
                   std::this_thread::sleep_for(std::chrono::milliseconds(10));
                   tlsc_cleanup_context();
-                  exit_client = 1;
-                  turn.unlock();
-                  EXPECT_TRUE(eventually([] { return alive == 0; }));
+                  EXPECT_EQ(alive, 0);
                   return 0;
               }),
               0);
@@ -505,21 +525,10 @@ TEST_F(lifecycle, a_second_start_creates_nothing) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(runs, 1);
     EXPECT_EQ(log.count("INFO", platform_file, "tlsc_epoll_mon_thread", "In TLS Client epoll monitor thread"), 1u);
+    EXPECT_EQ(starts_told(), 2u);
     end();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(runs, 1);
-}
-
-TEST_F(lifecycle, a_client_counts_as_running_from_its_start_to_the_order_to_end) {
-    EXPECT_FALSE(tlsc_client_is_running());
-    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
-    EXPECT_TRUE(tlsc_client_is_running());
-    ASSERT_TRUE(running(1));
-    EXPECT_TRUE(tlsc_client_is_running());
-    EXPECT_EQ(tlsc_stop_client(), 1);
-    EXPECT_FALSE(tlsc_client_is_running());
-    end();
-    EXPECT_FALSE(tlsc_client_is_running());
 }
 
 TEST_F(lifecycle, a_start_behind_a_stop_runs_the_client_once_more_and_never_two_at_a_time) {
@@ -533,8 +542,64 @@ TEST_F(lifecycle, a_start_behind_a_stop_runs_the_client_once_more_and_never_two_
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     EXPECT_EQ(most_alive, 1);
-    end(10);
+    end();
     EXPECT_EQ(runs, 10);
+}
+
+TEST_F(lifecycle, a_start_while_the_old_client_ends_gives_no_second_order_and_the_monitor_goes_on_in_its_loop) {
+    hold_connecting = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(1));
+    ASSERT_TRUE(eventually([&] { return log.contains("Total number of stale commands"); }));
+    log.clear();
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    hold_connecting = false;
+    ASSERT_TRUE(running(2));
+    ASSERT_TRUE(eventually([&] { return log.contains("Total number of stale commands"); }));
+    EXPECT_TRUE(log.contains("Total number of stale commands cleared from CLI pipe:0"));
+    EXPECT_EQ(log.count("INFO", engine_file, "tlsc_handle_cli_cmds",
+                        "Exit cmd rcvd for child thread, set exit_client flag to true"),
+              1u);
+    EXPECT_EQ(starts_told(), 2u);
+    EXPECT_EQ(ends_of_monitors(), 0u);
+    EXPECT_FALSE(log.contains("In TLS Client epoll monitor thread"));
+    EXPECT_FALSE(log.contains("exited abnormally"));
+    end();
+}
+
+TEST_F(lifecycle, a_start_during_the_monitors_pause_leaves_the_monitor_in_its_loop) {
+    tunnel_failures  = 1;
+    hold_long_sleeps = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(eventually([] { return sleeps().size() == 2; }));
+    log.clear();
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    hold_long_sleeps = false;
+    ASSERT_TRUE(running(2));
+    EXPECT_EQ(ends_of_monitors(), 0u);
+    EXPECT_FALSE(log.contains("In TLS Client epoll monitor thread"));
+    EXPECT_EQ(sleeps(), (std::vector<unsigned>{1, 10}));
+    end();
+}
+
+TEST_F(lifecycle, behind_a_clean_up_a_client_starts_and_stops_and_is_cleaned_up_again_and_again) {
+    EXPECT_EQ(in_child([&] {
+                  for (int round = 1; round <= 3; ++round) {
+                      EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+                      EXPECT_TRUE(running(round));
+                      tlsc_cleanup_context();
+                      turn.unlock();
+                      tlsc_cleanup_context();
+                      turn.unlock();
+                      EXPECT_EQ(alive, 0);
+                      EXPECT_EQ(tlsc_create_pipe_for_cli_cmds(), 1);
+                  }
+                  return 0;
+              }),
+              0);
 }
 
 TEST_F(lifecycle, a_restart_while_the_tunnel_connects_ends_that_run_and_begins_another) {
@@ -549,7 +614,7 @@ TEST_F(lifecycle, a_restart_while_the_tunnel_connects_ends_that_run_and_begins_a
     hold_connecting = false;
     ASSERT_TRUE(running(2));
     EXPECT_EQ(most_alive, 1);
-    end(2);
+    end();
 }
 
 TEST_F(lifecycle, a_restart_before_the_tunnel_drains_its_pipe_is_not_lost) {
@@ -563,7 +628,7 @@ TEST_F(lifecycle, a_restart_before_the_tunnel_drains_its_pipe_is_not_lost) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
     ASSERT_TRUE(running(2));
-    end(2);
+    end();
 }
 
 TEST_F(lifecycle, a_stop_behind_a_restart_leaves_no_client) {
@@ -592,8 +657,10 @@ TEST_F(lifecycle, a_stop_during_the_monitors_pause_does_not_stop_the_restart) {
     ASSERT_TRUE(eventually([&] { return log.contains("Clear CLI commands: message id read:1"); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(alive, 1);
-    EXPECT_TRUE(tlsc_client_is_running());
-    end();
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);  // changes nothing: it runs
+    tlsc_restart_client();
+    ASSERT_TRUE(eventually([&] { return ends_of_monitors() == 1; }));
+    EXPECT_EQ(runs, 2);
 }
 
 TEST_F(lifecycle, a_restart_during_the_monitors_pause_runs_the_client_once) {
@@ -608,7 +675,7 @@ TEST_F(lifecycle, a_restart_during_the_monitors_pause_runs_the_client_once) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(runs, 2);
     EXPECT_EQ(most_alive, 1);
-    end(2);
+    end();
 }
 
 }  // namespace

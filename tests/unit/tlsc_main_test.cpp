@@ -27,9 +27,8 @@ int                      init_result      = 1;
 uid_t                    user             = 0;
 bool                     set_all_fails;
 unsigned                 seed;
-int                      poll_result;     // of the polls before the exit
-bool                     halt_result;     // whether the tunnel thread can be halted
-bool                     client_running;  // whether one is started
+int                      poll_result;    // of the polls before the exit
+int                      halts_to_fail;  // so many times the tunnel thread still works
 std::function<void()>    at_lock_destruction;
 bool                     print_steps;  // among the log lines, to see what comes before what
 
@@ -76,12 +75,10 @@ extern "C" void __wrap_tlsc_cleanup_context() { note_step("clean up"); }
 extern "C" bool __wrap_tlsc_hold_tunnel_thread(int32_t seconds) {
     EXPECT_EQ(seconds, 3);
     note_step("halt");
-    return halt_result;
+    return halts_to_fail-- <= 0;
 }
 
 extern "C" void __wrap_tlsc_resume_tunnel_thread() { note_step("resume"); }
-
-extern "C" bool __wrap_tlsc_client_is_running() { return client_running; }
 
 extern "C" uid_t __wrap_getuid() { return user; }
 
@@ -123,8 +120,7 @@ protected:
         user             = 0;
         set_all_fails    = false;
         poll_result      = 0;
-        halt_result      = true;
-        client_running   = false;
+        halts_to_fail    = 0;
         print_steps      = false;
         unlink(flag_file);
         unlink("/tmp/tlsc_log");
@@ -544,39 +540,40 @@ TEST_F(tlsc_first_init, a_changed_key_serves_the_next_handshake_and_a_changed_ci
               0);
 }
 
-TEST_F(tlsc_first_init, the_tunnel_thread_stands_still_while_the_configuration_is_read_anew) {
-    for (bool can_be_halted : {true, false}) {
-        halt_result = can_be_halted;
-        EXPECT_EQ(in_child([&] {
-                      EXPECT_EQ(tlsc_init(), 1);
-                      EXPECT_EQ(steps, (strings{"settings"}));  // at first there is no such thread
-                      steps.clear();
-                      EXPECT_EQ(tlsc_init(), 1);
-                      EXPECT_EQ(steps, can_be_halted ? (strings{"halt", "settings", "resume"})
-                                                     : (strings{"halt", "settings"}));
-                      return 0;
-                  }),
-                  0);
-    }
+TEST_F(tlsc_first_init, the_tunnel_thread_stands_still_while_the_configuration_is_read_anew_however_long_it_works) {
+    EXPECT_EQ(in_child([&] {
+                  EXPECT_EQ(tlsc_init(), 1);
+                  EXPECT_EQ(steps, (strings{"settings"}));  // at first there is no such thread
+                  steps.clear();
+                  EXPECT_EQ(tlsc_init(), 1);
+                  EXPECT_EQ(steps, (strings{"halt", "settings", "resume"}));
+                  steps.clear();
+                  halts_to_fail = 2;
+                  EXPECT_EQ(tlsc_init(), 1);
+                  EXPECT_EQ(steps, (strings{"halt", "halt", "halt", "settings", "resume"}));
+                  return 0;
+              }),
+              0);
 }
 
-TEST_F(tlsc_first_init, a_tunnel_that_goes_on_keeps_its_address_and_its_interface) {
-    for (bool running : {true, false}) {
-        client_running = running;
-        EXPECT_EQ(in_child([&] {
-                      EXPECT_EQ(tlsc_init(), 1);
-                      conf->inner_addr.kind = ADDR_IPV4;
-                      memcpy(conf->inner_addr.ipv4, "\x0a\x63\x00\x07", 4);
-                      EXPECT_EQ(wlcSecTunProcessConf("tun_interface_name", "other"), 1);
+TEST_F(tlsc_first_init, the_record_follows_the_file_and_a_tunnel_that_goes_on_keeps_its_interface) {
+    EXPECT_EQ(in_child([&] {
+                  EXPECT_EQ(tlsc_init(), 1);
+                  tlsc_attach_session(sock);
+                  sock->sess->if_name   = conf->tun_interface_name;
+                  conf->inner_addr.kind = ADDR_IPV4;
+                  memcpy(conf->inner_addr.ipv4, "\x0a\x63\x00\x07", 4);
+                  for (const char *name : {"other", "third"}) {
+                      EXPECT_EQ(wlcSecTunProcessConf("tun_interface_name", name), 1);
                       EXPECT_EQ(tlsc_init(), 1);
                       EXPECT_EQ(conf->inner_addr.kind, 0);
-                      EXPECT_EQ(std::string(reinterpret_cast<char *>(conf->inner_addr.ipv4), 4),
-                                running ? std::string("\x0a\x63\x00\x07", 4) : std::string(4, '\0'));
-                      EXPECT_STREQ(conf->tun_interface_name, running ? "tun7" : "other");
-                      return 0;
-                  }),
-                  0);
-    }
+                      EXPECT_EQ(std::string(reinterpret_cast<char *>(conf->inner_addr.ipv4), 4), std::string(4, '\0'));
+                      EXPECT_STREQ(conf->tun_interface_name, name);
+                      EXPECT_STREQ(sock->sess->if_name, "tun7");
+                  }
+                  return 0;
+              }),
+              0);
 }
 
 TEST_F(tlsc_main, files_that_the_process_makes_are_for_root_alone) {
