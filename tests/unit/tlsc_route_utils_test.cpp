@@ -1,9 +1,7 @@
 // Host routes in the kernel's own table, in a network namespace of its own.
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
-#include <deque>
 #include <string>
 #include <vector>
 
@@ -19,63 +17,11 @@
 #include <gtest/gtest.h>
 
 #include "capture.h"
+#include "kernel_calls.h"
 #include "tlsc_config.h"
 #include "tlsc_route_utils.h"
 #include "tlsc_tun_intf.h"
 #include "tlsc_utils.h"
-
-namespace {
-
-std::deque<int>          ioctl_errors;   // of the route requests; 0 lets one call pass
-std::deque<int>          socket_errors;  // 0 lets one call pass
-size_t                   sockets_made;
-std::vector<rtentry>     routes;   // as requested
-std::vector<std::string> devices;  // of the same requests, all that the kernel reads
-std::vector<bool>        added;
-
-int next_error(std::deque<int> &errors) {
-    if (errors.empty()) return 0;
-    const int error = errors.front();
-    errors.pop_front();
-    return error;
-}
-
-}  // namespace
-
-extern "C" {
-
-int __real_ioctl(int fd, unsigned long request, ...);
-int __wrap_ioctl(int fd, unsigned long request, ...) {
-    va_list arguments;
-    va_start(arguments, request);
-    void *argument = va_arg(arguments, void *);
-    va_end(arguments);
-
-    if (request == SIOCADDRT || request == SIOCDELRT) {
-        rtentry route;
-        memcpy(&route, argument, sizeof(route));
-        routes.push_back(route);
-        devices.push_back(route.rt_dev ? std::string(route.rt_dev, IFNAMSIZ - 1).c_str() : "");
-        added.push_back(request == SIOCADDRT);
-        if (const int error = next_error(ioctl_errors); error != 0) {
-            errno = error;
-            return -1;
-        }
-    }
-    return __real_ioctl(fd, request, argument);
-}
-
-int __real_socket(int domain, int type, int protocol);
-int __wrap_socket(int domain, int type, int protocol) {
-    ++sockets_made;
-    if (const int error = next_error(socket_errors); error != 0) {
-        errno = error;
-        return -1;
-    }
-    return __real_socket(domain, type, protocol);
-}
-
-}  // extern "C"
 
 namespace {
 
@@ -127,12 +73,7 @@ tlsc_addr address(const char *text) {
 class tlsc_route_utils : public ::testing::Test {
 protected:
     void SetUp() override {
-        ioctl_errors.clear();
-        socket_errors.clear();
-        routes.clear();
-        devices.clear();
-        added.clear();
-        sockets_made     = 0;
+        forget_kernel_calls();
         tlsc_ioctl_errno = tlsc_socket_errno = 0;
         tlsc_new_socket_needed               = false;
         tlsc_get_config()->prefix_length     = 24;
@@ -174,36 +115,36 @@ TEST_F(tlsc_route_utils, mask_follows_the_configured_prefix_length) {
         {0, "0.0.0.0"},          {1, "128.0.0.0"},        {8, "255.0.0.0"}, {24, "255.255.255.0"},
         {31, "255.255.255.254"}, {32, "255.255.255.255"}, {33, "0.0.0.0"},  {255, "0.0.0.0"}};
     for (const auto &[length, mask] : table) {
-        routes.clear();
-        ioctl_errors                     = {EPERM};  // reads as success; the kernel is not asked
+        route_calls.clear();
+        ioctl_faults                     = {{any_request, EPERM}};  // reads as success; the kernel is not asked
         tlsc_get_config()->prefix_length = length;
         log_capture log;
         EXPECT_EQ(tlsc_inject_v4_host_route(&prefix, "lo", 1), 1);
-        ASSERT_EQ(routes.size(), 1u);
-        EXPECT_EQ(dotted(routes[0].rt_genmask), mask) << static_cast<int>(length);
+        ASSERT_EQ(route_calls.size(), 1u);
+        EXPECT_EQ(dotted(route_calls[0].record.rt_genmask), mask) << static_cast<int>(length);
     }
 }
 
 TEST_F(tlsc_route_utils, entry_has_no_gateway_no_metric_and_only_the_up_flag) {
-    ioctl_errors = {EPERM};
+    ioctl_faults = {{any_request, EPERM}};
     log_capture log;
     ASSERT_EQ(tlsc_inject_v4_host_route(&prefix, "lo", 1), 1);
-    ASSERT_EQ(routes.size(), 1u);
-    EXPECT_EQ(dotted(routes[0].rt_dst), "198.51.100.0");
-    EXPECT_EQ(routes[0].rt_dst.sa_family, AF_INET);
-    EXPECT_EQ(routes[0].rt_genmask.sa_family, AF_INET);
-    EXPECT_EQ(routes[0].rt_gateway.sa_family, 0);
-    EXPECT_EQ(routes[0].rt_flags, RTF_UP);
-    EXPECT_EQ(routes[0].rt_metric, 0);
-    EXPECT_EQ(devices[0], "lo");
-    EXPECT_TRUE(added[0]);
+    ASSERT_EQ(route_calls.size(), 1u);
+    EXPECT_EQ(dotted(route_calls[0].record.rt_dst), "198.51.100.0");
+    EXPECT_EQ(route_calls[0].record.rt_dst.sa_family, AF_INET);
+    EXPECT_EQ(route_calls[0].record.rt_genmask.sa_family, AF_INET);
+    EXPECT_EQ(route_calls[0].record.rt_gateway.sa_family, 0);
+    EXPECT_EQ(route_calls[0].record.rt_flags, RTF_UP);
+    EXPECT_EQ(route_calls[0].record.rt_metric, 0);
+    EXPECT_EQ(route_calls[0].device, "lo");
+    EXPECT_TRUE(route_calls[0].added);
 }
 
 TEST_F(tlsc_route_utils, name_of_more_than_15_characters_is_cut_to_15) {
-    ioctl_errors = {EPERM};
+    ioctl_faults = {{any_request, EPERM}};
     log_capture log;
     ASSERT_EQ(tlsc_inject_v4_host_route(&prefix, "abcdefghijklmnopqrst", 1), 1);
-    EXPECT_EQ(devices[0], "abcdefghijklmno");
+    EXPECT_EQ(route_calls[0].device, "abcdefghijklmno");
 }
 
 TEST_F(tlsc_route_utils, anything_but_an_ipv4_record_and_a_name_is_refused) {
@@ -214,7 +155,7 @@ TEST_F(tlsc_route_utils, anything_but_an_ipv4_record_and_a_name_is_refused) {
     EXPECT_EQ(tlsc_inject_v4_host_route(&prefix, nullptr, 1), 0);
     EXPECT_EQ(tlsc_inject_v4_host_route(&ipv6, "lo", 1), 0);
     EXPECT_EQ(tlsc_inject_v4_host_route(&none, "lo", 1), 0);
-    EXPECT_EQ(sockets_made, 0u);
+    EXPECT_EQ(socket_types.size(), 0u);
     EXPECT_EQ(log.count("ERROR", "tlsc_route_utils.c", "tlsc_inject_v4_host_route",
                         "Null ptr received for addr/ifname, or addr-type is not IPv4"),
               4u);
@@ -231,13 +172,13 @@ TEST_F(tlsc_route_utils, route_that_the_kernel_refuses_gives_its_errno) {
 }
 
 TEST_F(tlsc_route_utils, failure_by_efault_announces_a_retry_that_does_not_come) {
-    ioctl_errors = {EFAULT};
+    ioctl_faults = {{any_request, EFAULT}};
     log_capture log;
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(tlsc_inject_v4_host_route(&prefix, "lo", 1), EFAULT);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Route operation failed :: Bad address\n");
-    EXPECT_EQ(routes.size(), 1u);
-    EXPECT_EQ(sockets_made, 1u);
+    EXPECT_EQ(route_calls.size(), 1u);
+    EXPECT_EQ(socket_types.size(), 1u);
     expect_lines(log, {{"INFO", "tlsc_route_operation_ipv4", "Adding route to interface lo"},
                        {"WARNING", "tlsc_inject_v4_host_route",
                         "Route operation failed due to error[14], Retrying to do the route operation..."},
@@ -245,7 +186,7 @@ TEST_F(tlsc_route_utils, failure_by_efault_announces_a_retry_that_does_not_come)
 }
 
 TEST_F(tlsc_route_utils, printed_error_is_the_requests_own_when_the_log_cannot_be_written_either) {
-    ioctl_errors = {EFAULT};
+    ioctl_faults = {{any_request, EFAULT}};
     log_capture log;
     const int   shown = dup(STDOUT_FILENO);
     const int   full  = open("/dev/full", O_WRONLY | O_CLOEXEC);
@@ -259,13 +200,13 @@ TEST_F(tlsc_route_utils, printed_error_is_the_requests_own_when_the_log_cannot_b
 }
 
 TEST_F(tlsc_route_utils, failure_by_ebadf_makes_a_new_socket_and_clears_the_need) {
-    ioctl_errors = {EBADF};
+    ioctl_faults = {{any_request, EBADF}};
     log_capture log;
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(tlsc_inject_v4_host_route(&prefix, "lo", 1), EBADF);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Route operation failed :: Bad file descriptor\n");
-    EXPECT_EQ(routes.size(), 1u);
-    EXPECT_EQ(sockets_made, 2u);
+    EXPECT_EQ(route_calls.size(), 1u);
+    EXPECT_EQ(socket_types.size(), 2u);
     EXPECT_FALSE(tlsc_new_socket_needed);
 }
 
@@ -273,12 +214,12 @@ TEST_F(tlsc_route_utils, missing_socket_gives_its_errno) {
     log_capture log;
     socket_errors = {EMFILE};
     EXPECT_EQ(tlsc_inject_v4_host_route(&prefix, "lo", 1), EMFILE);
-    EXPECT_TRUE(routes.empty());
+    EXPECT_TRUE(route_calls.empty());
     expect_lines(
         log, {{"ERROR", "tlsc_create_socket_ipv4", "Could not open socket for add/remove of route to interface = lo"}});
 
     log.clear();
-    ioctl_errors  = {EBADF};
+    ioctl_faults  = {{any_request, EBADF}};
     socket_errors = {0, ENFILE};
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(tlsc_inject_v4_host_route(&prefix, "lo", 1), ENFILE);
@@ -288,7 +229,7 @@ TEST_F(tlsc_route_utils, missing_socket_gives_its_errno) {
 }
 
 TEST_F(tlsc_route_utils, failure_by_eperm_reads_as_success) {
-    ioctl_errors = {EPERM};
+    ioctl_faults = {{any_request, EPERM}};
     log_capture log;
     EXPECT_EQ(tlsc_inject_v4_host_route(&prefix, "lo", 1), 1);
     expect_lines(log, {{"INFO", "tlsc_route_operation_ipv4", "Adding route to interface lo"}});
@@ -300,10 +241,10 @@ TEST_F(tlsc_route_utils, every_path_closes_its_sockets) {
         log_capture log;
         ::testing::internal::CaptureStderr();
         for (int error : {EFAULT, EBADF, EINVAL, EPERM}) {
-            ioctl_errors = {error};
+            ioctl_faults = {{any_request, error}};
             tlsc_inject_v4_host_route(&prefix, "lo", 1);
         }
-        ioctl_errors  = {EBADF};
+        ioctl_faults  = {{any_request, EBADF}};
         socket_errors = {0, ENFILE};
         tlsc_inject_v4_host_route(&prefix, "lo", 1);
         ::testing::internal::GetCapturedStderr();
@@ -319,7 +260,7 @@ TEST_F(tlsc_route_utils, operation_results_are_1_minus_1_or_the_errno) {
     rtentry     route{};
     log_capture log;
     for (const auto &entry : table) {
-        ioctl_errors           = {entry.error};
+        ioctl_faults           = {{any_request, entry.error}};
         tlsc_new_socket_needed = false;
         EXPECT_EQ(tlsc_route_operation_ipv4(3, &route, 1, "lo"), entry.result);
         EXPECT_EQ(tlsc_ioctl_errno, entry.error);
@@ -332,7 +273,7 @@ TEST_F(tlsc_route_utils, operation_on_a_null_route_or_name_is_refused) {
     rtentry     route{};
     EXPECT_EQ(tlsc_route_operation_ipv4(3, nullptr, 1, "lo"), 0);
     EXPECT_EQ(tlsc_route_operation_ipv4(3, &route, 1, nullptr), 0);
-    EXPECT_TRUE(routes.empty());
+    EXPECT_TRUE(route_calls.empty());
     expect_lines(log, {{"ERROR", "tlsc_route_operation_ipv4", "Null ptr received for route/name"},
                        {"ERROR", "tlsc_route_operation_ipv4", "Null ptr received for route/name"}});
 }

@@ -1,7 +1,6 @@
 // The session record and its start, with a real TUN interface.
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -15,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "capture.h"
+#include "kernel_calls.h"
 #include "tlsc_session.h"
 #include "tlsc_tun_intf.h"
 #include "tlsc_utils.h"
@@ -22,7 +22,6 @@
 namespace {
 
 bool                 heap_is_empty;
-int                  flags_error;  // of the next flags write; 0 for none
 std::vector<int32_t> reported_states;
 std::vector<int32_t> handled_errors;
 
@@ -33,22 +32,6 @@ extern "C" {
 void *__real_calloc(size_t count, size_t size);
 void *__wrap_calloc(size_t count, size_t size) { return heap_is_empty ? nullptr : __real_calloc(count, size); }
 
-int __real_ioctl(int fd, unsigned long request, ...);
-int __wrap_ioctl(int fd, unsigned long request, ...) {
-    va_list arguments;
-    va_start(arguments, request);
-    void *argument = va_arg(arguments, void *);
-    va_end(arguments);
-
-    if (request == SIOCSIFFLAGS && flags_error != 0) {
-        errno       = flags_error;
-        flags_error = 0;
-        return -1;
-    }
-    return __real_ioctl(fd, request, argument);
-}
-
-// tlsc_write_tun_intf_state and tlsc_error_handling under the names that the linker knows.
 int32_t __wrap_tlsc_write_tun_intf_state(int32_t state, int32_t) {
     reported_states.push_back(state);
     return 1;
@@ -83,8 +66,8 @@ protected:
     void SetUp() override {
         reported_states.clear();
         handled_errors.clear();
-        flags_error = 0;
-        session     = tlsc_init_session();
+        forget_kernel_calls();
+        session = tlsc_init_session();
         ASSERT_NE(session, nullptr);
         tlsc_attach_session(&sock);
         session->tun_fd = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
@@ -198,7 +181,7 @@ TEST_F(tlsc_session_start, second_start_keeps_the_interface_up_reports_nothing_a
 }
 
 TEST_F(tlsc_session_start, start_whose_interface_fails_hands_the_errno_on_and_keeps_the_prefix) {
-    flags_error = ENOMEM;
+    ioctl_faults = {{SIOCSIFFLAGS, ENOMEM}};
     log_capture log;
     EXPECT_EQ(tlsc_start_session(&sock, &prefix), nullptr);
     EXPECT_EQ(handled_errors, (std::vector<int32_t>{ENOMEM}));
@@ -221,7 +204,7 @@ TEST_F(tlsc_session_start, start_without_an_interface_name_hands_0_on) {
 }
 
 TEST_F(tlsc_session_start, start_whose_flags_are_refused_by_eperm_counts_as_up) {
-    flags_error = EPERM;
+    ioctl_faults = {{SIOCSIFFLAGS, EPERM}};
     log_capture log;
     EXPECT_EQ(tlsc_start_session(&sock, &prefix), session);
     EXPECT_EQ(session->tun_state, 1);

@@ -22,6 +22,7 @@
 #include <gtest/gtest.h>
 
 #include "capture.h"
+#include "kernel_calls.h"
 #include "tlsc_config.h"
 #include "tlsc_engine.h"
 #include "tlsc_platform.h"
@@ -32,17 +33,6 @@
 
 namespace {
 
-struct ioctl_call {
-    unsigned long request;
-    std::string   name;   // of the interface
-    short         flags;  // of a request that carries flags
-};
-
-struct ioctl_fault {
-    unsigned long request;
-    int           error;  // 0 lets one call pass
-};
-
 struct state_report {
     int32_t state;
     int32_t cause;
@@ -50,11 +40,7 @@ struct state_report {
     bool    operator==(const state_report &) const = default;
 };
 
-std::vector<ioctl_call>   ioctl_calls;
-std::deque<ioctl_fault>   ioctl_faults;  // each used up by the next call of its request
-std::vector<int>          socket_types;
-std::deque<int>           socket_errors;  // 0 lets one call pass
-std::deque<int>           open_errors;    // of the clone device; 0 lets one call pass
+std::deque<int>           open_errors;  // of the clone device; 0 lets one call pass
 std::vector<unsigned>     pauses;
 std::vector<std::string>  commands;
 bool                      shell_is_absent;  // commands are recorded and not run
@@ -62,54 +48,9 @@ std::vector<state_report> reports;
 std::vector<std::string>  closings;  // "close N" and "forget N" of descriptors above 2
 const tlsc_session       *watched_session;
 
-int next_error(std::deque<int> &errors) {
-    if (errors.empty()) return 0;
-    const int error = errors.front();
-    errors.pop_front();
-    return error;
-}
-
-int next_ioctl_error(unsigned long request) {
-    for (auto fault = ioctl_faults.begin(); fault != ioctl_faults.end(); ++fault)
-        if (fault->request == request) {
-            const int error = fault->error;
-            ioctl_faults.erase(fault);
-            return error;
-        }
-    return 0;
-}
-
 }  // namespace
 
 extern "C" {
-
-int __real_ioctl(int fd, unsigned long request, ...);
-int __wrap_ioctl(int fd, unsigned long request, ...) {
-    va_list arguments;
-    va_start(arguments, request);
-    void *argument = va_arg(arguments, void *);
-    va_end(arguments);
-
-    ifreq record{};
-    memcpy(&record, argument, sizeof(record));
-    ioctl_calls.push_back(
-        {request, std::string(record.ifr_name, strnlen(record.ifr_name, IFNAMSIZ)), record.ifr_flags});
-    if (const int error = next_ioctl_error(request); error != 0) {
-        errno = error;
-        return -1;
-    }
-    return __real_ioctl(fd, request, argument);
-}
-
-int __real_socket(int domain, int type, int protocol);
-int __wrap_socket(int domain, int type, int protocol) {
-    socket_types.push_back(type);
-    if (const int error = next_error(socket_errors); error != 0) {
-        errno = error;
-        return -1;
-    }
-    return __real_socket(domain, type, protocol);
-}
 
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...) {
@@ -143,7 +84,6 @@ int __wrap_system(const char *command) {
     return shell_is_absent ? 127 << 8 : __real_system(command);
 }
 
-// tlsc_write_tun_intf_state and tlsc_forget_fd_events under the names that the linker knows.
 int32_t __wrap_tlsc_write_tun_intf_state(int32_t state, int32_t cause) {
     reports.push_back({state, cause, watched_session ? watched_session->tun_state : -1});
     return 1;
@@ -202,10 +142,7 @@ std::string pointer_text(const void *pointer) {
 class tlsc_tun_intf : public ::testing::Test {
 protected:
     void SetUp() override {
-        ioctl_calls.clear();
-        ioctl_faults.clear();
-        socket_types.clear();
-        socket_errors.clear();
+        forget_kernel_calls();
         open_errors.clear();
         pauses.clear();
         commands.clear();
