@@ -1,11 +1,12 @@
-// Contents: 1 TLS set-up  2 connection and TLS I/O  3 registry and state  4 teardown  5 data path  6 commands  7 event
-// loop
+// The tunnel thread, from its TLS session to its loop. Each section uses only sections above it; to follow a packet or
+// an event, begin at handle_event in the last one.
 //
-// Out: handle_event -> on_tun_event -> tlsc_tun_read_and_process -> tlsc_write_cstp_data_pak -> tlsc_ssl_write
-// In:  handle_event -> on_ssl_event -> tlsc_cstp_read_frame -> tlsc_process_cstp_frame -> tlsc_tun_write
-// Connection lost: any handler -> tlsc_sock_error -> backoff timer -> tlsc_handle_timer -> tlsc_handle_rekey_expiry
-//
-// One thread runs all of this; the file reads from what is called to what calls, the loop last.
+// Contents: 1 TLS set-up  2 connection and TLS I/O  3 registry and state  4 teardown  5 data path  6 commands
+//           7 event loop
+// A packet out: handle_event -> on_tun_event -> tlsc_tun_read_and_process -> tlsc_write_cstp_data_pak -> tlsc_ssl_write
+// A packet in:  handle_event -> on_ssl_event -> tlsc_cstp_read_frame -> tlsc_process_cstp_frame -> tlsc_tun_write
+// A timer:      handle_event -> tlsc_handle_timer
+// A lost connection: any handler -> tlsc_sock_error, which starts the backoff timer; its expiry connects again
 
 #include "tlsc_engine.h"
 
@@ -38,8 +39,8 @@
 #include "tlsc_platform.h"  // counters, client restart, dropped orders
 
 // ==== 1 TLS set-up ===============================================================================================
-// The context is built once per process, on the main thread. The verification and PSK callbacks run on the thread
-// that performs the handshake: this one.
+// The main thread builds the TLS context at the first initialisation; every connection of the tunnel thread makes its
+// session from it. OpenSSL calls the two callbacks on the tunnel thread, in the middle of a handshake.
 
 ssl_ctx_st *tlsc_ssl_ctx;
 

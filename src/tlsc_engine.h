@@ -1,5 +1,5 @@
-// The tunnel thread: TLS set-up and I/O, the descriptor registry, the teardown, the packet path, the command
-// handling and the event loop. All of it runs on the tunnel thread unless a comment says otherwise.
+// The tunnel thread, which owns the tunnel: its TLS session, its descriptors, its packets and its event loop. Every
+// function here is called on that thread, unless its comment names another.
 #pragma once
 
 #include <atomic>
@@ -13,7 +13,7 @@ extern "C" {
 struct epoll_event;
 struct x509_store_ctx_st;
 
-// ---- the tunnel thread's mailbox: what other threads may touch ---------------------------------------------------
+// ---- what other threads may touch while the tunnel thread runs ---------------------------------------------------
 
 extern std::atomic<int32_t> exit_client;  // 1 ends the loop after its current pass; cleared when the loop starts
 extern std::atomic<int32_t> epoll_thread_exited;  // 1 after an orderly end, 0 before it and after a failed set-up

@@ -1,5 +1,6 @@
 // Contents: 1 command pipe, sending side  2 client initialisation  3 process entry
-// The main thread: main -> every 2 seconds wlcTlscFifoHandler (the controller's messages) -> every 30th time statistics
+// The main thread's loop, in main: every 2 seconds it handles what the controller has sent (wlcTlscFifoHandler), and
+// every 30th time it sends the statistics. A START comes this way to tlsc_init, and from there to the monitor thread.
 
 #include "tlsc_main.h"
 
@@ -16,7 +17,7 @@
 #include "tlsc_debug.h"
 #include "tlsc_turn.h"
 
-#include "tlsc_engine.h"   // the mailbox of the tunnel thread, TLS set-up
+#include "tlsc_engine.h"   // the command pipe's ends, TLS set-up
 #include "tlsc_session.h"  // created at the first initialisation
 
 #include "tlsc_platform.h"  // configuration setters, statistics, clean-up
@@ -184,7 +185,7 @@ void stats_tick() {
     if (++stats_ticks % ticks_per_report == 0) (void)tlscWlcPostTlscStatsUpdateMsg();
 }
 
-// A descriptor of 0 counts as none everywhere, so nothing but standard input may get it.
+// The daemon takes a descriptor of 0 for none. Started without standard input, it would get 0 for its first file.
 void occupy_standard_descriptors() {
     int fd;
     do fd = open("/dev/null", O_RDWR);
@@ -194,7 +195,8 @@ void occupy_standard_descriptors() {
 
 }  // namespace
 
-// A DEBUG line of the entry itself. On standard output its message keeps the blank in front.
+// A DEBUG line, or with the controller interface's debug flag a line on standard output, where the message keeps the
+// blank that it begins with.
 #define ANNOUNCE(message)                                                                 \
     do {                                                                                  \
         if (tlscWlcIpcEventDbg) {                                                         \
