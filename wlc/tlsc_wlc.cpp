@@ -1,7 +1,7 @@
-// Contents: 1 configuration file and parameter block  2 FIFO transport and catalogue  3 reports  4 messages  5 start and end
-// In:  wlcTlscFifoHandler -> readFromTlscFifo -> tlscWlcMsgRcv... -> tlsc_platform (start, stop, command pipe), reports
-// Out: tlscWlcSetTunState, tlscWlcPost...UpdateMsg -> tlscWriteToWLC -> the controller's FIFO
-// File: tlscWlcMsgRcvSecTunStart -> wlcSecTunReadAllConf -> wlcSecTunProcessConf -> parameter block -> tlsc_set_config_all
+// Contents: 1 configuration file and parameter block  2 FIFO transport and catalogue  3 reports  4 messages  5 start
+// and end In:  wlcTlscFifoHandler -> readFromTlscFifo -> tlscWlcMsgRcv... -> tlsc_platform (start, stop, command pipe),
+// reports Out: tlscWlcSetTunState, tlscWlcPost...UpdateMsg -> tlscWriteToWLC -> the controller's FIFO File:
+// tlscWlcMsgRcvSecTunStart -> wlcSecTunReadAllConf -> wlcSecTunProcessConf -> parameter block -> tlsc_set_config_all
 
 #include "tlsc_wlc.h"
 
@@ -16,6 +16,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -111,6 +112,7 @@ struct conf_pass {
 
     FILE *conf;
     FILE *temp;
+    char  buffers[2][conf_line_size];  // of the two files: they hold the secret as well
     off_t temp_size;             // of the temporary file when the pass began: an earlier pass may have left it behind
     int   error;                 // the first errno of the pass, 0 while all went well
     char  line[conf_line_size];  // the current line, its newline included
@@ -152,6 +154,7 @@ bool open_temp(conf_pass *pass) {
         return false;
     }
 
+    (void)setvbuf(pass->temp, pass->buffers[1], _IOFBF, sizeof(pass->buffers[1]));
     pass->temp_size = temp_stat.st_size;
     end_cut_line(pass);
     return true;
@@ -277,6 +280,7 @@ bool open_files(conf_pass *pass) {
         WLC_IPC_ERROR("%s - File open failed, returning, file:%s", pass->policy->operation, conf_path);
         return false;
     }
+    (void)setvbuf(pass->conf, pass->buffers[0], _IOFBF, sizeof(pass->buffers[0]));
     if (!open_temp(pass)) {
         WLC_IPC_ERROR("%s - Temp File open failed to read, returning, filename:%s", pass->policy->operation, temp_path);
         return false;
@@ -293,6 +297,7 @@ void take_line(conf_pass *pass) {
     const int  skipped = split_current_line(pass, &entry);
     if (skipped) WLC_IPC_EVENT("%s", skip_texts[skipped]);
     else pass->policy->keep(pass, entry);
+    explicit_bzero(&entry, sizeof(entry));
 }
 
 // The whole pass. Returns 1, also when the file could not be replaced (logged), or 0 when one could not be opened.
@@ -307,6 +312,7 @@ int32_t run_pass(conf_pass *pass) {
         WLC_IPC_ERROR("%s() - Error [%s] while Renaming file %s to %s", pass->policy->operation, error, temp_path,
                       conf_path);
     }
+    explicit_bzero(pass, sizeof(*pass));
     return 1;
 }
 
@@ -458,7 +464,10 @@ constexpr char outbound_path[] = "/tmp/tlsc-to-wlc-fifo";
 constexpr mode_t inbound_mode = 0620;  // owner reads and writes, group writes
 static_assert(inbound_mode == 400);
 
-int inbound_fd = -1;  // main thread
+// The inbound FIFO. Main thread.
+int  inbound_fd = -1;
+bool inbound_is_wanted;  // from the first opening to the clean-up
+bool inbound_is_shared;  // another process had it open and locked before this one
 
 // The last message read, with one NUL more, so that a text in it always ends. Main thread.
 constexpr size_t payload_off = offsetof(tlsc_wlc_msg, payload);
@@ -514,8 +523,59 @@ const char *tlscWlcMsgName(uint32_t msgId) {
     return "Invalid";
 }
 
+namespace {
+
+bool is_fifo(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+// Opens what stands at the path without waiting for anybody. Returns the descriptor, or -1 with errno, also for what is
+// no FIFO.
+int open_fifo(const char *path, int access) {
+    const int fd = open(path, access | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (fd == -1 || is_fifo(fd)) return fd;
+    close(fd);
+    errno = EINVAL;
+    return -1;
+}
+
+// Returns 0, or the errno. The mode must arrive in full; everything that is created later keeps to the process's own
+// mask.
+int create_inbound() {
+    const mode_t old_mask = umask(0);
+    const int    created  = mkfifo(inbound_path, inbound_mode);
+    const int    error    = errno;
+    (void)umask(old_mask);
+    return created == -1 && error != EEXIST ? error : 0;  // By contract: a FIFO that already bears the name will do.
+}
+
+// Returns 0, or the errno. The lock tells other processes of our kind that somebody reads here.
+int open_inbound() {
+    inbound_fd = open_fifo(inbound_path, O_RDONLY);
+    if (inbound_fd == -1) return errno;
+    inbound_is_shared = flock(inbound_fd, LOCK_EX | LOCK_NB) != 0;
+    return 0;
+}
+
+// True while another process reads the FIFO at the path, which is then not ours to remove.
+bool is_read_by_another() {
+    if (inbound_fd != -1) return inbound_is_shared;
+
+    const int  fd    = open_fifo(inbound_path, O_RDONLY);
+    const bool taken = fd != -1 && flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    if (fd != -1) close(fd);
+    return taken;
+}
+
+}  // namespace
+
 void tlscWlcDelFifo() {
     WLC_MSG_EVENT("Cleanup TLS Client WLC FIFO");
+    if (is_read_by_another()) {
+        WLC_MSG_EVENT("%s() - %s FIFO is left to the process that reads it", __func__, inbound_path);
+        return;
+    }
     if (unlink(inbound_path) == -1) {
         const char *error = strerror(errno);
         WLC_IPC_ERROR("%s() - unlink failed error:%s", __func__, error);
@@ -524,34 +584,50 @@ void tlscWlcDelFifo() {
 
 int openWlcToTlscFifo() {
     WLC_IPC_EVENT("%s():", __func__);
+    inbound_is_wanted = true;
 
-    // The mode must arrive in full; everything that is created later keeps to the process's own mask.
-    const mode_t old_mask = umask(0);
-    const int    created  = mkfifo(inbound_path, inbound_mode);
-    const int    error    = errno;
-    (void)umask(old_mask);
-
-    // By contract: whatever already bears the name will do.
-    if (created == -1 && error != EEXIST) {
+    if (const int error = create_inbound(); error != 0) {
         WLC_IPC_ERROR("%s() - Create %s FIFO failed, error:%s", __func__, inbound_path, strerror(error));
         return 0;
     }
     WLC_IPC_EVENT("%s() - Create %s FIFO success", __func__, inbound_path);
     if (atexit(tlscWlcDelFifo) != 0) WLC_IPC_ERROR("%s() - Install delete FIFO handler failed", __func__);
 
-    inbound_fd = open(inbound_path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    if (inbound_fd == -1) {
-        const char *reason = strerror(errno);
+    if (const int error = open_inbound(); error != 0) {
         WLC_IPC_ERROR("%s() - Open %s FIFO failed in O_RDONLY | O_NONBLOCK mode error:%s", __func__, inbound_path,
-                      reason);
+                      strerror(error));
         return 0;
     }
     WLC_IPC_EVENT("%s() - Open %s FIFO in O_RDONLY | O_NONBLOCK mode success", __func__, inbound_path);
+    if (inbound_is_shared) WLC_IPC_ERROR("%s() - %s FIFO is already read by another process", __func__, inbound_path);
     return 1;
 }
 
+namespace {
+
+// What could not be opened at the start is tried again, or nobody could ever reach this process; the lines of that have
+// been written. A shared FIFO is made anew when the process that it belonged to took it along.
+void regain_inbound() {
+    constexpr tlsc_work_of tlsc_log_function{"openWlcToTlscFifo"};
+
+    if (inbound_fd != -1 && inbound_is_shared && flock(inbound_fd, LOCK_EX | LOCK_NB) == 0) {
+        struct stat status {};
+        inbound_is_shared = false;
+        if (fstat(inbound_fd, &status) != 0 || status.st_nlink != 0) return;
+        close(inbound_fd);
+        inbound_fd = -1;
+    }
+    if (inbound_fd != -1 || !inbound_is_wanted) return;
+    if (create_inbound() != 0 || open_inbound() != 0) return;
+    (void)atexit(tlscWlcDelFifo);  // a second time does no harm
+    WLC_IPC_EVENT("%s() - Open %s FIFO in O_RDONLY | O_NONBLOCK mode success", "openWlcToTlscFifo", inbound_path);
+}
+
+}  // namespace
+
 // Writers write whole messages, which a pipe keeps whole (PIPE_BUF, see pipe(7)): anything shorter is no message.
 int readFromTlscFifo() {
+    regain_inbound();
     memset(received, 0, sizeof(received));
     if (read(inbound_fd, received, wlc_msg_size) != static_cast<ssize_t>(wlc_msg_size)) return 0;
 
@@ -568,7 +644,7 @@ int tlscWriteToWLC(const tlsc_wlc_msg *msg) {
     }
 
     WLC_MSG_EVENT("%s() ", __func__);
-    const int fd = open(outbound_path, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    const int fd = open_fifo(outbound_path, O_WRONLY);
     if (fd == -1) {
         const char *error = strerror(errno);
         WLC_MSG_ERROR("%s() - on TLS Client proc, Open %s FIFO failed in O_WRONLY | O_NONBLOCK mode error:%s", __func__,
@@ -608,6 +684,7 @@ int tlscPostMsgToWlc(uint32_t msgId) {
 int tlscWlcIpcCleanup() {
     WLC_MSG_EVENT("%s() - on TLS Client FIFO cleanup ", __func__);
 
+    inbound_is_wanted = false;
     if (inbound_fd != -1) {
         if (close(inbound_fd) == -1) {
             WLC_MSG_ERROR("%s() - close %s FIFO failed ", __func__, inbound_path);
@@ -1060,6 +1137,7 @@ int tlscWlcInit() {
 
 int tlscWlcCleanUp() {
     WLC_MSG_EVENT("%s()", __func__);
+    explicit_bzero(params.psk_key, sizeof(params.psk_key));
     (void)tlscWlcIpcCleanup();
     return 1;  // By contract: whatever the close gave; it has its line.
 }

@@ -13,13 +13,14 @@ extern "C" {
 // Opens the inbound FIFO and greets the controller. Returns 1 always.
 int tlscWlcInit();
 
-// Closes the inbound FIFO. Returns 1, whatever the close gave.
+// Closes the inbound FIFO and wipes the parameter block's key. Returns 1, whatever the close gave.
 int tlscWlcCleanUp();
 
-// Creates and opens "/tmp/wlc-to-tlsc-fifo". Returns 1 or 0 (logged).
+// Creates and opens "/tmp/wlc-to-tlsc-fifo". Returns 1, also when another process reads it already, or 0 (both logged).
 int openWlcToTlscFifo();
 
-// Reads one whole message into the receive record. Returns 1, or 0 when there is none.
+// Reads one whole message into the receive record. Returns 1, or 0 when there is none. A FIFO that could not be opened is
+// tried again.
 int readFromTlscFifo();
 
 // Sends one message: opens the controller's FIFO, writes, closes; never waits. Returns 1 or 0 (logged). Any thread.
@@ -31,7 +32,7 @@ int tlscPostMsgToWlc(uint32_t msgId);
 // Closes the inbound descriptor. Returns 1, or 0 when close() failed.
 int tlscWlcIpcCleanup();
 
-// Removes the inbound FIFO; runs at process exit.
+// Removes the inbound FIFO, unless another process reads it; runs at process exit.
 void tlscWlcDelFifo();
 
 // The catalogue's name of a message; "Invalid" for one without a name.

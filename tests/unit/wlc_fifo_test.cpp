@@ -4,9 +4,11 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <functional>
 #include <set>
 #include <thread>
 
+#include <sys/file.h>
 #include <sys/wait.h>
 
 #include "capture.h"
@@ -161,22 +163,129 @@ TEST_F(wlc_fifo, existing_fifo_is_taken_as_it_is) {
     EXPECT_EQ(readFromTlscFifo(), 1);
 }
 
-TEST_F(wlc_fifo, whatever_already_bears_the_name_of_the_inbound_fifo_will_do) {
-    log_capture log;
-    write_file(to_client_fifo, make_message(1) + make_message(20).substr(0, 519));
-    EXPECT_EQ(openWlcToTlscFifo(), 1);
-    EXPECT_EQ(readFromTlscFifo(), 1) << "a file with a message in it";
-    EXPECT_EQ(readFromTlscFifo(), 0) << "the rest is none";
-    EXPECT_EQ(readFromTlscFifo(), 0);
-    EXPECT_EQ(tlscWlcIpcCleanup(), 1);
-    unlink(to_client_fifo);
+TEST_F(wlc_fifo, what_is_no_fifo_fails_to_open_in_both_directions) {
+    const std::string text = " FIFO failed in O_RDONLY | O_NONBLOCK mode error:Invalid argument";
+    for (const bool is_directory : {false, true}) {
+        log_capture log;
+        if (is_directory) ASSERT_EQ(mkdir(to_client_fifo, 0700), 0);
+        else write_file(to_client_fifo, make_message(1));
+        EXPECT_EQ(openWlcToTlscFifo(), 0);
+        EXPECT_EQ(readFromTlscFifo(), 0);
+        EXPECT_TRUE(
+            log.has("ERROR", source, "openWlcToTlscFifo", "openWlcToTlscFifo() - Open /tmp/wlc-to-tlsc-fifo" + text));
+        EXPECT_EQ(tlscWlcIpcCleanup(), 1);
+        (void)unlink(to_client_fifo);
+        (void)rmdir(to_client_fifo);
+    }
 
-    ASSERT_EQ(mkdir(to_client_fifo, 0700), 0);
-    EXPECT_EQ(openWlcToTlscFifo(), 1);
+    log_capture log;
+    write_file(from_client_fifo, "untouched");
+    EXPECT_EQ(tlscPostMsgToWlc(1), 0);
+    EXPECT_EQ(read_file(from_client_fifo), "untouched");
+    EXPECT_TRUE(log.has(
+        "ERROR", source, "tlscWriteToWLC",
+        "tlscWriteToWLC() - on TLS Client proc, Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode error:Invalid argument"));
+}
+
+TEST_F(wlc_fifo, fifo_that_could_not_be_opened_is_tried_again_until_the_clean_up) {
+    log_capture log;
+    write_file(to_client_fifo, "in the way");
+    EXPECT_EQ(tlscWlcInit(), 1);
+    log.clear();
     EXPECT_EQ(readFromTlscFifo(), 0);
-    EXPECT_EQ(log.count("DEBUG", source, "openWlcToTlscFifo",
-                        "openWlcToTlscFifo() - Create /tmp/wlc-to-tlsc-fifo FIFO success"),
-              2u);
+    EXPECT_EQ(log.text(), "") << "it was told once";
+    unlink(to_client_fifo);
+    EXPECT_EQ(readFromTlscFifo(), 0);
+    EXPECT_EQ(log.messages(), (std::vector<std::string>{"openWlcToTlscFifo() - Open /tmp/wlc-to-tlsc-fifo FIFO in "
+                                                        "O_RDONLY | O_NONBLOCK mode success"}));
+    EXPECT_EQ(at_exit, tlscWlcDelFifo);
+    send(make_message(37));
+    EXPECT_EQ(wlcTlscFifoHandler(), -2) << "the order to end arrives";
+
+    EXPECT_EQ(tlscWlcCleanUp(), 1);
+    unlink(to_client_fifo);
+    EXPECT_EQ(readFromTlscFifo(), 0);
+    EXPECT_FALSE(exists(to_client_fifo));
+}
+
+namespace {
+
+// Another daemon in a process of its own: it opens the FIFO, runs the work and ends in order. Returns its status.
+int other_daemon(const std::function<int()> &work) {
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        (void)tlscWlcIpcCleanup();
+        _exit(work());
+    }
+    int status = 0;
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+TEST_F(wlc_fifo, second_daemon_says_that_the_fifo_is_read_and_leaves_it_to_the_first) {
+    const int held = [] {
+        (void)__real_mkfifo(to_client_fifo, 0620);
+        return __real_open(to_client_fifo, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    }();
+    ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);  // as the first daemon holds it
+
+    log_capture log;
+    EXPECT_EQ(openWlcToTlscFifo(), 1);
+    EXPECT_TRUE(log.has("ERROR", source, "openWlcToTlscFifo",
+                        "openWlcToTlscFifo() - /tmp/wlc-to-tlsc-fifo FIFO is already read by another process"));
+    for (const bool in_order : {false, true}) {
+        if (in_order) (void)tlscWlcCleanUp();
+        log.clear();
+        tlscWlcDelFifo();
+        EXPECT_TRUE(exists(to_client_fifo));
+        EXPECT_EQ(log.messages(), (std::vector<std::string>{"Cleanup TLS Client WLC FIFO",
+                                                            "tlscWlcDelFifo() - /tmp/wlc-to-tlsc-fifo "
+                                                            "FIFO is left to the process that reads it"}));
+    }
+    __real_close(held);
+    tlscWlcDelFifo();
+    EXPECT_FALSE(exists(to_client_fifo));
+}
+
+TEST_F(wlc_fifo, first_daemon_stays_reachable_when_a_second_one_ends) {
+    ASSERT_EQ(openWlcToTlscFifo(), 1);
+    EXPECT_EQ(other_daemon([] {
+                  tlsc_log_dest = LOG_DEST_BOTH + 1;  // silent
+                  if (openWlcToTlscFifo() != 1) return 1;
+                  (void)tlscWlcCleanUp();
+                  tlscWlcDelFifo();
+                  return 0;
+              }),
+              0);
+    ASSERT_TRUE(exists(to_client_fifo));
+    send(make_message(1));
+    EXPECT_EQ(readFromTlscFifo(), 1);
+}
+
+TEST_F(wlc_fifo, second_daemon_makes_the_fifo_anew_when_the_first_one_took_it_along) {
+    (void)__real_mkfifo(to_client_fifo, 0620);
+    const int held = __real_open(to_client_fifo, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);
+    log_capture log;
+    ASSERT_EQ(openWlcToTlscFifo(), 1);
+    EXPECT_EQ(readFromTlscFifo(), 0);
+    unlink(to_client_fifo);
+    __real_close(held);
+    EXPECT_EQ(readFromTlscFifo(), 0);
+    ASSERT_TRUE(exists(to_client_fifo));
+    send(make_message(1));
+    EXPECT_EQ(readFromTlscFifo(), 1);
+    tlscWlcDelFifo();
+    EXPECT_FALSE(exists(to_client_fifo)) << "now it is this one's own";
+}
+
+TEST_F(wlc_fifo, clean_up_wipes_the_key_of_the_parameter_block) {
+    wlcSecTunProcessConf("psk_key", "hush");
+    ASSERT_STREQ(tlscWlcGetPskKey(), "hush");
+    EXPECT_EQ(tlscWlcCleanUp(), 1);
+    for (size_t i = 0; i < 64; ++i) EXPECT_EQ(tlscWlcGetPskKey()[i], '\0');
 }
 
 TEST_F(wlc_fifo, link_in_the_place_of_the_inbound_fifo_is_not_followed) {
