@@ -1,5 +1,6 @@
-// Contents: 1 state  2 writing  3 one line, one dump  4 rotation  5 controller line path  6 TLS protocol trace
-// A line: TLSC_... macro (level test) -> tlsc_log -> write_text -> console, file (rotated when it has grown)
+// Contents: 1 state  2 writing, and a console that nobody reads  3 one line, one dump  4 rotation  5 controller line
+// path  6 TLS protocol trace A line: TLSC_... macro (level test) -> tlsc_log -> write_text -> console, file (rotated
+// when it has grown)
 
 #include "tlsc_debug.h"
 
@@ -9,7 +10,9 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tlsc_openssl.h"
@@ -32,6 +35,7 @@ constexpr int32_t max_file_bytes     = 4999999;  // above this the next line rot
 constexpr size_t  timestamp_size     = 20;
 constexpr size_t  rotated_name_size  = 50;
 constexpr size_t  shell_command_size = 100;
+constexpr int32_t console_patience   = 1000;  // milliseconds that lines wait for a console in all
 constexpr char    log_directory[]    = "/tmp";
 constexpr char    flag_file[]        = "/storage/application/wlc/sectun-bootup-dbg.flag";
 
@@ -43,6 +47,10 @@ int32_t  file_bytes;    // sum of the file writes' results since the last rotati
 uint32_t line_counter;  // every line and every dump piece that passed the level test
 char     line_buffer[line_size];
 char     log_path[14];  // "/tmp/tlsc_log", filled just before the file is opened
+
+// What is left of the patience with a console that is not read; full again as soon as it takes a line at once. Without
+// patience lines are dropped instead. The controller's line path uses it without the lock: a line more or less waits.
+std::atomic<int32_t> patience_left{console_patience};
 
 // Before the lock lives, nothing but the calling thread runs: no locking then. Behind its life only the thread that
 // destroyed it still writes: a tunnel thread that could not be halted may run on.
@@ -100,19 +108,58 @@ const char *tlsc_log_timestamp() {
 
 namespace {
 
+int64_t now_ms() {
+    timespec now{};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+bool takes_something(int fd, int32_t timeout_ms) {
+    pollfd console{.fd = fd, .events = POLLOUT, .revents = 0};
+    return poll(&console, 1, timeout_ms) == 1;
+}
+
+// Waits until the descriptor takes something, as long as patience is left. False when it does not.
+bool wait_for_room(int fd) {
+    const int32_t patience = patience_left.load(std::memory_order_relaxed);
+    if (patience <= 0) return false;
+
+    const int64_t began  = now_ms();
+    const bool    room   = takes_something(fd, patience);
+    const int64_t waited = now_ms() - began;
+    patience_left.store(waited < patience ? patience - 1 - static_cast<int32_t>(waited) : 0, std::memory_order_relaxed);
+    return room;
+}
+
+// Writes the text as far as the descriptor takes it in time. The result is write's of the whole.
+int32_t write_patiently(int fd, const char *text, size_t length) {
+    size_t done   = 0;
+    bool   waited = false;
+    while (done < length) {
+        const ssize_t written = write(fd, text + done, length - done);
+        if (written > 0) {
+            done += static_cast<size_t>(written);
+        } else if (written == 0 || errno != EAGAIN || (waited = true, !wait_for_room(fd))) {
+            return done != 0 ? static_cast<int32_t>(done) : static_cast<int32_t>(written);
+        }
+    }
+    if (!waited) patience_left.store(console_patience, std::memory_order_relaxed);
+    return static_cast<int32_t>(done);
+}
+
 void write_to_file(const char *text, size_t length) {
     if (file_bytes > max_file_bytes) {
         last_write_result = 0;
         file_bytes        = 0;
         tlsc_log_rotate();
     }
-    last_write_result = static_cast<int32_t>(write(log_fd, text, length));
+    last_write_result = log_fd == STDIN_FILENO ? write_patiently(log_fd, text, length)
+                                               : static_cast<int32_t>(write(log_fd, text, length));
     file_bytes += last_write_result;
 }
 
-void write_to_console(const char *text, size_t length) {
-    if (write(STDOUT_FILENO, text, length) < 0) return;  // nowhere to report it
-}
+// A failure has nowhere to be reported.
+void write_to_console(const char *text, size_t length) { (void)write_patiently(STDOUT_FILENO, text, length); }
 
 // By contract: a destination above 2 silences the log.
 void write_text(const char *text, size_t length) {
@@ -127,12 +174,71 @@ void write_text(const char *text, size_t length) {
     }
 }
 
+bool is_control(char c) { return (static_cast<unsigned char>(c) < 0x20) || c == 0x7f; }
+
+// Copies text with its control characters shown as "\x1b"; what does not fit is cut. keeps_line_ends: those stay.
+void show_controls(const char *text, bool keeps_line_ends, char *out, size_t size) {
+    size_t n = 0;
+    for (; *text != '\0' && n + 4 < size; ++text) {
+        if (!is_control(*text) || (keeps_line_ends && *text == '\n')) out[n++] = *text;
+        else n += static_cast<size_t>(snprintf(out + n, size - n, "\\x%02x", static_cast<unsigned char>(*text)));
+    }
+    for (; *text != '\0' && n + 1 < size && (!is_control(*text) || (keeps_line_ends && *text == '\n')); ++text)
+        out[n++] = *text;
+    out[n] = '\0';
+}
+
+// The same within the line buffer, behind the header. A line end there is one of our own: texts from outside that may
+// hold one are shown by the caller.
+void show_controls_of_line(size_t header) {
+    const char *c = line_buffer + header;
+    while (*c != '\0' && (!is_control(*c) || *c == '\n')) ++c;
+    if (*c == '\0') return;
+
+    char shown[line_size];
+    show_controls(line_buffer + header, true, shown, sizeof(line_buffer) - header);
+    memcpy(line_buffer + header, shown, strlen(shown) + 1);
+}
+
 const char *line_word(int32_t level) {
     constexpr const char *words[] = {"ERROR", "WARNING", "INFO", "DEBUG", "SSL_DEBUG"};
     return words[level];
 }
 
 }  // namespace
+
+void tlsc_log_show(const char *text, char *out, size_t size) {
+    if (!text || !out || size == 0) {
+        TLSC_ERROR("Null ptr received for text/out");
+        return;
+    }
+
+    show_controls(text, false, out, size);
+}
+
+namespace {
+
+// Standard descriptors are shared with whoever started the process: they are opened anew before they are changed.
+void own_descriptor(int fd) {
+    struct stat status {};
+    const int   flags = fcntl(fd, F_GETFL);
+    if (flags == -1 || fstat(fd, &status) != 0) return;
+    if (S_ISSOCK(status.st_mode)) (void)fcntl(fd, F_SETFL, flags | O_NONBLOCK);  // cannot be opened anew
+    if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return;
+
+    char path[32];
+    (void)snprintf(path, sizeof(path), "/proc/self/fd/%d", fd);
+    const int own = open(path, (flags & O_ACCMODE) | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (own < 0) return;
+    (void)dup2(own, fd);
+    close(own);
+}
+
+}  // namespace
+
+void tlsc_log_own_console() {
+    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) own_descriptor(fd);
+}
 
 // ==== 3 One line, one dump =======================================================================================
 
@@ -156,6 +262,7 @@ void tlsc_log(int32_t level, const char *file, int line, const char *function, c
         va_end(arguments);
     }
     line_buffer[sizeof(line_buffer) - 1] = '\0';
+    if (static_cast<size_t>(length) < sizeof(line_buffer)) show_controls_of_line(static_cast<size_t>(length));
     write_text(line_buffer, strlen(line_buffer));
 }
 
@@ -198,6 +305,31 @@ void run_shell(const char *command) {
     if (system(command) != 0) return;
 }
 
+// The directory is everybody's. A file there is ours when no other user can have made it or given it another name.
+bool is_own_file(const struct stat &status) {
+    return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
+}
+
+bool is_own_file_at(const char *path) {
+    struct stat status {};
+    return lstat(path, &status) == 0 && is_own_file(status);
+}
+
+// Takes the name, so that a command that writes there cannot be led elsewhere: what stands there and is not ours goes,
+// and an empty file of our own holds the place. Nobody else can remove that one while the directory is sticky.
+void take_name(const char *path) {
+    if (is_own_file_at(path)) return;
+    if (unlink(path) != 0) (void)rmdir(path);
+    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd >= 0) close(fd);
+}
+
+// Gives a name back that no command has written to.
+void release_name(const char *path) {
+    struct stat status {};
+    if (lstat(path, &status) == 0 && is_own_file(status) && status.st_size == 0) (void)unlink(path);
+}
+
 void archive_log_file() {
     if (log_fd != 0) {
         close(log_fd);
@@ -205,14 +337,35 @@ void archive_log_file() {
     }
 
     char name[rotated_name_size];
+    char moved[rotated_name_size + sizeof(log_directory)];
+    char archive[sizeof(log_path) + sizeof("_prev.tar")];
     char command[shell_command_size];
     (void)snprintf(name, sizeof(name), "tlsc_log_%s", tlsc_log_timestamp());
+    (void)snprintf(moved, sizeof(moved), "%s/%s", log_directory, name);
+    (void)snprintf(archive, sizeof(archive), "%s_prev.tar", log_path);
+
+    take_name(moved);
     (void)snprintf(command, sizeof(command), "mv %s %s/%s", log_path, log_directory, name);
     run_shell(command);
+    take_name(archive);
     (void)snprintf(command, sizeof(command), "tar -cf %s_prev.tar  %s/%s 2> /dev/null", log_path, log_directory, name);
-    run_shell(command);
+    if (is_own_file_at(moved)) run_shell(command);  // what another user left may be endless
     (void)snprintf(command, sizeof(command), "rm %s/%s", log_directory, name);
     run_shell(command);
+    release_name(archive);
+    release_name(moved);
+}
+
+// No link is followed and no reader waited for. What stands at the name since the archiving may be another user's: then
+// it is not written to. Negative on failure.
+int open_log_file() {
+    const int fd = open(log_path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    if (fd < 0) return fd;
+
+    struct stat status {};
+    if (fstat(fd, &status) == 0 && is_own_file(status)) return fd;
+    close(fd);
+    return -1;
 }
 
 }  // namespace
@@ -221,8 +374,7 @@ void tlsc_log_rotate() {
     (void)snprintf(log_path, sizeof(log_path), "%s", "/tmp/tlsc_log");
     if (access(log_path, F_OK) == 0) archive_log_file();
 
-    // No link is followed: another user's link in the shared directory must not name the file that root writes.
-    log_fd = open(log_path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    log_fd = open_log_file();
     if (log_fd == -1) {
         log_fd = 0;
         printf("\nFailed to open log file for TLS-Client");
@@ -231,11 +383,22 @@ void tlsc_log_rotate() {
 
 // ==== 5 Controller line path =====================================================================================
 
+namespace {
+
+// What the console does not take now is lost when the library's buffer is full.
+void wait_for_console() {
+    if (takes_something(STDOUT_FILENO, 0)) patience_left.store(console_patience, std::memory_order_relaxed);
+    else (void)wait_for_room(STDOUT_FILENO);
+}
+
+}  // namespace
+
 void tlsc_wlc_header(bool is_error, const char *path, int line) {
     if (!path) {
         TLSC_ERROR("Null ptr received for path");
         return;
     }
+    wait_for_console();
     if (is_error) printf("\nTLSC-WLC: %s ERROR [%s:%d]", tlsc_log_timestamp(), path, line);
     else printf("\nTLSC-WLC: %s EVENT [%s:%d]", tlsc_log_timestamp(), path, line);
 }

@@ -141,6 +141,15 @@ void tlsc_wlc_message(const char *format, ...) __attribute__((format(printf, 1, 
 #define WLC_IPC_EVENT(...) TLSC_WLC_LINE(tlscWlcIpcEventDbg, false, TLSC_DEBUG, __VA_ARGS__)
 #define WLC_IPC_ERROR(...) TLSC_WLC_LINE(tlscWlcIpcErrDbg, true, TLSC_ERROR, __VA_ARGS__)
 
+// Copies text into out, at most size - 1 characters, with every control character shown as "\x0a": for texts from
+// outside that may hold a line end. Other control characters the service shows by itself. Any thread.
+void tlsc_log_show(const char *text, char *out, size_t size);
+
+// Sees to it that no write to the standard descriptors waits: terminals and pipes are opened anew for this process,
+// without blocking. Lines then wait for a console a second in all, and are dropped until it takes one at once again.
+// Main thread, before any other runs.
+void tlsc_log_own_console();
+
 // Creates and destroys the log lock. Main thread, first and last. Before the creation lines are written unlocked, since
 // nothing else runs then; behind the destruction too, but only this thread's: those of other threads are dropped.
 void tlsc_log_lock_create();

@@ -241,8 +241,13 @@ unsigned tlsc_psk_client_cb(SSL *, const char *hint, char *identity, unsigned ma
         TLSC_ERROR("Null ptr received for identity/psk");
         return 0;
     }
-    if (!hint) TLSC_WARNING("NULL received for PSK-identity-hint, continuing anyway...");
-    else TLSC_DEBUG("Received PSK-identity-hint '%s'", hint);
+    if (hint) {
+        char shown[1024];  // the peer's text, which may hold anything; a log line is no longer
+        tlsc_log_show(hint, shown, sizeof(shown));
+        TLSC_DEBUG("Received PSK-identity-hint '%s'", shown);
+    } else {
+        TLSC_WARNING("NULL received for PSK-identity-hint, continuing anyway...");
+    }
 
     const int length = BIO_snprintf(identity, max_identity_len, "%s", psk_identity);
     if (length < 0 || static_cast<unsigned>(length) > max_identity_len) {

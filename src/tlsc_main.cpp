@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -210,8 +211,10 @@ void occupy_standard_descriptors() {
 int main() {
     tlsc_log_lock_create();
     occupy_standard_descriptors();
-    (void)signal(SIGPIPE, SIG_IGN);  // a reader that went away is an error of the write
-    (void)umask(077);                // the log's archive is for root's eyes, as the log is
+    tlsc_log_own_console();
+    (void)prctl(PR_SET_DUMPABLE, 0);  // the memory holds the pre-shared key: no core dump, no other user's debugger
+    (void)signal(SIGPIPE, SIG_IGN);   // a reader that went away is an error of the write
+    (void)umask(077);                 // the log's archive is for root's eyes, as the log is
     if (tlscWlcBootupDbgFlagPresent()) tlscWlcSetBootupDbgFlags(1);
     ANNOUNCE(" In TLS Client process");
     if (getuid() != 0) {

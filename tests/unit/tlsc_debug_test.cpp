@@ -18,6 +18,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,6 +31,7 @@ namespace {
 
 constexpr char log_file[] = "/tmp/tlsc_log";
 constexpr char archive[]  = "/tmp/tlsc_log_prev.tar";
+constexpr char victim[]   = "/tmp/victim";
 constexpr char flag[]     = "/storage/application/wlc/sectun-bootup-dbg.flag";
 
 struct written {
@@ -48,6 +50,7 @@ int                      open_flags;
 mode_t                   open_mode;
 bool                     clock_is_broken;
 bool                     locks_count;  // "take", "give" and the like go into calls as well
+std::function<void()>    behind_rm;    // runs after the rotation's last command
 
 }  // namespace
 
@@ -71,7 +74,9 @@ ssize_t __wrap_write(int fd, const void *bytes, size_t length) {
 int __real_system(const char *command);
 int __wrap_system(const char *command) {
     calls.push_back(std::string("system ") + command);
-    return shell_status == -1 ? __real_system(command) : shell_status;
+    const int status = shell_status == -1 ? __real_system(command) : shell_status;
+    if (behind_rm && strncmp(command, "rm ", 3) == 0) behind_rm();
+    return status;
 }
 
 int __real_open(const char *path, int flags, ...);
@@ -152,9 +157,10 @@ bool in_fresh_process(const std::function<void()> &facts) {
 }
 
 void remove_files() {
-    unlink(log_file);
-    unlink(archive);
-    unlink(flag);
+    for (const char *path : {log_file, archive, flag, victim}) {
+        (void)unlink(path);
+        (void)rmdir(path);
+    }
 }
 
 class tlsc_debug : public ::testing::Test {
@@ -179,6 +185,12 @@ std::string content_of(const char *path) {
     while ((got = fread(piece, 1, sizeof(piece), file)) > 0) text.append(piece, got);
     fclose(file);
     return text;
+}
+
+void put(const char *path, const char *text) {
+    FILE *file = fopen(path, "we");
+    fputs(text, file);
+    fclose(file);
 }
 
 std::string content_of_memory(int memory) {
@@ -558,6 +570,132 @@ TEST_F(tlsc_debug, piece_is_printed_as_it_is) {
     }));
 }
 
+// ---- texts from outside ---------------------------------------------------------------------------------------------
+
+TEST_F(tlsc_debug, control_characters_of_an_argument_are_shown_and_the_formats_line_ends_stay) {
+    EXPECT_TRUE(in_fresh_process([] {
+        replace_by_memory(STDOUT_FILENO);
+        start_log(LOG_INFO, LOG_DEST_CONSOLE);
+        TLSC_ERROR("cookie: %s\n", "a\r\x1b[2J\t\x7f\x01 \xc3\xa4");
+        EXPECT_TRUE(writes.at(0).text.ends_with("] cookie: a\\x0d\\x1b[2J\\x09\\x7f\\x01 \xc3\xa4\n"))
+            << writes.at(0).text;
+        TLSC_ERROR("%s", std::string(2000, '\x1b').c_str());
+        EXPECT_LE(writes.at(1).text.size(), 1023u);
+        EXPECT_EQ(writes.at(1).text.find('\x1b'), std::string::npos);
+    }));
+}
+
+TEST_F(tlsc_debug, text_to_be_shown_keeps_no_line_end_and_is_cut_at_whole_characters) {
+    char shown[16];
+    tlsc_log_show("a\nb\rc", shown, sizeof(shown));
+    EXPECT_STREQ(shown, "a\\x0ab\\x0dc");
+    tlsc_log_show("0123456789abcdef", shown, sizeof(shown));
+    EXPECT_STREQ(shown, "0123456789abcde");
+    tlsc_log_show("0123456789ab\n", shown, sizeof(shown));
+    EXPECT_STREQ(shown, "0123456789ab");
+    tlsc_log_show("0123456789a\n", shown, sizeof(shown));
+    EXPECT_STREQ(shown, "0123456789a\\x0a");
+    char one[1] = {'x'};
+    tlsc_log_show("text", one, sizeof(one));
+    EXPECT_STREQ(one, "");
+}
+
+// ---- a console that nobody reads ------------------------------------------------------------------------------------
+
+namespace {
+
+// Descriptor 1 of this process becomes the writing end of something that nobody reads; returns the other end.
+int unread_pipe() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) return -1;
+    close(ends[1]);
+    return ends[0];
+}
+
+int unread_terminal() {
+    const int   terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const char *name = terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0 ? ptsname(terminal) : nullptr;
+    const int   end  = name ? __real_open(name, O_RDWR | O_NOCTTY | O_CLOEXEC) : -1;
+    if (end < 0 || dup2(end, STDOUT_FILENO) < 0) return -1;
+    close(end);
+    return terminal;
+}
+
+int64_t elapsed_ms(const std::function<void()> &work) {
+    timespec began{}, ended{};
+    clock_gettime(CLOCK_MONOTONIC, &began);
+    work();
+    clock_gettime(CLOCK_MONOTONIC, &ended);
+    return (ended.tv_sec - began.tv_sec) * 1000 + (ended.tv_nsec - began.tv_nsec) / 1000000;
+}
+
+// Everything that waits in the descriptor.
+std::string drain(int fd) {
+    std::string text;
+    char        piece[4096];
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+    for (ssize_t got; (got = read(fd, piece, sizeof(piece))) > 0;) text.append(piece, static_cast<size_t>(got));
+    return text;
+}
+
+}  // namespace
+
+TEST_F(tlsc_debug, console_that_nobody_reads_holds_the_log_up_for_a_second_in_all) {
+    for (int (*unread)() : {unread_pipe, unread_terminal})
+        EXPECT_TRUE(in_fresh_process([unread] {
+            const int reader = unread();
+            ASSERT_GE(reader, 0);
+            tlsc_log_own_console();
+            tlsc_log_level = LOG_INFO;
+            tlsc_log_dest  = LOG_DEST_CONSOLE;
+
+            const std::string text(900, 'x');
+            const int64_t     unread_ms = elapsed_ms([&] {
+                for (int i = 0; i < 300; ++i) TLSC_ERROR("%s", text.c_str());
+            });
+            EXPECT_GE(unread_ms, 900) << "a slow one is waited for";
+            EXPECT_LE(unread_ms, 2000);
+
+            EXPECT_GT(drain(reader).size(), 2000u);
+            TLSC_ERROR("read again");
+            EXPECT_TRUE(drain(reader).find("read again") != std::string::npos);
+        }));
+}
+
+TEST_F(tlsc_debug, console_that_nobody_reads_does_not_stop_the_file_the_plain_path_nor_the_end) {
+    int           status = 0;
+    const int64_t took   = elapsed_ms([&status] {
+        fflush(stdout);
+        const pid_t child = fork();
+        if (child == 0) {
+            if (unread_pipe() < 0) _exit(1);
+            tlsc_log_own_console();
+            tlsc_log_rotate();
+            tlsc_log_dest = LOG_DEST_BOTH;
+            const std::string text(900, 'x');
+            for (int i = 0; i < 200; ++i) TLSC_ERROR("%d %s", i, text.c_str());
+            tlscWlcSetBootupDbgFlags(1);
+            for (int i = 0; i < 200; ++i) WLC_MSG_EVENT("%s", text.c_str());
+            printf("Shutting down TLS Client...\n");
+            exit(content_of(log_file).find("199 xxx") == std::string::npos ? 2 : 0);
+        }
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_LE(took, 3000);
+}
+
+TEST_F(tlsc_debug, description_of_a_console_that_others_share_is_left_alone) {
+    EXPECT_TRUE(in_fresh_process([] {
+        int ends[2];
+        ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        ASSERT_GE(dup2(ends[1], STDOUT_FILENO), 0);
+        tlsc_log_own_console();
+        EXPECT_EQ(fcntl(ends[1], F_GETFL) & O_NONBLOCK, 0);
+        EXPECT_NE(fcntl(STDOUT_FILENO, F_GETFL) & O_NONBLOCK, 0);
+    }));
+}
+
 // ---- rotation -------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_debug, rotation_without_a_file_only_opens_one) {
@@ -795,6 +933,109 @@ TEST_F(tlsc_debug, file_that_cannot_be_opened_is_told_on_standard_output_and_lin
         TLSC_ERROR("still written");
         EXPECT_EQ(calls, (std::vector<std::string>{"write 0"}));
         EXPECT_TRUE(content_of_memory(input).ends_with("still written"));
+    }));
+}
+
+TEST_F(tlsc_debug, what_another_user_plants_behind_the_archiving_is_not_written_to) {
+    const std::pair<const char *, std::function<void()>> plants[] = {
+        {"a pipe without a reader", [] { ASSERT_EQ(mkfifo(log_file, 0666), 0); }},
+        {"a pipe with one",
+         [] {
+             ASSERT_EQ(mkfifo(log_file, 0666), 0);
+             ASSERT_GE(open(log_file, O_RDONLY | O_NONBLOCK | O_CLOEXEC), 0);
+         }},
+        {"a file of their own",
+         [] {
+             close(__real_open(log_file, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+             ASSERT_EQ(chown(log_file, 1000, 1000), 0);
+         }},
+        {"another name of a file of ours",
+         [] {
+             close(__real_open(victim, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+             ASSERT_EQ(link(victim, log_file), 0);
+         }},
+        {"a link", [] { ASSERT_EQ(symlink(victim, log_file), 0); }},
+        {"a directory", [] { ASSERT_EQ(mkdir(log_file, 0777), 0); }},
+        {"a device", [] { ASSERT_EQ(mknod(log_file, S_IFCHR | 0666, makedev(1, 3)), 0); }},
+    };
+    for (const auto &[what, plant] : plants) {
+        remove_files();
+        EXPECT_TRUE(in_fresh_process([&] {
+            const int input  = replace_by_memory(STDIN_FILENO);
+            const int output = replace_by_memory(STDOUT_FILENO);
+            const int next   = dup(0);
+            close(next);
+            fclose(fopen(log_file, "we"));
+            behind_rm = plant;
+            tlsc_log_rotate();
+            fflush(stdout);
+            EXPECT_EQ(content_of_memory(output), "\nFailed to open log file for TLS-Client");
+            start_log(LOG_INFO, LOG_DEST_FILE);
+            TLSC_ERROR("to nobody");
+            EXPECT_TRUE(content_of_memory(input).ends_with("to nobody"));
+            EXPECT_EQ(writes.at(0).fd, 0);
+            EXPECT_EQ(content_of(victim), exists(victim) ? "" : "no file");
+        })) << what;
+    }
+}
+
+TEST_F(tlsc_debug, what_another_user_left_at_the_logs_name_is_moved_away_and_never_packed) {
+    EXPECT_TRUE(in_fresh_process([] {
+        close(__real_open(log_file, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+        ASSERT_EQ(chown(log_file, 1000, 1000), 0);
+        ASSERT_EQ(truncate(log_file, off_t{1} << 40), 0);
+        tlsc_log_rotate();
+        ASSERT_EQ(calls.size(), 3u);
+        EXPECT_TRUE(calls[0].starts_with("system mv ")) << calls[0];
+        EXPECT_TRUE(calls[1].starts_with("system rm ")) << calls[1];
+        EXPECT_FALSE(exists(archive));
+        struct stat status {};
+        ASSERT_EQ(stat(log_file, &status), 0);
+        EXPECT_EQ(status.st_uid, 0u);
+        EXPECT_EQ(status.st_size, 0);
+    }));
+}
+
+TEST_F(tlsc_debug, archive_that_is_not_ours_is_replaced_and_not_written_through) {
+    const std::pair<const char *, std::function<void()>> plants[] = {
+        {"a link", [] { ASSERT_EQ(symlink(victim, archive), 0); }},
+        {"another name", [] { ASSERT_EQ(link(victim, archive), 0); }},
+        {"a pipe", [] { ASSERT_EQ(mkfifo(archive, 0666), 0); }},
+        {"an empty directory", [] { ASSERT_EQ(mkdir(archive, 0777), 0); }},
+        {"a file of their own",
+         [] {
+             close(__real_open(archive, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+             ASSERT_EQ(chown(archive, 1000, 1000), 0);
+         }},
+    };
+    for (const auto &[what, plant] : plants) {
+        remove_files();
+        EXPECT_TRUE(in_fresh_process([&] {
+            put(victim, "precious");
+            put(log_file, "old log");
+            plant();
+            tlsc_log_rotate();
+            EXPECT_EQ(content_of(victim), "precious");
+            EXPECT_EQ(output_of("tar -xOf /tmp/tlsc_log_prev.tar"), "old log");
+            struct stat status {};
+            ASSERT_EQ(lstat(archive, &status), 0);
+            EXPECT_TRUE(S_ISREG(status.st_mode));
+            EXPECT_EQ(status.st_uid, 0u);
+            EXPECT_EQ(status.st_mode & 0077, 0u);
+        })) << what;
+    }
+}
+
+TEST_F(tlsc_debug, link_planted_where_the_log_is_moved_to_leads_it_nowhere) {
+    EXPECT_TRUE(in_fresh_process([] {
+        clock_is_broken = true;  // the time is part of the name
+        ASSERT_EQ(mkdir("/tmp/planted", 0755), 0);
+        ASSERT_EQ(symlink("/tmp/planted", "/tmp/tlsc_log_"), 0);
+        put(log_file, "old log");
+        tlsc_log_rotate();
+        EXPECT_EQ(rmdir("/tmp/planted"), 0) << "nothing was moved into it";
+        EXPECT_EQ(output_of("tar -xOf /tmp/tlsc_log_prev.tar"), "old log");
+        EXPECT_FALSE(exists("/tmp/tlsc_log_"));
     }));
 }
 

@@ -5,6 +5,8 @@
 #include <csignal>
 #include <fstream>
 
+#include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include "tlsc_main.h"
@@ -572,6 +574,26 @@ TEST_F(tlsc_first_init, the_record_follows_the_file_and_a_tunnel_that_goes_on_ke
                       EXPECT_STREQ(sock->sess->if_name, "tun7");
                   }
                   return 0;
+              }),
+              0);
+}
+
+TEST_F(tlsc_main, memory_of_the_process_is_never_dumped) {
+    EXPECT_EQ(in_child([] {
+                  if (prctl(PR_GET_DUMPABLE) != 1) return 2;
+                  (void)tlsc_process_main();
+                  return prctl(PR_GET_DUMPABLE);
+              }),
+              0);
+}
+
+TEST_F(tlsc_main, a_console_that_nobody_reads_is_made_the_process_own_so_that_it_cannot_block) {
+    EXPECT_EQ(in_child([] {
+                  int ends[2];
+                  if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) < 0) return 2;
+                  (void)tlsc_process_main();
+                  if ((fcntl(ends[1], F_GETFL) & O_NONBLOCK) != 0) return 3;
+                  return (fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK) != 0 ? 0 : 4;
               }),
               0);
 }
