@@ -21,12 +21,16 @@ public:
     }
     void consume(size_t count) {
         head_ += count;
-        if (head_ == tail_) head_ = tail_ = 0;
+        if (head_ < tail_) return;
+        head_ = tail_ = 0;
+        if (store_.size() > kept_size) byte_vector().swap(store_);  // a client that was slow once
     }
     // Cuts the end off, so that `count` bytes are left.
     void truncate(size_t count) { tail_ = head_ + count; }
 
 private:
+    static constexpr size_t kept_size = 32 * 1024;
+
     void make_room(size_t count) {
         if (head_ > 0) {
             memmove(store_.data(), store_.data() + head_, size());

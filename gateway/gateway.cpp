@@ -16,7 +16,7 @@ namespace gw {
 
 namespace {
 
-constexpr int                       accept_backlog    = 128;
+constexpr int                       accept_backlog    = SOMAXCONN;  // where a herd that comes back at once waits
 constexpr int                       accepts_per_batch = 64;
 constexpr std::chrono::milliseconds accept_pause{100};  // when the process is out of descriptors
 constexpr size_t                    shown_bytes = 64;   // of a bad frame, in its event
@@ -202,13 +202,10 @@ void tunnel_gateway::on_ended(client_connection &connection, const connection_en
 
 // The newest of the remaining connections with this inner address takes over.
 void tunnel_gateway::drop_route(tunnel_client &client) {
-    auto found = active_.find(client.inner);
-    if (found == active_.end() || found->second != &client) return;
-    active_.erase(found);
-    for (const auto &[id, other] : clients_) {
-        if (other->configured && other->inner == client.inner && other.get() != &client)
-            active_[client.inner] = other.get();
-    }
+    auto found = holders_.find(client.inner);
+    if (found == holders_.end()) return;
+    std::erase(found->second, &client);
+    if (found->second.empty()) holders_.erase(found);
 }
 
 void tunnel_gateway::finish_batch() {
@@ -248,8 +245,8 @@ tunnel_client *tunnel_gateway::find_client(uint64_t id) {
 }
 
 bool tunnel_gateway::is_active(const tunnel_client &client) const {
-    auto found = active_.find(client.inner);
-    return found != active_.end() && found->second == &client;
+    auto found = holders_.find(client.inner);
+    return found != holders_.end() && found->second.back() == &client;
 }
 
 void tunnel_gateway::forget_dpd_choices() {

@@ -71,9 +71,9 @@ struct laboratory {
 // Up:   client_connection::receive -> on_frame -> take_packet -> tun_device::write
 // Down: on_tun_readable -> deliver -> client_connection::send_data -> (batch over) finish_batch -> flush
 //
-// Invariants: active_ maps an inner address to the newest configured connection that holds it. A connection that has
-// ended is in neither clients_ nor active_; it is destroyed when the batch is over, so a reference stays valid until
-// then.
+// Invariants: holders_ maps an inner address to the configured connections that hold it, oldest first; packets go to
+// the last. A connection that has ended is in neither clients_ nor holders_; it is destroyed when the batch is over, so
+// a reference stays valid until then.
 class tunnel_gateway final : public connection_owner {
 public:
     tunnel_gateway(const gateway_options &options, event_loop &loop);  // throws UsageError, RuntimeFailure
@@ -139,22 +139,22 @@ private:
     std::optional<counter> refuse_reason(const tunnel_client &client, byte_view packet) const;
     void report_packet(const tunnel_client &client, const char *direction, byte_view packet, const char *verdict);
 
-    gateway_options                                    options_;
-    event_loop                                        &loop_;
-    tls_context                                        tls_;
-    address_pool                                       pool_;
-    std::optional<tun_device>                          tun_;
-    uint64_t                                           tun_watch_ = 0;
-    unique_fd                                          listener_;
-    uint64_t                                           listen_watch_ = 0;
-    uint16_t                                           port_;  // the one in use, once listening
-    uint64_t                                           next_client_ = 1;
-    const event_loop::clock::time_point                born_        = event_loop::clock::now();
-    counter_set                                        totals_;
-    std::map<uint64_t, std::unique_ptr<tunnel_client>> clients_;  // by number, so oldest first
-    std::unordered_map<uint32_t, tunnel_client *>      active_;
-    std::vector<std::unique_ptr<tunnel_client>>        dead_;
-    std::vector<uint64_t>                              with_output_;
+    gateway_options                                            options_;
+    event_loop                                                &loop_;
+    tls_context                                                tls_;
+    address_pool                                               pool_;
+    std::optional<tun_device>                                  tun_;
+    uint64_t                                                   tun_watch_ = 0;
+    unique_fd                                                  listener_;
+    uint64_t                                                   listen_watch_ = 0;
+    uint16_t                                                   port_;  // the one in use, once listening
+    uint64_t                                                   next_client_ = 1;
+    const event_loop::clock::time_point                        born_        = event_loop::clock::now();
+    counter_set                                                totals_;
+    std::map<uint64_t, std::unique_ptr<tunnel_client>>         clients_;  // by number, so oldest first
+    std::unordered_map<uint32_t, std::vector<tunnel_client *>> holders_;
+    std::vector<std::unique_ptr<tunnel_client>>                dead_;
+    std::vector<uint64_t>                                      with_output_;
 };
 
 }  // namespace gw

@@ -2,6 +2,7 @@
 
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace gw {
@@ -137,8 +138,9 @@ void tunnel_gateway::assign(tunnel_client &client, std::string_view response) {
     client.inner      = *inner;
     client.configured = true;
     if (client.lease && client.lease->address != *inner) (void)pool_.move(*client.lease, *inner);
-    tunnel_client *&active = active_[*inner];
-    if (!active || active->id() <= client.id()) active = &client;
+    auto &holders = holders_[*inner];
+    auto  newer   = std::find_if(holders.begin(), holders.end(), [&](const auto *h) { return h->id() > client.id(); });
+    holders.insert(newer, &client);
 }
 
 void tunnel_gateway::respond_malformed(tunnel_client &client, const byte_vector &raw) {

@@ -93,8 +93,8 @@ void tunnel_gateway::on_tun_readable() {
 }
 
 tunnel_client *tunnel_gateway::route(byte_view packet) {
-    auto found = active_.find(destination_of(packet));
-    return found == active_.end() ? nullptr : found->second;
+    auto found = holders_.find(destination_of(packet));
+    return found == holders_.end() ? nullptr : found->second.back();
 }
 
 tunnel_client *tunnel_gateway::send_packet(byte_view packet, tunnel_client *to, bool &sent) {

@@ -17,9 +17,7 @@ address_lease *address_pool::acquire(const applicant &asker) {
     if (!lease) {
         auto address = choose_address(asker);
         if (!address) return nullptr;
-        lease = &leases_.emplace_back(
-            address_lease{.identity = asker.identity, .device_id = asker.device_id, .address = *address});
-        by_address_[*address] = lease;
+        lease = add(asker, *address);
     } else if (asker.address && *asker.address != lease->address) {
         (void)move(*lease, *asker.address);  // otherwise the device keeps what it has
     }
@@ -28,17 +26,31 @@ address_lease *address_pool::acquire(const applicant &asker) {
     return lease;
 }
 
+// Neither part holds a line feed: the one is a line of the key file or a name, the other a line of the request.
+std::string address_pool::device_key(const std::string &identity, const std::string &device_id) {
+    return identity + "\n" + device_id;
+}
+
+address_lease *address_pool::add(const applicant &asker, uint32_t address) {
+    place at = leases_.insert(
+        leases_.end(), address_lease{.identity = asker.identity, .device_id = asker.device_id, .address = address});
+    by_address_[address] = at;
+    by_device_[device_key(at->identity, at->device_id)].push_back(&*at);
+    return &*at;
+}
+
 address_lease *address_pool::find(const applicant &asker) {
+    auto found = by_device_.find(device_key(asker.identity, asker.device_id));
+    if (found == by_device_.end()) return nullptr;
     address_lease *absent = nullptr;
-    for (address_lease &lease : leases_) {
-        if (lease.identity != asker.identity || lease.device_id != asker.device_id) continue;
-        if (!asker.device_id.empty()) return &lease;
+    for (address_lease *lease : found->second) {
+        if (!asker.device_id.empty()) return lease;
         // Devices without an id share one identity: only what they show tells them apart.
-        if (is_known_cookie(lease, asker.cookie)) return &lease;
+        if (is_known_cookie(*lease, asker.cookie)) return lease;
         if (asker.address) {
-            if (*asker.address == lease.address) return &lease;
-        } else if (lease.connections == 0) {
-            absent = &lease;
+            if (*asker.address == lease->address) return lease;
+        } else if (lease->connections == 0) {
+            absent = lease;
         }
     }
     return absent;
@@ -46,7 +58,7 @@ address_lease *address_pool::find(const applicant &asker) {
 
 address_lease *address_pool::holder(uint32_t address) {
     auto found = by_address_.find(address);
-    return found == by_address_.end() ? nullptr : found->second;
+    return found == by_address_.end() ? nullptr : &*found->second;
 }
 
 bool address_pool::move(address_lease &lease, uint32_t address) {
@@ -57,9 +69,10 @@ bool address_pool::move(address_lease &lease, uint32_t address) {
         if (other->connections > 0) return false;
         erase(*other);
     }
-    by_address_.erase(lease.address);
-    lease.address        = address;
-    by_address_[address] = &lease;
+    auto node  = by_address_.extract(lease.address);
+    node.key() = address;
+    by_address_.insert(std::move(node));
+    lease.address = address;
     return true;
 }
 
@@ -105,8 +118,11 @@ std::optional<uint32_t> address_pool::take_from_absent() {
 }
 
 void address_pool::erase(address_lease &lease) {
-    by_address_.erase(lease.address);
-    leases_.remove_if([&](const address_lease &candidate) { return &candidate == &lease; });
+    auto of_device = by_device_.find(device_key(lease.identity, lease.device_id));
+    std::erase(of_device->second, &lease);
+    if (of_device->second.empty()) by_device_.erase(of_device);
+    auto node = by_address_.extract(lease.address);
+    leases_.erase(node.mapped());
 }
 
 }  // namespace gw

@@ -4,6 +4,8 @@
 #include <map>
 #include <set>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "text.h"
 
@@ -52,6 +54,10 @@ public:
     const std::list<address_lease> &leases() const { return leases_; }
 
 private:
+    using place = std::list<address_lease>::iterator;
+
+    static std::string      device_key(const std::string &identity, const std::string &device_id);
+    address_lease          *add(const applicant &asker, uint32_t address);
     address_lease          *find(const applicant &asker);
     address_lease          *holder(uint32_t address);
     std::optional<uint32_t> choose_address(const applicant &asker);
@@ -59,12 +65,13 @@ private:
     std::optional<uint32_t> take_from_absent();
     void                    erase(address_lease &lease);
 
-    address_range                       range_;
-    std::set<uint32_t>                  excluded_;
-    uint32_t                            next_;    // where the search for a free address starts
-    std::list<address_lease>            leases_;  // addresses of elements stay valid
-    std::map<uint32_t, address_lease *> by_address_;
-    uint64_t                            uses_ = 0;
+    address_range                                                 range_;
+    std::set<uint32_t>                                            excluded_;
+    uint32_t                                                      next_;  // where the search for a free address starts
+    std::list<address_lease>                                      leases_;  // addresses of elements stay valid
+    std::map<uint32_t, place>                                     by_address_;
+    std::unordered_map<std::string, std::vector<address_lease *>> by_device_;  // oldest first; see device_key
+    uint64_t                                                      uses_ = 0;
 };
 
 }  // namespace gw

@@ -47,7 +47,7 @@ tls_context::tls_context(const tls_options &options) : context_(SSL_CTX_new(TLS_
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);
-    SSL_CTX_set_mode(context, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    SSL_CTX_set_mode(context, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS);
     SSL_CTX_set_dh_auto(context, 1);
     static constexpr unsigned char session_context[] = "tlsc-gateway";
     SSL_CTX_set_session_id_context(context, session_context, sizeof session_context - 1);

@@ -9,8 +9,9 @@ namespace gw {
 
 // The gateway's TUN interface (Linux, Documentation/networking/tuntap.rst): IP packets without any header before them.
 //
-// Its queue keeps the kernel's length, which is the length of a client's: two streams in opposite directions wait in both
-// queues and see one round trip time, so each gets a share in proportion to the queue before which its packets are lost.
+// Its queue keeps the kernel's length, which is the length of a client's: two streams in opposite directions wait in
+// both queues and see one round trip time, so each gets a share in proportion to the queue before which its packets are
+// lost.
 class tun_device {
 public:
     // Creates the interface, gives it address and MTU, brings it up and adds routes for what `pool` has outside
