@@ -10,6 +10,7 @@
 
 #include "tlsc_engine.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
@@ -48,6 +49,8 @@ namespace {
 
 constexpr int crl_flags    = X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
 constexpr int verify_depth = 3;
+
+bool is_key_used;  // in the handshake that runs; by the callback that hands the key out
 
 pthread_mutex_t *crypto_locks;  // CRYPTO_num_locks() mutexes, null before the set-up and after the clean-up
 
@@ -260,6 +263,7 @@ unsigned tlsc_psk_client_cb(SSL *, const char *hint, char *identity, unsigned ma
     const size_t key_length = strlen(psk_key);
     memcpy(psk, psk_key, key_length);  // NOLINT(bugprone-not-null-terminated-result): bytes, no text
     TLSC_INFO("created PSK of len = %ld", static_cast<long>(key_length));
+    is_key_used = key_length > 0;
     return static_cast<unsigned>(key_length);
 }
 
@@ -428,16 +432,20 @@ int32_t give_up_handshake(tlsc_sock *sock, const char *server, int ret) {
     return conn_handshake_failed;
 }
 
-// The session on the connected socket; the result of the handshake.
+// The session on the connected socket; the result of the handshake. With a cipher list that names certificate suites
+// too, a server could choose one of them and never show that it has the key: such a handshake has failed.
 int shake_hands(tlsc_sock *sock, int32_t fd) {
     sock->ssl_fd = fd;
     sock->sockfd = fd;
     SSL_set_fd(sock->ssl, fd);
     SSL_set_connect_state(sock->ssl);
     ERR_clear_error();
+    is_key_used   = false;
     const int ret = connect_tls(sock->ssl);
     connecting_fd = -1;
-    return ret;
+    if (ret != 1 || is_key_used || tlsc_get_config()->ssl_auth_mech != SSL_AUTH_PSK) return ret;
+    ERR_put_error(ERR_LIB_SSL, 0, SSL_R_WRONG_CIPHER_RETURNED, __FILE__, __LINE__);
+    return -1;
 }
 
 }  // namespace
@@ -1001,6 +1009,8 @@ namespace {
 
 constexpr uint32_t error_events = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 
+bool is_interface_gone;  // deleted from outside: the run ends early, the next one makes another
+
 // ---- traffic -------------------------------------------------------------------------------------------------------
 
 void on_tun_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
@@ -1009,6 +1019,7 @@ void on_tun_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
     if (mask & error_events) {
         TLSC_ERROR("Error [%d] occured on TUN-Socket-fd(%d).. closing connection", static_cast<int>(mask), fd);
         tlsc_sock_error(TLSC_DOWN_SOCKET_ERROR);
+        is_interface_gone = tlsc_tun_is_gone(sock->sess);
         return;
     }
     TLSC_DEBUG("Got data on Tun interface");
@@ -1181,28 +1192,72 @@ bool set_up_tunnel(tlsc_sock *sock) {
     return open_tun(sock) && register_tun(sock->sess) && connect_and_register(sock);
 }
 
-// ---- loop and end
-// ----------------------------------------------------------------------------------------------------
+// By contract: a failed set-up leaves open what it has opened, an orderly end keeps its TLS session. The next run
+// releases it.
+void release_leftovers(tlsc_sock *sock) {
+    tlsc_abandon_timers();
+    if (tlsc_epoll_fd > 0 || tlsc_epoll_events) release_epoll();
+    pass_count = 0;
+    pass_next  = 0;
+    if (sock->sess && sock->sess->tun_fd > 0) {
+        close(sock->sess->tun_fd);
+        sock->sess->tun_fd = -1;
+    }
+    if (sock->sockfd > 0) tlsc_close_transport(sock->sockfd);
+    SSL_free(sock->ssl);
+    sock->ssl    = nullptr;
+    sock->ssl_up = 0;
+    sock->sockfd = -1;
+    sock->ssl_fd = -1;
+}
 
-int wait_for_events() {
+// ---- loop and end --------------------------------------------------------------------------------------------------
+
+constexpr int     look_interval_ms  = 10000;  // between two looks at a tunnel without a timer
+constexpr int64_t restart_seconds   = 10;     // without a connection and a timer, until the next attempt is prepared
+constexpr int64_t unwatched_seconds = 60;     // of a connection without a timer, until it is given up
+
+int64_t timeless_since;  // second of the monotonic clock in which no timer was found running; 0 while one runs
+
+int64_t monotonic_seconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::max<int64_t>(now.tv_sec, 1);
+}
+
+// Every way back from a failure leads over a timer. One that could not be started, or a response that was rejected,
+// leaves a tunnel that nothing would ever wake.
+void look_after_timeless_tunnel(const tlsc_sock *sock) {
+    if (tlsc_is_any_timer_running()) {
+        timeless_since = 0;
+        return;
+    }
+    const int64_t now = monotonic_seconds();
+    if (timeless_since == 0) timeless_since = now;
+    if (now - timeless_since < (sock->sockfd > 0 ? unwatched_seconds : restart_seconds)) return;
+    timeless_since = 0;
+    if (sock->sockfd > 0) tlsc_sock_error(TLSC_DOWN_CSTP_TIMEOUT);
+    else (void)tlsc_start_timer(&tlsc_timers.backoff, 1);
+}
+
+int wait_for_events(int timeout_ms) {
     tlsc_turn pause(TLSC_AT_SAFEPOINT);
-    return epoll_wait(tlsc_epoll_fd, tlsc_epoll_events, max_events, -1);
+    return epoll_wait(tlsc_epoll_fd, tlsc_epoll_events, max_events, timeout_ms);
 }
 
 void handle_one_pass(tlsc_sock *sock) {
     constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
 
-    pass_count = wait_for_events();
-    pass_next  = 0;
-    if (pass_count < 1) {
-        TLSC_ERROR("EPOLL Wait timed out");
-        return;
-    }
+    const bool is_timeless = !tlsc_is_any_timer_running();
+    pass_count             = wait_for_events(is_timeless ? look_interval_ms : -1);
+    pass_next              = 0;
+    if (pass_count < 0 || (pass_count == 0 && !is_timeless)) TLSC_ERROR("EPOLL Wait timed out");
     while (pass_next < pass_count) {
         const epoll_event event = tlsc_epoll_events[pass_next++];
         handle_event(sock, event.data.fd, event.events);
     }
     pass_count = 0;
+    look_after_timeless_tunnel(sock);
 }
 
 // The TLS session is not released here: the process's clean-up or the next connection does it.
@@ -1210,6 +1265,7 @@ void end_tunnel(tlsc_sock *sock) {
     tlsc_tun_delete(sock->sess, TLSC_DOWN_NO_ERROR);
     tlsc_end_timers();
     if (sock->sockfd > 0) {
+        tlsc_take_back_old_transport(sock);
         tlsc_close_transport(sock->sockfd);
         sock->sockfd = -1;
         sock->ssl_fd = -1;
@@ -1227,11 +1283,18 @@ void *tlsc_start_epoll(void *) {
 
     TLSC_INFO("In epoll thread");
     kept.has_address = false;
+    release_leftovers(sock);
     if (!set_up_tunnel(sock)) return nullptr;
-    exit_client = 0;
+    exit_client       = 0;
+    is_interface_gone = false;
+    timeless_since    = 0;
     do handle_one_pass(sock);
-    while (exit_client != 1);
+    while (exit_client != 1 && !is_interface_gone);
 
+    if (exit_client != 1) {
+        tlsc_tun_delete(sock->sess, TLSC_DOWN_NO_ERROR);
+        return nullptr;
+    }
     end_tunnel(sock);
     TLSC_WARNING("TLS Client: epoll thread exiting normally");
     TLSC_WARNING("TLS Client: epoll thread exiting");
@@ -1241,16 +1304,10 @@ void *tlsc_start_epoll(void *) {
 void tlsc_release_run() {
     tlsc_sock *sock = tlsc_get_sock();
 
-    tlsc_abandon_timers();
-    if (tlsc_epoll_fd > 0) close(tlsc_epoll_fd);
-    tlsc_epoll_fd = -1;
-    free(tlsc_epoll_events);
-    tlsc_epoll_events = nullptr;
-    pass_count        = 0;
-    pass_next         = 0;
     if (connecting_fd > 0 && connecting_fd != sock->sockfd) close(connecting_fd);
     connecting_fd = -1;
     sock->sockfd  = -1;  // closed with its TLS session
-    sock->ssl_fd  = -1;
-    sock->ssl_up  = 0;
+    release_leftovers(sock);
+    tlsc_abandon_old_transport();
+    tlsc_end_timers();
 }

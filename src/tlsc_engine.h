@@ -93,8 +93,7 @@ int32_t tlsc_set_sock_blocking(int32_t fd);
 // Sorts an errno: exhaustion of memory or descriptors ends the client in order; returns a passed-through code.
 int32_t tlsc_error_handling(int32_t error);
 
-// ---- registry, teardown
-// ----------------------------------------------------------------------------------------------
+// ---- registry, teardown --------------------------------------------------------------------------------------------
 
 // The kind of a descriptor; tlsc_fd_type.
 tlsc_fd_type tlsc_get_fd_type(int32_t fd, const tlsc_sock *sock);
@@ -116,8 +115,7 @@ void tlsc_set_dp_state(int8_t state);
 // cause is a tlsc_tun_down_cause and not used. Returns 1.
 int32_t tlsc_sock_error(int32_t cause);
 
-// ---- packet path
-// --------------------------------------------------------------------------------------------------------
+// ---- packet path ---------------------------------------------------------------------------------------------------
 
 // Reads one packet from the TUN interface, rewrites its source address and sends it. Returns the outcome of the TLS
 // write, or 0 when nothing was read or the data path is down.
@@ -130,8 +128,7 @@ int32_t tlsc_tun_write(tlsc_sock *sock, uint8_t *buff, int32_t length);
 // The name of a CSTP result code (tlsc_cstp_resp); "No error" for one without a name. Any thread.
 const char *tlsc_cstp_resp_name(int32_t resp);
 
-// ---- commands
-// ------------------------------------------------------------------------------------------------------------
+// ---- commands ------------------------------------------------------------------------------------------------------
 
 // Executes one command from the pipe. Returns the result of the read, or of tlsc_handle_gw_ip_addr.
 int32_t tlsc_handle_cli_cmds();
@@ -143,15 +140,14 @@ void tlsc_clear_cli_cmds();
 // Returns 1 when the address was taken, else 0.
 int32_t tlsc_handle_gw_ip_addr(int32_t kind, const uint8_t *gw_sockaddr);
 
-// ---- the thread
-// ----------------------------------------------------------------------------------------------------------
+// ---- the thread ----------------------------------------------------------------------------------------------------
 
 // Keeps for the packets and the interface of a tunnel that goes on what the configuration says of them now. Before the
 // configuration is read anew, while the tunnel thread is held. Main thread.
 void tlsc_keep_tunnel_settings();
 
-// Releases without a line what a run has left that was ended from outside: epoll instance, timers, transports. Main
-// thread.
+// Releases without a line what the last run has left: epoll instance, timers, transports. Main thread, behind the end
+// of its TLS session, when no run can follow but a new one.
 void tlsc_release_run();
 
 // Body of the tunnel thread; the argument is ignored. Returns null.

@@ -220,6 +220,19 @@ void tlsc_close_old_transport() {
     tlsc_forget_old_transport(tlsc_old_transport.fd);
 }
 
+void tlsc_abandon_old_transport() {
+    if (tlsc_old_transport.fd > 0) tlsc_close_transport(tlsc_old_transport.fd);
+    SSL_free(tlsc_old_transport.ssl);
+    tlsc_old_transport = {};
+}
+
+void tlsc_take_back_old_transport(tlsc_sock *sock) {
+    if (tlsc_old_transport.fd <= 0 || tlsc_old_transport.fd != sock->sockfd) return;
+    SSL_free(sock->ssl);
+    sock->ssl          = tlsc_old_transport.ssl;
+    tlsc_old_transport = {};
+}
+
 void tlsc_forget_old_transport(int32_t closed_fd) {
     if (tlsc_old_transport.fd != closed_fd) return;
     tlsc_old_transport.fd = -1;
@@ -283,11 +296,13 @@ void tlsc_abandon_timers() {
     for (int32_t *slot : {&tlsc_timers.retry, &tlsc_timers.dpd, &tlsc_timers.rekey, &tlsc_timers.fqdn,
                           &tlsc_timers.backoff, &tlsc_timers.guard})
         if (*slot > 0) close_timer(slot);
-    tlsc_retry_ref = 0;
-    tlsc_end_timers();
-    if (tlsc_old_transport.fd > 0) tlsc_close_transport(tlsc_old_transport.fd);
-    SSL_free(tlsc_old_transport.ssl);
-    tlsc_old_transport = {};
+}
+
+bool tlsc_is_any_timer_running() {
+    for (int32_t slot : {tlsc_timers.dpd, tlsc_timers.rekey, tlsc_timers.backoff, tlsc_timers.guard, tlsc_timers.retry,
+                         tlsc_timers.fqdn})
+        if (slot > 0) return true;
+    return false;
 }
 
 // ==== 5 Expiry ===================================================================================================

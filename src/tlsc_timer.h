@@ -44,8 +44,12 @@ void tlsc_stop_all_timers();
 // The end of a run: stops every timer, and leaves neither a rekey in progress nor a grown backoff behind.
 void tlsc_end_timers();
 
-// Closes all timers and the old transport of a run that was ended from outside, without a line. Main thread.
+// Closes the timers that a run has left behind, without a line. Tunnel thread before a run, main thread behind the
+// last.
 void tlsc_abandon_timers();
+
+// False when nothing would bring a silent tunnel back.
+bool tlsc_is_any_timer_running();
 
 // If fd is a timer's, handles its expiry and returns true. An expired timer is closed, but for the retry timer.
 bool tlsc_handle_timer(tlsc_sock *sock, int32_t fd);
@@ -72,6 +76,13 @@ void tlsc_note_good_response();
 
 // Closes the old transport and its TLS session; the caller has logged why and taken it out of epoll if needed.
 void tlsc_close_old_transport();
+
+// The same without a line. Main thread, behind the last run.
+void tlsc_abandon_old_transport();
+
+// The old transport is still the current one, since the attempt to replace it got no further than to keep it: it is not
+// the old one any more.
+void tlsc_take_back_old_transport(tlsc_sock *sock);
 
 // Releases the old transport's TLS session if it is the one of this descriptor, which was closed as another one's.
 void tlsc_forget_old_transport(int32_t closed_fd);

@@ -301,6 +301,11 @@ void tlsc_tun_delete(tlsc_session *session, int32_t cause) {
     session->tun_state = 0;
 }
 
+bool tlsc_tun_is_gone(const tlsc_session *session) {
+    ifreq unused{};
+    return session && session->tun_fd > 0 && ioctl(session->tun_fd, TUNGETIFF, &unused) < 0 && errno == EBADFD;
+}
+
 int32_t tlsc_chg_tun_state(tlsc_session *session, int32_t state) {
     if (!session || !session->if_name) {
         TLSC_ERROR("Session or ifname is Null");

@@ -29,6 +29,9 @@ int32_t tlsc_set_tun_mtu(const char *name, int32_t mtu);
 // Sets (up non-zero) or clears IFF_UP. Returns 1 or an errno.
 int32_t tlsc_tun_up(const char *name, int32_t up);
 
+// True when the interface behind the session's descriptor was deleted from outside: it cannot come back on it.
+bool tlsc_tun_is_gone(const tlsc_session *session);
+
 // Brings the session's interface up (1) or down (0) and reports the change to the controller. Returns 1 also when
 // nothing had to change, 0 for a null session or name, otherwise the last ioctl errno.
 int32_t tlsc_chg_tun_state(tlsc_session *session, int32_t state);

@@ -48,6 +48,7 @@ std::mutex               state_mutex;
 std::vector<std::string> states;  // what the controller was told of the interface
 std::atomic<bool>        retry_read_fails;
 std::atomic<bool>        tun_read_gives_0;
+std::atomic<int64_t>     seconds_ahead;      // of the monotonic clock as the daemon reads it
 std::atomic<int>         first_in_pass{-1};  // its event is put in front of the others of a pass
 
 }  // namespace
@@ -112,6 +113,11 @@ extern "C" int __wrap_epoll_wait(int epoll_fd, epoll_event *events, int max, int
         errno = EINTR;
         return wait_failures-- % 2 - 1;
     }
+    if (timeout > 0) {  // it passes at once, unless something happens
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        seconds_ahead += timeout / 1000;
+        timeout = 0;
+    }
     const int count = __real_epoll_wait(epoll_fd, events, max, timeout);
     while (hold_wait) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     if (count < 1) return count;
@@ -125,6 +131,13 @@ extern "C" int __wrap_epoll_wait(int epoll_fd, epoll_event *events, int max, int
     for (int i = 1; i < again; ++i)
         if (events[i].data.fd == first_in_pass) std::swap(events[0], events[i]);
     return again;
+}
+
+extern "C" int __real_clock_gettime(clockid_t clock, timespec *time);
+extern "C" int __wrap_clock_gettime(clockid_t clock, timespec *time) {
+    const int result = __real_clock_gettime(clock, time);
+    if (clock == CLOCK_MONOTONIC) time->tv_sec += seconds_ahead;
+    return result;
 }
 
 extern "C" int __real_SSL_get_error(const SSL *ssl, int ret);
@@ -525,17 +538,49 @@ TEST_F(engine_loop, an_events_block_that_cannot_be_allocated_closes_epoll_and_en
     EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_start_epoll", "Could not allocate memory for epoll-events block"));
 }
 
-TEST_F(engine_loop, what_a_failed_set_up_has_opened_stays_open) {
+TEST_F(engine_loop, what_a_failed_set_up_has_opened_stays_open_until_the_next_one) {
     tun_open_fails   = true;
     const int before = open_descriptors();
     expect_early_end();
     EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_start_epoll", "Error cloning tun interface"));
     EXPECT_EQ(open_descriptors(), before + 1);
-    const int first = tlsc_epoll_fd;
-    EXPECT_GT(first, 0);
+    EXPECT_GT(tlsc_epoll_fd, 0);
+    EXPECT_NE(tlsc_epoll_events, nullptr);
+}
+
+TEST_F(engine_loop, any_number_of_failed_set_ups_uses_up_no_descriptors_and_the_tunnel_comes_up_behind_them) {
+    int after_first = 0;
+    for (int failure = 0; failure < 20; ++failure) {
+        tun_open_fails    = failure % 2 == 0;
+        create_tun_result = 0;
+        expect_early_end();
+        if (failure == 1) after_first = open_descriptors();
+        if (failure % 2 == 1) {
+            EXPECT_EQ(open_descriptors(), after_first);
+        }
+    }
+    tun_open_fails    = false;
+    create_tun_result = -2;
+    tls_peer peer;
+    bring_up(peer);
+    EXPECT_TRUE(logged("TUN-INTF is UP!!"));
+}
+
+TEST_F(engine_loop, a_transport_that_a_failed_set_up_has_left_is_closed_by_the_next_one) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    add_failure       = 4;  // behind the command pipe, the interface and the guard timer
+    forced_add_errno  = ENOMEM;
     expect_early_end();
-    EXPECT_NE(tlsc_epoll_fd, first);  // the next start makes its own
-    close(first);
+    EXPECT_TRUE(log.contains("Could not add ipv4 to epoll"));
+    EXPECT_TRUE(peer.connection(0).is_still_open());
+    add_failure = 0;
+    hand_clock::forget();
+    start();
+    ASSERT_NE(peer.connection(1).read_record(), "");
+    answer(peer, 1);
+    while (peer.connection(0).read_record() != "") {}
+    EXPECT_TRUE(peer.connection(0).is_closed_by_client());
 }
 
 TEST_F(engine_loop, an_interface_that_cannot_be_created_ends_the_thread) {
@@ -940,15 +985,27 @@ TEST_F(engine_loop, a_reset_tears_down) {
     EXPECT_TRUE(logged_like("ERROR", "tlsc_start_epoll", "Error [~] occured on SSL-Socket-fd(~).. closing connection"));
 }
 
-TEST_F(engine_loop, an_interface_that_is_deleted_from_outside_tears_down) {
+TEST_F(engine_loop, an_interface_that_is_deleted_from_outside_is_torn_down_once_and_the_next_run_makes_another) {
     tls_peer peer;
     bring_up(peer);
     ASSERT_EQ(system("ip link delete loop0 type tun"), 0);
-    ASSERT_TRUE(hand_clock::wait_for("backoff"));
-    exit_client = 1;  // the descriptor stays ready, and the loop busy, until then
+    ASSERT_TRUE(eventually([this] { return has_ended_.load(); }));
     thread_.join();
-    EXPECT_TRUE(logged_like("ERROR", "tlsc_start_epoll", "Error [~] occured on TUN-Socket-fd(~).. closing connection"));
+    EXPECT_EQ(epoll_thread_exited, 0);  // an early end: the monitor starts the client again
+    EXPECT_FALSE(log.contains("exiting"));
+    EXPECT_EQ(teardowns(), 1u);
+    size_t errors = 0;
+    for (const log_line &line : log.entries())
+        errors += begins_like(line.message.c_str(), "Error [~] occured on TUN-Socket-fd(~).. closing connection");
+    EXPECT_EQ(errors, 1u);
+    EXPECT_EQ(states.back(), "0/0");
     EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+
+    start_afresh();
+    start();
+    ASSERT_NE(peer.connection(1).read_record(), "");
+    answer(peer, 1);
+    EXPECT_EQ(states.back(), "1/0");
 }
 
 TEST_F(engine_loop, a_tun_read_of_0_bytes_is_counted_by_the_stale_errno_and_tears_down) {
@@ -1584,6 +1641,90 @@ TEST_F(engine_loop, an_order_to_end_leaves_a_tunnel_that_is_up_to_its_orderly_en
     EXPECT_TRUE(monitor_has_ended());
     EXPECT_EQ(teardowns(), 0u);
     tlsc_cleanup_context();
+}
+
+// ---- nothing given up
+// ------------------------------------------------------------------------------------------------
+
+TEST_F(engine_loop, a_back_off_timer_that_cannot_be_started_is_tried_again_while_there_is_nothing_else) {
+    tls_peer peer;
+    bring_up(peer);
+    EXPECT_EQ(timeout_asked, -1);
+    const int64_t before = seconds_ahead;
+    forced_add_errno     = ENOMEM;
+    add_failure          = adds + 1;
+    peer.connection(0).reset();
+    ASSERT_TRUE(torn_down());
+    ASSERT_TRUE(hand_clock::wait_for("backoff", 2));  // the first of them was armed, and not registered
+    EXPECT_GE(seconds_ahead - before, 10);
+    EXPECT_LE(seconds_ahead - before, 20);
+    EXPECT_EQ(teardowns(), 1u);
+    EXPECT_FALSE(log.contains("EPOLL Wait timed out"));
+    hand_clock::expire("backoff");
+    ASSERT_NE(peer.connection(1).read_record(), "");
+    answer(peer, 1);
+    EXPECT_EQ(timeout_asked, -1);
+}
+
+TEST_F(engine_loop, a_connection_that_no_timer_watches_is_given_up_after_a_minute) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    start();
+    ASSERT_NE(peer.connection(0).read_record(), "");
+    const int64_t before = seconds_ahead;
+    forced_add_errno     = ENOMEM;
+    add_failure          = adds + 1;
+    at_rest([&] { add_failure = adds + 1; });  // the rekey timer's
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_CONFIG_RESPONSE, good)));
+    ASSERT_TRUE(eventually([this] { return log.contains("Could not start Rekey timer"); }));
+    ASSERT_TRUE(torn_down());
+    EXPECT_GE(seconds_ahead - before, 60);
+    hand_clock::expire("backoff");
+    ASSERT_NE(peer.connection(1).read_record(), "");
+    answer(peer, 1);
+}
+
+TEST_F(engine_loop, a_connection_whose_response_was_rejected_is_given_up_after_a_minute) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    start();
+    ASSERT_NE(peer.connection(0).read_record(), "");
+    const int64_t before = seconds_ahead;
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_CONFIG_RESPONSE, "X-CSTP-DPD:30\n")));
+    ASSERT_TRUE(torn_down());
+    EXPECT_GE(seconds_ahead - before, 60);
+    EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+}
+
+TEST_F(engine_loop, the_tls_session_that_the_last_run_kept_is_freed_by_the_next) {
+    static std::atomic<int> freed;
+    freed           = 0;
+    const int index = SSL_get_ex_new_index(
+        0, nullptr, nullptr, nullptr,
+        [](void *, void *data, CRYPTO_EX_DATA *, int, long, void *) { freed += data == &freed; });
+    tls_peer peer;
+    bring_up(peer);
+    stop();
+    ASSERT_NE(sock->ssl, nullptr);  // by contract it outlives its run
+    SSL_set_ex_data(sock->ssl, index, &freed);
+    EXPECT_EQ(freed, 0);
+    start();
+    ASSERT_NE(peer.connection(1).read_record(), "");
+    EXPECT_EQ(freed, 1);
+}
+
+TEST_F(engine_loop, no_closed_descriptor_is_left_behind_as_the_old_transport) {
+    tls_peer peer;
+    bring_up(peer);
+    ssl_ctx_st *const ctx = tlsc_ssl_ctx;
+    at_rest([this] { tlsc_ssl_ctx = sock->ssl_ctx = nullptr; });  // no session can be made
+    hand_clock::expire("rekey");
+    ASSERT_TRUE(logged("TCP connection failed!!!"));
+    stop();
+    tlsc_ssl_ctx = sock->ssl_ctx = ctx;
+    EXPECT_EQ(tlsc_old_transport.fd, -1);
+    EXPECT_EQ(tlsc_old_transport.ssl, nullptr);
+    EXPECT_TRUE(peer.connection(0).is_closed_by_client());
 }
 
 }  // namespace

@@ -692,4 +692,35 @@ TEST_F(engine_tls, the_longest_identity_and_key_work_in_a_handshake) {
     EXPECT_EQ(peer.identity(), std::string(128, 'i'));
 }
 
+// ---- the right peer -------------------------------------------------------------------------------------------------
+
+TEST_F(engine_tls, a_server_that_chooses_a_certificate_suite_shows_no_key_and_gets_nothing) {
+    set_text(conf->cipher_algo, "PSK-AES256-CBC-SHA:ECDHE-ECDSA-AES256-GCM-SHA384");
+    set_text(conf->svr_addr_ipv4, "127.0.0.1");
+    set_text(conf->device_id, "device");
+    set_text(psk_identity, "identity");
+    set_text(psk_key, peer_key);
+    ASSERT_EQ(tlsc_init_ssl_config(), 1);
+    tls_peer peer([](SSL_CTX *ctx) {
+        EXPECT_EQ(SSL_CTX_set_cipher_list(ctx, "ECDHE-ECDSA-AES256-GCM-SHA384"), 1);
+        EXPECT_EQ(SSL_CTX_use_certificate_chain_file(ctx, authority::path("leaf.pem").c_str()), 1);
+        EXPECT_EQ(SSL_CTX_use_PrivateKey_file(ctx, authority::path("leaf.key").c_str(), SSL_FILETYPE_PEM), 1);
+    });
+    conf->server_port = peer.port();
+    log.clear();
+    EXPECT_EQ(tlsc_create_tcp_conn(), 7);
+    EXPECT_EQ(peer.connection(0).read_record(), "");
+    EXPECT_EQ(sock->ssl, nullptr);
+    EXPECT_EQ(sock->ssl_up, 0);
+    EXPECT_EQ(sock->sockfd, -1);
+    EXPECT_TRUE(
+        log.has("ERROR", engine_file, "tlsc_create_tcp_conn", "ssl-connect error : 1, ssl-connect ret-value = -1"));
+    EXPECT_TRUE(logged_like("ERROR", "tlsc_create_tcp_conn", "SSL connect failed!! Error = *wrong cipher returned*"));
+    EXPECT_TRUE(log.has("WARNING", engine_file, "tlsc_create_tcp_conn",
+                        "Could not build a SSL session to: 127.0.0.1, Initiate session and ssl cleanup"));
+    EXPECT_TRUE(log.has("ERROR", engine_file, "tlsc_sock_error", "Closing connection and bringing down tun interface"));
+    EXPECT_FALSE(log.contains("Successfully enabled SSL/TLS session"));
+    EXPECT_FALSE(log.contains("Building CSTP-CONFIG-REQ"));
+}
+
 }  // namespace
