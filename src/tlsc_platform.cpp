@@ -289,14 +289,13 @@ void release_client() {
 // It stands at a safepoint, in a system call that can be cancelled or at the gate, or is no more. Whatever a run has of
 // its own goes behind it, so that the next one begins as in a new process.
 void end_halted_tunnel() {
+    if (tunnel_unjoined) pthread_cancel(epoll_thread);
     tlsc_retire_tunnel_thread();
-    if (tunnel_unjoined) {
-        pthread_cancel(epoll_thread);
-        pthread_join(epoll_thread, nullptr);
-        tunnel_unjoined = false;
-    }
-    epoll_thread = no_thread;
+    if (tunnel_unjoined) pthread_join(epoll_thread, nullptr);
+    tunnel_unjoined = false;
+    epoll_thread    = no_thread;
     tlsc_release_run();
+    tlsc_resume_tunnel_thread();
 }
 
 }  // namespace

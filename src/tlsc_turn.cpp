@@ -35,20 +35,27 @@ void step_back_to(int32_t place) {
     pthread_exit(nullptr);
 }
 
-// Waits while the gate is shut, and for a new run while there is another. at_gate: the place where it waits.
+// Waits while the gate is shut, and for a new run while there is another. at_gate: the place where it waits. Who
+// retires runs cancels their threads first: one that comes to the gate later finds that.
 void go_to_work(int32_t at_gate) {
-    for (int32_t seen = turn.load(std::memory_order_relaxed);;) {
-        if (here == TLSC_NO_RUN) run = seen & run_bits;
+    int32_t seen = turn.load(std::memory_order_relaxed);
+    if (here == TLSC_NO_RUN) run = seen & run_bits;
+    for (;;) {
         if ((seen & run_bits) != run) end_retired_thread();
-        if (seen != (run | here)) {
-            if (here > at_gate) step_back_to(at_gate);
-            else turn.wait(seen, std::memory_order_relaxed);
-            seen = turn.load(std::memory_order_relaxed);
-        } else if (turn.compare_exchange_weak(seen, run | TLSC_AT_WORK, std::memory_order_acquire,
-                                              std::memory_order_relaxed)) {
+        if (seen == (run | here)) {
+            if (!turn.compare_exchange_weak(seen, run | TLSC_AT_WORK, std::memory_order_acquire,
+                                            std::memory_order_relaxed))
+                continue;
             here = TLSC_AT_WORK;
             return;
         }
+        if (here > at_gate) {
+            step_back_to(at_gate);
+        } else {
+            pthread_testcancel();
+            turn.wait(seen, std::memory_order_relaxed);
+        }
+        seen = turn.load(std::memory_order_relaxed);
     }
 }
 
@@ -130,6 +137,7 @@ void tlsc_resume_tunnel_thread() {
 }
 
 void tlsc_retire_tunnel_thread() {
-    turn.store((turn.load(std::memory_order_relaxed) & run_bits) + next_run, std::memory_order_release);
+    const int32_t next = (turn.load(std::memory_order_relaxed) & run_bits) + next_run;
+    turn.store(next | gate_shut | gate_ending, std::memory_order_release);
     turn.notify_all();
 }

@@ -44,8 +44,10 @@ bool tlsc_halt_tunnel_thread(int32_t seconds, void (*interrupt)());
 // Lets a held or halted tunnel thread go on. Only after a success of one of the two, by who had it.
 void tlsc_resume_tunnel_thread();
 
-// Ends the run of a halted tunnel thread: a thread that comes back from its safepoint ends there, without another step,
-// and the next run may begin. Only after a success of tlsc_halt_tunnel_thread, by who had it.
+// Ends the run of a halted tunnel thread, and those that wait to begin: a thread that comes to the gate, or back from
+// its safepoint, ends there without another step. Those that come after the next resumption begin anew. Only after a
+// success of tlsc_halt_tunnel_thread, by who had it; that one then joins the thread, which it has cancelled before, and
+// resumes.
 void tlsc_retire_tunnel_thread();
 
 }  // extern "C"

@@ -1567,6 +1567,16 @@ TEST_F(engine_loop, a_client_that_was_cleaned_up_begins_again_and_again_and_noth
     }
 }
 
+TEST_F(engine_loop, an_end_directly_behind_a_start_meets_no_thread_at_work) {
+    conf->server_port = 1;
+    for (int round = 0; round < 60; ++round) {
+        ASSERT_EQ(tlsc_start_epoll_mon_thread(), 1);
+        std::this_thread::sleep_for(std::chrono::microseconds(20 * round));
+        tlsc_cleanup_context();
+        initialise();
+    }
+}
+
 TEST_F(engine_loop, a_run_behind_a_clean_up_needs_no_monitor) {
     tlsc_cleanup_context();
     initialise();
@@ -1671,9 +1681,9 @@ TEST_F(engine_loop, a_connection_that_no_timer_watches_is_given_up_after_a_minut
     conf->server_port = peer.port();
     start();
     ASSERT_NE(peer.connection(0).read_record(), "");
+    ASSERT_TRUE(eventually([this] { return log.contains("Successfully added Client-socket-fd("); }));
     const int64_t before = seconds_ahead;
     forced_add_errno     = ENOMEM;
-    add_failure          = adds + 1;
     at_rest([&] { add_failure = adds + 1; });  // the rekey timer's
     ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_CONFIG_RESPONSE, good)));
     ASSERT_TRUE(eventually([this] { return log.contains("Could not start Rekey timer"); }));

@@ -74,6 +74,7 @@ TEST_F(tlsc_turn_test, without_a_run_it_is_held_and_halted_at_once_again_and_aga
         tlsc_resume_tunnel_thread();
         ASSERT_TRUE(tlsc_halt_tunnel_thread(0, nullptr));
         tlsc_retire_tunnel_thread();
+        tlsc_resume_tunnel_thread();
     }
 }
 
@@ -184,12 +185,42 @@ TEST_F(tlsc_turn_test, a_retired_thread_ends_at_its_safepoint_and_the_next_run_b
     moment();
     ASSERT_TRUE(tlsc_halt_tunnel_thread(0, nullptr));
     tlsc_retire_tunnel_thread();
-    start_at(TLSC_AT_WORK);
     go_on = true;
     pthread_join(thread, nullptr);
+    EXPECT_EQ(steps_, 0);
+    tlsc_resume_tunnel_thread();
+    start_at(TLSC_AT_WORK);
     EXPECT_TRUE(eventually([this] { return steps_ == 1; }));
-    moment();
-    EXPECT_EQ(steps_, 1);  // of the new run alone
+}
+
+void *beginning_run(void *steps) {
+    const tlsc_turn run(TLSC_AT_WORK);
+    ++*static_cast<std::atomic<int> *>(steps);
+    return nullptr;
+}
+
+void *late_run(void *steps) {
+    while (!go_on) {}  // no point at which it could be cancelled
+    return beginning_run(steps);
+}
+
+TEST_F(tlsc_turn_test, a_thread_that_was_only_beginning_is_retired_too_however_late_it_comes) {
+    for (void *(*body)(void *) : {beginning_run, late_run}) {
+        go_on = false;
+        pthread_t thread;
+        ASSERT_TRUE(tlsc_halt_tunnel_thread(0, nullptr));
+        ASSERT_EQ(pthread_create(&thread, nullptr, body, &steps_), 0);
+        moment();
+        pthread_cancel(thread);
+        tlsc_retire_tunnel_thread();
+        moment();
+        go_on = true;
+        pthread_join(thread, nullptr);
+        tlsc_resume_tunnel_thread();
+        EXPECT_EQ(steps_, 0);
+    }
+    start_at(TLSC_AT_WORK);
+    EXPECT_TRUE(eventually([this] { return steps_ == 1; }));
 }
 
 TEST_F(tlsc_turn_test, a_second_run_waits_for_the_end_of_the_first) {
