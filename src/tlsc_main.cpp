@@ -11,6 +11,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -54,12 +55,20 @@ int32_t tlsc_create_pipe_for_cli_cmds() {
 
 namespace {
 
+constexpr int full_pipe_ms = 5000;  // without a client that runs nobody reads it, and the next one drops what it finds
+
+// Waits while the pipe is full, at most that long.
+bool has_room(int32_t fd) {
+    pollfd ready{fd, POLLOUT, 0};
+    return fd < 0 || poll(&ready, 1, full_pipe_ms) != 0;
+}
+
 // operation: the sender, which the lines name.
 int32_t write_command(const tlsc_cli_cmd &cmd, const char *operation) {
     const tlsc_work_of tlsc_log_function{operation};
 
     const int32_t fd      = cli_pipe_wr_fd;
-    const ssize_t written = write(fd, &cmd, sizeof(cmd));
+    const ssize_t written = has_room(fd) ? write(fd, &cmd, sizeof(cmd)) : 0;
     if (written < 1) {
         TLSC_ERROR("Writing to pipe-fd(%d) failed", fd);
         return 0;

@@ -18,8 +18,8 @@ int32_t tlsc_create_pipe_for_cli_cmds();
 // Closes both ends of the command pipe, each if open. Main thread.
 void tlsc_close_cli_pipe();
 
-// Each writes one command for the tunnel thread. Returns 1, or 0 when the write failed (logged). Any thread; blocks
-// while the pipe is full.
+// Each writes one command for the tunnel thread. Returns 1, or 0 when the write failed (logged). Any thread; waits
+// while the pipe is full, at most 5 seconds.
 int32_t tlsc_send_exit_client_req();
 int32_t tlsc_send_log_lvl_chg_req(int32_t level);
 int32_t tlsc_send_log_dest_chg_req(int32_t dest);

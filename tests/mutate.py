@@ -368,6 +368,8 @@ module("src/tlsc_main.cpp",
      "        tlsc_keep_tunnel_settings();\n", "", "tlsc_main_test"),
     ("Settings are read anew under a tunnel thread that works.",
      "    while (!tlsc_hold_tunnel_thread(hold_seconds)) {}\n", "    (void)tlsc_hold_tunnel_thread(hold_seconds);\n", "tlsc_main_test"),
+    ("A sender waits for ever while the pipe is full.",
+     "poll(&ready, 1, full_pipe_ms) != 0;", "poll(&ready, 1, -1) != 0;", "engine_commands_test", True),
     ("The shell's children inherit the command pipe.",
      "    for (int end : ends) (void)fcntl(end, F_SETFD, FD_CLOEXEC);", "    //", "engine_commands_test"),
 )

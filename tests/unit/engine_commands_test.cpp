@@ -24,6 +24,8 @@ int              short_fd = -2;  // writes to it take short_count bytes
 int              short_count;
 std::atomic<int> pipe_writes;  // calls, not bytes
 bool             conversion_fails;
+int              poll_timeout;  // of the last wait for room in the pipe
+bool             nobody_reads;  // a wait for room may be cut short
 
 std::vector<int32_t> closed;
 
@@ -42,6 +44,12 @@ extern "C" ssize_t __real_write(int fd, const void *buffer, size_t size);
 extern "C" ssize_t __wrap_write(int fd, const void *buffer, size_t size) {
     pipe_writes += fd == cli_pipe_wr_fd;
     return fd == short_fd ? short_count : __real_write(fd, buffer, size);
+}
+
+extern "C" int __real_poll(pollfd *fds, nfds_t count, int timeout);
+extern "C" int __wrap_poll(pollfd *fds, nfds_t count, int timeout) {
+    poll_timeout = timeout;
+    return __real_poll(fds, count, nobody_reads ? 0 : timeout);
 }
 
 extern "C" int __real_close(int fd);
@@ -97,6 +105,7 @@ protected:
         rekeys           = 0;
         pipe_fails       = false;
         nonblock_fails   = false;
+        nobody_reads     = false;
         short_fd         = -2;
         short_count      = 5;
         conversion_fails = false;
@@ -244,14 +253,10 @@ TEST_F(engine_commands, a_sender_waits_while_the_pipe_is_full) {
     pollfd room{cli_pipe_wr_fd, POLLOUT, 0};
     for (int sent = 0; sent < 5000 && poll(&room, 1, 0) == 1; ++sent)
         ASSERT_EQ(tlsc_send_log_lvl_chg_req(LOG_DEBUG), 1);
-    std::atomic<bool>    ended{false};
     std::atomic<int32_t> result{-1};
-    std::thread          sender([&] {
-        // The pipe has room for some commands while poll calls it full.
-        for (int more = 0; more < 5000 && result != 0 && !ended; ++more)
-            result = tlsc_send_log_dest_chg_req(LOG_DEST_CONSOLE);
-    });
-    for (int i = 0; i < 5000 && result == -1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::thread          sender([&] { result = tlsc_send_log_dest_chg_req(LOG_DEST_CONSOLE); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(result, -1);
     int held = -1;
     for (int now = 0; now != held; ioctl(cli_pipe_rd_fd, FIONREAD, &now)) {
         held = now;
@@ -259,7 +264,6 @@ TEST_F(engine_commands, a_sender_waits_while_the_pipe_is_full) {
     }
     EXPECT_GT(held, 1000 * 36);
     EXPECT_EQ(held % 36, 0);  // nobody wrote a part of a command
-    ended          = true;
     tlsc_log_level = LOG_ERRORS;
     for (int i = 0; i < 200; ++i)
         EXPECT_EQ(tlsc_handle_cli_cmds(), 36);  // more than a page, which is what a writer waits for
@@ -467,6 +471,16 @@ TEST_F(engine_commands, stale_commands_are_discarded_unexecuted_and_counted) {
                                        "Total number of stale commands cleared from CLI pipe:3"}));
     for (const log_line &line : log.entries()) EXPECT_EQ(line.severity, "INFO");
     EXPECT_EQ(read_pipe(), "");
+}
+
+TEST_F(engine_commands, a_full_pipe_that_nobody_reads_makes_a_sender_fail_after_a_while) {
+    tlsc_log_level = LOG_ERRORS;
+    nobody_reads   = true;
+    int sent       = 0;
+    while (tlsc_send_log_dest_chg_req(0) == 1) ASSERT_LT(++sent, 100000);
+    EXPECT_GT(sent, 1000);
+    EXPECT_EQ(poll_timeout, 5000);
+    EXPECT_EQ(log.messages(), strings{text_of("Writing to pipe-fd(%d) failed", cli_pipe_wr_fd.load())});
 }
 
 TEST_F(engine_commands, the_lines_of_sending_and_draining_name_their_functions) {

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <thread>
 
+#include <poll.h>
 #include <pthread.h>
 
 #include "tlsc_main.h"
@@ -566,6 +567,26 @@ TEST_F(lifecycle, a_start_while_the_old_client_ends_gives_no_second_order_and_th
     EXPECT_EQ(ends_of_monitors(), 0u);
     EXPECT_FALSE(log.contains("In TLS Client epoll monitor thread"));
     EXPECT_FALSE(log.contains("exited abnormally"));
+    end();
+}
+
+TEST_F(lifecycle, a_full_command_pipe_keeps_up_neither_a_start_nor_the_monitor) {
+    hold_connecting = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(running(1));
+    ASSERT_TRUE(eventually([&] { return log.contains("Total number of stale commands"); }));
+    tlsc_log_level = LOG_INFO;
+    for (pollfd ready{cli_pipe_wr_fd, POLLOUT, 0}; poll(&ready, 1, 0) == 1;)
+        ASSERT_EQ(tlsc_send_log_lvl_chg_req(LOG_INFO), 1);
+    std::thread stop([] { EXPECT_EQ(tlsc_stop_client(), 1); });
+    ASSERT_TRUE(eventually([&] { return log.contains("Posting message to stop TLS Client..."); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+    hold_connecting = false;
+    stop.join();
+    ASSERT_TRUE(running(2));
     end();
 }
 
