@@ -4,9 +4,9 @@
     bulk.py receive ADDRESS PORT [--no-hash]
     bulk.py send ADDRESS PORT [--from ADDRESS] (--bytes N | --seconds S | --until-told) [--no-hash]
 
---until-told: SIGTERM ends the sending; what was sent arrives. The receiver prints "ready" when it listens. Each end prints one JSON object when it is done: "bytes", "seconds"
-(receiver: from the first byte to the last), "sha256" (unless --no-hash), and the receiver also "longest_pause", in
-seconds.
+--until-told: SIGTERM ends the sending; what was sent arrives. The receiver prints "ready" when it listens. Each end
+prints one JSON object when it is done: "bytes", "seconds" (receiver: from the first byte to the last), "sha256" (empty
+with --no-hash), and the receiver also "longest_pause", in seconds.
 """
 
 import argparse
@@ -41,7 +41,8 @@ def receive(options):
             if not options.no_hash:
                 digest.update(view[:count])
     seconds = last - first if total else 0.0
-    return {"bytes": total, "seconds": seconds, "longest_pause": longest_pause, "sha256": digest.hexdigest()}
+    sha256 = "" if options.no_hash else digest.hexdigest()
+    return {"bytes": total, "seconds": seconds, "longest_pause": longest_pause, "sha256": sha256}
 
 
 def blocks(options):

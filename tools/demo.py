@@ -2,7 +2,8 @@
 """A tunnel's life as a time line: what happened, what proves it, when. Run it with ./run demo [--shell].
 
 Runs inside tools/private-world, as its first process: when it ends, in whatever way, every process, namespace,
-interface and file of the demonstration ends with it. Each step is checked; the exit status is 0 only if every step held.
+interface and file of the demonstration ends with it. Each step is checked; the exit status is 0 only if every step
+held.
 """
 
 import argparse

@@ -107,7 +107,8 @@ class Daemon:
         return self.process.descriptors()
 
     def interface_up(self):
-        return "UP" in self.world.run(["ip", "-n", "device", "link", "show", "dev", TUN_NAME], check=False)["out"].split(">")[0]
+        words = ["ip", "-n", "device", "link", "show", "dev", TUN_NAME]
+        return "UP" in self.world.run(words, check=False)["out"].split(">")[0]
 
     def add_route(self, destination="10.9.0.0/24"):
         """What the system around the client does once the interface is up."""

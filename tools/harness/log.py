@@ -79,7 +79,11 @@ class Log:
 
     def wait_for(self, text, timeout=10, since=0, times=1):
         """Waits until the text stands that many times behind the position."""
-        wait_until(lambda: self.count(text, since) >= times, timeout, lambda: f"{times} x {text!r} in the log:\n{self.tail(since)}")
+        wait_until(
+            lambda: self.count(text, since) >= times,
+            timeout,
+            lambda: f"{times} x {text!r} in the log:\n{self.tail(since)}",
+        )
 
     def wait_match(self, pattern, timeout=10, since=0):
         expression = re.compile(pattern)

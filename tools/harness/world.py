@@ -6,8 +6,8 @@
 The daemon runs in `device`, the gateway in `gateway`. Packets to 198.51.100.1 leave the device for a station that does
 not exist: nothing answers them.
 
-A test makes a `World` and looks into it from outside. A program that tools/private-world runs is in such a world already,
-and uses it as its `OwnWorld`. Both know the same operations.
+A test makes a `World` and looks into it from outside. A program that tools/private-world runs is in such a world
+already, and uses it as its `OwnWorld`. Both know the same operations.
 """
 
 import contextlib
@@ -111,7 +111,7 @@ class Process:
         return found
 
     def threads(self):
-        """How many threads the program has. One that a sanitizer keeps for itself blocks even SIGTERM and does not count."""
+        """How many threads the program has. A sanitizer's own blocks even SIGTERM and does not count."""
         count = 0
         for task in os.listdir(self.proc("task")):
             with contextlib.suppress(FileNotFoundError, ProcessLookupError):
