@@ -50,7 +50,8 @@ namespace {
 constexpr int crl_flags    = X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
 constexpr int verify_depth = 3;
 
-bool is_key_used;  // in the handshake that runs; by the callback that hands the key out
+bool is_key_required;  // the context's mechanism is that of pre-shared keys
+bool is_key_used;      // in the handshake that runs; set by the callback that hands the key out
 
 pthread_mutex_t *crypto_locks;  // CRYPTO_num_locks() mutexes, null before the set-up and after the clean-up
 
@@ -301,6 +302,7 @@ int32_t tlsc_init_ssl_config() {
     }
     sock->ssl_ctx = tlsc_ssl_ctx;
 
+    is_key_required = conf->ssl_auth_mech == SSL_AUTH_PSK;
     switch (conf->ssl_auth_mech) {
     case SSL_AUTH_CERTIFICATE:
         if (!tlsc_load_certs(tlsc_ssl_ctx, conf)) return 0;
@@ -443,7 +445,7 @@ int shake_hands(tlsc_sock *sock, int32_t fd) {
     is_key_used   = false;
     const int ret = connect_tls(sock->ssl);
     connecting_fd = -1;
-    if (ret != 1 || is_key_used || tlsc_get_config()->ssl_auth_mech != SSL_AUTH_PSK) return ret;
+    if (ret != 1 || is_key_used || !is_key_required) return ret;
     ERR_put_error(ERR_LIB_SSL, 0, SSL_R_WRONG_CIPHER_RETURNED, __FILE__, __LINE__);
     return -1;
 }

@@ -10,8 +10,8 @@ from harness.daemon import EARLY_LOG, conf_text
 from harness.log import LOG_FILE
 from harness.world import BLACK_HOLE_IP, GATEWAY_IP
 
-# Until the poll 2 s, then at most 3 s for a tunnel thread that is inside a connection attempt.
-EXIT_SECONDS = 7
+# Until the poll 2 s; the clean-up waits for no gateway.
+EXIT_SECONDS = 5
 
 
 def before_any_start(_run):
@@ -176,6 +176,9 @@ def exit_from(bench, state, **more):
     assert daemon.errors() == ""
     log = daemon.log if bench.world.exists(LOG_FILE) else daemon.early_log
     assert log.messages()[-1] == "Client Shutdown!!"
+    if log.count("Added interface "):
+        at_end = log.messages()[log.messages().index("Cleaning up Tls-session and SSL context"):]
+        assert at_end.count("TUN State changed to 0, error cause:0") == 1, state.__name__
     assert daemon.output().endswith("Shutting down TLS Client...\n")
     assert not bench.world.exists("/tmp/wlc-to-tlsc-fifo")
     return daemon

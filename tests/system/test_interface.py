@@ -116,6 +116,21 @@ def test_a_restart_with_a_corrected_name_brings_the_tunnel_up(bench):
     assert daemon.exit() == 1
 
 
+def test_an_interface_deleted_from_outside_is_torn_down_once_and_another_is_made(bench):
+    gateway = bench.make_gateway()
+    daemon = bench.make_daemon(env=bench.preload_fast_clock(FAST))
+    daemon.bring_up()
+    told = bench.controller.count()
+    bench.world.ip("device", f"link delete {TUN_NAME}")
+    daemon.log.wait_for("TLSC Client exited abnormally", 5)
+    bench.controller.wait_for(records.TUN_DOWN, 5, since=told)
+    bench.controller.wait_for(records.TUN_UP, 15, since=told)
+    assert daemon.log.count("occured on TUN-Socket-fd(") == 1
+    assert daemon.log.count("Closing connection and bringing down tun interface") == 1
+    assert len(gateway.events("tcp_accept")) == 2
+    assert daemon.exit() == 1
+
+
 def test_a_name_that_is_a_shell_command_is_not_run(bench):
     name = "a&touch${IFS}x"  # the kernel accepts it as an interface name
     bench.world.ip("device", f"tuntap add dev {name} mode tun")
