@@ -1276,6 +1276,15 @@ void end_tunnel(tlsc_sock *sock) {
     epoll_thread_exited = 1;
 }
 
+// A failed change of its state takes the interface's name away: it cannot be used until it is created again.
+bool is_interface_usable(const tlsc_sock *sock) { return !is_interface_gone && (!sock->sess || sock->sess->if_name); }
+
+// The next run makes another interface.
+void end_early(tlsc_sock *sock) {
+    if (sock->sockfd > 0) tlsc_sock_error(TLSC_DOWN_CSTP_RESPONSE);
+    tlsc_tun_delete(sock->sess, TLSC_DOWN_NO_ERROR);
+}
+
 }  // namespace
 
 void *tlsc_start_epoll(void *) {
@@ -1291,10 +1300,10 @@ void *tlsc_start_epoll(void *) {
     is_interface_gone = false;
     timeless_since    = 0;
     do handle_one_pass(sock);
-    while (exit_client != 1 && !is_interface_gone);
+    while (exit_client != 1 && is_interface_usable(sock));
 
     if (exit_client != 1) {
-        tlsc_tun_delete(sock->sess, TLSC_DOWN_NO_ERROR);
+        end_early(sock);
         return nullptr;
     }
     end_tunnel(sock);

@@ -1008,6 +1008,27 @@ TEST_F(engine_loop, an_interface_that_is_deleted_from_outside_is_torn_down_once_
     EXPECT_EQ(states.back(), "1/0");
 }
 
+TEST_F(engine_loop, an_interface_that_cannot_be_brought_up_is_torn_down_and_the_next_run_makes_another) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    start();
+    ASSERT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_CONFIG_REQ, request));
+    ASSERT_EQ(system("ip link set dev loop0 name loop1"), 0);  // nothing has the name any more
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_CONFIG_RESPONSE, good)));
+    ASSERT_TRUE(eventually([this] { return has_ended_.load(); }));
+    thread_.join();
+    EXPECT_EQ(epoll_thread_exited, 0);  // an early end: the monitor starts the client again
+    EXPECT_TRUE(log.contains("Could not change the tun-interface(loop0) state"));
+    EXPECT_EQ(teardowns(), 1u);
+    EXPECT_TRUE(peer.connection(0).is_closed_by_client());
+
+    start_afresh();
+    start();
+    ASSERT_NE(peer.connection(1).read_record(), "");
+    answer(peer, 1);
+    EXPECT_EQ(states.back(), "1/0");
+}
+
 TEST_F(engine_loop, a_tun_read_of_0_bytes_is_counted_by_the_stale_errno_and_tears_down) {
     tls_peer peer;
     bring_up(peer);
