@@ -29,6 +29,7 @@
 
 #include "tlsc_config.h"
 #include "tlsc_debug.h"
+#include "tlsc_transport.h"
 #include "tlsc_turn.h"
 #include "tlsc_utils.h"
 
@@ -328,7 +329,10 @@ int32_t tlsc_init_ssl_config() {
 }
 
 // ==== 2 Connection and TLS I/O ===================================================================================
-// The socket is blocking for its whole life, without any option set.
+// The socket is blocking for its whole life, without any option set. The transport under the TLS session reads and
+// writes it without blocking and waits where it must, for 30 seconds without a byte at most. Invariant: OpenSSL's error
+// queue is empty between two calls into it, so that no stale entry colours the class of the next error: whoever makes a
+// call that can fail clears it.
 
 namespace {
 
@@ -352,25 +356,29 @@ bool connect_to(int32_t fd, const sockaddr_in &address) {
     return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
 }
 
-// What a peer does not send or take holds up these three.
+// What a peer does not send or take holds up these four.
 int connect_tls(SSL *ssl) {
-    tlsc_turn pause(TLSC_IN_TLS);
-    return SSL_connect(ssl);
+    const int result = SSL_connect(ssl);
+    tlsc_back_to_work();
+    return result;
 }
 
 int write_tls(SSL *ssl, const void *buff, int length) {
-    tlsc_turn pause(TLSC_IN_TLS);
-    return SSL_write(ssl, buff, length);
+    const int written = SSL_write(ssl, buff, length);
+    tlsc_back_to_work();
+    return written;
 }
 
 int read_tls(SSL *ssl, void *buff, int length) {
-    tlsc_turn pause(TLSC_IN_TLS);
-    return SSL_read(ssl, buff, length);
+    const int count = SSL_read(ssl, buff, length);
+    tlsc_back_to_work();
+    return count;
 }
 
-// A stale entry of the error queue would colour the class of the next error. Looking costs less than clearing.
-void drop_stale_errors() {
-    if (ERR_peek_error() != 0) ERR_clear_error();
+bool flush_tls() {
+    const bool flushed = tlsc_transport_flush(true) == 1;
+    tlsc_back_to_work();
+    return flushed;
 }
 
 int32_t translate_ssl_error(int error) {
@@ -404,6 +412,30 @@ void count_ssl_error(const ssl_error_counters &counters, int error) {
     }
 }
 
+// Sends what the data path has collected. False when that failed: a write error, and the connection is to be torn down.
+bool send_collected_records() {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_ssl_write"};
+
+    if (!tlsc_transport_has_collected() || flush_tls()) return true;
+    const int saved_errno = errno;
+    count_ssl_error(ssl_write_errors, SSL_ERROR_SYSCALL);
+    TLSC_ERROR("SSL write error received = %d, translated-ssl-error = %d, write_len = %d, errno = %d",
+               SSL_ERROR_SYSCALL, TLSC_SSL_ERROR, -1, saved_errno);
+    return false;
+}
+
+// The TLS messages are shown to the log only while it wants them.
+void follow_log_level(SSL *ssl) {
+    static const SSL *session;
+    static bool       is_traced;
+    const bool        is_wanted = tlsc_log_wanted(LOG_DEBUG);
+    if (ssl == session && is_wanted == is_traced) return;
+
+    session   = ssl;
+    is_traced = is_wanted;
+    if (ssl) SSL_set_msg_callback(ssl, is_wanted ? tlsc_ssl_msg_cb : nullptr);
+}
+
 }  // namespace
 
 namespace {
@@ -429,6 +461,7 @@ int32_t give_up_handshake(tlsc_sock *sock, const char *server, int ret) {
         ERR_error_string_n(ERR_get_error(), text, sizeof(text));
         TLSC_ERROR("SSL connect failed!! Error = %s, SSL state = %s", text, SSL_state_string(sock->ssl));
     }
+    ERR_clear_error();
     TLSC_WARNING("Could not build a SSL session to: %s, Initiate session and ssl cleanup", server);
     tlsc_sock_error(TLSC_DOWN_SSL_CONNECT);
     return conn_handshake_failed;
@@ -439,7 +472,7 @@ int32_t give_up_handshake(tlsc_sock *sock, const char *server, int ret) {
 int shake_hands(tlsc_sock *sock, int32_t fd) {
     sock->ssl_fd = fd;
     sock->sockfd = fd;
-    SSL_set_fd(sock->ssl, fd);
+    (void)tlsc_transport_attach(sock->ssl, fd);  // without it the handshake fails
     SSL_set_connect_state(sock->ssl);
     ERR_clear_error();
     is_key_used   = false;
@@ -461,9 +494,11 @@ int32_t tlsc_create_tcp_conn() {
         return conn_failed;
     }
 
+    (void)send_collected_records();  // to the connection that is replaced
     sock->ssl = SSL_new(sock->ssl_ctx ? sock->ssl_ctx : tlsc_ssl_ctx);
     if (!sock->ssl) {
         TLSC_ERROR("Could not get new SSL handle");
+        ERR_clear_error();
         return conn_failed;
     }
 
@@ -513,12 +548,12 @@ int32_t tlsc_ssl_write(tlsc_sock *sock, const void *buff, int32_t length, int32_
     }
 
     tlsc_log_hex(buff, length > 0 ? static_cast<size_t>(length) : 0);
-    drop_stale_errors();
     const int written = write_tls(sock->ssl, buff, length);
     if (written < 1) {
         const int     saved_errno = errno;
         const int     error       = tlsc_ossl_get_error(sock->ssl, written);
         const int32_t translated  = translate_ssl_error(error);
+        ERR_clear_error();
         count_ssl_error(ssl_write_errors, error);
         TLSC_ERROR("SSL write error received = %d, translated-ssl-error = %d, write_len = %d, errno = %d", error,
                    translated, written, saved_errno);
@@ -535,11 +570,11 @@ int32_t tlsc_ssl_read(tlsc_sock *sock, void *buff, int32_t length, int32_t *resu
         return 0;
     }
 
-    drop_stale_errors();
     const int count = read_tls(sock->ssl, buff, length);
     if (count < 1) {
         const int     error      = tlsc_ossl_get_error(sock->ssl, count);
         const int32_t translated = translate_ssl_error(error);
+        ERR_clear_error();
         count_ssl_error(ssl_read_errors, error);
         TLSC_ERROR("SSL Read error received = %d, translated-ssl-error = %d", error, translated);
         if (result) *result = translated;
@@ -572,8 +607,7 @@ void tlsc_close_transport(int32_t fd) {
     close(fd);
     tlsc_forget_fd_events(fd);
     for (SSL *ssl : {tlsc_get_sock()->ssl, tlsc_old_transport.ssl})
-        if (ssl && SSL_get_fd(ssl) == fd) SSL_set_fd(ssl, -1);
-    ERR_clear_error();
+        if (ssl && SSL_get_fd(ssl) == fd) tlsc_transport_forget(ssl);
 }
 
 int32_t tlsc_set_sock_nonblocking(int32_t fd) {
@@ -730,6 +764,7 @@ int32_t tlsc_sock_error(int32_t) {
     TLSC_ERROR("Closing connection and bringing down tun interface");
     TLSC_DEBUG("Disable data transfer, new state %d", 0);
     tlsc_dp_state = 0;
+    (void)tlsc_transport_flush(false);
     if (tlsc_old_transport.fd > 0 && tlsc_old_transport.fd != sock->sockfd) drop_old_transport();
     if (sock->sockfd > 0) drop_transport(sock);
     sock->ssl_up    = 0;
@@ -785,6 +820,13 @@ void exchange_address(uint8_t *packet, size_t offset, const void *address) {
     tlsc_checksum(packet, old_sum, offset);
 }
 
+constexpr size_t checksum_reach = 80;  // the largest IPv4 header, and a TCP header up to behind its checksum
+
+// What the checksum repair may look at behind a short packet.
+void clear_behind(uint8_t *packet, size_t length) {
+    if (length < checksum_reach) memset(packet + length, 0, checksum_reach - length);
+}
+
 constexpr const char *resp_names[] = {
     "TLSC_CSTP_RESP_ERR_NONE",      "TLSC_CSTP_START_TIMER_FAILED", "TLSC_CSTP_INVALID_FRAME_RECVD",
     "TLSC_CSTP_FRAME_SIZE_TOO_BIG", "TLSC_CSTP_DATA_WRITE_FAILED",  "TLSC_CSTP_EPOLL_CTL_FAILED",
@@ -831,8 +873,8 @@ int32_t tlsc_tun_read_and_process(tlsc_sock *sock) {
         return 0;
     }
 
-    uint8_t       packet[max_packet_size] = {};  // the checksum repair may look behind a short packet
-    const ssize_t count                   = read(sock->sess->tun_fd, packet, sizeof(packet));
+    uint8_t       packet[max_packet_size];
+    const ssize_t count = read(sock->sess->tun_fd, packet, sizeof(packet));
     if (count < 1) {
         count_tun_error(tun_read_errors, errno);
         TLSC_ERROR("Could not read pkt from tun");
@@ -840,6 +882,7 @@ int32_t tlsc_tun_read_and_process(tlsc_sock *sock) {
     }
     TLSC_DEBUG("read %d bytes from tun in read and process", static_cast<int>(count));
     tlsc_count(&tlsc_stats::tun_pkt_rx);
+    clear_behind(packet, static_cast<size_t>(count));
 
     if (is_ipv4(packet)) exchange_address(packet, source_offset, inner_address());
     if (tlsc_dp_state == 0) {
@@ -1013,6 +1056,29 @@ constexpr uint32_t error_events = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 
 bool is_interface_gone;  // deleted from outside: the run ends early, the next one makes another
 
+// ---- load ----------------------------------------------------------------------------------------------------------
+// A packet that travels alone is sent at once. After some in a row the loop looks, once, whether more events wait
+// already: while they do, the records of the packets are collected and sent together when nothing more waits. Each look
+// in vain doubles the number of packets before the next.
+
+constexpr unsigned first_look = 4;
+constexpr unsigned last_look  = 1024;
+
+struct {
+    bool     is_on;                    // records are collected
+    unsigned packets;                  // sent since the last look
+    unsigned look_after = first_look;  // packets
+} load;
+
+bool is_time_to_look() { return load.is_on || load.packets >= load.look_after; }
+
+void note_look(bool found_more) {
+    if (found_more || load.is_on) load.look_after = first_look;
+    else load.look_after = std::min(load.look_after * 2, last_look);
+    load.is_on   = found_more;
+    load.packets = 0;
+}
+
 // ---- traffic -------------------------------------------------------------------------------------------------------
 
 void on_tun_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
@@ -1029,20 +1095,22 @@ void on_tun_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
         TLSC_DEBUG("DP STATE DOWN");  // the packet stays queued and the event comes again
         return;
     }
-    if (!tlsc_tun_read_and_process(sock)) tlsc_sock_error(TLSC_DOWN_SSL_WRITE);
+    tlsc_transport_collect(load.is_on);
+    const int32_t result = tlsc_tun_read_and_process(sock);
+    tlsc_transport_collect(false);
+    ++load.packets;
+    if (!result) tlsc_sock_error(TLSC_DOWN_SSL_WRITE);
 }
 
-void on_ssl_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
+// One frame, of a session that is readable.
+void read_frame(tlsc_sock *sock) {
     constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
 
-    if (mask & error_events) {
-        TLSC_ERROR("Error [%d] occured on SSL-Socket-fd(%d).. closing connection", static_cast<int>(mask), fd);
-        tlsc_sock_error(TLSC_DOWN_SOCKET_ERROR);
-        return;
-    }
     TLSC_DEBUG("Got data on SSL socket");
     tlsc_cstp_frame frame;
-    const int32_t   result = tlsc_cstp_read_frame(sock, &frame);
+    tlsc_transport_read_whole_records(true);
+    const int32_t result = tlsc_cstp_read_frame(sock, &frame);
+    tlsc_transport_read_whole_records(false);
     if (result != TLSC_SSL_OK) {
         TLSC_ERROR("SSL returned error = %d, while trying to read data", result);
         if (result == TLSC_SSL_ERROR) tlsc_sock_error(TLSC_DOWN_SSL_READ);
@@ -1056,6 +1124,26 @@ void on_ssl_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
         TLSC_ERROR("Processing CSTP frame returned error %s\n", tlsc_cstp_resp_name(*resp));
         tlsc_sock_error(TLSC_DOWN_CSTP_RESPONSE);
     }
+}
+
+bool has_read_frames;  // in this pass
+
+// One frame while other events wait, or, alone, those of one buffer.
+void read_frames(tlsc_sock *sock, bool alone) {
+    has_read_frames = true;
+    do read_frame(sock);
+    while (alone && exit_client != 1 && tlsc_transport_is_readable(sock->ssl));
+}
+
+void on_ssl_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
+
+    if (mask & error_events) {
+        TLSC_ERROR("Error [%d] occured on SSL-Socket-fd(%d).. closing connection", static_cast<int>(mask), fd);
+        tlsc_sock_error(TLSC_DOWN_SOCKET_ERROR);
+        return;
+    }
+    if (tlsc_transport_take_in(sock->ssl)) read_frames(sock, pass_count == 1);
 }
 
 void on_unknown_event(tlsc_fd_type type) {
@@ -1187,6 +1275,7 @@ bool set_up_tunnel(tlsc_sock *sock) {
 
     if (!create_epoll()) return false;
     register_command_pipe();
+    tlsc_transport_cut_waits(false);  // as with stale commands: who asked for it meant an earlier run
     if (!sock) {
         TLSC_ERROR("Could not get client-socket ptr");
         return false;
@@ -1247,23 +1336,46 @@ int wait_for_events(int timeout_ms) {
     return epoll_wait(tlsc_epoll_fd, tlsc_epoll_events, max_events, timeout_ms);
 }
 
-void handle_one_pass(tlsc_sock *sock) {
+// What waits already. Others come in between all the same.
+int look_for_events() {
+    if (tlsc_is_awaited()) tlsc_turn pause(TLSC_AT_SAFEPOINT);
+    return epoll_wait(tlsc_epoll_fd, tlsc_epoll_events, max_events, 0);
+}
+
+// The next events: without waiting while records wait to be read or sent. Below 1 when there are none.
+int next_events(tlsc_sock *sock) {
     constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
 
+    if (is_time_to_look() || tlsc_transport_is_readable(sock->ssl)) {
+        const int count = look_for_events();
+        note_look(count > 0);
+        if (count > 0) return count;
+        if (!send_collected_records()) tlsc_sock_error(TLSC_DOWN_SSL_WRITE);
+        if (tlsc_transport_is_readable(sock->ssl)) return 0;
+    }
     const bool is_timeless = !tlsc_is_any_timer_running();
-    pass_count             = wait_for_events(is_timeless ? look_interval_ms : -1);
-    pass_next              = 0;
-    if (pass_count < 0 || (pass_count == 0 && !is_timeless)) TLSC_ERROR("EPOLL Wait timed out");
+    const int  count       = wait_for_events(is_timeless ? look_interval_ms : -1);
+    if (count < 0 || (count == 0 && !is_timeless)) TLSC_ERROR("EPOLL Wait timed out");
+    return count;
+}
+
+void handle_one_pass(tlsc_sock *sock) {
+    follow_log_level(sock->ssl);
+    has_read_frames = false;
+    pass_count      = next_events(sock);
+    pass_next       = 0;
     while (pass_next < pass_count) {
         const epoll_event event = tlsc_epoll_events[pass_next++];
         handle_event(sock, event.data.fd, event.events);
     }
+    if (!has_read_frames && tlsc_transport_is_readable(sock->ssl)) read_frames(sock, pass_count == 0);
     pass_count = 0;
     look_after_timeless_tunnel(sock);
 }
 
 // The TLS session is not released here: the process's clean-up or the next connection does it.
 void end_tunnel(tlsc_sock *sock) {
+    (void)tlsc_transport_flush(false);
     tlsc_tun_delete(sock->sess, TLSC_DOWN_NO_ERROR);
     tlsc_end_timers();
     if (sock->sockfd > 0) {

@@ -17,6 +17,7 @@
 
 #include "tlsc_config.h"
 #include "tlsc_debug.h"
+#include "tlsc_transport.h"
 #include "tlsc_turn.h"
 
 #include "tlsc_engine.h"   // the command pipe's ends, TLS set-up
@@ -94,7 +95,11 @@ int32_t send_command(tlsc_cli_cmd_id id, int32_t value, const char *operation) {
 
 }  // namespace
 
-int32_t tlsc_send_exit_client_req() { return send_command(CLI_CMD_EXIT_CLIENT, 0, __func__); }
+int32_t tlsc_send_exit_client_req() {
+    const int32_t sent = send_command(CLI_CMD_EXIT_CLIENT, 0, __func__);
+    if (sent) tlsc_transport_cut_waits(true);  // the peer is not waited for until the command is read
+    return sent;
+}
 
 int32_t tlsc_send_log_lvl_chg_req(int32_t level) { return send_command(CLI_CMD_LOG_LEVEL, level, __func__); }
 

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -21,10 +22,10 @@
 
 #include "tlsc_openssl.h"
 
+#include "tlsc_turn.h"
+
 // ==== 1 The socket ===============================================================================================
 // A wait is cut into looks, so that an order to end does not wait for the peer.
-
-void (*tlsc_transport_before_wait)();
 
 namespace {
 
@@ -49,9 +50,13 @@ time_t seconds_now() {
 }
 
 // Waits until the socket is ready or has failed, which the next call on it tells. False with errno when the wait itself
-// is over.
+// is over, or is not wanted: EAGAIN for a socket that somebody has made non-blocking.
 bool wait_for(int fd, short events) {
-    if (tlsc_transport_before_wait) tlsc_transport_before_wait();
+    if ((fcntl(fd, F_GETFL) & O_NONBLOCK) != 0) {
+        errno = EAGAIN;
+        return false;
+    }
+    tlsc_wait_in_tls();
     const time_t last = seconds_now() + patience_seconds;
     for (;;) {
         pollfd    ready{fd, events, 0};
@@ -71,18 +76,15 @@ bool wait_for(int fd, short events) {
 
 bool would_block(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
-// False with errno when not everything could be sent.
-bool send_all(int fd, const uint8_t *bytes, size_t size, bool can_wait) {
-    while (size > 0) {
-        const ssize_t sent = send_now(fd, bytes, size);
-        if (sent >= 0) {
-            bytes += sent;
-            size -= static_cast<size_t>(sent);
-        } else if (!would_block(errno) || !can_wait || !wait_for(fd, POLLOUT)) {
-            return false;
-        }
+// Returns how much was sent; with errno when that is not everything.
+size_t send_all(int fd, const uint8_t *bytes, size_t size, bool can_wait) {
+    size_t sent = 0;
+    while (sent < size) {
+        const ssize_t count = send_now(fd, bytes + sent, size - sent);
+        if (count >= 0) sent += static_cast<size_t>(count);
+        else if (!would_block(errno) || !can_wait || !wait_for(fd, POLLOUT)) break;
     }
-    return true;
+    return sent;
 }
 
 // ==== 2 Coming in ================================================================================================
@@ -193,7 +195,7 @@ bool send_collected(int fd, bool can_wait) {
     const size_t size = outgoing.used;
     outgoing.used     = 0;  // whatever comes of it: nothing is written twice
     outgoing.records  = 0;
-    return send_all(fd, outgoing.bytes, size, can_wait);
+    return send_all(fd, outgoing.bytes, size, can_wait) == size;
 }
 
 // Larger than the buffer never comes here.
@@ -229,7 +231,6 @@ int reach_record(BIO *bio) {
     if (whole_records_only && !SSL_in_init(owner_session)) {
         if (!has_whole_record() && incoming.state == stream_state::open) (void)fill(fd);
         if (!has_whole_record() && incoming.state == stream_state::open) {
-            BIO_set_retry_read(bio);
             errno = EAGAIN;
             return -1;
         }
@@ -247,6 +248,7 @@ int read_bio(BIO *bio, char *out, int size) {
         return -1;
     }
     const int result = incoming.to_record == 0 ? reach_record(bio) : fill_up_to(fd_of(bio), 1);
+    if (result < 0 && errno == EAGAIN) BIO_set_retry_read(bio);
     return result > 0 ? hand_out(out, static_cast<size_t>(size)) : result;
 }
 
@@ -257,7 +259,11 @@ int write_bio(BIO *bio, const char *bytes, int size) {
     const size_t count = static_cast<size_t>(size);
     if (bio == owner && collecting && count <= write_at_once) return collect(fd, bytes, count) ? size : -1;
     if (bio == owner && !send_collected(fd, true)) return -1;
-    return send_all(fd, reinterpret_cast<const uint8_t *>(bytes), count, true) ? size : -1;
+    const size_t sent = send_all(fd, reinterpret_cast<const uint8_t *>(bytes), count, true);
+    if (sent == count) return size;
+    if (errno != EAGAIN) return -1;
+    BIO_set_retry_write(bio);
+    return sent > 0 ? static_cast<int>(sent) : -1;
 }
 
 int create_bio(BIO *bio) {

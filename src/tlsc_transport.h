@@ -9,9 +9,6 @@ struct ssl_st;
 
 extern "C" {
 
-// Called before each wait for the peer, null at process start. What it does must not use the TLS session.
-extern void (*tlsc_transport_before_wait)();
-
 // Puts the descriptor of a connected socket under the session, which gets the buffers; those of the session before are
 // emptied, unsent bytes without waiting. The descriptor stays the caller's; see SSL_get_fd(3). Returns 1, or 0 when out
 // of memory.

@@ -1,6 +1,7 @@
 #include "tlsc_turn.h"
 
 #include <atomic>
+#include <cerrno>
 #include <ctime>
 #include <pthread.h>
 #include <unistd.h>
@@ -119,6 +120,19 @@ tlsc_turn::~tlsc_turn() {
     if (before_ == TLSC_AT_WORK) go_to_work(TLSC_AT_SAFEPOINT);
     else step_back_to(before_);
 }
+
+void tlsc_wait_in_tls() {
+    if (here == TLSC_AT_WORK) step_back_to(TLSC_IN_TLS);
+}
+
+void tlsc_back_to_work() {
+    if (here != TLSC_IN_TLS) return;
+    const int saved = errno;
+    go_to_work(TLSC_AT_SAFEPOINT);
+    errno = saved;
+}
+
+bool tlsc_is_awaited() { return (turn.load(std::memory_order_relaxed) & gate_shut) != 0; }
 
 void tlsc_sleep_out_of_turn(unsigned seconds) {
     tlsc_turn pause(TLSC_AT_SAFEPOINT);

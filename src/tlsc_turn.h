@@ -29,6 +29,15 @@ private:
     const int32_t before_;
 };
 
+// Inside a call into OpenSSL, before it waits for the peer: a thread at work is inside OpenSSL from now on.
+void tlsc_wait_in_tls();
+
+// Behind such a call, which may have waited: the thread goes back to work, if it was there. Leaves errno alone.
+void tlsc_back_to_work();
+
+// True when somebody waits for the thread at work to come to a safepoint.
+bool tlsc_is_awaited();
+
 // Sleeps at a safepoint.
 void tlsc_sleep_out_of_turn(unsigned seconds);
 

@@ -8,6 +8,7 @@
 #include <sys/timerfd.h>
 
 #include "tlsc_cstp.h"
+#include "tlsc_transport.h"
 
 #include "tls_peer.h"
 #include "tunnel_fixture.h"
@@ -470,15 +471,23 @@ TEST_F(engine_io, writing_to_a_peer_that_went_away_is_an_error_and_not_a_signal)
     EXPECT_TRUE(log.contains("SSL write error received = 5, translated-ssl-error = 0, write_len = -1"));
 }
 
-TEST_F(engine_io, a_stale_error_does_not_colour_the_class_of_the_next) {
+TEST_F(engine_io, a_failed_call_leaves_no_error_that_would_colour_the_class_of_the_next) {
     tls_peer peer;
     connect_to(peer);
-    ASSERT_EQ(fcntl(sock->sockfd, F_SETFL, O_NONBLOCK), 0);
-    ERR_put_error(ERR_LIB_USER, 0, 1, __FILE__, __LINE__);
+    peer.connection(0).send_raw(std::string("\x17\x03\x03\x00\x01x", 6));  // a record that cannot be read
     char    bytes[10];
     int32_t result = -1;
     EXPECT_EQ(tlsc_ssl_read(sock, bytes, sizeof(bytes), &result), 0);
-    EXPECT_EQ(result, 2);
+    EXPECT_TRUE(log.contains("SSL Read error received = 1, translated-ssl-error = 0"));
+    EXPECT_EQ(ERR_peek_error(), 0u);
+
+    (void)tlsc_ssl_write(sock, "x", 1, &result);  // 3.0 refuses, the 1.0 series still writes
+    EXPECT_EQ(ERR_peek_error(), 0u);
+
+    conf->server_port = peer.port();
+    peer.meet_with(tls_peer::manner::garbage);
+    EXPECT_EQ(tlsc_create_tcp_conn(), 7);
+    EXPECT_EQ(ERR_peek_error(), 0u);
 }
 
 TEST_F(engine_io, written_bytes_are_dumped_at_level_5_only) {
@@ -506,6 +515,48 @@ TEST_F(engine_io, the_dump_comes_before_the_attempt_to_write) {
     sock->ssl_up = 0;
     EXPECT_EQ(tlsc_ssl_write(sock, "\xab\xcd\xef", 3, nullptr), 0);
     EXPECT_FALSE(log.contains(" ab cd ef"));
+}
+
+TEST_F(engine_io, what_was_collected_goes_out_before_another_connection_is_made) {
+    tls_peer peer;
+    connect_to(peer);
+    tlsc_transport_collect(true);
+    EXPECT_EQ(tlsc_ssl_write(sock, "collected", 9, nullptr), 9);
+    tlsc_transport_collect(false);
+    SSL *const    first    = sock->ssl;
+    const int32_t first_fd = sock->sockfd;
+    EXPECT_EQ(tlsc_create_tcp_conn(), 1);
+    EXPECT_EQ(peer.connection(0).read_record(), "collected");
+    SSL_free(first);
+    close(first_fd);
+}
+
+TEST_F(engine_io, what_was_collected_goes_out_in_a_teardown) {
+    tls_peer peer;
+    connect_to(peer);
+    tlsc_transport_collect(true);
+    EXPECT_EQ(tlsc_ssl_write(sock, "collected", 9, nullptr), 9);
+    tlsc_transport_collect(false);
+    tlsc_sock_error(TLSC_DOWN_NO_ERROR);
+    EXPECT_EQ(peer.connection(0).read_record(), "collected");
+}
+
+TEST_F(engine_io, collected_records_that_cannot_be_sent_are_one_write_error) {
+    tls_peer peer;
+    connect_to(peer);
+    tlsc_transport_collect(true);
+    EXPECT_EQ(tlsc_ssl_write(sock, "collected", 9, nullptr), 9);
+    tlsc_transport_collect(false);
+    SSL *const    first    = sock->ssl;
+    const int32_t first_fd = sock->sockfd;
+    shutdown(first_fd, SHUT_RDWR);
+    EXPECT_EQ(tlsc_create_tcp_conn(), 1);
+    EXPECT_TRUE(
+        log.has("ERROR", engine_file, "tlsc_ssl_write",
+                text_of("SSL write error received = 5, translated-ssl-error = 0, write_len = -1, errno = %d", EPIPE)));
+    expect_counters({{"ssl_write_errors_total", 1}, {"ssl_write_errors_others", 1}, {"ctrl_pkt_tx", 1}});
+    SSL_free(first);
+    close(first_fd);
 }
 
 // ---- reading --------------------------------------------------------------------------------------------------------

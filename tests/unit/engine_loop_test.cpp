@@ -10,13 +10,16 @@
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
+#include <sys/syscall.h>
 
 #include "tlsc_main.h"
 #include "tlsc_openssl.h"
 #include "tlsc_session.h"
+#include "tlsc_transport.h"
 #include "tlsc_turn.h"
 
 #include "hand_clock.h"
+#include "sealed_peer.h"
 #include "tls_peer.h"
 #include "tunnel_fixture.h"
 
@@ -36,6 +39,9 @@ std::atomic<bool>        mod_fails;
 std::atomic<int>         undeletable{-1};  // removing this descriptor from epoll fails
 std::atomic<int>         max_events_asked;
 std::atomic<int>         timeout_asked;
+std::atomic<int>         waits;          // asked for so far
+std::atomic<int>         sends;          // to the gateway so far
+std::atomic<int>         reports;        // of TLS messages so far
 std::atomic<int>         wait_failures;  // so many waits return 0 or -1, in turn
 std::atomic<int>         forged_fd{-1};  // the next wait returns one event, of this descriptor
 std::atomic<uint32_t>    forged_mask;
@@ -109,6 +115,7 @@ extern "C" int __real_epoll_wait(int epoll_fd, epoll_event *events, int max, int
 extern "C" int __wrap_epoll_wait(int epoll_fd, epoll_event *events, int max, int timeout) {
     max_events_asked = max;
     timeout_asked    = timeout;
+    ++waits;
     if (wait_failures > 0) {
         errno = EINTR;
         return wait_failures-- % 2 - 1;
@@ -138,6 +145,20 @@ extern "C" int __wrap_clock_gettime(clockid_t clock, timespec *time) {
     const int result = __real_clock_gettime(clock, time);
     if (clock == CLOCK_MONOTONIC) time->tv_sec += seconds_ahead;
     return result;
+}
+
+extern "C" void __real_tlsc_ssl_msg_cb(int write_p, int version, int content_type, const void *buf, size_t len,
+                                       SSL *ssl, void *arg);
+extern "C" void __wrap_tlsc_ssl_msg_cb(int write_p, int version, int content_type, const void *buf, size_t len,
+                                       SSL *ssl, void *arg) {
+    ++reports;
+    __real_tlsc_ssl_msg_cb(write_p, version, content_type, buf, len, ssl, arg);
+}
+
+extern "C" long __real_syscall(long number, long a, long b, long c, long d, long e, long f);
+extern "C" long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f) {
+    sends += number == SYS_sendto;
+    return __real_syscall(number, a, b, c, d, e, f);
 }
 
 extern "C" int __real_SSL_get_error(const SSL *ssl, int ret);
@@ -363,7 +384,8 @@ protected:
             return holds;
         });
     }
-    // The next pass has this one event; what the gateway sends to wake the thread up is handled in the pass behind it.
+    // The next pass has this one event; what the gateway sends to wake the thread up is handled in the pass behind
+    // it.
     void forge_event(tls_peer &peer, int fd, uint32_t mask) {
         forged_mask = mask;
         forged_fd   = fd;
@@ -415,8 +437,8 @@ protected:
     bool torn_down(size_t times = 1) {
         return hand_clock::wait_for("backoff", times) && eventually_at_rest([&] { return teardowns() >= times; });
     }
-    // Holds the thread that waits for this peer inside OpenSSL, ends the wait, and sees that nothing happens before the
-    // thread is resumed.
+    // Holds the thread that waits for this peer inside OpenSSL, ends the wait, and sees that nothing happens before
+    // the thread is resumed.
     void expect_held_back(tls_peer &peer) {
         ASSERT_TRUE(tlsc_hold_tunnel_thread(0));
         peer.connection(0).hang_up();
@@ -448,6 +470,44 @@ protected:
             sendto(packets, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&place_), sizeof(place_)),
             static_cast<ssize_t>(packet.size()));
     }
+    // The next packet from this address that the interface delivers to the device.
+    static std::string receive_from(int packets, const char *from) {
+        char bytes[2000];
+        for (;;) {
+            const ssize_t count = recv(packets, bytes, sizeof(bytes), 0);
+            if (count < 0) return "";
+            std::string packet(bytes, static_cast<size_t>(count));
+            if (dotted(packet, 12) == from) return packet;
+        }
+    }
+    // Fills the connection; the gateway reads nothing.
+    void fill_the_way_out() {
+        at_rest([this] {
+            const std::string block(100000, 'x');
+            for (size_t size : {block.size(), size_t{1}})
+                while (send(sock->sockfd, block.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL) > 0) continue;
+        });
+    }
+    // How often OpenSSL reports a message while one more record from this peer is read.
+    int reports_of_a_record(tls_peer &peer) {
+        const int  before = reports;
+        tlsc_stats stats;
+        tlsc_stats_get(&stats);
+        const uint64_t responses = stats.dpd_rsp_rx;
+        EXPECT_TRUE(peer.connection(0).write(wire_frame(CSTP_DPD_RESPONSE, "")));
+        EXPECT_TRUE(eventually_at_rest([&] {
+            tlsc_stats_get(&stats);
+            return stats.dpd_rsp_rx > responses;
+        }));
+        return reports - before;
+    }
+    // The position of the last message like this one, or -1.
+    int last_position(const std::string &pattern) const {
+        const std::vector<std::string> all = log.messages();
+        for (size_t i = all.size(); i > 0; --i)
+            if (begins_like(all[i - 1].c_str(), pattern.c_str())) return static_cast<int>(i - 1);
+        return -1;
+    }
     static bool interface_exists() { return if_nametoindex("loop0") != 0; }
 
     std::thread       thread_;
@@ -455,7 +515,8 @@ protected:
     sockaddr_ll       place_{};
 };
 
-// ---- set-up ---------------------------------------------------------------------------------------------------------
+// ---- set-up
+// ---------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, a_run_goes_from_connection_to_orderly_end) {
     const int before = open_descriptors();
@@ -780,7 +841,8 @@ TEST_F(engine_loop, a_peer_that_goes_away_does_not_kill_the_process) {
     EXPECT_EQ(signal(SIGPIPE, SIG_IGN), SIG_IGN);
 }
 
-// ---- traffic --------------------------------------------------------------------------------------------------------
+// ---- traffic
+// --------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, packets_go_both_ways_with_their_addresses_exchanged) {
     tls_peer peer;
@@ -1057,8 +1119,8 @@ TEST_F(engine_loop, a_packet_that_cannot_be_sent_tears_down) {
 TEST_F(engine_loop, a_later_event_of_a_closed_descriptor_is_only_logged_even_when_its_number_is_used_again) {
     tls_peer peer;
     bring_up(peer);
-    // The command reconnects to a port where nobody listens; the teardown closes the transport and the backoff timer
-    // takes its number. The transport's own event of the same pass comes after that.
+    // The command reconnects to a port where nobody listens; the teardown closes the transport and the backoff
+    // timer takes its number. The transport's own event of the same pass comes after that.
     uint16_t dead;
     {
         tls_peer gone;
@@ -1085,8 +1147,8 @@ TEST_F(engine_loop, a_later_event_of_a_closed_descriptor_is_only_logged_even_whe
 TEST_F(engine_loop, a_later_event_of_a_closed_timer_is_not_taken_for_one_of_the_new_connection) {
     tls_peer peer;
     bring_up(peer);
-    // The command stops all timers and connects anew; the socket takes the number of a timer that has expired in the
-    // same pass.
+    // The command stops all timers and connects anew; the socket takes the number of a timer that has expired in
+    // the same pass.
     const int expired = tlsc_timers.rekey;
     first_in_pass     = cli_pipe_rd_fd.load();
     log.clear();
@@ -1106,7 +1168,8 @@ TEST_F(engine_loop, a_later_event_of_a_closed_timer_is_not_taken_for_one_of_the_
     answer(peer, 1);
 }
 
-// ---- timers in the loop ---------------------------------------------------------------------------------------------
+// ---- timers in the loop
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, dead_peer_detection_asks_four_times_and_then_gives_up) {
     tls_peer peer;
@@ -1414,7 +1477,8 @@ TEST_F(engine_loop, a_run_that_ends_in_the_backoff_starts_it_anew_for_the_next) 
     EXPECT_EQ(tlsc_backoff_interval, 0u);
 }
 
-// ---- standing still -------------------------------------------------------------------------------------------------
+// ---- standing still
+// -------------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, a_halted_thread_goes_on_when_it_is_resumed) {
     tls_peer peer;
@@ -1488,12 +1552,18 @@ TEST_F(engine_loop, a_thread_in_a_handshake_can_be_held_and_stands_still_when_it
     expect_held_back(peer);
 }
 
-TEST_F(engine_loop, a_thread_that_waits_for_the_rest_of_a_tls_record_can_be_held) {
+TEST_F(engine_loop, a_peer_that_is_silent_inside_a_record_holds_nothing_up) {
     tls_peer peer;
     bring_up(peer);
-    peer.connection(0).send_raw(std::string("\x17\x03\x03\x01\x00 the beginning", 19));
-    ASSERT_TRUE(eventually(is_inside_openssl));
-    expect_held_back(peer);
+    for (const char *part : {"\x17\x03\x03", "\x01\x10 the beginning"}) {
+        peer.connection(0).send_raw(part);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_FALSE(is_inside_openssl());
+    }
+    hand_clock::expire("dpd");
+    EXPECT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_DPD_REQ, ""));
+    stop();
+    EXPECT_EQ(teardowns(), 0u);
 }
 
 TEST_F(engine_loop, a_thread_whose_peer_does_not_read_can_be_held) {
@@ -1560,7 +1630,146 @@ TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_in_a_handshake_can
         ::testing::ExitedWithCode(0), "");
 }
 
-// ---- the end of the process, and another beginning -----------------------------------------------------------------
+// ---- many records at a time
+// -------------------------------------------------------------------------------------------
+
+TEST_F(engine_loop, a_packet_that_travels_alone_costs_one_wait_and_no_look) {
+    tls_peer peer;
+    bring_up(peer);
+    const int packets = open_packet_socket();
+    const int before  = waits;
+    for (int i = 0; i < 3; ++i) {
+        emit(packets, udp_packet("192.168.1.5", "8.8.8.8"));
+        EXPECT_NE(peer.connection(0).read_record(), "");
+    }
+    at_rest([] {});
+    EXPECT_EQ(waits - before, 3);
+    EXPECT_EQ(timeout_asked, -1);
+    close(packets);
+}
+
+TEST_F(engine_loop, packets_that_wait_for_each_other_go_out_together_and_in_order) {
+    tls_peer peer;
+    bring_up(peer);
+    const int packets = open_packet_socket();
+    hold_wait         = true;
+    for (int i = 0; i < 100; ++i) {
+        std::string packet = udp_packet("192.168.1.5", "8.8.8.8");
+        packet.back()      = static_cast<char>(i);
+        emit(packets, packet);
+    }
+    const int before = sends;
+    hold_wait        = false;
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(peer.connection(0).read_record().back(), static_cast<char>(i)) << i;
+    at_rest([] {});
+    EXPECT_LE(sends - before, 4 + 100 / 16 + 1);  // the first are sent alone
+    EXPECT_EQ(timeout_asked, -1);
+    close(packets);
+    stop();
+    tlsc_stats stats;
+    tlsc_stats_get(&stats);
+    EXPECT_EQ(stats.data_pkt_tx, 100u);
+}
+
+TEST_F(engine_loop, frames_are_delivered_however_their_bytes_are_cut) {
+    sealed_peer peer;
+    peer.accept();
+    conf->server_port = peer.port();
+    start();
+    peer.wait_until_up();
+    ASSERT_EQ(peer.open(), wire_frame(CSTP_CONFIG_REQ, request));
+    peer.send(peer.seal(wire_frame(CSTP_CONFIG_RESPONSE, good)));
+    ASSERT_TRUE(hand_clock::wait_for("dpd"));
+    const int         packets = open_packet_socket();
+    const std::string frame   = wire_frame(CSTP_DATA, udp_packet("8.8.8.8", "10.99.0.7"));
+    for (size_t cut = 0, size = 2; cut < size; ++cut) {
+        const std::string bytes = peer.seal_all({frame, frame});
+        size                    = bytes.size();
+        peer.send(bytes.substr(0, cut));
+        if (cut % 7 == 0) at_rest([] {});
+        peer.send(bytes.substr(cut));
+        for (int i = 0; i < 2; ++i) ASSERT_EQ(dotted(receive_from(packets, "8.8.8.8"), 16), "192.168.1.5") << cut;
+    }
+    for (char byte : peer.seal(frame)) peer.send(std::string(1, byte));
+    EXPECT_EQ(dotted(receive_from(packets, "8.8.8.8"), 16), "192.168.1.5");
+    close(packets);
+    stop();
+    EXPECT_EQ(teardowns(), 0u);
+}
+
+TEST_F(engine_loop, frames_that_came_with_the_handshake_are_handled_without_an_event) {
+    sealed_peer peer;
+    peer.accept({wire_frame(CSTP_CONFIG_RESPONSE, good), wire_frame(CSTP_DPD_RESPONSE, "")});
+    conf->server_port = peer.port();
+    start();
+    peer.wait_until_up();
+    EXPECT_TRUE(hand_clock::wait_for("dpd"));
+    EXPECT_TRUE(
+        eventually([this] { return logged_like("INFO", "tlsc_process_cstp_frame", "Got CSTP dpd resp frame *"); }));
+    stop();
+    EXPECT_EQ(teardowns(), 0u);
+}
+
+TEST_F(engine_loop, timers_get_their_turn_between_two_buffers_of_records) {
+    tls_peer peer;
+    bring_up(peer);
+    const std::string frame = wire_frame(CSTP_DATA, udp_packet("8.8.8.8", "10.99.0.7"));
+    hold_wait               = true;
+    for (int i = 0; i < 1000; ++i) ASSERT_TRUE(peer.connection(0).write(frame));
+    hand_clock::expire("dpd");
+    hold_wait = false;
+    EXPECT_EQ(peer.connection(0).read_record(), wire_frame(CSTP_DPD_REQ, ""));
+    stop();
+    EXPECT_LT(position("DPD timer expiry event"), last_position("Got CSTP Data frame of len ~ for conn *"));
+    EXPECT_EQ(teardowns(), 0u);
+}
+
+TEST_F(engine_loop, an_order_to_end_is_not_held_up_by_records_that_wait) {
+    tls_peer peer;
+    bring_up(peer);
+    hold_wait = true;
+    for (int i = 0; i < 1000; ++i) ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DATA, "x")));
+    EXPECT_EQ(tlsc_send_exit_client_req(), 1);
+    hold_wait = false;
+    stop();
+    tlsc_stats stats;
+    tlsc_stats_get(&stats);
+    EXPECT_LT(stats.data_pkt_rx, 500u);  // what fits into one buffer, at most
+}
+
+TEST_F(engine_loop, frames_read_with_others_before_a_fin_are_delivered_and_those_behind_are_not) {
+    tls_peer peer;
+    bring_up(peer);
+    hold_wait = true;
+    for (int i = 0; i < 10; ++i) ASSERT_TRUE(peer.connection(0).write(wire_frame(CSTP_DATA, "x")));
+    peer.connection(0).send_fin();
+    hold_wait = false;
+    EXPECT_TRUE(torn_down());
+    stop();
+    EXPECT_TRUE(logged_like("ERROR", "tlsc_start_epoll", "Error [~] occured on SSL-Socket-fd(~).. closing connection"));
+    tlsc_stats stats;
+    tlsc_stats_get(&stats);
+    EXPECT_EQ(stats.data_pkt_rx, 0u);  // the end was seen before the first read
+}
+
+TEST_F(engine_loop, openssl_reports_its_messages_only_while_the_log_level_asks_for_them) {
+    tls_peer peer;
+    tlsc_log_level = LOG_INFO;
+    bring_up(peer);
+    EXPECT_EQ(reports_of_a_record(peer), 0);
+    EXPECT_EQ(tlsc_send_log_lvl_chg_req(LOG_SSL_DBG), 1);
+    EXPECT_TRUE(logged("Log level changed to: 4"));
+    at_rest([] {});
+    EXPECT_GT(reports_of_a_record(peer), 0);
+    EXPECT_GE(last_position("<<< *"), 0);
+    tlsc_log_level = LOG_INFO;  // as a new reading of the configuration changes it
+    EXPECT_GT(reports_of_a_record(peer), 0);
+    EXPECT_EQ(reports_of_a_record(peer), 0);
+    tlsc_log_level = LOG_DEBUG;
+}
+
+// ---- the end of the process, and another beginning
+// -----------------------------------------------------------------
 
 TEST_F(engine_loop, a_client_that_was_cleaned_up_begins_again_and_again_and_nothing_is_left_open) {
     int open_at_first = 0;
@@ -1618,15 +1827,32 @@ TEST_F(engine_loop, the_end_does_not_wait_for_a_gateway_that_is_silent_in_the_ha
     EXPECT_TRUE(peer.connection(0).is_closed_by_client());
 }
 
-TEST_F(engine_loop, the_end_does_not_wait_for_the_rest_of_a_tls_record) {
+TEST_F(engine_loop, the_end_does_not_wait_for_a_gateway_that_takes_nothing) {
     tls_peer peer;
     conf->server_port = peer.port();
     ASSERT_EQ(tlsc_start_epoll_mon_thread(), 1);
     ASSERT_NE(peer.connection(0).read_record(), "");
     answer(peer, 0);
-    peer.connection(0).send_raw(std::string("\x17\x03\x03\x01\x00 the beginning", 19));
+    fill_the_way_out();
+    hand_clock::expire("dpd");
     ASSERT_TRUE(eventually(is_inside_openssl));
     expect_clean_end();
+}
+
+TEST_F(engine_loop, an_order_to_end_does_not_wait_for_a_gateway_that_takes_nothing) {
+    tls_peer peer;
+    conf->server_port = peer.port();
+    ASSERT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_NE(peer.connection(0).read_record(), "");
+    answer(peer, 0);
+    fill_the_way_out();
+    hand_clock::expire("dpd");
+    ASSERT_TRUE(eventually(is_inside_openssl));
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    EXPECT_TRUE(monitor_has_ended());
+    EXPECT_TRUE(log.contains("SSL write error received = 5, translated-ssl-error = 0, write_len = -1, errno = 125"));
+    EXPECT_EQ(teardowns(), 0u);
+    tlsc_cleanup_context();
 }
 
 TEST_F(engine_loop, the_end_does_not_wait_for_a_gateway_that_does_not_answer_the_connection) {

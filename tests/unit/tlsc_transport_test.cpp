@@ -21,7 +21,7 @@ std::atomic<bool> time_flies;  // a wait in poll that ends without result takes 
 std::atomic<long> seconds_flown;
 std::atomic<int>  polls;
 std::atomic<int>  longest_poll;
-int               waits;  // as told before each wait
+void (*before_poll)();
 
 }  // namespace
 
@@ -29,6 +29,7 @@ extern "C" int __real_poll(pollfd *fds, nfds_t count, int timeout);
 extern "C" int __wrap_poll(pollfd *fds, nfds_t count, int timeout) {
     if (timeout == sealed_peer::patience_msec) return __real_poll(fds, count, timeout);  // the test's own
     ++polls;
+    if (before_poll) before_poll();
     longest_poll = std::max(longest_poll.load(), timeout);
     if (!time_flies) return __real_poll(fds, count, timeout);
     const int result = __real_poll(fds, count, 0);
@@ -59,12 +60,11 @@ class tlsc_transport : public ::testing::Test {
 protected:
     explicit tlsc_transport(const char *cipher = "PSK-AES256-CBC-SHA") : peer(cipher) {
         (void)signal(SIGPIPE, SIG_IGN);
-        time_flies                 = false;
-        seconds_flown              = 0;
-        polls                      = 0;
-        longest_poll               = 0;
-        waits                      = 0;
-        tlsc_transport_before_wait = [] { ++waits; };
+        time_flies    = false;
+        seconds_flown = 0;
+        polls         = 0;
+        longest_poll  = 0;
+        before_poll   = nullptr;
         tlsc_transport_cut_waits(false);
         ctx = SSL_CTX_new(TLSv1_2_client_method());
         SSL_CTX_set_psk_client_callback(ctx, give_key);
@@ -96,7 +96,7 @@ protected:
         attach();
         ASSERT_EQ(SSL_connect(ssl), 1);
         peer.wait_until_up();
-        polls = waits = 0;
+        polls = 0;
         tlsc_transport_read_whole_records(true);
     }
     std::string read() {
@@ -161,7 +161,8 @@ INSTANTIATE_TEST_SUITE_P(, tlsc_transport_ciphers,
 #endif
                                            ));
 
-// ---- the descriptor ---------------------------------------------------------------------------------------------------
+// ---- the descriptor
+// ---------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_transport, the_session_knows_its_descriptor_and_does_not_close_it) {
     attach();
@@ -230,7 +231,8 @@ TEST_F(tlsc_transport, a_second_session_takes_the_buffers_and_the_first_can_stil
     SSL_free(second);
 }
 
-// ---- reading ------------------------------------------------------------------------------------------------------------
+// ---- reading
+// ------------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_transport, records_of_one_segment_are_taken_in_at_once_and_read_one_by_one) {
     connect();
@@ -250,7 +252,7 @@ TEST_F(tlsc_transport, records_of_one_segment_are_taken_in_at_once_and_read_one_
         EXPECT_EQ(read(), text);
     }
     EXPECT_FALSE(tlsc_transport_is_readable(ssl));
-    EXPECT_EQ(waits, 0);
+    EXPECT_EQ(polls, 0);
 }
 
 TEST_P(tlsc_transport_ciphers, records_cut_anywhere_between_two_segments_are_read_as_one_would_expect) {
@@ -276,7 +278,7 @@ TEST_P(tlsc_transport_ciphers, records_cut_anywhere_between_two_segments_are_rea
         ASSERT_EQ(seen, texts) << cut;
     }
     EXPECT_GT(total, 60u);
-    EXPECT_EQ(waits, 0);
+    EXPECT_EQ(polls, 0);
 }
 
 TEST_P(tlsc_transport_ciphers, a_peer_that_sends_one_byte_at_a_time_keeps_nobody_waiting) {
@@ -288,7 +290,7 @@ TEST_P(tlsc_transport_ciphers, a_peer_that_sends_one_byte_at_a_time_keeps_nobody
         for (const std::string &text : read_all()) seen.push_back(text);
     }
     EXPECT_EQ(seen, (strings{"slowly", "but surely"}));
-    EXPECT_EQ(waits, 0);
+    EXPECT_EQ(polls, 0);
 }
 
 TEST_P(tlsc_transport_ciphers, records_of_every_size_that_a_frame_can_have_arrive) {
@@ -309,7 +311,7 @@ TEST_P(tlsc_transport_ciphers, records_of_every_size_that_a_frame_can_have_arriv
     }
     sender.join();
     EXPECT_EQ(seen, expected);
-    EXPECT_EQ(waits, 0);
+    EXPECT_EQ(polls, 0);
 }
 
 TEST_P(tlsc_transport_ciphers, the_largest_record_is_awaited_as_a_whole_and_read_in_parts) {
@@ -325,7 +327,7 @@ TEST_P(tlsc_transport_ciphers, the_largest_record_is_awaited_as_a_whole_and_read
     for (const std::string &part : read_all()) all += part;
     if (all == text) all += read_all().front();
     EXPECT_EQ(all, text + "next");
-    EXPECT_EQ(waits, 0);
+    EXPECT_EQ(polls, 0);
 }
 
 TEST_F(tlsc_transport, records_behind_the_last_handshake_message_are_there_without_an_event) {
@@ -344,7 +346,7 @@ TEST_P(tlsc_transport_headers, a_header_that_openssl_refuses_is_shown_to_it_at_o
     EXPECT_TRUE(tlsc_transport_take_in(ssl));
     EXPECT_EQ(read(), "");
     EXPECT_EQ(error_class, SSL_ERROR_SSL);
-    EXPECT_EQ(waits, 0);
+    EXPECT_EQ(polls, 0);
 }
 INSTANTIATE_TEST_SUITE_P(, tlsc_transport_headers,
                          ::testing::Values(std::string("HTTP/"), std::string("\x17\x03\x01\x00\x10", 5),
@@ -362,10 +364,11 @@ TEST_F(tlsc_transport, outside_the_loop_a_read_waits_for_the_rest) {
     });
     EXPECT_EQ(read(), "in the end");
     sender.join();
-    EXPECT_GT(waits, 0);
+    EXPECT_GT(polls, 0);
 }
 
-// ---- the end of the stream -------------------------------------------------------------------------------------------------
+// ---- the end of the stream
+// -------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_transport, what_came_before_the_end_is_read_and_then_the_end_is_class_5) {
     connect();
@@ -407,7 +410,8 @@ TEST_F(tlsc_transport, a_reset_is_class_5_with_its_errno) {
     EXPECT_EQ(error, ECONNRESET);
 }
 
-// ---- waits that end ----------------------------------------------------------------------------------------------------------
+// ---- waits that end
+// ----------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_transport, a_peer_silent_inside_a_record_is_an_error_after_half_a_minute) {
     connect();
@@ -426,9 +430,9 @@ TEST_F(tlsc_transport, every_byte_of_progress_starts_the_half_minute_anew) {
     time_flies              = true;
     static const sealed_peer *dripping;
     static std::string        rest;
-    dripping                   = &peer;
-    rest                       = bytes;
-    tlsc_transport_before_wait = [] {
+    dripping    = &peer;
+    rest        = bytes;
+    before_poll = [] {
         if (rest.empty()) return;
         dripping->send(rest.substr(0, 1));
         rest.erase(0, 1);
@@ -467,7 +471,7 @@ TEST_F(tlsc_transport, a_record_without_data_is_want_read_and_the_next_is_read) 
     EXPECT_TRUE(tlsc_transport_take_in(ssl));
     EXPECT_EQ(read(), "");
     EXPECT_EQ(error_class, SSL_ERROR_WANT_READ);
-    EXPECT_EQ(waits, 0);
+    EXPECT_EQ(polls, 0);
     EXPECT_FALSE(tlsc_transport_is_readable(ssl));
     peer.deliver(peer.seal("data").substr(0, 9), fd);
     EXPECT_FALSE(tlsc_transport_take_in(ssl));
@@ -498,14 +502,40 @@ TEST_F(tlsc_transport, a_wait_that_is_cut_ends_within_a_second) {
     EXPECT_EQ(polls, 1);
 }
 
-// ---- writing ------------------------------------------------------------------------------------------------------------------
+TEST_F(tlsc_transport, a_socket_that_was_made_non_blocking_is_not_waited_for) {
+    connect();
+    tlsc_transport_read_whole_records(false);
+    ASSERT_EQ(fcntl(fd, F_SETFL, O_NONBLOCK), 0);
+    const std::string bytes = peer.seal("in two parts");
+    EXPECT_EQ(read(), "");
+    EXPECT_EQ(error_class, SSL_ERROR_WANT_READ);
+    peer.deliver(bytes.substr(0, 9), fd);
+    EXPECT_EQ(read(), "");
+    EXPECT_EQ(error_class, SSL_ERROR_WANT_READ);
+    peer.deliver(bytes.substr(9), fd);
+    EXPECT_EQ(read(), "in two parts");
+    const std::string block(16384, 'w');
+    int               written = 0;
+    while (write(block)) ++written;
+    EXPECT_EQ(error_class, SSL_ERROR_WANT_WRITE);
+    std::thread reader([&] {
+        for (int i = 0; i <= written; ++i) EXPECT_EQ(peer.open(), block) << i;
+    });
+    pollfd      room{fd, POLLOUT, 0};
+    while (!write(block)) EXPECT_EQ(poll(&room, 1, sealed_peer::patience_msec), 1);  // the same record once more
+    reader.join();
+    EXPECT_EQ(polls, 0);
+}
+
+// ---- writing
+// ------------------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_transport, what_is_not_collected_goes_out_at_once) {
     connect();
     EXPECT_TRUE(write("now"));
     EXPECT_EQ(peer.open(), "now");
     EXPECT_FALSE(tlsc_transport_has_collected());
-    EXPECT_EQ(waits, 0);
+    EXPECT_EQ(polls, 0);
 }
 
 TEST_F(tlsc_transport, collected_records_go_out_together_in_the_order_of_the_calls) {
@@ -627,7 +657,7 @@ TEST_F(tlsc_transport, a_write_in_parts_goes_on_where_it_stopped) {
     reader.join();
     EXPECT_EQ(sent, 1000);
     EXPECT_EQ(seen, std::string(1000 * text.size(), 'w'));
-    EXPECT_GT(waits, 0);
+    EXPECT_GT(polls, 0);
 }
 
 }  // namespace
