@@ -2,7 +2,10 @@
 // epoll_wait, read, SSL_write one way and epoll_wait, SSL_read, write the other. No log, no counters, no timers, no
 // address exchange, no reconnection. What the daemon costs beyond this program is the daemon's own doing.
 //
-// usage: bench-minimal ADDRESS PORT CIPHERS IDENTITY KEY TUN
+// With --transport it has the daemon's other shape: under the TLS session lies the daemon's own transport, records are
+// read ahead, and those of packets out are collected as long as epoll has more events.
+//
+// usage: bench-minimal ADDRESS PORT CIPHERS IDENTITY KEY TUN [--transport]
 //
 // Prints "up INNER-ADDRESS" once the interface TUN carries that address, then runs until it is killed.
 
@@ -20,6 +23,8 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "tlsc_transport.h"
 
 namespace {
 
@@ -59,7 +64,7 @@ void put_header(uint8_t *frame, int type, size_t length) {
 
 size_t payload_length(const uint8_t *frame) { return static_cast<size_t>(frame[4] << 8 | frame[5]); }
 
-SSL *connect_tls(const char *address, const char *port, const char *ciphers) {
+SSL *connect_tls(const char *address, const char *port, const char *ciphers, bool on_transport) {
     sockaddr_in server{};
     server.sin_family = AF_INET;
     server.sin_port   = htons(static_cast<uint16_t>(atoi(port)));
@@ -74,7 +79,7 @@ SSL *connect_tls(const char *address, const char *port, const char *ciphers) {
     if (SSL_CTX_set_cipher_list(ctx, ciphers) != 1) die("cipher list");
     SSL *ssl = SSL_new(ctx);
     if (!ssl) die("SSL_new");
-    SSL_set_fd(ssl, fd);
+    if ((on_transport ? tlsc_transport_attach(ssl, fd) : SSL_set_fd(ssl, fd)) != 1) die("SSL_set_fd");
     if (SSL_connect(ssl) != 1) die("SSL_connect");
     return ssl;
 }
@@ -143,26 +148,8 @@ void carry_down(SSL *ssl, int tun) {
     if (frame[6] == frame_data && write(tun, frame + header_size, payload_length(frame)) < 0) die("write");
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
-    if (argc != 7) {
-        fprintf(stderr, "usage: %s ADDRESS PORT CIPHERS IDENTITY KEY TUN\n", argv[0]);
-        return 2;
-    }
-    psk_identity = argv[4];
-    psk_key      = argv[5];
-
-    SSL        *ssl     = connect_tls(argv[1], argv[2], argv[3]);
-    const char *address = request_address(ssl);
-    const int   tun     = open_interface(argv[6], address);
-    const int   epoll   = epoll_create1(0);
-    const int   socket  = SSL_get_fd(ssl);
-    watch(epoll, tun);
-    watch(epoll, socket);
-    printf("up %s\n", address);
-    fflush(stdout);
-
+// One packet per readiness event.
+[[noreturn]] void run_plain(int epoll, int tun, SSL *ssl) {
     for (;;) {
         epoll_event events[max_events];
         const int   count = epoll_wait(epoll, events, max_events, -1);
@@ -171,4 +158,43 @@ int main(int argc, char **argv) {
             else carry_down(ssl, tun);
         }
     }
+}
+
+// One packet out per readiness event, the records of several in one write; in, what one read has brought.
+[[noreturn]] void run_on_transport(int epoll, int tun, SSL *ssl) {
+    tlsc_transport_collect(true);
+    for (;;) {
+        epoll_event events[max_events];
+        const int   count = epoll_wait(epoll, events, max_events, tlsc_transport_has_collected() ? 0 : -1);
+        if (count == 0 && tlsc_transport_flush(true) != 1) die("write");
+        for (int i = 0; i < count; ++i) {
+            if (events[i].data.fd == tun) carry_up(tun, ssl);
+            else
+                for (bool more = tlsc_transport_take_in(ssl); more; more = tlsc_transport_is_readable(ssl))
+                    carry_down(ssl, tun);
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    const bool on_transport = argc == 8 && strcmp(argv[7], "--transport") == 0;
+    if (argc != 7 && !on_transport) {
+        fprintf(stderr, "usage: %s ADDRESS PORT CIPHERS IDENTITY KEY TUN [--transport]\n", argv[0]);
+        return 2;
+    }
+    psk_identity = argv[4];
+    psk_key      = argv[5];
+
+    SSL        *ssl     = connect_tls(argv[1], argv[2], argv[3], on_transport);
+    const char *address = request_address(ssl);
+    const int   tun     = open_interface(argv[6], address);
+    const int   epoll   = epoll_create1(0);
+    watch(epoll, tun);
+    watch(epoll, SSL_get_fd(ssl));
+    printf("up %s\n", address);
+    fflush(stdout);
+    if (on_transport) run_on_transport(epoll, tun, ssl);
+    run_plain(epoll, tun, ssl);
 }
