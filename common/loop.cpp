@@ -128,7 +128,7 @@ struct descriptor_watch::room {
     }
 };
 
-static_assert(readable == UV_READABLE && writable == UV_WRITABLE);
+static_assert(readable == UV_READABLE && writable == UV_WRITABLE && hung_up == UV_DISCONNECT);
 
 descriptor_watch::descriptor_watch(loop &owner, int fd) : room_(new room) {
     int result = uv_poll_init(owner.raw(), &room_->handle, fd);

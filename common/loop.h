@@ -64,6 +64,7 @@ private:
 // What a descriptor is ready for; or-ed.
 constexpr unsigned readable = 1;
 constexpr unsigned writable = 2;
+constexpr unsigned hung_up  = 4;  // the other side has ended its sending; seen without reading
 
 // Watches a descriptor, which must stay open as long (level-triggered). One watch for each descriptor.
 class descriptor_watch {

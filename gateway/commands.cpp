@@ -3,124 +3,77 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <set>
 
 #include "record_seal.h"
 
 namespace gw {
 
-// Contents: 1 members of a request  2 looking  3 changing behaviour  4 sending and closing  5 the table of commands
+// Contents: 1 members of a request  2 looking  3 changing behaviour  4 sending and closing  5 the table of requests
 
 namespace {
 
-constexpr size_t   largest_record  = 16384;  // plaintext, RFC 5246
-constexpr size_t   largest_payload = largest_record - frame_header_size;
-constexpr size_t   largest_packet  = frame_ring::slot_size - frame_header_size;
-constexpr uint64_t largest_count   = 100000;       // of packets in one request
-constexpr uint64_t longest_delay   = 3600 * 1000;  // milliseconds
+using common::flag_of;
+using common::number_of;
+using common::refusal;
 
-}  // namespace
+constexpr size_t largest_record  = 16384;  // plaintext, RFC 5246
+constexpr size_t largest_payload = largest_record - frame_header_size;
+constexpr size_t largest_packet  = frame_ring::slot_size - frame_header_size;
+constexpr double largest_count   = 100000;       // of packets in one request
+constexpr double longest_delay   = 3600 * 1000;  // milliseconds
+constexpr double largest_cut     = 1 << 20;      // bytes
 
 // ==== 1 Members of a request =====================================================================================
+// Names, types, words and limits have been checked against the table of requests below.
 
-void check_members(const json &request, const std::set<std::string> &allowed) {
-    for (const auto &[name, value] : request.items()) {
-        if (name != "cmd" && name != "id" && !allowed.contains(name))
-            throw command_error("unknown member '" + name + "'");
-    }
+std::string word_of(const json &request, const char *name, const char *standard = "") {
+    return common::text_of(request, name, standard);
 }
 
-uint64_t number_member(const json &request, const char *name, uint64_t standard, uint64_t limit) {
-    if (!request.contains(name)) return standard;
-    const json &value = request[name];
-    if (!value.is_number_unsigned() || value.get<uint64_t>() > limit)
-        throw command_error(std::string(name) + ": a number from 0 to " + std::to_string(limit) + " is needed");
-    return value.get<uint64_t>();
+uint8_t byte_of(const json &request, const char *name, uint64_t standard) {
+    return static_cast<uint8_t>(number_of(request, name, standard));
 }
 
-std::set<std::string> event_kinds(const json &request, const char *name) {
-    if (!request.contains(name)) return {};
-    const json &value = request[name];
-    if (value.is_string()) return {value.get<std::string>()};
-    std::set<std::string> kinds;
-    if (!value.is_array()) throw command_error(std::string(name) + ": a text or a list of texts is needed");
-    for (const json &kind : value) {
-        if (!kind.is_string()) throw command_error(std::string(name) + ": a text or a list of texts is needed");
-        kinds.insert(kind.get<std::string>());
-    }
-    return kinds;
-}
-
-event_filter read_event_filter(const json &request, const char *kinds_member) {
-    event_filter filter;
-    filter.kinds  = event_kinds(request, kinds_member);
-    filter.client = number_member(request, "client", 0);
-    if (request.contains("match")) filter.match = request["match"];
-    if (!filter.match.is_object()) throw command_error("match: an object is needed");
-    return filter;
-}
-
-bool event_filter::accepts(const json &event) const {
-    if (!kinds.empty() && !kinds.contains(event["event"].get<std::string>())) return false;
-    if (client && event.value("client", uint64_t{0}) != client) return false;
-    return std::all_of(match.items().begin(), match.items().end(), [&](const auto &item) {
-        return event.contains(item.key()) && event[item.key()] == item.value();
-    });
-}
-
-namespace {
-
-bool flag_member(const json &request, const char *name, bool standard) {
-    if (!request.contains(name)) return standard;
-    if (!request[name].is_boolean()) throw command_error(std::string(name) + ": true or false is needed");
-    return request[name].get<bool>();
-}
-
-bool needed_flag(const json &request, const char *name) {
-    if (!request.contains(name)) throw command_error(std::string(name) + " is missing");
-    return flag_member(request, name, false);
-}
-
-std::string text_member(const json &request, const char *name, const char *standard = nullptr) {
-    if (!request.contains(name)) {
-        if (standard) return standard;
-        throw command_error(std::string(name) + " is missing");
-    }
-    if (!request[name].is_string()) throw command_error(std::string(name) + ": a text is needed");
-    return request[name].get<std::string>();
+std::chrono::milliseconds delay_of(const json &request, const char *name, uint64_t standard) {
+    return std::chrono::milliseconds(number_of(request, name, standard));
 }
 
 byte_vector hex_value(const char *name, const json &value, size_t limit) {
-    if (!value.is_string()) throw command_error(std::string(name) + ": a hexadecimal text is needed");
+    if (!value.is_string()) throw refusal(std::string(name) + ": a hexadecimal text is needed");
     auto bytes = from_hex(value.get<std::string>());
-    if (!bytes) throw command_error(std::string(name) + ": not a hexadecimal text of whole bytes");
-    if (bytes->size() > limit)
-        throw command_error(std::string(name) + ": more than " + std::to_string(limit) + " bytes");
+    if (!bytes) throw refusal(std::string(name) + ": not a hexadecimal text of whole bytes");
+    if (bytes->size() > limit) throw refusal(std::string(name) + ": more than " + std::to_string(limit) + " bytes");
     return *bytes;
 }
 
 byte_vector hex_member(const json &request, const char *name, size_t limit) {
-    if (!request.contains(name)) throw command_error(std::string(name) + " is missing");
+    if (!request.contains(name)) throw refusal(std::string("\"") + name + "\" is missing");
     return hex_value(name, request[name], limit);
 }
 
 tunnel_client &client_with(tunnel_gateway &gateway, uint64_t id) {
     tunnel_client *client = gateway.find_client(id);
-    if (!client) throw command_error("no client " + std::to_string(id));
+    if (!client) throw refusal("no client " + std::to_string(id));
     return *client;
 }
 
 // A number, "all", or absent: the newest connection.
 std::vector<tunnel_client *> chosen_clients(tunnel_gateway &gateway, const json &request) {
     if (request.contains("client") && request["client"] == "all") return gateway.clients();
-    if (request.contains("client")) return {&client_with(gateway, number_member(request, "client", 0))};
+    if (request.contains("client")) {
+        const json &client = request["client"];
+        if (!client.is_number_unsigned()) throw refusal("\"client\" must be the number of a connection or \"all\"");
+        return {&client_with(gateway, client.get<uint64_t>())};
+    }
     auto clients = gateway.clients();
-    if (clients.empty()) throw command_error("no client");
+    if (clients.empty()) throw refusal("no client");
     return {clients.back()};
 }
 
 void refuse_fatal(const tunnel_gateway &gateway, byte_view bytes) {
     if (!gateway.options().allow_fatal && has_fatal_dpd(text_of(bytes)))
-        throw command_error("a DPD interval below 5 kills the client; start the gateway with --allow-fatal");
+        throw refusal("a DPD interval below 5 kills the client; start the gateway with --allow-fatal");
 }
 
 // The text of a payload inside raw bytes begins behind a header that holds zero bytes.
@@ -135,7 +88,7 @@ word_type word_value(const char *what, const std::string &text,
     for (const auto &[word, value] : words) {
         if (text == word) return value;
     }
-    throw command_error(std::string(what) + ": '" + text + "' is unknown");
+    throw refusal(std::string(what) + ": '" + text + "' is unknown");
 }
 
 template <class word_type, size_t count>
@@ -178,7 +131,7 @@ json show_status(tunnel_gateway &gateway, const json &) {
         {"config", word_text(gateway.lab.config.kind, config_words)},
         {"overrides", overrides_of(gateway)},
         {"clients", gateway.clients().size()},
-        {"seq", gateway.events.last()},
+        {"last", gateway.events.log().last()},
         {"uptime_ms", gateway.uptime().count()},
     };
 }
@@ -239,23 +192,10 @@ json list_leases(tunnel_gateway &gateway, const json &) {
     return {{"leases", list}};
 }
 
-json list_events(tunnel_gateway &gateway, const json &request) {
-    uint64_t     since  = number_member(request, "since", 0);
-    uint64_t     limit  = number_member(request, "limit", UINT64_MAX);
-    event_filter filter = read_event_filter(request, "events");
-    json         list   = json::array();
-    gateway.events.visit(since, [&](const json &event) {
-        if (list.size() >= limit) return false;
-        if (filter.accepts(event)) list.push_back(event);
-        return true;
-    });
-    return {{"events", list}, {"seq", gateway.events.last()}, {"lost", gateway.events.lost(since)}};
-}
-
 // ==== 3 Changing behaviour =======================================================================================
 
 json set_dpd(tunnel_gateway &gateway, const json &request) {
-    bool on = needed_flag(request, "on");
+    bool on = flag_of(request, "on");
     if (request.contains("client") && request["client"] != "all") {
         chosen_clients(gateway, request).front()->answers_dpd = on;
         return json::object();
@@ -274,20 +214,18 @@ json release_config(tunnel_gateway &gateway, const json &request) {
 
 byte_vector replacement(const json &request) {
     if (!request.contains("text")) return hex_member(request, "hex", largest_payload);
-    std::string text = text_member(request, "text");
-    if (text.size() > largest_payload)
-        throw command_error("text: more than " + std::to_string(largest_payload) + " bytes");
+    std::string text = word_of(request, "text");
+    if (text.size() > largest_payload) throw refusal("text: more than " + std::to_string(largest_payload) + " bytes");
     return byte_vector(text.begin(), text.end());
 }
 
 json set_config(tunnel_gateway &gateway, const json &request) {
-    std::string word = text_member(request, "mode");
+    std::string word = word_of(request, "mode");
     if (word == "release") return release_config(gateway, request);
     config_mode mode;
     mode.kind = word_value("mode", word, config_words);
-    mode.once = flag_member(request, "once", false);
-    if (mode.kind == config_answer::delay)
-        mode.delay = std::chrono::milliseconds(number_member(request, "ms", 0, longest_delay));
+    mode.once = flag_of(request, "once", false);
+    if (mode.kind == config_answer::delay) mode.delay = delay_of(request, "ms", 0);
     if (mode.kind == config_answer::replace) {
         mode.bytes = replacement(request);
         refuse_fatal(gateway, mode.bytes);
@@ -301,22 +239,22 @@ json set_config(tunnel_gateway &gateway, const json &request) {
 }
 
 std::string header_name(const json &request) {
-    std::string name = text_member(request, "header");
+    std::string name = word_of(request, "header");
     if (!name.empty() && name.back() == ':') name.pop_back();
-    if (name.empty()) throw command_error("header: empty");
+    if (name.empty()) throw refusal("header: empty");
     return name;
 }
 
 header_overrides::value_list header_values(const json &request) {
-    if (!request.contains("value")) throw command_error("value is missing");
+    if (!request.contains("value")) throw refusal("value is missing");
     const json &value = request["value"];
     if (value.is_null()) return {};
     if (value.is_string()) return {value.get<std::string>()};
     if (value.is_number_integer()) return {std::to_string(value.get<int64_t>())};
-    if (!value.is_array()) throw command_error("value: a text, a list of texts or null is needed");
+    if (!value.is_array()) throw refusal("value: a text, a list of texts or null is needed");
     header_overrides::value_list values;
     for (const json &entry : value) {
-        if (!entry.is_string()) throw command_error("value: a text, a list of texts or null is needed");
+        if (!entry.is_string()) throw refusal("value: a text, a list of texts or null is needed");
         values.push_back(entry.get<std::string>());
     }
     return values;
@@ -326,34 +264,34 @@ json set_header(tunnel_gateway &gateway, const json &request) {
     std::string                  name   = header_name(request);
     header_overrides::value_list values = header_values(request);
     for (const std::string &value : values) refuse_fatal(gateway, bytes_of(name + ":" + value));
-    gateway.lab.overrides.set(name, values, flag_member(request, "once", false));
+    gateway.lab.overrides.set(name, values, flag_of(request, "once", false));
     return {{"overrides", overrides_of(gateway)}};
 }
 
 json unset_header(tunnel_gateway &gateway, const json &request) {
     if (!request.contains("header")) gateway.lab.overrides.clear();
-    else if (!gateway.lab.overrides.unset(header_name(request))) throw command_error("that header is not set");
+    else if (!gateway.lab.overrides.unset(header_name(request))) throw refusal("that header is not set");
     return {{"overrides", overrides_of(gateway)}};
 }
 
 json set_accept(tunnel_gateway &gateway, const json &request) {
-    accept_mode mode = word_value("mode", text_member(request, "mode"), accept_words);
+    accept_mode mode = word_value("mode", word_of(request, "mode"), accept_words);
     try {
         gateway.set_accept(mode);
     } catch (const std::runtime_error &error) {
-        throw command_error(error.what());
+        throw refusal(error.what());
     }
     return json::object();
 }
 
 json set_silence(tunnel_gateway &gateway, const json &request) {
-    bool on = flag_member(request, "on", true);
+    bool on = flag_of(request, "on", true);
     for (tunnel_client *client : chosen_clients(gateway, request)) client->set_silent(on);
     return json::object();
 }
 
 json set_data_events(tunnel_gateway &gateway, const json &request) {
-    gateway.lab.data_events = needed_flag(request, "on");
+    gateway.lab.data_events = flag_of(request, "on");
     return json::object();
 }
 
@@ -368,23 +306,23 @@ void send_one_record(tunnel_client &client, uint8_t type, byte_view plain) {
     try {
         client.send_record(type, plain);
     } catch (const std::runtime_error &error) {
-        throw command_error(error.what());
+        throw refusal(error.what());
     }
 }
 
 byte_vector crafted_frame(const json &request) {
     if (request.contains("raw")) return hex_member(request, "raw", largest_record);
     byte_vector payload = request.contains("payload") ? hex_member(request, "payload", largest_payload) : byte_vector{};
-    if (!request.contains("type")) throw command_error("type is missing");
-    byte_vector frame = make_frame(static_cast<uint8_t>(number_member(request, "type", 0, 255)), payload);
-    std::string magic = text_member(request, "magic", "STF");
-    if (magic.size() != 3) throw command_error("magic: 3 characters are needed");
+    if (!request.contains("type")) throw refusal("type is missing");
+    byte_vector frame = make_frame(byte_of(request, "type", 0), payload);
+    std::string magic = word_of(request, "magic", "STF");
+    if (magic.size() != 3) throw refusal("magic: 3 characters are needed");
     std::copy(magic.begin(), magic.end(), frame.begin());
-    frame[3]        = static_cast<uint8_t>(number_member(request, "version", 1, 255));
-    uint64_t length = number_member(request, "length", payload.size(), 65535);
+    frame[3]        = byte_of(request, "version", 1);
+    uint64_t length = number_of(request, "length", payload.size());
     frame[4]        = static_cast<uint8_t>(length >> 8);
     frame[5]        = static_cast<uint8_t>(length);
-    frame[7]        = static_cast<uint8_t>(number_member(request, "reserved", 0, 255));
+    frame[7]        = byte_of(request, "reserved", 0);
     return frame;
 }
 
@@ -401,7 +339,7 @@ json send_frame(tunnel_gateway &gateway, const json &request) {
 }
 
 std::vector<byte_vector> record_contents(const json &request) {
-    if (!request.contains("hex")) throw command_error("hex is missing");
+    if (!request.contains("hex")) throw refusal("hex is missing");
     const json &value = request["hex"];
     if (!value.is_array()) return {hex_value("hex", value, crafted_record_limit)};
     std::vector<byte_vector> records;
@@ -410,10 +348,10 @@ std::vector<byte_vector> record_contents(const json &request) {
 }
 
 json send_record(tunnel_gateway &gateway, const json &request) {
-    auto     records = record_contents(request);
-    auto     type    = static_cast<uint8_t>(number_member(request, "type", SSL3_RT_APPLICATION_DATA, 255));
-    uint64_t cut     = number_member(request, "cut", 0, 1 << 20);
-    std::chrono::milliseconds gap(number_member(request, "gap_ms", 200, longest_delay));
+    auto                      records = record_contents(request);
+    auto                      type    = byte_of(request, "type", SSL3_RT_APPLICATION_DATA);
+    uint64_t                  cut     = number_of(request, "cut", 0);
+    std::chrono::milliseconds gap(number_of(request, "gap_ms", 200));
     byte_vector               joined;
     for (const byte_vector &record : records) joined.insert(joined.end(), record.begin(), record.end());
     refuse_fatal_raw(gateway, joined);
@@ -431,15 +369,15 @@ json send_record(tunnel_gateway &gateway, const json &request) {
 
 json send_packet(tunnel_gateway &gateway, const json &request) {
     byte_vector    packet = hex_member(request, "hex", largest_packet);
-    uint64_t       count  = number_member(request, "count", 1, largest_count);
+    uint64_t       count  = number_of(request, "count", 1);
     tunnel_client *client = request.contains("client") ? chosen_clients(gateway, request).front() : nullptr;
     uint64_t       sent   = 0;
     for (uint64_t i = 0; i < count; i++) {
         bool taken = false;
         client     = gateway.send_packet(packet, client, taken);
-        if (!client) throw command_error("no client has that destination address");
+        if (!client) throw refusal("no client has that destination address");
         if (taken) sent++;
-        if (!client->is_open()) throw command_error("the connection cannot send");
+        if (!client->is_open()) throw refusal("the connection cannot send");
     }
     if (!client) return {{"packets", 0}};
     json answer       = report_sent(gateway, *client, "packet", packet.size() * sent);
@@ -453,72 +391,158 @@ json send_bytes(tunnel_gateway &gateway, const json &request) {
     try {
         client.send_raw(bytes);
     } catch (const std::runtime_error &error) {
-        throw command_error(error.what());
+        throw refusal(error.what());
     }
     return report_sent(gateway, client, "bytes", bytes.size());
 }
 
 void close_client(tunnel_client &client, const std::string &how, const json &request) {
-    auto code  = static_cast<int>(number_member(request, "code", 80, 255));
-    auto level = static_cast<int>(number_member(request, "level", 2, 255));
+    auto code  = static_cast<int>(number_of(request, "code", 80));
+    auto level = static_cast<int>(number_of(request, "level", 2));
     if (how == "fin") client.end_with_fin("command");
     else if (how == "notify") client.end_with_notify("command");
     else if (how == "rst") client.end_with_reset("command");
     else if (how == "alert") client.end_with_alert(level, code);
     else if (how == "half") client.shut_sending();
-    else throw command_error("how: '" + how + "' is unknown");
 }
 
 json close_clients(tunnel_gateway &gateway, const json &request) {
-    std::string how    = text_member(request, "how", "fin");
+    std::string how    = word_of(request, "how", "fin");
     size_t      closed = 0;
     for (tunnel_client *client : chosen_clients(gateway, request)) {
         try {
             close_client(*client, how, request);
         } catch (const std::runtime_error &error) {
-            throw command_error(error.what());
+            throw refusal(error.what());
         }
         closed++;
     }
     return {{"closed", closed}};
 }
 
-// ==== 5 The table of commands ====================================================================================
+// ==== 5 The table of requests ====================================================================================
 
-const struct {
-    const char *name;
+using common::member_type;
+
+common::member client_member(const char *help) { return {"client", member_type::any, help}; }
+
+const char *const one_client     = "number of a connection; the newest one by itself";
+const char *const chosen         = "number of a connection, or \"all\"; the newest one by itself";
+const char *const all_by_default = "number of a connection; all of them by itself";
+
+common::member flag(const char *name, const char *help) { return {name, member_type::flag, help}; }
+common::member text(const char *name, const char *help) { return {name, member_type::text, help}; }
+common::member number(const char *name, const char *help, double highest) {
+    return {name, member_type::number, help, false, {}, highest};
+}
+common::member needed(common::member which) {
+    which.is_needed = true;
+    return which;
+}
+common::member one_of(common::member which, std::vector<std::string> words) {
+    which.words = std::move(words);
+    return which;
+}
+
+struct served {
+    common::request_type type;
     json (*run)(tunnel_gateway &, const json &);
-    std::set<std::string> members;
-} commands[] = {
-    {"status", show_status, {}},
-    {"clients", list_clients, {}},
-    {"counters", show_counters, {}},
-    {"leases", list_leases, {}},
-    {"events", list_events, {"since", "events", "client", "limit", "match"}},
-    {"data_events", set_data_events, {"on"}},
-    {"dpd", set_dpd, {"on", "client"}},
-    {"config", set_config, {"mode", "ms", "text", "hex", "once", "client"}},
-    {"set", set_header, {"header", "value", "once"}},
-    {"unset", unset_header, {"header"}},
-    {"accept", set_accept, {"mode"}},
-    {"silence", set_silence, {"client", "on"}},
-    {"send_frame", send_frame, {"client", "type", "payload", "version", "length", "reserved", "magic", "raw"}},
-    {"send_record", send_record, {"client", "hex", "type", "cut", "gap_ms"}},
-    {"send_packet", send_packet, {"client", "hex", "count"}},
-    {"send_bytes", send_bytes, {"client", "hex"}},
-    {"close", close_clients, {"client", "how", "code", "level"}},
 };
+
+std::vector<served> looking() {
+    return {
+        {{"status", "the gateway as a whole: listening, pool, laboratory, number of clients"}, show_status},
+        {{"clients", "the connections, oldest first"}, list_clients},
+        {{"counters", "totals since the start"}, show_counters},
+        {{"leases", "the devices with their inner addresses"}, list_leases},
+    };
+}
+
+std::vector<served> changing() {
+    return {
+        {{"data_events", "makes events for packets, or not", {needed(flag("on", "true: from now on"))}, false},
+         set_data_events},
+        {{"dpd",
+          "goes on answering DPD requests, or stops",
+          {needed(flag("on", "false: stop")), client_member(all_by_default)},
+          false},
+         set_dpd},
+        {{"config",
+          "what the next configuration requests get",
+          {needed(one_of(text("mode", "what they get; release sends what was withheld"),
+                         {"normal", "hold", "delay", "drop", "replace", "malform", "release"})),
+           number("ms", "of delay, milliseconds", longest_delay), text("text", "payload of replace"),
+           text("hex", "payload of replace, or raw bytes of malform"), flag("once", "only for the next request"),
+           client_member(all_by_default)},
+          false},
+         set_config},
+        {{"set",
+          "gives a header of the next responses another value",
+          {needed(text("header", "its name")),
+           {"value", member_type::any, "a text, a list of texts, or null: omit it"},
+           flag("once", "only in the next response")},
+          false},
+         set_header},
+        {{"unset", "forgets that", {text("header", "its name; all of them by itself")}, false}, unset_header},
+        {{"accept",
+          "what happens to the next connections",
+          {needed(one_of(text("mode", "what happens"), {"normal", "refuse", "reset", "stall", "stall_tls"}))},
+          false},
+         set_accept},
+        {{"silence",
+          "neither reads nor writes on a connection, or does so again",
+          {client_member(chosen), flag("on", "true by itself")},
+          false},
+         set_silence},
+    };
+}
+
+std::vector<served> sending() {
+    return {
+        {{"send_frame",
+          "sends one frame in one record",
+          {client_member(chosen), number("type", "of the frame", 255), text("payload", "hexadecimal"),
+           number("version", "1 by itself", 255), number("length", "the announced one", 65535),
+           number("reserved", "0 by itself", 255), text("magic", "3 characters"),
+           text("raw", "the whole record instead, hexadecimal")},
+          false},
+         send_frame},
+        {{"send_record",
+          "sends exactly these bytes as records",
+          {client_member(one_client), needed({"hex", member_type::texts, "content of each record, hexadecimal"}),
+           number("type", "content type, 23 by itself", 255), number("cut", "bytes that go at once", largest_cut),
+           number("gap_ms", "milliseconds until the others, 200 by itself", longest_delay)},
+          false},
+         send_record},
+        {{"send_packet",
+          "sends data frames through the client's queue",
+          {client_member("number of a connection; by the packet's destination otherwise"),
+           needed(text("hex", "the packet, hexadecimal")), number("count", "how many, 1 by itself", largest_count)},
+          false},
+         send_packet},
+        {{"send_bytes",
+          "writes into the TCP stream, past TLS",
+          {client_member(one_client), needed(text("hex", "hexadecimal"))},
+          false},
+         send_bytes},
+        {{"close",
+          "ends connections",
+          {client_member(chosen), one_of(text("how", "fin by itself"), {"fin", "notify", "rst", "alert", "half"}),
+           number("code", "of the alert, 80 by itself", 255), number("level", "of the alert, 2 by itself", 255)},
+          false},
+         close_clients},
+    };
+}
 
 }  // namespace
 
-json run_command(tunnel_gateway &gateway, const json &request) {
-    std::string name = text_member(request, "cmd");
-    for (const auto &command : commands) {
-        if (name != command.name) continue;
-        check_members(request, command.members);
-        return command.run(gateway, request);
+void add_requests(common::json_server &server, tunnel_gateway &gateway) {
+    for (const auto &group : {looking(), changing(), sending()}) {
+        for (const served &each : group)
+            server.add(each.type, [&gateway, run = each.run](const json &request, const common::ticket &) {
+                return run(gateway, request);
+            });
     }
-    throw command_error("unknown command '" + name + "'");
 }
 
 }  // namespace gw

@@ -7,7 +7,6 @@
 
 #include <array>
 #include <cerrno>
-#include <memory>
 #include <stdexcept>
 
 #include "record_seal.h"
@@ -88,16 +87,17 @@ void client_connection::see_state(const SSL *ssl, int where, int value) {
 
 // ==== 2 Life =====================================================================================================
 
-client_connection::client_connection(uint64_t id, unique_fd socket, std::string peer, connection_owner &owner,
-                                     event_loop &loop, const bounds &limits, counter_set &totals)
+client_connection::client_connection(uint64_t id, common::unique_fd socket, std::string peer,
+                                     const surroundings &around, const bounds &limits)
     : id_(id),
       socket_(std::move(socket)),
       peer_(std::move(peer)),
-      owner_(owner),
-      loop_(loop),
+      owner_(around.owner),
+      loop_(around.loop),
+      leaving_(around.leaving),
       limits_(limits),
       queue_(limits.queue),
-      totals_(totals) {
+      totals_(around.totals) {
     set_option(socket_.get(), IPPROTO_TCP, TCP_NODELAY, 1);
     set_option(socket_.get(), IPPROTO_TCP, TCP_QUICKACK, 1);
     set_option(socket_.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, socket_backlog);
@@ -105,19 +105,18 @@ client_connection::client_connection(uint64_t id, unique_fd socket, std::string 
     set_option(socket_.get(), IPPROTO_TCP, TCP_KEEPIDLE, 60);
     set_option(socket_.get(), IPPROTO_TCP, TCP_KEEPINTVL, 10);
     set_option(socket_.get(), IPPROTO_TCP, TCP_KEEPCNT, 6);
-    interest_ = EPOLLIN;
-    watch_    = loop_.watch(socket_.get(), interest_, [this](uint32_t events) { on_event(events); });
+    interest_ = common::readable;
+    watch_.emplace(loop_, socket_.get());
+    watch_->start(interest_, [this](unsigned events) { on_event(events); });
 }
 
 client_connection::~client_connection() {
-    loop_.forget(watch_);
-    loop_.cancel(handshake_timer_);
-    loop_.cancel(gap_timer_);
+    watch_.reset();
     SSL_free(ssl_);
 }
 
 std::chrono::milliseconds client_connection::age() const {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(event_loop::clock::now() - born_);
+    return std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - born_);
 }
 
 void client_connection::start_tls(SSL_CTX *context) {
@@ -135,11 +134,12 @@ void client_connection::start_tls(SSL_CTX *context) {
     SSL_set_msg_callback(ssl_, see_message);
     SSL_set_msg_callback_arg(ssl_, this);
     SSL_set_info_callback(ssl_, see_state);
-    state_           = phase::handshake;
-    handshake_timer_ = loop_.after(limits_.handshake, [this] {
+    state_ = phase::handshake;
+    handshake_timer_.emplace(loop_);
+    handshake_timer_->start(limits_.handshake, [this] {
         owner_.on_tls_failed(*this, "timeout");
         if (state_ == phase::ended) return;
-        linger(std::chrono::milliseconds(0));
+        let_go(std::chrono::milliseconds(0));
         end({"gateway", "timeout", "handshake"});
     });
 }
@@ -152,10 +152,10 @@ void client_connection::stall(bool read) {
 
 // ==== 3 Receiving ================================================================================================
 
-void client_connection::on_event(uint32_t events) {
+void client_connection::on_event(unsigned events) {
     if (silent_ || !reading_) return notice_end();
-    if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) receive();
-    if (state_ != phase::ended && (events & EPOLLOUT)) {
+    if (events & common::readable) receive();
+    if (state_ != phase::ended && (events & common::writable)) {
         blocked_ = false;
         flush();
     }
@@ -197,7 +197,7 @@ void client_connection::continue_handshake() {
     if (error == SSL_ERROR_WANT_READ) return;
     if (error != SSL_ERROR_NONE) return fail_handshake(take_openssl_error());
 
-    loop_.cancel(handshake_timer_);
+    handshake_timer_.reset();
     state_ = phase::open;
     owner_.on_tls_up(*this);
 }
@@ -209,7 +209,7 @@ void client_connection::fail_handshake(const std::string &reason) {
     bool by_peer = alert_code_ >= 0;
     flush();  // our alert
     if (state_ == phase::ended) return;
-    linger(std::chrono::milliseconds(0));
+    let_go(std::chrono::milliseconds(0));
     end({by_peer ? "peer" : "gateway", "alert", reason});
 }
 
@@ -248,14 +248,14 @@ void client_connection::stop_reading(int result) {
         (void)SSL_shutdown(ssl_);  // our close_notify
         flush();
         if (state_ == phase::ended) return;
-        linger(std::chrono::milliseconds(0));
+        let_go(std::chrono::milliseconds(0));
         return end({"peer", "close_notify", ""});
     }
     std::string reason = take_openssl_error();
     if (alert_code_ >= 0) return end({"peer", "alert", reason});
     flush();  // OpenSSL's alert
     if (state_ == phase::ended) return;
-    linger(std::chrono::milliseconds(0));
+    let_go(std::chrono::milliseconds(0));
     end({"gateway", "error", reason});
 }
 
@@ -318,11 +318,11 @@ void client_connection::flush() {
 }
 
 void client_connection::update_interest() {
-    // Unread input would make a level-triggered EPOLLIN spin; EPOLLRDHUP tells of the peer's end without reading.
-    uint32_t wanted = silent_ || !reading_ ? EPOLLRDHUP : EPOLLIN | (blocked_ ? EPOLLOUT : 0u);
+    // Unread input would make a level-triggered watch spin; hung_up tells of the peer's end without reading.
+    unsigned wanted = silent_ || !reading_ ? common::hung_up : common::readable | (blocked_ ? common::writable : 0u);
     if (wanted == interest_) return;
     interest_ = wanted;
-    loop_.modify(watch_, wanted);
+    watch_->change(wanted);
 }
 
 // ==== 5 Laboratory ===============================================================================================
@@ -357,10 +357,9 @@ void client_connection::send_raw(byte_view bytes) {
 
 void client_connection::interrupt_output(size_t first, std::chrono::milliseconds gap) {
     sendable_ = first;
-    loop_.cancel(gap_timer_);
-    gap_timer_ = loop_.after(gap, [this] {
-        gap_timer_ = 0;
-        sendable_  = SIZE_MAX;
+    gap_timer_.emplace(loop_);
+    gap_timer_->start(gap, [this] {
+        sendable_ = SIZE_MAX;
         flush();
     });
 }
@@ -380,43 +379,33 @@ void client_connection::shut_sending() {
 
 // ==== 6 Ending ===================================================================================================
 
-// Lets go of the socket: FIN after `before_fin`, then what still arrives is thrown away for a while, because closing
-// a socket with unread input sends an RST, which may overtake what the client has not read yet.
-void client_connection::linger(std::chrono::milliseconds before_fin) {
-    struct lingering {
-        event_loop &loop;
-        unique_fd   socket;
-        uint64_t    watch     = 0;
-        uint64_t    fin_timer = 0;
-        uint64_t    end_timer = 0;
+farewells::farewell::farewell(common::loop &loop, common::unique_fd left)
+    : socket(std::move(left)), watch(loop, socket.get()), fin(loop), end(loop) {}
 
-        void finish() {
-            loop.forget(watch);
-            loop.cancel(fin_timer);
-            loop.cancel(end_timer);
-            socket.reset();
-        }
-    };
-    loop_.forget(watch_);
-    watch_      = 0;
-    auto rest   = std::make_shared<lingering>(lingering{loop_, std::move(socket_)});
-    rest->watch = loop_.watch(rest->socket.get(), EPOLLIN, [rest](uint32_t) {
+void farewells::add(common::unique_fd socket, std::chrono::milliseconds before_fin) {
+    auto here = open_.emplace(open_.end(), loop_, std::move(socket));
+    int  fd   = here->socket.get();
+    here->watch.start(common::readable, [this, here, fd](unsigned) {
         uint8_t scrap[4096];
-        ssize_t count = recv(rest->socket.get(), scrap, sizeof scrap, 0);
-        if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) rest->finish();
+        ssize_t count = recv(fd, scrap, sizeof scrap, 0);
+        if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) open_.erase(here);
     });
-    if (before_fin.count() == 0) (void)shutdown(rest->socket.get(), SHUT_WR);
-    else rest->fin_timer = loop_.after(before_fin, [rest] { (void)shutdown(rest->socket.get(), SHUT_WR); });
-    rest->end_timer = loop_.after(before_fin + linger_time, [rest] { rest->finish(); });
+    if (before_fin.count() == 0) (void)shutdown(fd, SHUT_WR);
+    else here->fin.start(before_fin, [fd] { (void)shutdown(fd, SHUT_WR); });
+    here->end.start(before_fin + linger_time, [this, here] { open_.erase(here); });
+}
+
+void client_connection::let_go(std::chrono::milliseconds before_fin) {
+    watch_.reset();
+    leaving_.add(std::move(socket_), before_fin);
 }
 
 void client_connection::end(const connection_end &ending) {
     if (state_ == phase::ended) return;
     state_ = phase::ended;
-    loop_.forget(watch_);
-    watch_ = 0;
-    loop_.cancel(handshake_timer_);
-    loop_.cancel(gap_timer_);
+    watch_.reset();
+    handshake_timer_.reset();
+    gap_timer_.reset();
     socket_.reset();
     owner_.on_ended(*this, ending);
 }
@@ -424,7 +413,7 @@ void client_connection::end(const connection_end &ending) {
 void client_connection::end_with_fin(const std::string &detail) {
     flush();
     if (state_ == phase::ended) return;
-    linger(std::chrono::milliseconds(0));
+    let_go(std::chrono::milliseconds(0));
     end({"gateway", "fin", detail});
 }
 
@@ -432,7 +421,7 @@ void client_connection::end_with_notify(const std::string &detail) {
     if (can_send()) (void)SSL_shutdown(ssl_);
     flush();
     if (state_ == phase::ended) return;
-    linger(std::chrono::milliseconds(0));
+    let_go(std::chrono::milliseconds(0));
     end({"gateway", "close_notify", detail});
 }
 
@@ -452,13 +441,13 @@ void client_connection::end_with_alert(int level, int code) {
     else send_raw(record);
     flush();
     if (state_ == phase::ended) return;
-    linger(time_to_read_alert);
+    let_go(time_to_read_alert);
     end({"gateway", "alert", "code " + std::to_string(code)});
 }
 
 void client_connection::end_for_error(const std::string &detail) {
     if (state_ == phase::ended) return;
-    linger(std::chrono::milliseconds(0));
+    let_go(std::chrono::milliseconds(0));
     end({"gateway", "error", detail});
 }
 

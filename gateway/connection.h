@@ -3,13 +3,15 @@
 #include <openssl/ssl.h>
 
 #include <chrono>
+#include <list>
+#include <optional>
 #include <string>
 
 #include "byte_queue.h"
+#include "common/loop.h"
+#include "common/unique_fd.h"
 #include "counters.h"
 #include "frame.h"
-#include "loop.h"
-#include "unique_fd.h"
 
 namespace gw {
 
@@ -37,6 +39,36 @@ public:
     virtual void on_ended(client_connection &connection, const connection_end &ending) = 0;
 };
 
+// Sockets that the gateway has let go of: FIN, and what still arrives is thrown away for a while, because closing a
+// socket with unread input sends an RST, which may overtake what the client has not read yet.
+class farewells {
+public:
+    explicit farewells(common::loop &loop) : loop_(loop) {}
+
+    // Sends the FIN after `before_fin`.
+    void add(common::unique_fd socket, std::chrono::milliseconds before_fin);
+
+private:
+    struct farewell {
+        farewell(common::loop &loop, common::unique_fd left);
+        common::unique_fd        socket;
+        common::descriptor_watch watch;  // goes before the socket
+        common::timer            fin;
+        common::timer            end;
+    };
+
+    common::loop       &loop_;
+    std::list<farewell> open_;
+};
+
+// What all connections share.
+struct surroundings {
+    connection_owner &owner;
+    common::loop     &loop;
+    farewells        &leaving;
+    counter_set      &totals;  // counted along with the connection's own counters
+};
+
 // One client connection: TCP, TLS, frames, and the bounded queue of packets for a client that reads slowly. Never
 // blocks.
 //
@@ -60,9 +92,9 @@ public:
         size_t               queue = 1024;  // packets
     };
 
-    // Takes the accepted, non-blocking socket. `totals` is counted along with the connection's own counters.
-    client_connection(uint64_t id, unique_fd socket, std::string peer, connection_owner &owner, event_loop &loop,
-                      const bounds &limits, counter_set &totals);
+    // Takes the accepted, non-blocking socket.
+    client_connection(uint64_t id, common::unique_fd socket, std::string peer, const surroundings &around,
+                      const bounds &limits);
     virtual ~client_connection();
     client_connection(const client_connection &)            = delete;
     client_connection &operator=(const client_connection &) = delete;
@@ -117,7 +149,9 @@ public:
     const counter_set &counters() const { return counters_; }
 
 private:
-    void on_event(uint32_t events);
+    using clock = std::chrono::steady_clock;
+
+    void on_event(unsigned events);
     void receive();
     void notice_end();
     void continue_handshake();
@@ -130,7 +164,7 @@ private:
     void fill_from_queue();
     void update_interest();
     bool can_send() const { return state_ == phase::open && !half_shut_; }
-    void linger(std::chrono::milliseconds before_fin);
+    void let_go(std::chrono::milliseconds before_fin);
     void end(const connection_end &ending);
 
     static int               bio_read(BIO *bio, char *to, int size);
@@ -140,33 +174,34 @@ private:
     static void see_message(int write, int version, int type, const void *bytes, size_t size, SSL *ssl, void *self);
     static void see_state(const SSL *ssl, int where, int value);
 
-    const uint64_t                      id_;
-    unique_fd                           socket_;
-    const std::string                   peer_;
-    connection_owner                   &owner_;
-    event_loop                         &loop_;
-    const bounds                        limits_;
-    const event_loop::clock::time_point born_            = event_loop::clock::now();
-    phase                               state_           = phase::stalled;
-    SSL                                *ssl_             = nullptr;
-    uint64_t                            watch_           = 0;
-    uint32_t                            interest_        = 0;  // epoll events asked for
-    uint64_t                            handshake_timer_ = 0;
-    uint64_t                            gap_timer_       = 0;
-    bool                                reading_         = true;  // false: stalled without reading
-    bool                                silent_          = false;
-    bool                                half_shut_       = false;
-    bool                                blocked_ = false;  // the socket took less than offered: wait for EPOLLOUT
-    byte_view                           input_;  // received bytes that OpenSSL has not taken yet; only during receive()
-    frame_parser                        parser_;
-    byte_queue                          out_;                  // encrypted bytes for the socket
-    size_t                              sendable_ = SIZE_MAX;  // how many of them may go out now, see interrupt_output
-    frame_ring                          queue_;                // data frames that wait until out_ has drained
-    uint64_t                            records_written_ = 0;  // since the ChangeCipherSpec, the Finished included
-    int                                 alert_level_     = 0;  // last alert received
-    int                                 alert_code_      = -1;
-    counter_set                         counters_;
-    counter_set                        &totals_;
+    const uint64_t                          id_;
+    common::unique_fd                       socket_;
+    const std::string                       peer_;
+    connection_owner                       &owner_;
+    common::loop                           &loop_;
+    farewells                              &leaving_;
+    const bounds                            limits_;
+    const clock::time_point                 born_  = clock::now();
+    phase                                   state_ = phase::stalled;
+    SSL                                    *ssl_   = nullptr;
+    std::optional<common::descriptor_watch> watch_;
+    unsigned                                interest_ = 0;  // events asked for
+    std::optional<common::timer>            handshake_timer_;
+    std::optional<common::timer>            gap_timer_;
+    bool                                    reading_   = true;  // false: stalled without reading
+    bool                                    silent_    = false;
+    bool                                    half_shut_ = false;
+    bool         blocked_ = false;  // the socket took less than offered: wait until it takes more
+    byte_view    input_;            // received bytes that OpenSSL has not taken yet; only during receive()
+    frame_parser parser_;
+    byte_queue   out_;                  // encrypted bytes for the socket
+    size_t       sendable_ = SIZE_MAX;  // how many of them may go out now, see interrupt_output
+    frame_ring   queue_;                // data frames that wait until out_ has drained
+    uint64_t     records_written_ = 0;  // since the ChangeCipherSpec, the Finished included
+    int          alert_level_     = 0;  // last alert received
+    int          alert_code_      = -1;
+    counter_set  counters_;
+    counter_set &totals_;
 };
 
 }  // namespace gw

@@ -1,37 +1,52 @@
 #include "events.h"
 
-#include <fmt/chrono.h>
 #include <spdlog/spdlog.h>
 
-#include <chrono>
+#include <string>
+#include <string_view>
+#include <vector>
 
 namespace gw {
 
 namespace {
 
 constexpr size_t kept_events = 10000;
+constexpr size_t kept_bytes  = 32u << 20;  // of their texts: ten thousand packets
 
-// The log level of each event.
+// The kinds, with the level at which the log tells them.
 constexpr struct {
-    const char               *kind;
+    common::event_kind        kind;
     spdlog::level::level_enum level;
-} levels[] = {
-    {"tls_failed", spdlog::level::warn},     {"frame_invalid", spdlog::level::warn},
-    {"accept_refused", spdlog::level::warn}, {"config_resp_withheld", spdlog::level::warn},
-    {"tcp_accept", spdlog::level::info},     {"tls_up", spdlog::level::info},
-    {"config_req", spdlog::level::info},     {"config_resp_sent", spdlog::level::info},
-    {"closed", spdlog::level::info},         {"alert_rx", spdlog::level::info},
-    {"shutdown", spdlog::level::info},       {"dpd_req", spdlog::level::debug},
-    {"dpd_resp_sent", spdlog::level::debug}, {"sent", spdlog::level::debug},
-    {"data", spdlog::level::trace},
+} kinds[] = {
+    {{"tcp_accept", "a connection came: peer, mode"}, spdlog::level::info},
+    {{"accept_refused", "a connection was reset: peer, why"}, spdlog::level::warn},
+    {{"tls_up", "the handshake is over: version, cipher, identity, resumed"}, spdlog::level::info},
+    {{"tls_failed", "the handshake failed: peer, identity, reason; a closed follows"}, spdlog::level::warn},
+    {{"config_req", "a configuration request: its text, and what it holds"}, spdlog::level::info},
+    {{"config_resp_sent", "the response: text, inner, device_id, how"}, spdlog::level::info},
+    {{"config_resp_withheld", "no response: why"}, spdlog::level::warn},
+    {{"dpd_req", "a client asks whether the gateway is alive: answered"}, spdlog::level::debug},
+    {{"dpd_resp_sent", "the answer to that"}, spdlog::level::debug},
+    {{"data", "a packet, only after data_events: dir, hex, length, verdict"}, spdlog::level::trace},
+    {{"frame_invalid", "a frame that is none of a client's: reason, type, hex, action"}, spdlog::level::warn},
+    {{"sent", "a request sent something: what, bytes"}, spdlog::level::debug},
+    {{"alert_rx", "an alert of the client: level, code, alert"}, spdlog::level::info},
+    {{"closed", "a connection ended: by, how, detail, age_ms"}, spdlog::level::info},
+    {{"shutdown", "the gateway ends: reason"}, spdlog::level::info},
 };
 
 // Members that stay out of the log: the time has its place, the texts hold cookies.
-constexpr const char *not_logged[] = {"event", "seq", "mono_ms", "wall", "client", "text", "hex", "cookie"};
+constexpr const char *not_logged[] = {"text", "hex", "cookie"};
+
+std::vector<common::event_kind> kinds_alone() {
+    std::vector<common::event_kind> list;
+    for (const auto &entry : kinds) list.push_back(entry.kind);
+    return list;
+}
 
 spdlog::level::level_enum level_of(std::string_view kind) {
-    for (const auto &entry : levels) {
-        if (kind == entry.kind) return entry.level;
+    for (const auto &entry : kinds) {
+        if (kind == entry.kind.name) return entry.level;
     }
     return spdlog::level::info;
 }
@@ -52,59 +67,26 @@ std::string log_value(const json &value) {
     return plain ? quoted.substr(1, quoted.size() - 2) : quoted;
 }
 
-void log_event(const char *kind, uint64_t client, const json &event) {
+void tell_log(const char *kind, const json &members) {
     auto level = level_of(kind);
     if (!spdlog::should_log(level)) return;
-    std::string line = fmt::format("event={}", kind);
-    if (client) line += fmt::format(" client={}", client);
-    for (const auto &[name, value] : event.items()) {
-        if (is_logged(name)) line += fmt::format(" {}={}", name, log_value(value));
+    std::string line = std::string("event=") + kind;
+    for (const auto &[name, value] : members.items()) {
+        if (is_logged(name)) line += " " + name + "=" + log_value(value);
     }
     spdlog::log(level, "{}", line);
 }
 
-std::string wall_text(std::chrono::system_clock::time_point time) {
-    auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-    auto micros  = std::chrono::duration_cast<std::chrono::microseconds>(time - seconds).count();
-    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)),
-                       micros);
-}
-
-double mono_milliseconds() {
-    auto time = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<double>(std::chrono::duration_cast<std::chrono::microseconds>(time).count()) / 1000.0;
-}
-
 }  // namespace
 
-void event_log::emit(const char *kind, uint64_t client, const json &fields) {
-    json event = {
-        {"event", kind},
-        {"seq", ++last_},
-        {"mono_ms", mono_milliseconds()},
-        {"wall", wall_text(std::chrono::system_clock::now())},
-    };
-    if (client) event["client"] = client;
-    event.update(fields);
-    log_event(kind, client, event);
+event_journal::event_journal() : log_(kinds_alone(), kept_events, kept_bytes) {}
 
-    ring_.push_back(std::make_shared<const json>(std::move(event)));
-    if (ring_.size() > kept_events) ring_.pop_front();
-    kept_event current = ring_.back();  // a listener may cause further events
-    if (listener_) listener_(*current);
-}
-
-uint64_t event_log::lost(uint64_t since) const {
-    uint64_t oldest = last_ - ring_.size() + 1;
-    return since + 1 < oldest ? oldest - since - 1 : 0;
-}
-
-void event_log::visit(uint64_t since, const std::function<bool(const json &)> &visit) const {
-    uint64_t gone  = last_ - ring_.size();
-    size_t   start = since > gone ? static_cast<size_t>(since - gone) : 0;
-    for (size_t i = start; i < ring_.size(); i++) {
-        if (!visit(*ring_[i])) return;
-    }
+void event_journal::emit(const char *kind, uint64_t client, const json &fields) {
+    json members = json::object();
+    if (client) members["client"] = client;
+    members.update(fields);
+    tell_log(kind, members);
+    log_.add(kind, members);
 }
 
 }  // namespace gw

@@ -38,37 +38,37 @@ const char *mode_text(accept_mode mode) {
     return "";
 }
 
-void reset_socket(unique_fd socket) {
+void reset_socket(common::unique_fd socket) {
     struct linger hard = {.l_onoff = 1, .l_linger = 0};
     (void)setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
 }
 
 }  // namespace
 
-tunnel_gateway::tunnel_gateway(const gateway_options &options, event_loop &loop)
+tunnel_gateway::tunnel_gateway(const gateway_options &options, common::loop &loop)
     : options_(options),
       loop_(loop),
+      leaving_(loop),
       tls_(options.tls),
       pool_(options.pool, excluded_addresses(options.tun_address)),
+      accept_timer_(loop),
       port_(options.listen_port) {
     if (options_.use_tun) {
         tun_.emplace(options_.tun, options_.tun_address, options_.mtu, options_.pool);
-        tun_watch_ = loop_.watch(tun_->fd(), EPOLLIN, [this](uint32_t) { on_tun_readable(); });
+        tun_watch_.emplace(loop_, tun_->fd());
+        tun_watch_->start(common::readable, [this](unsigned) { on_tun_readable(); });
     }
     listen();
 }
 
-tunnel_gateway::~tunnel_gateway() {
-    loop_.forget(listen_watch_);
-    loop_.forget(tun_watch_);
-}
+tunnel_gateway::~tunnel_gateway() = default;
 
 // ==== 1 Listening ================================================================================================
 
 void tunnel_gateway::listen() {
-    unique_fd   socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    int         on = 1;
-    sockaddr_in address{};
+    common::unique_fd socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    int               on = 1;
+    sockaddr_in       address{};
     address.sin_family      = AF_INET;
     address.sin_addr.s_addr = htonl(options_.listen_address);
     address.sin_port        = htons(port_);
@@ -78,9 +78,10 @@ void tunnel_gateway::listen() {
                 ::listen(socket.get(), accept_backlog) == 0 &&
                 getsockname(socket.get(), reinterpret_cast<sockaddr *>(&address), &size) == 0;
     if (!good) throw runtime_failure("cannot listen on " + listen_text() + ": " + strerror(errno));
-    port_         = ntohs(address.sin_port);
-    listener_     = std::move(socket);
-    listen_watch_ = loop_.watch(listener_.get(), EPOLLIN, [this](uint32_t) { on_acceptable(); });
+    port_     = ntohs(address.sin_port);
+    listener_ = std::move(socket);
+    listen_watch_.emplace(loop_, listener_.get());
+    listen_watch_->start(common::readable, [this](unsigned) { on_acceptable(); });
 }
 
 std::string tunnel_gateway::listen_text() const {
@@ -89,20 +90,25 @@ std::string tunnel_gateway::listen_text() const {
 
 void tunnel_gateway::set_accept(accept_mode mode) {
     if (mode == accept_mode::refuse) {
-        loop_.forget(listen_watch_);
-        listener_.reset();
+        stop_listening();
     } else if (!listener_) {
         listen();
     }
     lab.accept = mode;
 }
 
+void tunnel_gateway::stop_listening() {
+    accept_timer_.stop();
+    listen_watch_.reset();
+    listener_.reset();
+}
+
 void tunnel_gateway::on_acceptable() {
     for (int i = 0; i < accepts_per_batch && listener_; i++) {
-        sockaddr_in address{};
-        socklen_t   size = sizeof address;
-        unique_fd   socket(
-              accept4(listener_.get(), reinterpret_cast<sockaddr *>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        sockaddr_in       address{};
+        socklen_t         size = sizeof address;
+        common::unique_fd socket(
+            accept4(listener_.get(), reinterpret_cast<sockaddr *>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (socket) take_connection(std::move(socket), peer_text(address));
         else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) return pause_accepting();
         else if (errno != ECONNABORTED && errno != EINTR) return;
@@ -111,11 +117,11 @@ void tunnel_gateway::on_acceptable() {
 
 void tunnel_gateway::pause_accepting() {
     spdlog::warn("cannot accept error=\"{}\"", strerror(errno));
-    loop_.modify(listen_watch_, 0);
-    loop_.after(accept_pause, [this] { loop_.modify(listen_watch_, EPOLLIN); });
+    listen_watch_->change(0);
+    accept_timer_.start(accept_pause, [this] { listen_watch_->change(common::readable); });
 }
 
-void tunnel_gateway::take_connection(unique_fd socket, const std::string &peer) {
+void tunnel_gateway::take_connection(common::unique_fd socket, const std::string &peer) {
     totals_.add(counter::accepted);
     const char *refused = nullptr;
     if (lab.accept == accept_mode::reset) refused = "reset";
@@ -126,10 +132,9 @@ void tunnel_gateway::take_connection(unique_fd socket, const std::string &peer) 
         return reset_socket(std::move(socket));
     }
     uint64_t                  id = next_client_++;
+    surroundings              around{*this, loop_, leaving_, totals_};
     client_connection::bounds limits{.handshake = options_.handshake_timeout, .queue = options_.queue};
-    auto                     &client = *clients_
-                        .emplace(id, std::make_unique<tunnel_client>(id, std::move(socket), peer, *this, loop_, limits,
-                                                                     totals_))
+    auto &client = *clients_.emplace(id, std::make_unique<tunnel_client>(id, std::move(socket), peer, around, limits))
                         .first->second;
     events.emit("tcp_accept", id, {{"peer", peer}, {"mode", mode_text(lab.accept)}});
     if (lab.accept == accept_mode::normal) client.start_tls(tls_.get());
@@ -152,7 +157,8 @@ void tunnel_gateway::on_tls_up(client_connection &connection) {
 
 void tunnel_gateway::on_tls_failed(client_connection &connection, const std::string &reason) {
     totals_.add(counter::tls_failed);
-    events.emit("tls_failed", connection.id(), {{"peer", connection.peer()}, {"reason", reason}});
+    events.emit("tls_failed", connection.id(),
+                {{"peer", connection.peer()}, {"identity", peer_identity(connection.ssl())}, {"reason", reason}});
 }
 
 void tunnel_gateway::on_alert(client_connection &connection, int level, int code) {
@@ -190,7 +196,7 @@ void tunnel_gateway::on_output(client_connection &connection) {
 void tunnel_gateway::on_ended(client_connection &connection, const connection_end &ending) {
     auto &client = static_cast<tunnel_client &>(connection);
     totals_.add(counter::closed);
-    loop_.cancel(client.delay_timer);
+    client.delay_timer.reset();
     auto node = clients_.extract(client.id());
     dead_.push_back(std::move(node.mapped()));
     drop_route(client);
@@ -221,8 +227,7 @@ void tunnel_gateway::finish_batch() {
 
 void tunnel_gateway::shut_down(const std::string &reason) {
     events.emit("shutdown", 0, {{"reason", reason}});
-    loop_.forget(listen_watch_);
-    listener_.reset();
+    stop_listening();
     for (tunnel_client *client : clients()) client->end_with_notify("shutdown");
     dead_.clear();
 }
@@ -230,7 +235,7 @@ void tunnel_gateway::shut_down(const std::string &reason) {
 // ==== 3 For the control protocol =================================================================================
 
 std::chrono::milliseconds tunnel_gateway::uptime() const {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(event_loop::clock::now() - born_);
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - born_);
 }
 
 std::vector<tunnel_client *> tunnel_gateway::clients() {

@@ -19,17 +19,17 @@ class tunnel_client final : public client_connection {
 public:
     using client_connection::client_connection;
 
-    std::string         identity;  // known from tls_up on
-    std::string         cipher;
-    std::string         device_id;  // these three from the last configuration request
-    std::string         name;
-    std::string         serial;
-    address_lease      *lease       = nullptr;  // from the first configuration request on
-    uint32_t            inner       = 0;        // address that the response assigned, host order; 0 before
-    bool                configured  = false;    // a configuration response was sent
-    bool                withheld    = false;    // a request waits for config release
-    uint64_t            delay_timer = 0;
-    std::optional<bool> answers_dpd;  // unset: as all others
+    std::string                  identity;  // known from tls_up on
+    std::string                  cipher;
+    std::string                  device_id;  // these three from the last configuration request
+    std::string                  name;
+    std::string                  serial;
+    address_lease               *lease      = nullptr;  // from the first configuration request on
+    uint32_t                     inner      = 0;        // address that the response assigned, host order; 0 before
+    bool                         configured = false;    // a configuration response was sent
+    bool                         withheld   = false;    // a request waits for config release
+    std::optional<common::timer> delay_timer;
+    std::optional<bool>          answers_dpd;  // unset: as all others
 };
 
 enum class accept_mode {
@@ -76,7 +76,7 @@ struct laboratory {
 // a reference stays valid until then.
 class tunnel_gateway final : public connection_owner {
 public:
-    tunnel_gateway(const gateway_options &options, event_loop &loop);  // throws UsageError, RuntimeFailure
+    tunnel_gateway(const gateway_options &options, common::loop &loop);  // throws usage_error, runtime_failure
     ~tunnel_gateway() override;
     tunnel_gateway(const tunnel_gateway &)            = delete;
     tunnel_gateway &operator=(const tunnel_gateway &) = delete;
@@ -86,7 +86,7 @@ public:
 
     // For the control protocol (commands.cpp).
     laboratory                   lab;
-    event_log                    events;
+    event_journal                events;
     const gateway_options       &options() const { return options_; }
     std::chrono::milliseconds    uptime() const;
     const counter_set           &totals() const { return totals_; }
@@ -96,21 +96,22 @@ public:
     std::vector<tunnel_client *> clients();  // oldest first
     tunnel_client               *find_client(uint64_t id);
     bool                         is_active(const tunnel_client &client) const;
-    void                         set_accept(accept_mode mode);  // throws RuntimeFailure when listening again fails
+    void                         set_accept(accept_mode mode);  // throws runtime_failure when listening again fails
     size_t                       release_withheld(const tunnel_client *only);
     void                         forget_dpd_choices();
 
     // A packet from the site, wrapped into a data frame for `to`, or for the holder of its destination. Null: nobody
-    // has that address. `sent` tells whether the queue took it. The packet holds at most FrameRing::slot_size - 8
+    // has that address. `sent` tells whether the queue took it. The packet holds at most frame_ring::slot_size - 8
     // bytes.
     tunnel_client *send_packet(byte_view packet, tunnel_client *to, bool &sent);
 
 private:
     // gateway.cpp: listening, life of connections
     void listen();
+    void stop_listening();
     void on_acceptable();
     void pause_accepting();
-    void take_connection(unique_fd socket, const std::string &peer);
+    void take_connection(common::unique_fd socket, const std::string &peer);
     void on_tls_up(client_connection &connection) override;
     void on_tls_failed(client_connection &connection, const std::string &reason) override;
     void on_alert(client_connection &connection, int level, int code) override;
@@ -140,16 +141,18 @@ private:
     void report_packet(const tunnel_client &client, const char *direction, byte_view packet, const char *verdict);
 
     gateway_options                                            options_;
-    event_loop                                                &loop_;
+    common::loop                                              &loop_;
+    farewells                                                  leaving_;
     tls_context                                                tls_;
     address_pool                                               pool_;
     std::optional<tun_device>                                  tun_;
-    uint64_t                                                   tun_watch_ = 0;
-    unique_fd                                                  listener_;
-    uint64_t                                                   listen_watch_ = 0;
+    std::optional<common::descriptor_watch>                    tun_watch_;
+    common::unique_fd                                          listener_;
+    std::optional<common::descriptor_watch>                    listen_watch_;
+    common::timer                                              accept_timer_;
     uint16_t                                                   port_;  // the one in use, once listening
     uint64_t                                                   next_client_ = 1;
-    const event_loop::clock::time_point                        born_        = event_loop::clock::now();
+    const std::chrono::steady_clock::time_point                born_        = std::chrono::steady_clock::now();
     counter_set                                                totals_;
     std::map<uint64_t, std::unique_ptr<tunnel_client>>         clients_;  // by number, so oldest first
     std::unordered_map<uint32_t, std::vector<tunnel_client *>> holders_;

@@ -73,9 +73,9 @@ void tunnel_gateway::respond_by_mode(tunnel_client &client) {
     case config_answer::hold: client.withheld = true; return withhold(client, "hold");
     case config_answer::delay:
         withhold(client, "delay");
-        loop_.cancel(client.delay_timer);
-        client.delay_timer = loop_.after(
-            mode.delay, [this, &client] { respond(client, "delayed"); });  // cancelled when the client ends
+        client.delay_timer.emplace(loop_);
+        client.delay_timer->start(mode.delay,
+                                  [this, &client] { respond(client, "delayed"); });  // cancelled when the client ends
         return;
     case config_answer::drop: return withhold(client, "drop");
     case config_answer::replace: return send_response(client, text_of(mode.bytes), "replaced");

@@ -1,14 +1,12 @@
 #include <fcntl.h>
-#include <spdlog/sinks/basic_file_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
-#include <sys/signalfd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <memory>
 
+#include "common/log.h"
 #include "control.h"
 #include "errors.h"
 #include "gateway.h"
@@ -22,30 +20,11 @@ namespace {
 constexpr std::chrono::milliseconds farewell{100};
 
 void open_log(const gateway_options &options) {
-    std::shared_ptr<spdlog::logger> logger;
     try {
-        logger = options.log == "-" ? spdlog::stderr_logger_st("gateway")
-                                    : spdlog::basic_logger_st("gateway", options.log);
-    } catch (const spdlog::spdlog_ex &error) {
-        throw usage_error("cannot write the log " + options.log + ": " + strerror(errno));
+        common::open_log("gateway", options.log, options.log_level);
+    } catch (const std::exception &error) {
+        throw usage_error(error.what());
     }
-    logger->set_pattern("%Y-%m-%dT%H:%M:%S.%e %l %v");
-    logger->set_level(spdlog::level::from_str(options.log_level));
-    logger->flush_on(spdlog::level::trace);  // lines are rare, and somebody may be waiting for one
-    spdlog::set_default_logger(logger);
-}
-
-// SIGTERM and SIGINT as a descriptor of the loop, signalfd(2).
-unique_fd block_signals() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    unique_fd fd(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
-    if (!fd) throw runtime_failure(std::string("cannot receive signals: ") + strerror(errno));
-    return fd;
 }
 
 // Exists while the gateway accepts clients.
@@ -53,10 +32,10 @@ class ready_file {
 public:
     ready_file(const std::string &path, const std::string &listen) : path_(path) {
         if (path_.empty()) return;
-        std::string text  = "pid=" + std::to_string(getpid()) + " listen=" + listen + "\n";
-        std::string fresh = path_ + ".new";  // renamed, so that it is never seen half written
-        unique_fd   file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-        bool        good = file && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+        std::string       text  = "pid=" + std::to_string(getpid()) + " listen=" + listen + "\n";
+        std::string       fresh = path_ + ".new";  // renamed, so that it is never seen half written
+        common::unique_fd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        bool good = file && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
                     rename(fresh.c_str(), path_.c_str()) == 0;
         if (!good) throw usage_error("cannot write the ready file " + path_ + ": " + strerror(errno));
     }
@@ -70,28 +49,28 @@ private:
     std::string path_;
 };
 
-void serve(const gateway_options &options) {
-    unique_fd                       signals = block_signals();
-    event_loop                      loop;
-    tunnel_gateway                  gateway(options, loop);
-    std::unique_ptr<control_socket> control;
-    if (!options.control.empty()) control = std::make_unique<control_socket>(options.control, gateway, loop);
-    ready_file ready(options.ready_file, gateway.listen_text());
+// Ends the loop when the clients had time to answer.
+void end_gateway(tunnel_gateway &gateway, common::loop &loop, common::timer &goodbye, const char *reason) {
+    bool alone = gateway.clients().empty();
+    gateway.shut_down(reason);
+    if (alone) return loop.stop();
+    goodbye.start(farewell, [&loop] { loop.stop(); });
+}
 
-    loop.watch(signals.get(), EPOLLIN, [&](uint32_t) {
-        signalfd_siginfo info{};
-        if (read(signals.get(), &info, sizeof info) != sizeof info) return;
-        bool alone = gateway.clients().empty();
-        gateway.shut_down(info.ssi_signo == SIGTERM ? "SIGTERM" : "SIGINT");
-        if (alone) return loop.stop();
-        loop.after(farewell, [&loop] { loop.stop(); });
-    });
+void serve(const gateway_options &options) {
+    signal(SIGPIPE, SIG_IGN);
+    common::loop                         loop;
+    tunnel_gateway                       gateway(options, loop);
+    std::unique_ptr<common::json_server> control;
+    if (!options.control.empty()) control = serve_control(options.control, gateway, loop);
+    common::timer        goodbye(loop);
+    common::signal_watch term(loop, SIGTERM, [&] { end_gateway(gateway, loop, goodbye, "SIGTERM"); });
+    common::signal_watch interrupt(loop, SIGINT, [&] { end_gateway(gateway, loop, goodbye, "SIGINT"); });
+    ready_file           ready(options.ready_file, gateway.listen_text());
+
     spdlog::info("ready listen={} tun={} pool={}", gateway.listen_text(), options.use_tun ? options.tun : "none",
                  options.pool_text);
-    loop.run([&] {
-        gateway.finish_batch();
-        if (control) control->finish_batch();
-    });
+    loop.run([&] { gateway.finish_batch(); });
     spdlog::info("stopped");
 }
 

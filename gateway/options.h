@@ -43,7 +43,7 @@ struct gateway_options {
     std::string control;
 };
 
-// Reads the command line. Prints help or version itself and returns nothing then; throws UsageError for whatever is
+// Reads the command line. Prints help or version itself and returns nothing then; throws usage_error for whatever is
 // wrong.
 std::optional<gateway_options> parse_options(int argc, const char *const *argv);
 

@@ -9,7 +9,7 @@ namespace gw {
 using psk_table = std::map<std::string, std::string>;
 
 // Reads lines "identity:key text"; the identity ends at the first colon, the key bytes are the characters of the
-// text. Empty lines and those that begin with '#' are skipped. Throws UsageError with file and line, never with the
+// text. Empty lines and those that begin with '#' are skipped. Throws usage_error with file and line, never with the
 // key.
 psk_table read_psk_file(const std::string &path);
 

@@ -23,7 +23,7 @@ struct tls_options {
 // The TLS 1.2 server context from which every connection is made.
 class tls_context {
 public:
-    explicit tls_context(const tls_options &options);  // throws UsageError that names the file or list
+    explicit tls_context(const tls_options &options);  // throws usage_error that names the file or list
     ~tls_context();
     tls_context(const tls_context &)            = delete;
     tls_context &operator=(const tls_context &) = delete;

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "text.h"
-#include "unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace gw {
 
@@ -15,7 +15,7 @@ namespace gw {
 class tun_device {
 public:
     // Creates the interface, gives it address and MTU, brings it up and adds routes for what `pool` has outside
-    // `address`. Throws RuntimeFailure. The interface goes away with this object.
+    // `address`. Throws runtime_failure. The interface goes away with this object.
     tun_device(const std::string &name, const ipv4_cidr &address, unsigned mtu, const address_range &pool);
 
     int                fd() const { return fd_.get(); }
@@ -34,9 +34,9 @@ private:
     void add_routes(const ipv4_cidr &address, const address_range &pool);
     void control(unsigned long request, void *argument, const char *what);
 
-    std::string name_;
-    unique_fd   fd_;
-    unique_fd   control_;  // for the interface ioctls, netdevice(7)
+    std::string       name_;
+    common::unique_fd fd_;
+    common::unique_fd control_;  // for the interface ioctls, netdevice(7)
 };
 
 // The fewest networks that cover the range exactly.

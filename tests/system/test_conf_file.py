@@ -98,7 +98,7 @@ def test_serial_number_and_name_survive_a_file_that_lacks_them(bench):
     daemon = bench.make_daemon(env=bench.preload_fast_clock(FAST))
     daemon.bring_up()
     bench.world.write(CONF_FILE, conf_text(serial_num=None, system_name=None, device_id=None))
-    before = gateway.seq
+    before = gateway.last
     daemon.order(records.TUN_RESTART)
     request = gateway.wait("config_req", since=before, timeout=10)
     assert (request["device_id"], request["name"], request["serial"]) == ("", "branch-router", "SN-4711")

@@ -18,13 +18,13 @@ def test_without_a_response_the_guard_ends_the_connection_and_backoff_makes_the_
     request = gateway.wait("config_req", since=0, timeout=10)
     closed = gateway.wait("closed", since=0, timeout=GUARD_SECONDS + 3)
     assert closed["by"] == "peer"
-    assert 0 <= closed["mono_ms"] - request["mono_ms"] - GUARD_SECONDS * 1000 < 600
+    assert 0 <= closed["mono"] - request["mono"] - GUARD_SECONDS < 0.6
     gateway.ask("config", mode="normal")
     bench.controller.wait_for(records.NAME_REQUEST, BACKOFF_SECONDS + 2)
     bench.controller.wait_for(records.TUN_UP, 8)
     again = gateway.events("tcp_accept")[1]
     # Backoff, then at most one poll (2 s) until the controller's answer is read.
-    assert 0 <= again["mono_ms"] - closed["mono_ms"] - BACKOFF_SECONDS * 1000 < 3000
+    assert 0 <= again["mono"] - closed["mono"] - BACKOFF_SECONDS < 3
     daemon.log.assert_order(
         "Started Backoff Timer for 10 sec", "Received FQDN resolved GW IP, trying to connect", "Establish new TCP connection", "TUN-INTF is UP!!"
     )
@@ -53,7 +53,7 @@ def test_a_response_without_a_usable_address_is_refused_and_the_connection_stays
     daemon.start()
     for name, text in REFUSED.items():
         place = daemon.log.position
-        since = gateway.seq
+        since = gateway.last
         gateway.ask("config", mode="replace", hex=text.hex(), once=True)
         if gateway.clients():
             gateway.ask("close", how="fin")
@@ -64,7 +64,7 @@ def test_a_response_without_a_usable_address_is_refused_and_the_connection_stays
             reason = "Did not receive IP addr from GW"
         assert daemon.log.count(reason, place) == 1, name
         # Nobody closes such a connection but the gateway: it outlives the guard.
-        assert gateway.events("closed", since=answered["seq"]) == [], name
+        assert gateway.events("closed", since=answered["number"]) == [], name
         assert gateway.clients()[-1]["client"] == answered["client"], name
     assert bench.controller.all(records.TUN_UP) == []
     assert bench.controller.all("30/1") == []
@@ -124,7 +124,7 @@ def test_every_header_of_the_response_is_taken(bench):
     assert bench.controller.wait_for("30/1", 1, since).data == records.inner_address_record("10.9.0.44")
 
     # Rekey time absent: 3600 again, whatever an earlier response said. The address is asked for; the cookie went with the teardown.
-    place, before = daemon.log.position, gateway.seq
+    place, before = daemon.log.position, gateway.last
     gateway.ask("set", header="X-CSTP-Rekey-Time", value=None)
     gateway.ask("close", how="fin")
     request = gateway.wait("config_req", since=before, timeout=10)

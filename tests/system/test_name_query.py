@@ -51,7 +51,7 @@ def test_an_unanswered_query_is_given_up_after_its_time_and_the_old_address_kept
     asked = controller.wait_for(records.NAME_REQUEST, 5, since)
     daemon.log.wait_for(f"Started FQDN Resoln Timer for {NAME_WAIT_SECONDS} sec", 2, place)
     assert connected_to(daemon, place, 15) == GATEWAY_IP
-    waited = gateway.events("tcp_accept")[1]["mono_ms"] / 1000 - asked.at
+    waited = gateway.events("tcp_accept")[1]["mono"] - asked.at
     assert abs(waited - NAME_WAIT_SECONDS / FAST) < 0.7
     controller.wait_for(records.TUN_UP, 5, since)
 

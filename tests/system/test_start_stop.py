@@ -88,7 +88,7 @@ def test_a_stop_before_any_start_is_dropped_by_the_start(bench):
 def test_a_restart_reads_the_file_again(tunnel):
     daemon, controller, gateway = tunnel.daemon, tunnel.controller, tunnel.gateway
     tunnel.world.write("/storage/application/wlc/wlc-sec-tun.conf", conf_text(device_id="dev-0002", tun_interface_name="tlstun7"))
-    since, before = controller.count, gateway.seq
+    since, before = controller.count, gateway.last
     daemon.order(records.TUN_RESTART)
     controller.wait_for(records.TUN_IN_PROG, 6, since)
     request = gateway.wait("config_req", since=before, timeout=10)

@@ -28,7 +28,7 @@ class Crossing:
 
     def up(self, packets):
         """Puts packets into the device's interface; what reached the gateway."""
-        since = self.gateway.seq
+        since = self.gateway.last
         for packet in packets:
             self.tun.send(packet)
 

@@ -23,6 +23,7 @@
 #include <string>
 #include <thread>
 
+#include "common/log.h"
 #include "control.h"
 #include "errors.h"
 #include "gateway.h"
@@ -103,17 +104,19 @@ public:
 
     // True when nothing is in between: the next line is the answer.
     bool next_is_answer_to_status() {
-        send_line(R"({"cmd":"status"})");
+        send_line(R"({"request":"status"})");
         return next().contains("ok");
     }
 
     // The event of that kind after `since`, waiting for it.
     json event(const std::string &kind, const std::string &more = "", uint64_t since = 0) {
-        return ask(R"({"cmd":"wait","timeout_ms":4000,"event":")" + kind + R"(","since":)" + std::to_string(since) +
-                   more + "}")["event_data"];
+        return ask(R"({"request":"wait","timeout":4,"events":")" + kind + R"(","since":)" + std::to_string(since) +
+                   more + "}")["matched"];
     }
 
-    uint64_t counter(const std::string &name) { return ask(R"({"cmd":"counters"})")["counters"][name].get<uint64_t>(); }
+    uint64_t counter(const std::string &name) {
+        return ask(R"({"request":"counters"})")["counters"][name].get<uint64_t>();
+    }
 
     // Waits until the counter has at least that value.
     bool counts(const std::string &name, uint64_t value) {
@@ -125,8 +128,8 @@ public:
     }
 
 private:
-    gw::unique_fd fd_;
-    std::string   text_;
+    common::unique_fd fd_;
+    std::string       text_;
 };
 
 // The gateway in its thread. Listens on a free loopback port.
@@ -140,19 +143,16 @@ public:
         if (std::find(words.begin(), words.end(), "--tun") == words.end()) all.push_back("--no-tun");
         all.insert(all.end(), words.begin(), words.end());
         gateway_ = std::make_unique<gw::tunnel_gateway>(options_from(all), loop_);
-        control_ = std::make_unique<gw::control_socket>(dir.file("control"), *gateway_, loop_);
+        control_ = gw::serve_control(dir.file("control"), *gateway_, loop_);
         port_    = static_cast<uint16_t>(
             std::stoi(gateway_->listen_text().substr(gateway_->listen_text().rfind(':') + 1)));
-        loop_.watch(stop_.get(), EPOLLIN, [this](uint32_t) {
+        stop_watch_.emplace(loop_, stop_.get());
+        stop_watch_->start(common::readable, [this](unsigned) {
+            stop_watch_->change(0);
             gateway_->shut_down("test");
             loop_.stop();
         });
-        thread_ = std::thread([this] {
-            loop_.run([this] {
-                gateway_->finish_batch();
-                control_->finish_batch();
-            });
-        });
+        thread_ = std::thread([this] { loop_.run([this] { gateway_->finish_batch(); }); });
     }
     ~test_gateway() {
         uint64_t one = 1;
@@ -168,12 +168,13 @@ public:
     temp_dir dir;
 
 private:
-    gw::unique_fd                       stop_;
-    gw::event_loop                      loop_;
-    std::unique_ptr<gw::tunnel_gateway> gateway_;
-    std::unique_ptr<gw::control_socket> control_;
-    std::thread                         thread_;
-    uint16_t                            port_ = 0;
+    common::unique_fd                       stop_;
+    common::loop                            loop_;
+    std::optional<common::descriptor_watch> stop_watch_;
+    std::unique_ptr<gw::tunnel_gateway>     gateway_;
+    std::unique_ptr<common::json_server>    control_;
+    std::thread                             thread_;
+    uint16_t                                port_ = 0;
 };
 
 // A client that speaks TLS 1.2 with a pre-shared key or a certificate, and shows each record as it comes.
@@ -294,10 +295,10 @@ private:
         return static_cast<unsigned>(self->settings_.key.size());
     }
 
-    client_settings settings_;
-    gw::unique_fd   fd_;
-    SSL_CTX        *context_ = nullptr;
-    SSL            *ssl_     = nullptr;
+    client_settings   settings_;
+    common::unique_fd fd_;
+    SSL_CTX          *context_ = nullptr;
+    SSL              *ssl_     = nullptr;
 };
 
 inline std::string line_of(const std::string &text, const std::string &name) {

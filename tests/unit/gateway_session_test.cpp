@@ -24,7 +24,7 @@ struct up_client {
 std::string hex(const std::string &text) { return to_hex(bytes_of(text)); }
 
 std::string record_request(const std::string &hex_or_list, const std::string &more = "") {
-    return R"({"cmd":"send_record","hex":)" + hex_or_list + more + "}";
+    return R"({"request":"send_record","hex":)" + hex_or_list + more + "}";
 }
 
 }  // namespace
@@ -64,10 +64,10 @@ TEST(gateway_session, dpd_requests_are_answered_unless_told_otherwise) {
     up_client    up(gateway);
     up.client.send(frame_dpd_request);
     EXPECT_EQ(up.client.read().text(), dpd_response);
-    controller.ok(R"({"cmd":"dpd","on":false})");
+    controller.ok(R"({"request":"dpd","on":false})");
     up.client.send(frame_dpd_request);
     EXPECT_TRUE(up.client.read(100).bytes.empty());
-    controller.ok(R"({"cmd":"dpd","on":true,"client":1})");
+    controller.ok(R"({"request":"dpd","on":true,"client":1})");
     up.client.send(frame_dpd_request);
     EXPECT_EQ(up.client.read().text(), dpd_response);
     EXPECT_EQ(controller.counter("dpd_req"), 3u);
@@ -101,13 +101,13 @@ TEST(gateway_session, unknown_frame_type_is_dropped_and_bad_magic_or_version_clo
     up_client other(gateway);
     other.client.write_record(*from_hex("00"));
     EXPECT_TRUE(other.client.read().ended);
-    EXPECT_EQ(controller.event("closed", R"(,"client":2)")["detail"], "frame_invalid");
+    EXPECT_EQ(controller.event("closed", R"(,"match":{"client":2})")["detail"], "frame_invalid");
 }
 
 TEST(gateway_session, packets_with_another_source_or_before_the_response_are_dropped_and_counted) {
     test_gateway gateway;
     auto         controller = gateway.controller();
-    controller.ok(R"({"cmd":"data_events","on":true})");
+    controller.ok(R"({"request":"data_events","on":true})");
     test_client client(gateway.port());
     auto        send_packet = [&](const byte_vector &packet) { client.send(frame_data, std::string(text_of(packet))); };
     send_packet(udp_packet("10.9.0.2", site, 9, "early"));
@@ -143,12 +143,12 @@ TEST(gateway_session, packets_are_routed_by_destination_one_frame_per_record) {
     up_client    second(gateway, "X-CSTP-Device-ID:b\n");
     ASSERT_NE(first.inner, second.inner);
     byte_vector packet = udp_packet(site, first.inner, 9, "down");
-    controller.ok(R"({"cmd":"send_packet","count":3,"hex":")" + to_hex(packet) + "\"}");
+    controller.ok(R"({"request":"send_packet","count":3,"hex":")" + to_hex(packet) + "\"}");
     for (int i = 0; i < 3; i++) EXPECT_EQ(first.client.read().bytes, make_frame(frame_data, packet));
     EXPECT_TRUE(second.client.read(50).bytes.empty());
-    EXPECT_EQ(
-        controller.ask(R"({"cmd":"send_packet","hex":")" + to_hex(udp_packet(site, "10.9.0.77", 9, "")) + "\"}")["ok"],
-        false);
+    EXPECT_EQ(controller.ask(R"({"request":"send_packet","hex":")" + to_hex(udp_packet(site, "10.9.0.77", 9, "")) +
+                             "\"}")["ok"],
+              false);
 }
 
 TEST(gateway_session, a_rekeying_client_keeps_address_and_cookie_and_is_served_on_the_newest_configured_connection) {
@@ -157,7 +157,7 @@ TEST(gateway_session, a_rekeying_client_keeps_address_and_cookie_and_is_served_o
     up_client    old(gateway);
     std::string  cookie = line_of(old.response, "X-CSTP-Cookie");
     EXPECT_EQ(cookie.size(), 10u);
-    std::string packet = R"({"cmd":"send_packet","hex":")" + to_hex(udp_packet(site, old.inner, 9, "x")) + "\"}";
+    std::string packet = R"({"request":"send_packet","hex":")" + to_hex(udp_packet(site, old.inner, 9, "x")) + "\"}";
 
     auto fresh = std::make_unique<test_client>(gateway.port());
     controller.ok(packet);  // not configured yet: the old one gets it
@@ -166,7 +166,7 @@ TEST(gateway_session, a_rekeying_client_keeps_address_and_cookie_and_is_served_o
                                             "\nX-CSTP-Device-ID:d1\nX-CSTP-Cookie:" + cookie + "\n");
     EXPECT_EQ(line_of(response, "X-CSTP-Address-Client"), old.inner);
     EXPECT_EQ(line_of(response, "X-CSTP-Cookie"), cookie);
-    EXPECT_EQ(controller.event("config_req", R"(,"client":2)")["cookie_known"], true);
+    EXPECT_EQ(controller.event("config_req", R"(,"match":{"client":2})")["cookie_known"], true);
 
     controller.ok(packet);
     EXPECT_FALSE(fresh->read().bytes.empty());
@@ -176,7 +176,7 @@ TEST(gateway_session, a_rekeying_client_keeps_address_and_cookie_and_is_served_o
     EXPECT_TRUE(controller.counts("data_rx", 2));
 
     fresh.reset();
-    controller.event("closed", R"(,"client":2)");
+    controller.event("closed", R"(,"match":{"client":2})");
     controller.ok(packet);  // the new one is gone: the old one serves again
     EXPECT_FALSE(old.client.read().bytes.empty());
 }
@@ -184,15 +184,15 @@ TEST(gateway_session, a_rekeying_client_keeps_address_and_cookie_and_is_served_o
 TEST(gateway_session, response_can_be_held_and_released) {
     test_gateway gateway;
     auto         controller = gateway.controller();
-    controller.ok(R"({"cmd":"config","mode":"hold"})");
+    controller.ok(R"({"request":"config","mode":"hold"})");
     test_client client(gateway.port());
     client.send(frame_config_request, "X-CSTP-Device-ID:d\n");
     EXPECT_TRUE(client.read(100).bytes.empty());
-    EXPECT_EQ(controller.ask(R"({"cmd":"clients"})")["clients"][0]["state"], "held");
-    EXPECT_EQ(controller.ask(R"({"cmd":"config","mode":"release"})")["released"], 1);
+    EXPECT_EQ(controller.ask(R"({"request":"clients"})")["clients"][0]["state"], "held");
+    EXPECT_EQ(controller.ask(R"({"request":"config","mode":"release"})")["released"], 1);
     EXPECT_EQ(client.read().bytes.at(6), frame_config_response);
-    EXPECT_EQ(controller.ask(R"({"cmd":"clients"})")["clients"][0]["state"], "up");
-    EXPECT_EQ(controller.ask(R"({"cmd":"status"})")["config"], "normal");
+    EXPECT_EQ(controller.ask(R"({"request":"clients"})")["clients"][0]["state"], "up");
+    EXPECT_EQ(controller.ask(R"({"request":"status"})")["config"], "normal");
 }
 
 TEST(gateway_session, response_can_be_delayed_dropped_replaced_and_malformed_for_once) {
@@ -201,20 +201,20 @@ TEST(gateway_session, response_can_be_delayed_dropped_replaced_and_malformed_for
     test_client  client(gateway.port());
     std::string  request = "X-CSTP-Device-ID:d\n";
 
-    controller.ok(R"({"cmd":"config","mode":"delay","ms":200,"once":true})");
+    controller.ok(R"({"request":"config","mode":"delay","ms":200,"once":true})");
     auto before = std::chrono::steady_clock::now();
     EXPECT_NE(client.configure(request), "");
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(190));
 
-    controller.ok(R"({"cmd":"config","mode":"drop","once":true})");
+    controller.ok(R"({"request":"config","mode":"drop","once":true})");
     client.send(frame_config_request, request);
     EXPECT_TRUE(client.read(100).bytes.empty());
 
-    controller.ok(R"({"cmd":"config","mode":"replace","once":true,"text":"X-CSTP-Address-Client:10.9.0.99\n"})");
+    controller.ok(R"({"request":"config","mode":"replace","once":true,"text":"X-CSTP-Address-Client:10.9.0.99\n"})");
     EXPECT_EQ(client.configure(request), "X-CSTP-Address-Client:10.9.0.99\n");
-    EXPECT_EQ(controller.ask(R"({"cmd":"clients"})")["clients"][0]["inner"], "10.9.0.99");
+    EXPECT_EQ(controller.ask(R"({"request":"clients"})")["clients"][0]["inner"], "10.9.0.99");
 
-    controller.ok(R"({"cmd":"config","mode":"malform","once":true,"hex":"5354 46"})");
+    controller.ok(R"({"request":"config","mode":"malform","once":true,"hex":"5354 46"})");
     client.send(frame_config_request, request);
     EXPECT_EQ(client.read().text(), "STF");
 
@@ -225,16 +225,16 @@ TEST(gateway_session, headers_can_be_set_for_one_response_or_all) {
     test_gateway gateway;
     auto         controller = gateway.controller();
     test_client  client(gateway.port());
-    controller.ok(R"({"cmd":"set","header":"X-CSTP-Rekey-Time:","value":"60","once":true})");
-    controller.ok(R"({"cmd":"set","header":"X-CSTP-DNS","value":["1.1.1.1","nonsense","2.2.2.2"]})");
-    controller.ok(R"({"cmd":"set","header":"X-CSTP-Cookie","value":null})");
+    controller.ok(R"({"request":"set","header":"X-CSTP-Rekey-Time:","value":"60","once":true})");
+    controller.ok(R"({"request":"set","header":"X-CSTP-DNS","value":["1.1.1.1","nonsense","2.2.2.2"]})");
+    controller.ok(R"({"request":"set","header":"X-CSTP-Cookie","value":null})");
     std::string first = client.configure();
     EXPECT_EQ(line_of(first, "X-CSTP-Rekey-Time"), "60");
     EXPECT_NE(first.find("X-CSTP-DNS:1.1.1.1\nX-CSTP-DNS:nonsense\nX-CSTP-DNS:2.2.2.2\n"), std::string::npos);
     EXPECT_EQ(line_of(first, "X-CSTP-Cookie"), "(none)");
     std::string second = client.configure();
     EXPECT_EQ(line_of(second, "X-CSTP-Rekey-Time"), "3600");
-    controller.ok(R"({"cmd":"unset"})");
+    controller.ok(R"({"request":"unset"})");
     EXPECT_NE(line_of(client.configure(), "X-CSTP-Cookie"), "(none)");
 }
 
@@ -244,19 +244,19 @@ TEST(gateway_session, a_fatal_dpd_is_refused_on_every_way_unless_allowed) {
     test_client  client(gateway.port());
     std::string  response = "STF\1" + std::string("\0\x0d\2\0", 4) + "X-CSTP-DPD:4\n";
     for (const std::string &line : {
-             std::string(R"({"cmd":"set","header":"X-CSTP-DPD","value":"4"})"),
-             std::string(R"({"cmd":"set","header":"X-CSTP-DPD","value":0})"),
-             std::string(R"({"cmd":"set","header":"X-CSTP-Address","value":"1.1.1.1\nX-CSTP-DPD:4"})"),
-             std::string(R"({"cmd":"config","mode":"replace","text":"X-CSTP-DPD:x"})"),
-             std::string(R"({"cmd":"config","mode":"malform","hex":")") + hex(response) + "\"}",
-             std::string(R"({"cmd":"send_frame","raw":")") + hex(response) + "\"}",
+             std::string(R"({"request":"set","header":"X-CSTP-DPD","value":"4"})"),
+             std::string(R"({"request":"set","header":"X-CSTP-DPD","value":0})"),
+             std::string(R"({"request":"set","header":"X-CSTP-Address","value":"1.1.1.1\nX-CSTP-DPD:4"})"),
+             std::string(R"({"request":"config","mode":"replace","text":"X-CSTP-DPD:x"})"),
+             std::string(R"({"request":"config","mode":"malform","hex":")") + hex(response) + "\"}",
+             std::string(R"({"request":"send_frame","raw":")") + hex(response) + "\"}",
              record_request("[\"" + hex(response.substr(0, 14)) + "\",\"" + hex(response.substr(14)) + "\"]"),
          })
         EXPECT_EQ(controller.ask(line)["ok"], false) << line;
     EXPECT_EQ(line_of(client.configure(), "X-CSTP-DPD"), "10");
 
     test_gateway reckless({"--allow-fatal"});
-    EXPECT_TRUE(reckless.controller().ok(R"({"cmd":"set","header":"X-CSTP-DPD","value":"4"})"));
+    EXPECT_TRUE(reckless.controller().ok(R"({"request":"set","header":"X-CSTP-DPD","value":"4"})"));
 }
 
 class gateway_records : public testing::TestWithParam<std::pair<const char *, bool>> {};
@@ -319,9 +319,9 @@ TEST(gateway_session, frames_can_be_sent_with_any_header) {
     auto         controller = gateway.controller();
     up_client    up(gateway);
     controller.ok(
-        R"({"cmd":"send_frame","type":9,"payload":"6162","version":7,"length":65535,"reserved":1,"magic":"XYZ"})");
+        R"({"request":"send_frame","type":9,"payload":"6162","version":7,"length":65535,"reserved":1,"magic":"XYZ"})");
     EXPECT_EQ(to_hex(up.client.read().bytes), "58595a07ffff09016162");
-    controller.ok(R"({"cmd":"send_frame","type":4})");
+    controller.ok(R"({"request":"send_frame","type":4})");
     EXPECT_EQ(up.client.read().text(), dpd_response);
 }
 
@@ -329,7 +329,7 @@ TEST(gateway_session, bytes_past_tls_break_the_client) {
     test_gateway gateway;
     auto         controller = gateway.controller();
     up_client    up(gateway);
-    controller.ok(R"({"cmd":"send_bytes","hex":"00112233445566778899"})");
+    controller.ok(R"({"request":"send_bytes","hex":"00112233445566778899"})");
     auto got = up.client.read();
     EXPECT_TRUE(got.ended);
     EXPECT_EQ(got.error, SSL_ERROR_SSL);
@@ -340,7 +340,7 @@ TEST(gateway_session, connections_end_the_way_that_is_asked_for) {
     auto         controller = gateway.controller();
     auto         end        = [&](const std::string &how) {
         up_client up(gateway);
-        controller.ok(R"({"cmd":"close","how":)" + how + "}");
+        controller.ok(R"({"request":"close","how":)" + how + "}");
         return up.client.read();
     };
     auto fin = end(R"("fin")");
@@ -358,11 +358,11 @@ TEST(gateway_session, a_half_closed_connection_is_still_read) {
     test_gateway gateway;
     auto         controller = gateway.controller();
     up_client    up(gateway);
-    controller.ok(R"({"cmd":"close","how":"half"})");
-    EXPECT_EQ(controller.ask(R"({"cmd":"clients"})")["clients"][0]["state"], "half");
+    controller.ok(R"({"request":"close","how":"half"})");
+    EXPECT_EQ(controller.ask(R"({"request":"clients"})")["clients"][0]["state"], "half");
     up.client.send(frame_dpd_request);
     EXPECT_TRUE(controller.counts("dpd_req", 1));
-    EXPECT_EQ(controller.ask(R"({"cmd":"send_frame","type":4})")["ok"], false);
+    EXPECT_EQ(controller.ask(R"({"request":"send_frame","type":4})")["ok"], false);
     EXPECT_TRUE(up.client.read().ended);
 }
 
@@ -370,32 +370,32 @@ TEST(gateway_session, the_peers_end_is_told_apart) {
     test_gateway gateway;
     auto         controller = gateway.controller();
     { up_client up(gateway); }  // quiet shutdown: a bare FIN
-    EXPECT_EQ(controller.event("closed", R"(,"client":1)")["how"], "fin");
+    EXPECT_EQ(controller.event("closed", R"(,"match":{"client":1})")["how"], "fin");
     {
         up_client     up(gateway);
         struct linger hard = {1, 0};
         setsockopt(up.client.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
     }
-    EXPECT_EQ(controller.event("closed", R"(,"client":2)")["how"], "rst");
+    EXPECT_EQ(controller.event("closed", R"(,"match":{"client":2})")["how"], "rst");
     {
         up_client   up(gateway);
         byte_vector part = *from_hex("5354");
         up.client.write_record(part);
     }
-    EXPECT_EQ(controller.event("closed", R"(,"client":3)")["detail"], "inside a frame");
-    EXPECT_EQ(controller.event("closed", R"(,"client":3)")["by"], "peer");
+    EXPECT_EQ(controller.event("closed", R"(,"match":{"client":3})")["detail"], "inside a frame");
+    EXPECT_EQ(controller.event("closed", R"(,"match":{"client":3})")["by"], "peer");
 }
 
 TEST(gateway_session, a_silent_connection_does_nothing_until_it_is_woken_and_its_end_is_noticed) {
     test_gateway gateway;
     auto         controller = gateway.controller();
     auto         up         = std::make_unique<up_client>(gateway);
-    controller.ok(R"({"cmd":"silence"})");
+    controller.ok(R"({"request":"silence"})");
     up->client.send(frame_dpd_request);
     EXPECT_TRUE(up->client.read(100).bytes.empty());
-    controller.ok(R"({"cmd":"silence","on":false})");
+    controller.ok(R"({"request":"silence","on":false})");
     EXPECT_EQ(up->client.read().text(), dpd_response);
-    controller.ok(R"({"cmd":"silence"})");
+    controller.ok(R"({"request":"silence"})");
     up.reset();
     EXPECT_EQ(controller.event("closed")["by"], "peer");
 }
@@ -404,12 +404,12 @@ TEST(gateway_session, packets_for_a_slow_client_wait_up_to_the_limit_and_are_dro
     test_gateway gateway({"--queue", "10"});
     auto         controller = gateway.controller();
     up_client    up(gateway);
-    controller.ok(R"({"cmd":"silence"})");
+    controller.ok(R"({"request":"silence"})");
     std::string packet = to_hex(udp_packet(site, up.inner, 9, "x"));
-    EXPECT_EQ(controller.ask(R"({"cmd":"send_packet","count":15,"hex":")" + packet + "\"}")["packets"], 10);
+    EXPECT_EQ(controller.ask(R"({"request":"send_packet","count":15,"hex":")" + packet + "\"}")["packets"], 10);
     EXPECT_EQ(controller.counter("drop_queue"), 5u);
-    EXPECT_EQ(controller.ask(R"({"cmd":"clients"})")["clients"][0]["queued"], 10);
-    controller.ok(R"({"cmd":"silence","on":false})");
+    EXPECT_EQ(controller.ask(R"({"request":"clients"})")["clients"][0]["queued"], 10);
+    controller.ok(R"({"request":"silence","on":false})");
     for (int i = 0; i < 10; i++) EXPECT_EQ(up.client.read().bytes.size(), 8 + packet.size() / 2);
 }
 
@@ -419,7 +419,7 @@ TEST(gateway_session, a_client_that_never_reads_costs_nobody_else_anything) {
     up_client    deaf(gateway, "X-CSTP-Device-ID:deaf\n");
     up_client    other(gateway, "X-CSTP-Device-ID:other\n");
     std::string  packet = to_hex(udp_packet(site, deaf.inner, 9, std::string(1400, 'x')));
-    controller.ok(R"({"cmd":"send_packet","count":20000,"hex":")" + packet + "\"}");
+    controller.ok(R"({"request":"send_packet","count":20000,"hex":")" + packet + "\"}");
     EXPECT_GT(controller.counter("drop_queue"), 0u);
     other.client.send(frame_dpd_request);
     EXPECT_EQ(other.client.read().text(), dpd_response);
@@ -432,8 +432,8 @@ TEST(gateway_session, new_connections_can_be_refused_reset_and_stalled) {
     test_gateway gateway;
     auto         controller  = gateway.controller();
     auto         raw_connect = [&](char &seen, int milliseconds) {
-        unique_fd   fd(socket(AF_INET, SOCK_STREAM, 0));
-        sockaddr_in address{};
+        common::unique_fd fd(socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in       address{};
         address.sin_family      = AF_INET;
         address.sin_port        = htons(gateway.port());
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -443,17 +443,17 @@ TEST(gateway_session, new_connections_can_be_refused_reset_and_stalled) {
         return read(fd.get(), &seen, 1) < 0 ? errno : 0;
     };
     char seen;
-    controller.ok(R"({"cmd":"accept","mode":"refuse"})");
+    controller.ok(R"({"request":"accept","mode":"refuse"})");
     EXPECT_EQ(raw_connect(seen, 1000), ECONNREFUSED);
-    controller.ok(R"({"cmd":"accept","mode":"reset"})");
+    controller.ok(R"({"request":"accept","mode":"reset"})");
     EXPECT_EQ(raw_connect(seen, 1000), ECONNRESET);
-    controller.ok(R"({"cmd":"accept","mode":"stall"})");
+    controller.ok(R"({"request":"accept","mode":"stall"})");
     EXPECT_EQ(raw_connect(seen, 100), ETIMEDOUT);
-    EXPECT_EQ(controller.event("closed", R"(,"client":1)")["how"], "fin");
-    controller.ok(R"({"cmd":"accept","mode":"stall_tls"})");
+    EXPECT_EQ(controller.event("closed", R"(,"match":{"client":1})")["how"], "fin");
+    controller.ok(R"({"request":"accept","mode":"stall_tls"})");
     EXPECT_EQ(raw_connect(seen, 100), ETIMEDOUT);
-    EXPECT_EQ(controller.event("closed", R"(,"client":2)")["by"], "peer");
-    controller.ok(R"({"cmd":"accept","mode":"normal"})");
+    EXPECT_EQ(controller.event("closed", R"(,"match":{"client":2})")["by"], "peer");
+    controller.ok(R"({"request":"accept","mode":"normal"})");
     EXPECT_TRUE(test_client(gateway.port()).up);
 }
 
@@ -463,26 +463,27 @@ TEST(gateway_session, handshakes_fail_for_a_stated_reason) {
     test_client::client_settings wrong_key;
     wrong_key.key = "fedcba9876543210";
     EXPECT_FALSE(test_client(gateway.port(), wrong_key).up);
-    EXPECT_NE(controller.event("tls_failed", R"(,"client":1)")["reason"], "unknown");
+    EXPECT_NE(controller.event("tls_failed", R"(,"match":{"client":1})")["reason"], "unknown");
     test_client::client_settings stranger;
     stranger.identity = "stranger";
     test_client unknown(gateway.port(), stranger);
     EXPECT_FALSE(unknown.up);
     EXPECT_EQ(unknown.hint, "hello");
-    EXPECT_EQ(controller.event("tls_failed", R"(,"client":2)")["reason"], "psk identity not found");
+    EXPECT_EQ(controller.event("tls_failed", R"(,"match":{"client":2})")["reason"], "psk identity not found");
     test_client::client_settings second;
     second.identity = "second";
     second.key      = "key of two";
     EXPECT_TRUE(test_client(gateway.port(), second).up);
     EXPECT_EQ(controller.event("tls_up")["identity"], "second");
-    EXPECT_EQ(controller.counter("closed"), 2u + (controller.event("closed", R"(,"client":3)").is_object() ? 1 : 0));
+    EXPECT_EQ(controller.counter("closed"),
+              2u + (controller.event("closed", R"(,"match":{"client":3})").is_object() ? 1 : 0));
 }
 
 TEST(gateway_session, a_handshake_that_does_not_come_times_out) {
-    test_gateway gateway({"--handshake-timeout", "1"});
-    auto         controller = gateway.controller();
-    unique_fd    fd(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in  address{};
+    test_gateway      gateway({"--handshake-timeout", "1"});
+    auto              controller = gateway.controller();
+    common::unique_fd fd(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in       address{};
     address.sin_family      = AF_INET;
     address.sin_port        = htons(gateway.port());
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -523,8 +524,8 @@ TEST(gateway_session, sessions_are_resumed_with_the_same_identity) {
         });
     SSL_SESSION *session = nullptr;
     for (bool resumed : {false, true}) {
-        unique_fd   fd(socket(AF_INET, SOCK_STREAM, 0));
-        sockaddr_in address{};
+        common::unique_fd fd(socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in       address{};
         address.sin_family      = AF_INET;
         address.sin_port        = htons(gateway.port());
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -4,6 +4,7 @@ import json
 import socket
 
 from .daemon import PSK_IDENTITY, PSK_KEY
+from .schema import check
 from .world import BUILD, GATEWAY_IP, SITE_IP, wait_until
 
 PSK_FILE = "/tmp/psk.txt"
@@ -64,39 +65,46 @@ class Gateway:
         self._socket.close()
         self.world.run(["rm", "-f", CONTROL])
 
-    def ask(self, cmd, timeout=30, **arguments):
-        self._socket.settimeout(timeout)
-        self._socket.sendall((json.dumps({"cmd": cmd, **arguments}) + "\n").encode())
+    def ask(self, request, patience=30, **members):
+        """The answer to a request, checked against its schema. Raises GatewayError when it is refused or fails."""
+        self._socket.settimeout(patience)
+        self._socket.sendall((json.dumps({"request": request, **members}) + "\n").encode())
         answer = json.loads(self._lines.readline())
+        check("gateway-answer", answer)
         if not answer["ok"]:
-            raise GatewayError(f"{cmd}: {answer['error']}")
+            raise GatewayError(f"{request}: {answer['error']}")
         return answer
 
     # Events.
 
     @property
-    def seq(self):
+    def last(self):
         """Number of the last event, to give as `since`."""
-        return self.ask("status")["seq"]
+        return self.ask("status")["last"]
 
     def events(self, *kinds, since=0, client=None):
-        arguments = {"since": since, "limit": 10000}
+        members = {"since": since}
         if kinds:
-            arguments["events"] = list(kinds)
+            members["events"] = list(kinds)
         if client is not None:
-            arguments["client"] = client
-        return self.ask("events", **arguments)["events"]
+            members["match"] = {"client": client}
+        events = self.ask("events", **members)["events"]
+        for event in events:
+            check("gateway-event", event)
+        return events
 
     def wait(self, kind, since=None, timeout=10, client=None, **match):
         """The first event of that kind behind the number whose members are those of match."""
-        arguments = {"event": kind, "timeout_ms": int(timeout * 1000)}
+        members = {"events": kind, "timeout": timeout}
         if since is not None:
-            arguments["since"] = since
+            members["since"] = since
         if client is not None:
-            arguments["client"] = client
+            match["client"] = client
         if match:
-            arguments["match"] = match
-        return self.ask("wait", timeout=timeout + 5, **arguments)["event_data"]
+            members["match"] = match
+        event = self.ask("wait", patience=timeout + 5, **members)["matched"]
+        check("gateway-event", event)
+        return event
 
     # Clients.
 
