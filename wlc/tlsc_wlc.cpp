@@ -924,6 +924,13 @@ constexpr debug_word dest_words[] = {
 
 constexpr int32_t unknown_word = -1;
 
+// A text of a message or of the file as it may be printed: whoever sends it could put a line of his own into the log.
+struct printable {
+    explicit printable(const char *from) { tlsc_log_show(from, text, sizeof(text)); }
+
+    char text[wlc_payload_size * 2];
+};
+
 bool begins_with(const char *text, const char *word) { return strncmp(text, word, strlen(word)) == 0; }
 
 // By contract: a text that only begins with the word matches it.
@@ -991,14 +998,14 @@ int tlscWlcMsgRcvSecTunReStart() {
 
 void tlscWlcSetDebugParams() {
     WLC_MSG_EVENT("%s() - On TLS Client, setting TLSC debug parameters message, level:%s, destination:%s", __func__,
-                  params.log_level, params.log_dest);
+                  printable(params.log_level).text, printable(params.log_dest).text);
 
     if (params.log_level[0] != '\0') {
         int32_t level = value_of_word(level_words, params.log_level);
         if (level == unknown_word) {
             level = LOG_ERRORS;
             WLC_MSG_ERROR("%s() - TLS Client, invalid debug level:%s, setting default level: error", __func__,
-                          params.log_level);
+                          printable(params.log_level).text);
         }
         tlsc_post_log_level(level);
     }
@@ -1007,7 +1014,7 @@ void tlscWlcSetDebugParams() {
         if (dest == unknown_word) {
             dest = LOG_DEST_FILE;
             WLC_MSG_ERROR("%s() - TLS Client, invalid debug destination:%s, setting default :file", __func__,
-                          params.log_dest);
+                          printable(params.log_dest).text);
         }
         tlsc_post_log_dest(dest);
     }
@@ -1020,7 +1027,7 @@ int tlscWlcMsgRcvTlscDebugsSetHandler() {
     tlsc_copy_text(value, sizeof(value), received_text(offsetof(wlc_debug_set, value)));
 
     WLC_MSG_EVENT("%s() - On TLS Client, Received  TLS client debugs set message, category:%s, level:%s", __func__,
-                  category, value);
+                  printable(category).text, printable(value).text);
     const bool    is_level = begins_with(category, "level");
     const bool    is_dest  = !is_level && begins_with(category, "destination");
     const int32_t setting  = is_level  ? value_of_word(level_words, value)
@@ -1029,8 +1036,8 @@ int tlscWlcMsgRcvTlscDebugsSetHandler() {
 
     if (setting == unknown_word) {
         // By contract: the arguments stand one place early, and another category than the two is no failure.
-        WLC_MSG_ERROR("%s() - TLS Client, debug set msg received, invalid params,category:%s, level:%s", category,
-                      value, "");
+        WLC_MSG_ERROR("%s() - TLS Client, debug set msg received, invalid params,category:%s, level:%s",
+                      printable(category).text, printable(value).text, "");
         return is_level || is_dest ? 0 : 1;
     }
     if (is_level) {
@@ -1045,7 +1052,7 @@ int tlscWlcMsgRcvTlscDebugsSetHandler() {
 
 int tlscWlcMsgRcvTlsGwFqdnResolveResHandler() {
     const char *text = received_text(0);
-    WLC_MSG_EVENT("%s() - Received TLS GW FQDN response message from WLC, GW ip:%s", __func__, text);
+    WLC_MSG_EVENT("%s() - Received TLS GW FQDN response message from WLC, GW ip:%s", __func__, printable(text).text);
 
     const bool   is_ipv6 = strchr(text, ':') != nullptr;
     tlsc_gw_addr gw{};
@@ -1055,7 +1062,7 @@ int tlscWlcMsgRcvTlsGwFqdnResolveResHandler() {
 
     // By contract: a text that is no address passes, with an address of zeroes.
     if (converted == -1) {
-        WLC_MSG_ERROR("%s() - invalid ip received:%s", __func__, text);
+        WLC_MSG_ERROR("%s() - invalid ip received:%s", __func__, printable(text).text);
         return 0;
     }
     (void)tlsc_post_gw_ip(gw);  // logged where it fails

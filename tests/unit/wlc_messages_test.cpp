@@ -600,6 +600,22 @@ TEST_F(wlc_messages, address_text_without_an_end_stops_at_the_end_of_the_message
                     std::string(512, '7')));
 }
 
+TEST_F(wlc_messages, texts_of_messages_put_no_line_of_their_own_into_the_log) {
+    const std::string forged = "info\nTLSC[7]: \r\x1b";
+    const std::string shown  = "info\\x0aTLSC[7]: \\x0d\\x1b";
+    log_capture       log;
+    send(make_message(28, forged) + make_message(29, debug_set_payload("level", forged)) +
+         make_message(29, debug_set_payload(forged, "x")));
+    EXPECT_EQ(wlcTlscFifoHandler(), 0);
+    tlscWlcSetDebugParams();
+    for (const std::string &line :
+         {"from WLC, GW ip:" + shown, "category:level, level:" + shown, "category:" + shown + ", level:x",
+          shown + "() - TLS Client, debug set msg", "message, level:" + shown + ", destination:"})
+        EXPECT_TRUE(log.contains(line)) << line;
+    EXPECT_FALSE(log.contains("\nTLSC[7]: "));
+    EXPECT_FALSE(log.contains("\x1b"));
+}
+
 TEST_F(wlc_messages, name_resolution_request_is_an_empty_message_27) {
     log_capture log;
     EXPECT_EQ(tlscWlcMsgSendTlsGwFqdnResolveReq(), 1);
