@@ -36,6 +36,7 @@ constexpr size_t  timestamp_size     = 20;
 constexpr size_t  rotated_name_size  = 50;
 constexpr size_t  shell_command_size = 100;
 constexpr int32_t console_patience   = 1000;  // milliseconds that lines wait for a console in all
+constexpr int32_t patience_per_line  = 50;    // milliseconds that come back with each line taken at once
 constexpr char    log_directory[]    = "/tmp";
 constexpr char    flag_file[]        = "/storage/application/wlc/sectun-bootup-dbg.flag";
 
@@ -48,8 +49,9 @@ uint32_t line_counter;  // every line and every dump piece that passed the level
 char     line_buffer[line_size];
 char     log_path[14];  // "/tmp/tlsc_log", filled just before the file is opened
 
-// What is left of the patience with a console that is not read; full again as soon as it takes a line at once. Without
-// patience lines are dropped instead. The controller's line path uses it without the lock: a line more or less waits.
+// What is left of the patience with a console that is not read; it comes back with the lines that are taken at once.
+// Without patience lines are dropped instead. The controller's line path uses it without the lock: a line more or less
+// waits.
 std::atomic<int32_t> patience_left{console_patience};
 
 // Before the lock lives, nothing but the calling thread runs: no locking then. Behind its life only the thread that
@@ -131,6 +133,11 @@ bool wait_for_room(int fd) {
     return room;
 }
 
+void regain_patience() {
+    const int32_t patience = patience_left.load(std::memory_order_relaxed) + patience_per_line;
+    patience_left.store(patience < console_patience ? patience : console_patience, std::memory_order_relaxed);
+}
+
 // Writes the text as far as the descriptor takes it in time. The result is write's of the whole.
 int32_t write_patiently(int fd, const char *text, size_t length) {
     size_t done   = 0;
@@ -143,7 +150,7 @@ int32_t write_patiently(int fd, const char *text, size_t length) {
             return done != 0 ? static_cast<int32_t>(done) : static_cast<int32_t>(written);
         }
     }
-    if (!waited) patience_left.store(console_patience, std::memory_order_relaxed);
+    if (!waited) regain_patience();
     return static_cast<int32_t>(done);
 }
 
@@ -387,7 +394,7 @@ namespace {
 
 // What the console does not take now is lost when the library's buffer is full.
 void wait_for_console() {
-    if (takes_something(STDOUT_FILENO, 0)) patience_left.store(console_patience, std::memory_order_relaxed);
+    if (takes_something(STDOUT_FILENO, 0)) regain_patience();
     else (void)wait_for_room(STDOUT_FILENO);
 }
 

@@ -146,7 +146,7 @@ void tlsc_wlc_message(const char *format, ...) __attribute__((format(printf, 1, 
 void tlsc_log_show(const char *text, char *out, size_t size);
 
 // Sees to it that no write to the standard descriptors waits: terminals and pipes are opened anew for this process,
-// without blocking. Lines then wait for a console a second in all, and are dropped until it takes one at once again.
+// without blocking. Lines then wait for a console a second in all, and are dropped as long as it takes none at once.
 // Main thread, before any other runs.
 void tlsc_log_own_console();
 
