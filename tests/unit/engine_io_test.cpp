@@ -484,6 +484,7 @@ TEST_F(engine_io, a_failed_call_leaves_no_error_that_would_colour_the_class_of_t
     (void)tlsc_ssl_write(sock, "x", 1, &result);  // 3.0 refuses, the 1.0 series still writes
     EXPECT_EQ(ERR_peek_error(), 0u);
 
+    tlsc_sock_error(TLSC_DOWN_NO_ERROR);
     conf->server_port = peer.port();
     peer.meet_with(tls_peer::manner::garbage);
     EXPECT_EQ(tlsc_create_tcp_conn(), 7);
