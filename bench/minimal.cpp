@@ -5,7 +5,7 @@
 // With --transport it has the daemon's other shape: under the TLS session lies the daemon's own transport, records are
 // read ahead, and those of packets out are collected as long as epoll has more events.
 //
-// usage: bench-minimal ADDRESS PORT CIPHERS IDENTITY KEY TUN [--transport]
+// usage: bench-minimal [--transport] ADDRESS PORT CIPHERS IDENTITY KEY TUN
 //
 // Prints "up INNER-ADDRESS" once the interface TUN carries that address, then runs until it is killed.
 
@@ -179,11 +179,12 @@ void carry_down(SSL *ssl, int tun) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    const bool on_transport = argc == 8 && strcmp(argv[7], "--transport") == 0;
-    if (argc != 7 && !on_transport) {
-        fprintf(stderr, "usage: %s ADDRESS PORT CIPHERS IDENTITY KEY TUN [--transport]\n", argv[0]);
+    const bool on_transport = argc > 1 && strcmp(argv[1], "--transport") == 0;
+    if (argc != (on_transport ? 8 : 7)) {
+        fprintf(stderr, "usage: %s [--transport] ADDRESS PORT CIPHERS IDENTITY KEY TUN\n", argv[0]);
         return 2;
     }
+    if (on_transport) ++argv;
     psk_identity = argv[4];
     psk_key      = argv[5];
 
