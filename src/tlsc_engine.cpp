@@ -179,6 +179,46 @@ struct verification {
     }
 };
 
+// The CRL and the one certificate that everything is verified against. False when a file or the certificate is missing.
+bool load_trust(verification *v, const tlsc_config &conf) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_verify_cert_cb"};
+
+    X509_STORE_set_flags(v->store, crl_flags);
+    v->file = fopen(conf.ssl_crl, "re");
+    if (!v->file) {
+        TLSC_ERROR("Could not open crl file");
+        return false;
+    }
+    add_first_crl(v->store, v->file);
+    v->close_file();
+
+    v->file = fopen(conf.ssl_rootca_bundle, "re");
+    if (!v->file) {
+        TLSC_ERROR("Could not open root certificate file");
+        return false;
+    }
+    if (!add_first_certificate(v->store, v->file)) {
+        TLSC_ERROR("Failed to add root certificate to store");
+        return false;
+    }
+    return true;
+}
+
+// Returns 1 to accept, 0 to reject.
+int tell_verdict(const verdict &result) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_verify_cert_cb"};
+
+    if (result.error == X509_V_OK) {
+        TLSC_DEBUG("Verification passed for cert");
+        return 1;
+    }
+    TLSC_ERROR("SSL error in certificate = %d", result.error);
+    const char *text = X509_verify_cert_error_string(result.error);
+    if (text) TLSC_ERROR("Verification failed for cert, error str = %s", text);
+    TLSC_WARNING("Depth of certificate where error occurred = %d", result.depth);
+    return 0;
+}
+
 }  // namespace
 
 // By contract: OpenSSL's own verdict is ignored; every certificate of the chain must verify directly against the first
@@ -202,40 +242,12 @@ int tlsc_verify_cert_cb(int, X509_STORE_CTX *store) {
     }
 
     verification v;
-    if (!v.store) return 0;
-    X509_STORE_set_flags(v.store, crl_flags);
-
-    v.file = fopen(conf->ssl_crl, "re");
-    if (!v.file) {
-        TLSC_ERROR("Could not open crl file");
-        return 0;
-    }
-    add_first_crl(v.store, v.file);
-    v.close_file();
-
-    v.file = fopen(conf->ssl_rootca_bundle, "re");
-    if (!v.file) {
-        TLSC_ERROR("Could not open root certificate file");
-        return 0;
-    }
-    if (!add_first_certificate(v.store, v.file)) {
-        TLSC_ERROR("Failed to add root certificate to store");
-        return 0;
-    }
-    v.close_file();
+    if (!v.store || !load_trust(&v, *conf)) return 0;
 
     const verdict result = verify_alone(v.store, cert);
     X509_STORE_CTX_set_error(store, result.error);  // decides the alert that the peer gets
     ERR_clear_error();                              // reading PEM files to their end queues an error
-    if (result.error == X509_V_OK) {
-        TLSC_DEBUG("Verification passed for cert");
-        return 1;
-    }
-    TLSC_ERROR("SSL error in certificate = %d", result.error);
-    const char *text = X509_verify_cert_error_string(result.error);
-    if (text) TLSC_ERROR("Verification failed for cert, error str = %s", text);
-    TLSC_WARNING("Depth of certificate where error occurred = %d", result.depth);
-    return 0;
+    return tell_verdict(result);
 }
 
 unsigned tlsc_psk_client_cb(SSL *, const char *hint, char *identity, unsigned max_identity_len, unsigned char *psk,

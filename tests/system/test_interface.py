@@ -120,7 +120,7 @@ def test_an_interface_deleted_from_outside_is_torn_down_once_and_another_is_made
     gateway = bench.make_gateway()
     daemon = bench.make_daemon(env=bench.preload_fast_clock(FAST))
     daemon.bring_up()
-    told = bench.controller.count()
+    told = bench.controller.count
     bench.world.ip("device", f"link delete {TUN_NAME}")
     daemon.log.wait_for("TLSC Client exited abnormally", 5)
     bench.controller.wait_for(records.TUN_DOWN, 5, since=told)
