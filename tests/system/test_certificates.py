@@ -310,6 +310,7 @@ def assert_refused_connection(outcome):
         ("WARNING", rf"Could not build a SSL session to: {re.escape(GATEWAY_IP)}, Initiate session and ssl cleanup"),
         ("ERROR", r"Closing connection and bringing down tun interface"),
         ("DEBUG", r"Disable data transfer, new state 0"),
+        ("ERROR", r"Could not delete the transport-fd\(\d+\) from epoll-list"),
         ("INFO", r"SSL-handle and Engine cleanup"),
     ]
     assert_lines(lines[: len(expected)], expected)  # the clean-up follows
