@@ -34,8 +34,8 @@ public:
     child(const child &)            = delete;
     child &operator=(const child &) = delete;
 
-    // Starts the program. on_end: called once when it has ended and all that it wrote was told (or a moment later, when another
-    // process keeps its output open); may start the next. Returns an empty text or why it could not be started.
+    // Starts the program. on_end: called once when it has ended and all that it wrote was told (or a moment later, when
+    // another process keeps its output open); may start the next. Returns an empty text or why it could not be started.
     std::string start(const child_options &options, std::function<void(const child_end &)> on_end);
 
     bool is_running() const { return process_ != nullptr; }

@@ -64,6 +64,7 @@ uint64_t event_log::add(const moment &when, const char *kind, const json &member
     return number;
 }
 
+uint64_t event_log::add(const moment &when, const char *kind) { return add(when, kind, nullptr); }
 uint64_t event_log::add(const char *kind, const json &members) { return add(present(), kind, members); }
 uint64_t event_log::add(const char *kind) { return add(present(), kind, nullptr); }
 

@@ -1,7 +1,9 @@
-// What happened, numbered: the newest events are kept for those who ask later. Numbers begin at 1 and have no gaps; they mean
-// something only together with the stream, an id that each life of the program draws anew. Called on the loop's thread.
+// What happened, numbered: the newest events are kept for those who ask later. Numbers begin at 1 and have no gaps;
+// they mean something only together with the stream, an id that each life of the program draws anew. Called on the
+// loop's thread.
 //
-// An event is a JSON object: {"schema":1,"stream":S,"event":KIND,"number":N,"time":ISO,"mono":SECONDS, members of the kind...}
+// An event is a JSON object: {"schema":1,"stream":S,"event":KIND,"number":N,"time":ISO,"mono":SECONDS, members of the
+// kind...}
 #pragma once
 
 #include <cstddef>
@@ -37,11 +39,13 @@ public:
     // Called with each new event, in order; members is the same event as a tree.
     using listener = std::function<void(const event &e, const json &members)>;
 
-    // kinds: all that will be added. The oldest events go when there are more than `most`, or more than `most_bytes` of text.
+    // kinds: all that will be added. The oldest events go when there are more than `most`, or more than `most_bytes` of
+    // text.
     explicit event_log(std::vector<event_kind> kinds, size_t most = 5000, size_t most_bytes = 1u << 20);
 
     // Adds an event at that moment. kind: one of the table; members: an object, or null. Returns the event's number.
     uint64_t add(const moment &when, const char *kind, const json &members);
+    uint64_t add(const moment &when, const char *kind);
     uint64_t add(const char *kind, const json &members);
     uint64_t add(const char *kind);
 
@@ -82,7 +86,8 @@ private:
     std::vector<listener>   listeners_;
 };
 
-// Which events somebody asks for. match: members that must be there and be equal, as the text of a JSON object; empty: any.
+// Which events somebody asks for. match: members that must be there and be equal, as the text of a JSON object; empty:
+// any.
 struct event_filter {
     std::set<std::string> kinds;  // empty: all
     std::string           match;

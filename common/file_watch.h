@@ -7,8 +7,8 @@
 
 namespace common {
 
-// Watches the name in its directory, so that a file that takes the place of another is seen. When the directory is missing, or
-// the system has no watches left, the file is looked at twice a second instead.
+// Watches the name in its directory, so that a file that takes the place of another is seen. When the directory is
+// missing, or the system has no watches left, the file is looked at twice a second instead.
 class file_watch {
 public:
     file_watch(loop &owner, const std::string &path, task on_change);

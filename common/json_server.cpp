@@ -58,7 +58,8 @@ struct json_server::waiter {
     timer        patience;
 };
 
-// --- 1 sockets --------------------------------------------------------------------------------------------------------
+// --- 1 sockets
+// --------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -117,7 +118,8 @@ void json_server::open_listener(const std::string &path, mode_t mode, std::optio
 void json_server::listen(const std::string &path) { open_listener(path, 0600, std::nullopt); }
 void json_server::listen_read_only(const std::string &path, gid_t group) { open_listener(path, 0660, group); }
 
-// --- 2 clients --------------------------------------------------------------------------------------------------------
+// --- 2 clients
+// --------------------------------------------------------------------------------------------------------
 
 json_server::json_server(loop &owner, event_log &log, server_identity identity, server_limits limits)
     : owner_(owner), log_(log), identity_(std::move(identity)), limits_(limits) {
@@ -163,7 +165,7 @@ void json_server::accept_client(listener &at) {
     client *c          = clients_.emplace_back(std::move(made)).get();
     c->watch           = std::make_unique<descriptor_watch>(owner_, c->fd.get());
     if (clients_.size() > limits_.clients) {
-        put(*c, head({c->number, "", ""}, exit_failed) + ",\"error\":\"too many connections\"}\n");
+        put(*c, head({c->number, "", "", false}, exit_failed) + ",\"error\":\"too many connections\"}\n");
         flush(*c);
         return drop_later(*c);
     }
@@ -201,7 +203,7 @@ void json_server::read_client(client &c) {
         take_line(c, c.in.substr(start, std::min(end - start, limits_.line + 1)));
     c.in.erase(0, start);
     if (!c.is_dead && c.in.size() > limits_.line) {
-        put(c, head({c.number, "", ""}, exit_usage) + ",\"error\":\"the line is too long\"}\n");
+        put(c, head({c.number, "", "", false}, exit_usage) + ",\"error\":\"the line is too long\"}\n");
         flush(c);
         return drop_later(c);
     }
@@ -246,7 +248,8 @@ void json_server::flush(client &c) {
     c.watch->change((c.is_over ? 0 : readable) | (c.is_blocked ? writable : 0));
 }
 
-// --- 3 requests and answers -------------------------------------------------------------------------------------------
+// --- 3 requests and answers
+// -------------------------------------------------------------------------------------------
 
 void json_server::add(request_type type, handler serve) { entries_.push_back({std::move(type), std::move(serve)}); }
 
@@ -260,7 +263,7 @@ void json_server::extend_wait(std::vector<member> members, handler serve) {
 
 void json_server::take_line(client &c, const std::string &line) {
     if (line.find_first_not_of(" \t\r") == std::string::npos) return;
-    ticket asked{c.number, "", ""};
+    ticket asked{c.number, "", "", c.is_read_only};
     json   failed;
     try {
         if (line.size() > limits_.line) throw refusal("the line is too long");
@@ -335,7 +338,8 @@ void json_server::answer(const ticket &asked, json members) {
     put(*c, head(asked, exit) + (text == "}" ? "" : ",") + text + "\n");
 }
 
-// --- 4 help, events, wait ---------------------------------------------------------------------------------------------
+// --- 4 help, events, wait
+// ---------------------------------------------------------------------------------------------
 
 std::optional<json> json_server::do_help() const {
     json requests = json::array(), kinds = json::array();
@@ -401,7 +405,10 @@ void json_server::list_events(const json &request, const ticket &asked, uint64_t
 std::optional<json> json_server::do_wait(const json &request, const ticket &asked) {
     if (!wait_member_.empty() && request.contains(wait_member_)) return wait_extension_(request, asked);
 
-    event_filter        filter = filter_of(request);
+    event_filter filter = filter_of(request);
+    if (filter.kinds.empty() && filter.match.empty())
+        throw refusal("\"wait\" needs one of the members: events, match" +
+                      (wait_member_.empty() ? "" : ", " + wait_member_));
     std::optional<json> found;
     log_.each_since(since_of(request, log_.last()), [&](const event &e) {
         if (filter.accepts(log_, e)) found = json{{"matched", json::parse(log_.text(e), nullptr, false)}};

@@ -5,9 +5,9 @@
 // Answer:  {"schema":1,"program":P,"version":V,"stream":S,"request":NAME,"ok":BOOL,"exit":N, "id":ANY, members...}
 // Event:   see event_log.h; sent only to who follows
 //
-// Requests of one connection may overlap, and are answered when they are ready. A line that is no request is answered with "exit":2
-// and the connection stays; a line above the limit, or too much output left unread, ends it. Who closes the sending side still
-// gets what was asked for.
+// Requests of one connection may overlap, and are answered when they are ready. A line that is no request is answered
+// with "exit":2 and the connection stays; a line above the limit, or too much output left unread, ends it. Who closes
+// the sending side still gets what was asked for.
 #pragma once
 
 #include <sys/types.h>
@@ -43,12 +43,13 @@ struct ticket {
     uint64_t    client;
     std::string request;
     std::string id;  // as JSON text, empty: none
+    bool        is_read_only = false;
 };
 
 class json_server {
 public:
-    // Serves a request that was checked against its type: returns the members of its answer, or nothing when answer() will be
-    // called once, later. "exit" is 0 unless it is among them. Throws refusal for what makes no sense.
+    // Serves a request that was checked against its type: returns the members of its answer, or nothing when answer()
+    // will be called once, later. "exit" is 0 unless it is among them. Throws refusal for what makes no sense.
     using handler = std::function<std::optional<json>(const json &request, const ticket &asked)>;
 
     json_server(loop &owner, event_log &log, server_identity identity, server_limits limits = {});
@@ -61,8 +62,8 @@ public:
     // Gives `wait` further members: a request that holds the first of them is served by this handler.
     void extend_wait(std::vector<member> members, handler serve);
 
-    // Serves a socket at path, mode 0600. Takes the place of a socket that nobody serves, but of nothing else. Throws std::runtime_error
-    // that says what is in the way.
+    // Serves a socket at path, mode 0600. Takes the place of a socket that nobody serves, but of nothing else. Throws
+    // std::runtime_error that says what is in the way.
     void listen(const std::string &path);
 
     // Serves a second socket, mode 0660 and of that group, on which only reading requests are answered.

@@ -1,4 +1,5 @@
-// The other end of a json_server: sends a request, reads lines. For command lines; blocks. Called on the program's one thread.
+// The other end of a json_server: sends a request, reads lines. For command lines; blocks. Called on the program's one
+// thread.
 #pragma once
 
 #include <string>
@@ -9,9 +10,9 @@ namespace common {
 
 class line_client {
 public:
-    // Connects to the socket at path. The socket may lie where anybody can put one: only our own user's, root's, or, when
-    // any_user is set, anybody's process is believed. Returns an empty text, or the sentence that says what failed;
-    // nobody: what to say when nobody serves the socket.
+    // Connects to the socket at path. The socket may lie where anybody can put one: only our own user's, root's, or,
+    // when any_user is set, anybody's process is believed. Returns an empty text, or the sentence that says what
+    // failed; nobody: what to say when nobody serves the socket.
     std::string connect(const std::string &path, const std::string &nobody, bool any_user = false);
 
     // Sends a line (with its line end). False: the other side went away.

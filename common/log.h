@@ -6,12 +6,14 @@
 
 namespace common {
 
-// Sets the default logger. name: of the program; destination: a path, or "-" for standard error; level: a word of spdlog
-// ("trace" to "off"). Lines carry the local time with its zone. Throws std::runtime_error, naming what could not be opened.
+// Sets the default logger. name: of the program; destination: a path, or "-" for standard error; level: a word of
+// spdlog
+// ("trace" to "off"). Lines carry the local time with its zone. Throws std::runtime_error, naming what could not be
+// opened.
 void open_log(const std::string &name, const std::string &destination, const std::string &level);
 
-// Opens the log file again after somebody moved it away; nothing to do for standard error. A file that cannot be opened is told
-// in the old one, which stays in use. Returns whether the new one is in use.
+// Opens the log file again after somebody moved it away; nothing to do for standard error. A file that cannot be opened
+// is told in the old one, which stays in use. Returns whether the new one is in use.
 bool reopen_log();
 
 // Logs a failure that ends here. Never throws.

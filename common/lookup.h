@@ -23,7 +23,8 @@ public:
     lookup(const lookup &)            = delete;
     lookup &operator=(const lookup &) = delete;
 
-    // Looks name up afresh and calls work with the result, or with the error "the lookup takes too long" after patience.
+    // Looks name up afresh and calls work with the result, or with the error "the lookup takes too long" after
+    // patience.
     void start(const std::string &name, milliseconds patience, std::function<void(const lookup_result &)> work);
     void stop();
     bool is_running() const { return request_ != nullptr; }

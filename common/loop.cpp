@@ -64,7 +64,8 @@ bool loop::is_held() const { return room_->lookups > 0; }
 
 uv_loop_s *loop::raw() const { return &room_->uv; }
 
-// --- watches: the room outlives its owner until libuv lets go of the handle ---------------------------------------------
+// --- watches: the room outlives its owner until libuv lets go of the handle ------------------------------------------
+// ---------------------------------------------
 
 struct timer::room {
     uv_timer_t            handle;
@@ -164,9 +165,8 @@ signal_watch::signal_watch(loop &owner, int number, task work) : room_(new room)
     room_->work = std::move(work);
     uv_signal_init(owner.raw(), &room_->handle);
     room_->handle.data = room_;
-    int result         = uv_signal_start(
-                &room_->handle, [](uv_signal_t *handle, int) { guarded("signal", static_cast<room *>(handle->data)->work); },
-                number);
+    auto on_signal     = [](uv_signal_t *handle, int) { guarded("signal", static_cast<room *>(handle->data)->work); };
+    int  result        = uv_signal_start(&room_->handle, on_signal, number);
     if (result < 0) close_room(std::exchange(room_, nullptr));
     check(result, "receive signals");
 }

@@ -1,4 +1,5 @@
-// The one event loop of a program, on libuv: timers, descriptors, signals. Everything runs on the thread that calls run().
+// The one event loop of a program, on libuv: timers, descriptors, signals. Everything runs on the thread that calls
+// run().
 //
 // Each watch is an object: when it goes, nothing is called any more, and it may go, or start anew, inside its own call.
 // A call that throws is logged and ends there; the loop goes on. Watches must go before their loop.
@@ -31,7 +32,8 @@ public:
     // Runs work on the loop's thread in a later pass, in the order of the calls. Called on the loop's thread.
     void later(task work);
 
-    // True while the system works on a lookup that nobody can end; a program then leaves by _exit, or it waits for the name server.
+    // True while the system works on a lookup that nobody can end; a program then leaves by _exit, or it waits for the
+    // name server.
     bool is_held() const;
 
     uv_loop_s *raw() const;
@@ -76,8 +78,8 @@ public:
     descriptor_watch(descriptor_watch &&) noexcept;
     descriptor_watch &operator=(descriptor_watch &&) noexcept;
 
-    // Calls work with what of `events` the descriptor is ready for. A hang-up or an error counts as all of `events`; after an
-    // error the watch pauses until the next start() or change().
+    // Calls work with what of `events` the descriptor is ready for. A hang-up or an error counts as all of `events`;
+    // after an error the watch pauses until the next start() or change().
     void start(unsigned events, handler work);
 
     // The same work for other events; 0 pauses: then a hang-up is not seen either.

@@ -17,7 +17,8 @@ struct loop::room {
     unsigned         lookups    = 0;  // that the system works on
 };
 
-// Ends a watch: its handle calls nothing any more, and the room goes when libuv has let go of the handle. Null is nothing.
+// Ends a watch: its handle calls nothing any more, and the room goes when libuv has let go of the handle. Null is
+// nothing.
 template <class Room>
 void close_room(Room *room) {
     if (!room) return;

@@ -1,5 +1,5 @@
-// What a program's socket understands: the table of its requests, the check of a request against it, and readers of members
-// that have been checked. Called on the loop's thread.
+// What a program's socket understands: the table of its requests, the check of a request against it, and readers of
+// members that have been checked. Called on the loop's thread.
 #pragma once
 
 #include <cstdint>
@@ -44,7 +44,8 @@ struct request_type {
     bool                is_reading = true;  // changes nothing: allowed on the read-only socket
 };
 
-// Checks names, types, words and limits of the request's members, "request" and "id" apart. Throws refusal; its text lists what exists.
+// Checks names, types, words and limits of the request's members, "request" and "id" apart. Throws refusal; its text
+// lists what exists.
 void check_request(const json &request, const request_type &type);
 
 // The table as the answer to `help`: an object for each member.

@@ -1,148 +1,190 @@
 #include "client.h"
 
-#include "present.h"
-#include "state.h"  // exit codes
+#include "common/line_client.h"
+#include "common/log.h"
 
-#include <cerrno>
-#include <csignal>
+#include "present.h"
+
 #include <cstdio>
-#include <cstring>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
+
+#include <nlohmann/json.hpp>
 
 namespace wlcctl {
 
 namespace {
 
-volatile sig_atomic_t was_interrupted = 0;  // SIGINT or SIGTERM came while following
+using reading = line_client::reading;
 
-void on_interrupt(int) { was_interrupted = 1; }
-
-// No SA_RESTART: the wait for the next line must end.
-void catch_interrupts() {
-    struct sigaction action {};
-    action.sa_handler = on_interrupt;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+// A socket that a group may watch belongs to root's agent; anybody's own one to anybody.
+std::string connect_agent(line_client &agent, const std::string &socket) {
+    return agent.connect(socket, "no agent is running at " + printable(socket) + "; start one with: wlcctl agent");
 }
 
-// The socket lies in a directory where anybody may put one: only our own user's, or root's, is an agent.
-bool is_trusted(int fd) {
-    ucred     peer{};
-    socklen_t size = sizeof peer;
-    return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && (peer.uid == geteuid() || peer.uid == 0);
-}
-
-// Connects; -1 and a sentence if that fails.
-int connect_agent(const std::string &path, std::string &error) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    error              = "no agent is running at " + path + "; start one with: wlcctl agent";
-    if (path.size() >= sizeof address.sun_path) return -1;
-    memcpy(address.sun_path, path.data(), path.size());
-
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
-        if (is_trusted(fd)) return fd;
-        error = "the socket " + path + " belongs to another user's process";
-    } else if (errno == EACCES || errno == EPERM) {
-        error = "no permission to use the agent at " + path;
-    }
-    close(fd);
-    return -1;
-}
-
-bool send_line(int fd, const std::string &line) {
-    for (size_t at = 0; at < line.size();) {
-        ssize_t n = send(fd, line.data() + at, line.size() - at, MSG_NOSIGNAL);
-        if (n <= 0) return false;
-        at += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-enum class reading {
-    line,
-    over,
-    late,
-    interrupted
-};
-
-// Takes the next line; `buffer` keeps what came behind it.
-reading read_line(int fd, std::string &buffer, std::string &line, double patience) {
-    for (;;) {
-        if (size_t end = buffer.find('\n'); end != std::string::npos) {
-            line = buffer.substr(0, end);
-            buffer.erase(0, end + 1);
-            return reading::line;
-        }
-        pollfd state = {fd, POLLIN, 0};
-        int    ready = was_interrupted ? -1 : poll(&state, 1, patience > 0 ? static_cast<int>(patience * 1000) : -1);
-        if (was_interrupted) return reading::interrupted;
-        if (ready == 0) return reading::late;
-
-        char    bytes[16384];
-        ssize_t n = ready > 0 ? recv(fd, bytes, sizeof bytes, 0) : -1;
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return reading::over;
-        buffer.append(bytes, static_cast<size_t>(n));
-    }
-}
-
-int failed(const json &request, int exit, const std::string &why, const print_options &options) {
-    return print_answer({{"ok", false}, {"exit", exit}, {"verb", request["verb"]}, {"error", why}}, options);
-}
-
-void print_event(const json &e, const print_options &options) {
-    std::string line = options.as_json ? json_line(e) : event_text(e) + "\n";
+void print_line(const std::string &line) {
     fwrite(line.data(), 1, line.size(), stdout);
     fflush(stdout);
 }
 
-int converse(int fd, const json &request, double patience, const print_options &options) {
-    std::string buffer, line;
-    if (!send_line(fd, json_line(request))) return failed(request, exit_failed, "the agent went away", options);
+void print_event(const json &e, const print_options &options) {
+    print_line(options.as_json ? json_line(e) : event_text(e) + "\n");
+}
 
+json failed(const json &request, int exit, const std::string &why) {
+    return local_answer(request["request"].get<std::string>(), exit, why);
+}
+
+bool is_event(const json &line) { return line.contains("event"); }
+
+// The next answer; events on the way go to each.
+json read_answer(line_client &agent, const json &request, double patience,
+                 const std::function<void(const json &)> &each) {
+    std::string line;
     for (;;) {
-        reading result = read_line(fd, buffer, line, patience);
-        if (result == reading::interrupted) return exit_done;
-        if (result == reading::late) return failed(request, exit_no_answer, "the agent does not answer", options);
-        if (result == reading::over) return failed(request, exit_failed, "the agent went away", options);
-
-        json answer = json::parse(line, nullptr, false);
-        if (!answer.is_object()) return failed(request, exit_failed, "the agent's answer makes no sense", options);
-        if (!answer.contains("event")) {
-            // The end of a counted stream says nothing to people.
-            bool is_end = options.is_follower && !options.as_json && answer.value("ok", false);
-            return is_end ? exit_done : print_answer(answer, options);
-        }
-        print_event(answer, options);
+        reading result = agent.read(line, patience);
+        if (result == reading::interrupted) return failed(request, exit_done, "");
+        if (result == reading::late) return failed(request, exit_no_answer, "the agent does not answer");
+        if (result == reading::over) return failed(request, exit_unknown, "the agent went away");
+        json answer = parse_json(line);
+        if (!answer.is_object()) return failed(request, exit_failed, "the agent's answer makes no sense");
+        if (!is_event(answer)) return answer;
+        each(answer);
     }
 }
 
+// Follows events: the agent answers first, then each event is a line, as many as were asked for.
+int follow(line_client &agent, const json &request, const print_options &options) {
+    json answer = read_answer(agent, request, agent_reserve, [](const json &) {});
+    if (!answer.value("ok", false)) return print_answer(answer, options);
+    line_client::catch_interrupts();
+    uint64_t    left = request.value("count", uint64_t{0});
+    std::string line;
+    for (;;) {
+        reading result = agent.read(line, 0);
+        if (result == reading::interrupted) return exit_done;
+        if (result == reading::over) return print_answer(failed(request, exit_unknown, "the agent went away"), options);
+        json e = parse_json(line);
+        if (!e.is_object() || !is_event(e)) continue;
+        print_event(e, options);
+        if (left > 0 && --left == 0) return exit_done;
+    }
+}
+
+// The steps of a start, one line repainted on a terminal.
+class progress_line {
+public:
+    void show(const json &e) {
+        std::string text = progress_text(e);
+        if (text.empty() || text == last_) return;
+        last_ = text;
+        if (is_terminal_) fprintf(stderr, "\r\033[K%s", text.c_str());
+        else fprintf(stderr, "%s\n", text.c_str());
+        fflush(stderr);
+    }
+    void end() {
+        if (is_terminal_ && !last_.empty()) fputs("\r\033[K", stderr);
+        last_.clear();
+    }
+
+private:
+    bool        is_terminal_ = isatty(STDERR_FILENO) != 0;
+    std::string last_;
+};
+
 }  // namespace
 
+json local_answer(const std::string &request, int exit, const std::string &error) {
+    json answer = {{"schema", schema_number},
+                   {"program", "wlcctl"},
+                   {"version", WLCCTL_VERSION},
+                   {"stream", nullptr},
+                   {"request", request},
+                   {"ok", exit == exit_done},
+                   {"exit", exit}};
+    if (!error.empty()) answer["error"] = error;
+    return answer;
+}
+
 int print_answer(const json &answer, const print_options &options) {
-    std::string out   = options.as_json ? json_line(answer) : answer_text(answer);
+    print_line(options.as_json ? json_line(answer) : answer_text(answer));
     std::string error = answer.value("error", "");
-    fwrite(out.data(), 1, out.size(), stdout);
-    fflush(stdout);
-    if (!options.as_json && !error.empty()) fprintf(stderr, "wlcctl: %s\n", error.c_str());
+    if (!options.as_json && !error.empty()) fprintf(stderr, "wlcctl: %s\n", printable(error).c_str());
     return answer.value("exit", static_cast<int>(exit_failed));
 }
 
-int ask_agent(const std::string &socket, const json &request, double patience, const print_options &options) {
-    std::string error;
-    int         fd = connect_agent(socket, error);
-    if (fd < 0) return failed(request, request["verb"] == "status" ? exit_unknown : exit_failed, error, options);
+json fetch_answer(const std::string &socket, const json &request, double patience) {
+    line_client agent;
+    std::string error = connect_agent(agent, socket);
+    if (!error.empty()) return failed(request, exit_unknown, error);
+    if (!agent.send(json_line(request))) return failed(request, exit_unknown, "the agent went away");
+    return read_answer(agent, request, patience, [](const json &) {});
+}
 
-    if (options.is_follower) catch_interrupts();
-    int status = converse(fd, request, patience, options);
-    close(fd);
-    return status;
+int ask_agent(const std::string &socket, const json &request, double patience, const print_options &options) {
+    line_client agent;
+    std::string error = connect_agent(agent, socket);
+    if (!error.empty()) return print_answer(failed(request, exit_unknown, error), options);
+    if (!agent.send(json_line(request)))
+        return print_answer(failed(request, exit_unknown, "the agent went away"), options);
+    if (options.is_follower) return follow(agent, request, options);
+    return print_answer(read_answer(agent, request, patience, [](const json &) {}), options);
+}
+
+int ask_with_progress(const std::string &socket, const json &request, double patience, const print_options &options,
+                      const std::function<void(json &answer)> &after) {
+    line_client   agent;
+    progress_line progress;
+    std::string   error = connect_agent(agent, socket);
+    if (!error.empty()) return print_answer(failed(request, exit_unknown, error), options);
+    json status = fetch_answer(socket, {{"request", "status"}}, agent_reserve);
+    json events = {{"request", "events"},
+                   {"follow", true},
+                   {"events", {"phase", "reason", "hook_started", "name_answer"}},
+                   {"since", status.contains("agent") ? status["agent"].value("last_event", uint64_t{0}) : 0}};
+    if (!agent.send(json_line(events)) || !agent.send(json_line(request)))
+        return print_answer(failed(request, exit_unknown, "the agent went away"), options);
+    auto each   = [&](const json &e) { progress.show(e); };
+    json answer = read_answer(agent, request, agent_reserve, each);
+    if (answer.value("request", "") == "events" && answer.value("ok", false))
+        answer = read_answer(agent, request, patience, each);
+    progress.end();
+    if (answer.value("exit", 1) == exit_done) after(answer);
+    return print_answer(answer, options);
+}
+
+int watch_agent(const std::string &socket, const print_options &options, uint64_t count) {
+    line_client agent;
+    json        request = {{"request", "watch"}};
+    std::string error   = connect_agent(agent, socket);
+    if (!error.empty()) return print_answer(failed(request, exit_unknown, error), options);
+    bool is_painting = !options.as_json && isatty(STDOUT_FILENO);
+    auto kinds = {"tunnel",          "health",   "reason", "phase",       "interface", "hook_ended",   "daemon_gone",
+                  "daemon_appeared", "inner_ip", "dns",    "name_answer", "stuck",     "daemon_second"};
+    if (!agent.send(
+            json_line({{"request", "events"}, {"follow", true}, {"events", kinds}, {"since", uint64_t{1} << 62}})))
+        return print_answer(failed(request, exit_unknown, "the agent went away"), options);
+    line_client::catch_interrupts();
+
+    auto paint = [&] {
+        json        status = fetch_answer(socket, {{"request", "status"}}, agent_reserve);
+        std::string text   = options.as_json ? json_line(status)
+                             : is_painting   ? answer_text(status)
+                                             : status_line(status) + "\n";
+        print_line((is_painting ? "\033[H\033[2J" : "") + text);
+    };
+    paint();
+    std::string line;
+    for (uint64_t changes = 0; count == 0 || changes < count;) {
+        reading result = agent.read(line, is_painting ? 1 : 0);
+        if (result == reading::interrupted) return exit_done;
+        if (result == reading::over) return print_answer(failed(request, exit_unknown, "the agent went away"), options);
+        json e = result == reading::line ? parse_json(line) : json(nullptr);
+        if (result == reading::line && (!e.is_object() || !is_event(e))) continue;
+        if (is_painting) paint();
+        else print_event(e, options);
+        changes += result == reading::line;
+    }
+    return exit_done;
 }
 
 }  // namespace wlcctl

@@ -108,14 +108,6 @@ std::string directory_of(const std::string &path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// The name under which the daemon rewrites the file: "NAME.conf" through "NAME-temp.conf".
-std::string daemon_temp_name(const std::string &path) {
-    size_t dot   = path.find_last_of('.');
-    size_t slash = path.find_last_of('/');
-    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return path + "-temp";
-    return path.substr(0, dot) + "-temp" + path.substr(dot);
-}
-
 // A leftover of a rewriting that failed stays for ever: then there is nothing to wait for, and the caller goes on.
 void wait_for_daemon(const std::string &path) {
     std::string temp = daemon_temp_name(path);
@@ -185,6 +177,13 @@ bool holds(const std::string &path, const conf_values &values) {
 }
 
 }  // namespace
+
+std::string daemon_temp_name(const std::string &path) {
+    size_t dot   = path.find_last_of('.');
+    size_t slash = path.find_last_of('/');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return path + "-temp";
+    return path.substr(0, dot) + "-temp" + path.substr(dot);
+}
 
 std::string check_conf_value(const conf_key &key, const std::string &value, std::string &warning) {
     std::string name = key.name;

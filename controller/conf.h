@@ -29,12 +29,16 @@ extern const std::vector<conf_key> conf_keys;  // all 13, in the order in which 
 
 using conf_values = std::vector<std::pair<std::string, std::string>>;  // key and value
 
+// The name under which the daemon rewrites the file: "NAME.conf" through "NAME-temp.conf".
+std::string daemon_temp_name(const std::string &path);
+
 // Checks one value as the manual's table says.
-// warning: gets a sentence if the value is allowed but will surprise. Returns an empty text, or the sentence that refuses the value.
+// warning: gets a sentence if the value is allowed but will surprise. Returns an empty text, or the sentence that
+// refuses the value.
 std::string check_conf_value(const conf_key &key, const std::string &value, std::string &warning);
 
-// The entries of a file's content as the daemon reads them; blank lines, comments and lines with fewer than three fields are skipped.
-// skipped: gets the number of those.
+// The entries of a file's content as the daemon reads them; blank lines, comments and lines with fewer than three
+// fields are skipped. skipped: gets the number of those.
 std::vector<conf_entry> parse_conf(const std::string &content, size_t &skipped);
 
 // The whole file; nothing and `error` set if it cannot be read.
@@ -43,10 +47,10 @@ std::optional<std::string> read_conf_file(const std::string &path, std::string &
 // The value of a key, last line wins as it does in the daemon; empty if there is none or no file.
 std::string conf_value(const std::string &path, const std::string &key);
 
-// Replaces the file in one step: a temporary file of its own name beside it, mode 0600, synced, renamed. If the daemon is rewriting
-// the file at the same time (it would put the old content back), writes again when the daemon has finished; blocks for
-// a few seconds at most.
-// replace: false refuses an existing file. Returns an empty text or the sentence that says what failed.
+// Replaces the file in one step: a temporary file of its own name beside it, mode 0600, synced, renamed. If the daemon
+// is rewriting the file at the same time (it would put the old content back), writes again when the daemon has
+// finished; blocks for a few seconds at most. replace: false refuses an existing file. Returns an empty text or the
+// sentence that says what failed.
 std::string write_conf_file(const std::string &path, const conf_values &values, bool replace);
 
 }  // namespace wlcctl

@@ -1,138 +1,107 @@
 #include "hooks.h"
 
+#include "common/log.h"
+
 #include <cmath>
 #include <csignal>
-#include <cstring>
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-extern char **environ;  // POSIX declares it in no header
+#include <nlohmann/json.hpp>
 
 namespace wlcctl {
 
 namespace {
 
-constexpr size_t waiting_limit = 64;  // a hook that hangs must not make the queue grow for ever
-constexpr double kill_delay    = 2;   // seconds between SIGTERM and SIGKILL
+constexpr size_t       waiting_limit = 64;    // a hook that hangs must not make the queue grow for ever
+constexpr size_t       error_limit   = 2048;  // bytes kept of what a hook says
+constexpr milliseconds kill_delay{2000};      // between SIGTERM and SIGKILL
+constexpr milliseconds stop_delay{1000};      // the same at the agent's end
 
-// The agent's environment plus the facts. Facts come first, so that they win.
-std::vector<char *> make_environment(std::vector<std::string> &facts) {
-    std::vector<char *> list;
-    list.reserve(facts.size());
-    for (std::string &fact : facts) list.push_back(fact.data());
-    for (char **entry = environ; *entry; entry++)
-        if (strncmp(*entry, "TLSC_", 5) != 0) list.push_back(*entry);
-    list.push_back(nullptr);
-    return list;
+std::string first_line(const std::string &text) {
+    size_t begin = text.find_first_not_of("\r\n");
+    if (begin == std::string::npos) return "";
+    return printable(text.substr(begin, text.find_first_of("\r\n", begin) - begin), 300);
 }
 
-// Runs the command in a process group of its own, with default signals, nothing to read, and its output on standard error.
-// Returns the error number of posix_spawn.
-int spawn(pid_t &pid, std::string command, std::vector<std::string> facts) {
-    posix_spawnattr_t          attributes;
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_init(&attributes);
-    posix_spawn_file_actions_init(&actions);
-
-    sigset_t none, defaults;
-    sigemptyset(&none);
-    sigemptyset(&defaults);
-    for (int number : {SIGPIPE, SIGTERM, SIGINT, SIGCHLD, SIGHUP}) sigaddset(&defaults, number);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
-
-    char                shell[] = "sh", option[] = "-c";
-    char               *arguments[] = {shell, option, command.data(), nullptr};
-    std::vector<char *> environment = make_environment(facts);
-    int                 error = posix_spawn(&pid, "/bin/sh", &actions, &attributes, arguments, environment.data());
-
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    return error;
-}
+milliseconds seconds(double value) { return milliseconds(static_cast<int64_t>(value * 1000)); }
 
 }  // namespace
 
-void hooks::run(const char *name, const std::string &command, std::vector<std::string> facts, uint64_t cause,
-                const moment &now) {
-    if (m_waiting.size() >= waiting_limit) {
-        m_log.add(now, "hook_failed", {{"hook", name}, {"error", "too many hooks are waiting"}});
+hooks::hooks(loop &owner, event_log &log, double timeout)
+    : log_(log), timeout_(timeout), child_(owner), deadline_(owner) {}
+
+void hooks::run(const char *name, const std::string &command, std::vector<std::string> facts, uint64_t cause) {
+    if (waiting_.size() >= waiting_limit) {
+        log_.add("hook_failed", {{"hook", name}, {"error", "too many hooks are waiting"}});
         return;
     }
-    m_waiting.push_back({name, command, std::move(facts), cause});
-    tick(now);
+    waiting_.push_back({name, command, std::move(facts), cause});
+    start_next();
 }
 
-void hooks::tick(const moment &now) {
-    if (m_running != 0) collect(now);
-    if (m_running != 0 && !m_ended && now.mono >= m_started + m_timeout) {
-        m_ended   = true;
-        m_kill_at = now.mono + kill_delay;
-        kill(-m_running, SIGTERM);
-    } else if (m_running != 0 && m_ended && now.mono >= m_kill_at) {
-        m_kill_at = now.mono + kill_delay;
-        kill(-m_running, SIGKILL);
-    }
-    while (m_running == 0 && !m_waiting.empty()) start_next(now);
-}
+void hooks::start_next() {
+    while (!child_.is_running() && !waiting_.empty() && !stopped_) {
+        job next = std::move(waiting_.front());
+        waiting_.pop_front();
+        error_.clear();
+        timed_out_ = false;
+        started_   = present().mono;
 
-std::optional<double> hooks::deadline() const {
-    if (m_running == 0) return std::nullopt;
-    return m_ended ? m_kill_at : m_started + m_timeout;
-}
-
-void hooks::stop() {
-    m_waiting.clear();
-    if (m_running == 0) return;
-
-    kill(-m_running, SIGTERM);
-    for (int i = 0; i < 50; i++) {
-        if (waitpid(m_running, nullptr, WNOHANG) != 0) {
-            m_running = 0;
-            return;
+        child_options options;
+        options.arguments       = {"/bin/sh", "-c", next.command};
+        options.environment     = environment_with(next.facts, "TLSC_");
+        options.on_error_output = [this](std::string_view text) { take_error_output(text); };
+        std::string error       = child_.start(options, [this, next](const child_end &end) { finish(next, end); });
+        if (!error.empty()) {
+            log_.add("hook_failed", {{"hook", next.name}, {"error", error}});
+            keep_result(next.name, {false, 127, 0, error, present(), 0, next.cause});
+            continue;
         }
-        usleep(20000);
+        log_.add("hook_started", {{"hook", next.name}, {"pid", child_.pid()}, {"for_event", next.cause}});
+        deadline_.start(seconds(timeout_), [this] { end_running(); });
     }
-    kill(-m_running, SIGKILL);
-    waitpid(m_running, nullptr, 0);
-    m_running = 0;
 }
 
-void hooks::start_next(const moment &now) {
-    job next = std::move(m_waiting.front());
-    m_waiting.pop_front();
-
-    int error = spawn(m_running, next.command, std::move(next.facts));
-    if (error != 0) {
-        m_running = 0;
-        m_log.add(now, "hook_failed", {{"hook", next.name}, {"error", strerror(error)}});
-        return;
-    }
-    m_name    = next.name;
-    m_started = now.mono;
-    m_ended   = false;
-    m_log.add(now, "hook_started", {{"hook", m_name}, {"pid", m_running}, {"for_event", next.cause}});
+// What a hook says is seen where the agent's own words are, and its beginning is kept.
+void hooks::take_error_output(std::string_view text) {
+    (void)!write(STDERR_FILENO, text.data(), text.size());
+    if (error_.size() < error_limit) error_ += text.substr(0, error_limit - error_.size());
 }
 
-void hooks::collect(const moment &now) {
-    int status = 0;
-    if (waitpid(m_running, &status, WNOHANG) <= 0) return;
+void hooks::end_running() {
+    timed_out_ = true;
+    child_.signal(SIGTERM);
+    deadline_.start(kill_delay, [this] { child_.signal(SIGKILL); });
+}
 
-    json members = {{"hook", m_name}, {"pid", m_running}};
-    if (WIFSIGNALED(status)) members["signal"] = WTERMSIG(status);
-    else members["status"] = WEXITSTATUS(status);
-    members["seconds"]   = std::round((now.mono - m_started) * 1000) / 1000;
-    members["timed_out"] = m_ended;
-    // What the shell left behind in its group belongs to a hook that is over.
-    if (m_ended) kill(-m_running, SIGKILL);
-    m_running = 0;
-    m_log.add(now, "hook_ended", members);
+void hooks::finish(const job &done, const child_end &end) {
+    deadline_.stop();
+    hook_result result{
+        end.status == 0 && end.signal == 0 && !timed_out_,     end.status, end.signal, first_line(error_), present(),
+        std::round((present().mono - started_) * 1000) / 1000, done.cause};
+    json members = {{"hook", done.name}};
+    if (end.signal != 0) members["signal"] = end.signal;
+    else members["status"] = end.status;
+    members["seconds"]   = result.seconds;
+    members["timed_out"] = timed_out_;
+    if (!result.error.empty()) members["error"] = result.error;
+    log_.add("hook_ended", members);
+    keep_result(done.name, result);
+    if (stopped_) return std::exchange(stopped_, nullptr)();
+    start_next();
+}
+
+void hooks::keep_result(const std::string &name, const hook_result &result) {
+    results_[name] = result;
+    if (on_end) on_end(name, result);
+}
+
+void hooks::stop(task work) {
+    waiting_.clear();
+    if (!child_.is_running()) return work();
+    stopped_ = std::move(work);
+    child_.signal(SIGTERM);
+    deadline_.start(stop_delay, [this] { child_.signal(SIGKILL); });
 }
 
 }  // namespace wlcctl

@@ -2,34 +2,49 @@
 // Called on the agent's one thread.
 #pragma once
 
-#include "events.h"
+#include "base.h"
+
+#include "common/child.h"
+#include "common/loop.h"
 
 #include <deque>
-#include <optional>
+#include <functional>
+#include <map>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 namespace wlcctl {
 
+// How a hook ended the last time.
+struct hook_result {
+    bool        is_good = false;
+    int         status  = 0;
+    int         signal  = 0;
+    std::string error;  // first line of its standard error, or why it could not be run
+    moment      when;
+    double      seconds   = 0;
+    uint64_t    for_event = 0;
+};
+
 class hooks {
 public:
     // log: takes the events. timeout: seconds after which a hook is ended.
-    hooks(event_log &log, double timeout) : m_log(log), m_timeout(timeout) {}
+    hooks(loop &owner, event_log &log, double timeout);
+
+    // Called when a hook has ended or could not be run.
+    std::function<void(const std::string &name, const hook_result &result)> on_end;
 
     // Queues a command for /bin/sh -c and runs it when those before it have ended.
-    // name: "up", "down" or "dns"; facts: "NAME=value" texts that are added to the environment; cause: number of the event that caused it.
-    void run(const char *name, const std::string &command, std::vector<std::string> facts, uint64_t cause,
-             const moment &now);
+    // name: "up", "down" or "dns"; facts: "NAME=value" texts that are added to the environment; cause: number of the
+    // event that caused it.
+    void run(const char *name, const std::string &command, std::vector<std::string> facts, uint64_t cause);
 
-    // Collects a hook that has ended, ends one that runs too long, starts the next. Called after SIGCHLD and at deadlines.
-    void tick(const moment &now);
+    // Results by the hook's name.
+    const std::map<std::string, hook_result> &results() const { return results_; }
+    void remember(const std::string &name, const hook_result &result) { results_[name] = result; }
 
-    // When tick() must be called at the latest, monotonic seconds; nothing if no hook runs.
-    std::optional<double> deadline() const;
-
-    // Ends the running hook and forgets the waiting ones. Blocks for at most a second.
-    void stop();
+    // Ends the running hook and forgets the waiting ones; calls work when that is done, at the latest after a second.
+    void stop(task work);
 
 private:
     struct job {
@@ -38,17 +53,22 @@ private:
         std::vector<std::string> facts;
         uint64_t                 cause;  // number of an event
     };
-    void start_next(const moment &now);
-    void collect(const moment &now);
+    void start_next();
+    void end_running();
+    void take_error_output(std::string_view text);
+    void finish(const job &done, const child_end &end);
+    void keep_result(const std::string &name, const hook_result &result);
 
-    event_log      &m_log;
-    double          m_timeout;
-    std::deque<job> m_waiting;
-    std::string     m_name;             // of the running hook
-    pid_t           m_running = 0;      // 0: none; also its process group
-    double          m_started = 0;      // monotonic seconds
-    bool            m_ended   = false;  // SIGTERM was sent
-    double          m_kill_at = 0;      // when SIGKILL follows
+    event_log                         &log_;
+    double                             timeout_;
+    std::deque<job>                    waiting_;
+    child                              child_;
+    timer                              deadline_;
+    double                             started_   = 0;  // monotonic seconds
+    bool                               timed_out_ = false;
+    std::string                        error_;  // what the running hook said
+    std::map<std::string, hook_result> results_;
+    task                               stopped_;  // set while everything ends
 };
 
 }  // namespace wlcctl

@@ -1,12 +1,19 @@
-// wlcctl: the reference controller and its command line. Verbs and options; what they do lies in agent, client and conf.
+// wlcctl: the reference controller and its command line. Verbs and options; what they do lies in agent, client, local
+// and conf.
 #include "agent.h"
+#include "agent_conf.h"
 #include "client.h"
 #include "conf.h"
-#include "state.h"
+#include "lint.h"
+#include "local.h"
+#include "ping.h"
 #include "wire.h"
+
+#include "common/log.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
@@ -17,9 +24,7 @@
 #include <unistd.h>
 #include <vector>
 
-#ifndef WLCCTL_VERSION
-#define WLCCTL_VERSION "0"
-#endif
+#include <nlohmann/json.hpp>
 
 namespace wlcctl {
 namespace {
@@ -27,8 +32,8 @@ namespace {
 constexpr double start_wait    = 30;  // seconds of --wait without a number
 constexpr double stop_wait     = 10;
 constexpr double shutdown_wait = 15;
-constexpr double answer_wait   = 6;   // of --timeout, for verbs that the daemon answers
-constexpr double agent_reserve = 10;  // seconds that the agent may be late
+constexpr double hook_reserve  = 600;  // for a hook that a waiting start waits for as well
+constexpr double answer_wait   = 6;    // of --timeout, for verbs that the daemon answers
 
 // What the command line said. The verb's own work is `run`, set by the verb that was named.
 struct command_line {
@@ -91,7 +96,8 @@ int ask(const command_line &line, const json &request, double patience) {
     return ask_agent(line.socket, request, patience + agent_reserve, line.print);
 }
 
-// --- the verbs, in the order of the help --------------------------------------------------------------------------------
+// --- the verbs, in the order of the help
+// --------------------------------------------------------------------------------
 
 void add_agent(CLI::App &app, command_line &line) {
     auto      options = std::make_shared<agent_options>();
@@ -125,7 +131,31 @@ void add_agent(CLI::App &app, command_line &line) {
         ->check(seconds_from(0.1))
         ->type_name("SECONDS")
         ->capture_default_str();
+    verb->add_flag("--keep-up", options->keep_up, "Start the tunnel, and keep it up");
+    verb->add_option("--stuck-after", options->stuck_after, "Give a connecting daemon so long to show a sign of life")
+        ->check(seconds_from(1))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    verb->add_option("--run", options->run, "Supervise the daemon: start this program, and start it again when it ends")
+        ->type_name("PROGRAM");
+    verb->add_option("--daemon-log", options->daemon_log, "The daemon's log, for reasons; empty: none")
+        ->type_name("PATH")
+        ->capture_default_str();
+    verb->add_option("--state", options->memory, "What outlives the agent is kept there; empty: nowhere")
+        ->type_name("PATH")
+        ->capture_default_str();
+    verb->add_option("--socket-group", options->socket_group, "This group may watch on a second socket")
+        ->type_name("GROUP");
+    verb->add_option("--watch-socket", options->watch_socket, "That socket (by itself the first one's name with .ro)")
+        ->type_name("PATH");
+    verb->add_option("--log-level", options->log_level, "Of the agent's own log, on standard error")
+        ->check(CLI::IsMember({"trace", "debug", "info", "warning", "error", "critical", "off"}))
+        ->type_name("LEVEL")
+        ->capture_default_str();
     verb->add_flag("--quiet", options->quiet, "Print no events");
+    verb->add_option("--agent-conf", "File with these options, \"name = value\"; the command line wins")
+        ->type_name("PATH")
+        ->default_str(default_agent_conf);
     verb->callback([&line, options] {
         uint8_t            bytes[16];
         const std::string &address = options->resolve_address;
@@ -135,6 +165,7 @@ void add_agent(CLI::App &app, command_line &line) {
         line.run = [&line, options] {
             options->socket  = line.socket;
             options->as_json = line.print.as_json;
+            options->program = "/proc/self/exe";
             return run_agent(*options);
         };
     });
@@ -145,21 +176,49 @@ void add_status(CLI::App &app, command_line &line) {
     CLI::App *verb = add_verb(app, "status", "Shows what is known of daemon and tunnel (the verb when none is given)",
                               "  wlcctl\n  wlcctl status --json\n  wlcctl status --fresh && echo the tunnel is up");
     verb->add_flag("--fresh", *is_fresh, "Ask the daemon first (up to 6 s)");
-    auto run = [&line, is_fresh] { return ask(line, {{"verb", "status"}, {"fresh", *is_fresh}}, answer_wait); };
+    auto run = [&line, is_fresh] { return ask(line, {{"request", "status"}, {"fresh", *is_fresh}}, answer_wait); };
     verb->callback([&line, run] { line.run = run; });
     line.run = run;
 }
 
+// One packet through the tunnel that has just come up; an answer that does not come is the verb's failure.
+void probe_tunnel(const std::string &address, json &answer) {
+    std::string conf        = default_conf_file;
+    json        status_conf = answer.contains("conf") ? answer["conf"] : json(nullptr);
+    if (status_conf.is_string()) conf = status_conf.get<std::string>();
+    ping_result done = ping(address, conf_value(conf, "management_ip"), conf_value(conf, "tun_interface_name"), 84,
+                            false, 5);
+    char        text[64];
+    snprintf(text, sizeof text, "answered after %.1f ms", done.seconds * 1000);
+    answer["probe"] = {{"address", address},
+                       {"ok", done.is_answered},
+                       {"seconds", done.seconds},
+                       {"text", address + ": " + (done.is_answered ? text : done.error)}};
+    if (done.is_answered) return;
+    answer["ok"]    = false;
+    answer["exit"]  = exit_degraded;
+    answer["error"] = "the tunnel is up, but " + address + " does not answer: " + done.error;
+}
+
 void add_command(CLI::App &app, command_line &line, const char *name, double preset, const char *help,
                  const char *wait_help, const char *examples) {
-    auto      wait = std::make_shared<optional_seconds>();
-    CLI::App *verb = add_verb(app, name, help, examples);
+    auto      wait     = std::make_shared<optional_seconds>();
+    auto      probe    = std::make_shared<std::string>();
+    CLI::App *verb     = add_verb(app, name, help, examples);
+    bool      is_start = std::string(name).ends_with("start");
     wait->add(verb, "--wait", wait_help);
-    verb->callback([&line, wait, name, preset] {
-        line.run = [&line, wait, name, preset] {
-            json request = {{"verb", name}};
-            if (wait->is_set()) request["wait"] = wait->value(preset);
-            return ask(line, request, wait->is_set() ? wait->value(preset) : 0);
+    if (is_start)
+        verb->add_option("--probe", *probe, "Wait, then send one ping through the tunnel")->type_name("ADDRESS");
+    verb->callback([&line, wait, probe, name, preset, is_start] {
+        line.run = [&line, wait, probe, name, preset, is_start] {
+            json   request = {{"request", name}};
+            bool   waits   = wait->is_set() || !probe->empty();
+            double seconds = wait->is_set() ? wait->value(preset) : preset;
+            if (waits) request["wait"] = seconds;
+            if (!is_start || !waits) return ask(line, request, waits ? seconds : 0);
+            return ask_with_progress(line.socket, request, seconds + hook_reserve, line.print, [&](json &answer) {
+                if (!probe->empty()) probe_tunnel(*probe, answer);
+            });
         };
     });
 }
@@ -179,7 +238,7 @@ void add_wait(CLI::App &app, command_line &line) {
         ->capture_default_str();
     verb->callback([&line, state, timeout] {
         line.run = [&line, state, timeout] {
-            return ask(line, {{"verb", "wait"}, {"state", *state}, {"timeout", *timeout}}, *timeout);
+            return ask(line, {{"request", "wait"}, {"state", *state}, {"timeout", *timeout}}, *timeout);
         };
     });
 }
@@ -194,11 +253,12 @@ struct events_options {
 void add_events(CLI::App &app, command_line &line) {
     auto      options = std::make_shared<events_options>();
     CLI::App *verb    = add_verb(app, "events", "Shows what happened, numbered",
-                                 "  wlcctl events --since 120\n  wlcctl events --follow --kind tun_up --kind tun_down");
+                                 "  wlcctl events --since 120\n"
+                                    "  wlcctl events --follow --event tun_up --event tun_down");
     verb->add_option("--since", options->since, "Only events after number N")
         ->check(whole_number_from(0))
         ->type_name("N");
-    verb->add_option("--kind", options->kinds, "Only events of this kind (may be repeated)")
+    verb->add_option("--event,--kind", options->kinds, "Only events of this kind (may be repeated)")
         ->type_name("KIND")
         ->expected(1)
         ->take_all();
@@ -206,9 +266,9 @@ void add_events(CLI::App &app, command_line &line) {
     verb->add_flag("--follow", options->follow, "Go on with new events until interrupted");
     verb->callback([&line, options] {
         line.run = [&line, options] {
-            json request = {
-                {"verb", "events"}, {"since", options->since}, {"count", options->count}, {"follow", options->follow}};
-            if (!options->kinds.empty()) request["kinds"] = options->kinds;
+            json request = {{"request", "events"}, {"since", options->since}, {"count", options->count}};
+            if (options->follow) request["follow"] = true;
+            if (!options->kinds.empty()) request["events"] = options->kinds;
             line.print.is_follower = options->follow;
             return ask_agent(line.socket, request, options->follow ? 0 : agent_reserve, line.print);
         };
@@ -228,7 +288,7 @@ void add_stats(CLI::App &app, command_line &line) {
         ->capture_default_str();
     verb->callback([&line, is_fresh, is_clear, timeout] {
         line.run = [&line, is_fresh, is_clear, timeout] {
-            return ask(line, {{"verb", "stats"}, {"fresh", *is_fresh}, {"clear", *is_clear}, {"timeout", *timeout}},
+            return ask(line, {{"request", "stats"}, {"fresh", *is_fresh}, {"clear", *is_clear}, {"timeout", *timeout}},
                        *timeout);
         };
     });
@@ -250,7 +310,7 @@ void add_debug(CLI::App &app, command_line &line) {
         bool is_known = *category == "level" ? is_level_word(*word) : is_destination_word(*word);
         if (!is_known) throw usage_error("debug: " + *word + " is no " + *category);
         line.run = [&line, category, word] {
-            return ask(line, {{"verb", "debug"}, {"category", *category}, {"value", *word}}, 0);
+            return ask(line, {{"request", "debug"}, {"category", *category}, {"value", *word}}, 0);
         };
     });
 }
@@ -262,7 +322,7 @@ void add_resolve(CLI::App &app, command_line &line) {
                                  "  wlcctl resolve 192.0.2.1");
     verb->add_option("address", *address, "IPv4 or IPv6 address")->required()->type_name("ADDRESS");
     verb->callback([&line, address] {
-        line.run = [&line, address] { return ask(line, {{"verb", "resolve"}, {"address", *address}}, 0); };
+        line.run = [&line, address] { return ask(line, {{"request", "resolve"}, {"address", *address}}, 0); };
     });
 }
 
@@ -274,11 +334,12 @@ void add_query(CLI::App &app, command_line &line, const char *name, const char *
         ->type_name("SECONDS")
         ->capture_default_str();
     verb->callback([&line, timeout, name] {
-        line.run = [&line, timeout, name] { return ask(line, {{"verb", name}, {"timeout", *timeout}}, *timeout); };
+        line.run = [&line, timeout, name] { return ask(line, {{"request", name}, {"timeout", *timeout}}, *timeout); };
     });
 }
 
-// --- the configuration file ---------------------------------------------------------------------------------------------
+// --- the configuration file
+// ---------------------------------------------------------------------------------------------
 
 struct conf_options {
     std::string                        file  = default_conf_file;
@@ -322,19 +383,25 @@ conf_values collect_values(const conf_options &options, const CLI::App &verb, st
     return values;
 }
 
+// What lint calls an error is not written.
+void refuse_errors(const conf_values &values) {
+    std::string content;
+    for (const auto &[key, value] : values) content += key + ";" + value + ";1\n";
+    for (const finding &f : lint_content(content))
+        if (f.level == severity::error) throw usage_error("conf init: " + f.text + "; " + f.fix);
+}
+
 int init_conf(const command_line &line, const conf_options &options, const CLI::App &verb) {
     std::vector<std::string> warnings;
     conf_values              values = collect_values(options, verb, warnings);
-    std::string              error  = write_conf_file(options.file, values, options.force);
+    refuse_errors(values);
+    std::string error = write_conf_file(options.file, values, options.force);
 
     json keys = json::array();
     for (const auto &entry : values) keys.push_back(entry.first);
-    json answer = {{"ok", error.empty()},
-                   {"exit", error.empty() ? exit_done : exit_failed},
-                   {"verb", "conf init"},
-                   {"path", options.file}};
-    if (!error.empty()) answer["error"] = error;
-    else answer.update({{"keys", keys}, {"warnings", warnings}, {"note", "wrote " + options.file}});
+    json answer    = local_answer("conf init", error.empty() ? exit_done : exit_failed, error);
+    answer["path"] = options.file;
+    if (error.empty()) answer.update({{"keys", keys}, {"warnings", warnings}, {"note", "wrote " + options.file}});
     if (!line.print.as_json)
         for (const std::string &warning : warnings) fprintf(stderr, "wlcctl: warning: %s\n", warning.c_str());
     return print_answer(answer, line.print);
@@ -343,10 +410,11 @@ int init_conf(const command_line &line, const conf_options &options, const CLI::
 int show_conf(const command_line &line, const conf_options &options) {
     std::string error;
     auto        content = read_conf_file(options.file, error);
-    if (!content)
-        return print_answer(
-            {{"ok", false}, {"exit", exit_failed}, {"verb", "conf show"}, {"path", options.file}, {"error", error}},
-            line.print);
+    if (!content) {
+        json answer    = local_answer("conf show", exit_failed, error);
+        answer["path"] = options.file;
+        return print_answer(answer, line.print);
+    }
 
     size_t skipped = 0;
     json   entries = json::array();
@@ -354,13 +422,11 @@ int show_conf(const command_line &line, const conf_options &options) {
         entries.push_back({{"key", entry.key},
                            {"value", entry.key == "psk_key" ? "***" : entry.value},
                            {"flag", entry.flag != 0 ? 1 : 0}});
-    return print_answer({{"ok", true},
-                         {"exit", exit_done},
-                         {"verb", "conf show"},
-                         {"path", options.file},
-                         {"entries", entries},
-                         {"skipped", skipped}},
-                        line.print);
+    json answer       = local_answer("conf show", exit_done);
+    answer["path"]    = options.file;
+    answer["entries"] = entries;
+    answer["skipped"] = skipped;
+    return print_answer(answer, line.print);
 }
 
 void add_conf(CLI::App &app, command_line &line) {
@@ -395,7 +461,166 @@ void add_conf(CLI::App &app, command_line &line) {
     show->callback([&line, options] { line.run = [&line, options] { return show_conf(line, *options); }; });
 }
 
-// --- all together -------------------------------------------------------------------------------------------------------
+// --- verbs that look for themselves
+// -------------------------------------------------------------------------------------
+
+void add_lint(CLI::App &app, command_line &line) {
+    auto      file = std::make_shared<std::string>(default_conf_file);
+    CLI::App *verb = add_verb(app, "lint",
+                              "Judges the tunnel's configuration file: every finding at once; needs no agent",
+                              "  wlcctl lint\n  wlcctl lint new.conf --json");
+    verb->add_option("file", *file, "The file")->type_name("FILE")->capture_default_str();
+    verb->callback([&line, file] { line.run = [&line, file] { return run_lint(*file, line.print); }; });
+}
+
+void add_why(CLI::App &app, command_line &line) {
+    auto      code = std::make_shared<std::string>();
+    CLI::App *verb = add_verb(app, "why", "Explains the reason codes: cause, what to do, the log lines behind",
+                              "  wlcctl why\n  wlcctl why key-mismatch");
+    verb->add_option("code", *code, "Only this one")->type_name("CODE");
+    verb->callback([&line, code] { line.run = [&line, code] { return run_why(*code, line.socket, line.print); }; });
+}
+
+void add_logs(CLI::App &app, command_line &line) {
+    auto      options = std::make_shared<logs_options>();
+    CLI::App *verb    = add_verb(app, "logs", "Shows the daemon's log, parsed; needs no agent",
+                                 "  wlcctl logs --level warnings\n  wlcctl logs -f --why");
+    verb->add_flag("-f,--follow", options->follow, "Go on with new lines until interrupted, through rotations");
+    verb->add_flag("--why", options->has_why, "Put the reason beside the line that gives it away");
+    verb->add_option("--level", options->level, "Only lines of this level and above")
+        ->check(CLI::IsMember({"errors", "warnings", "info", "debug", "ssl-dbg"}))
+        ->type_name("LEVEL");
+    verb->add_option("-n,--lines", options->count, "Only the last N of what stands there")
+        ->check(whole_number_from(0))
+        ->type_name("N");
+    verb->add_option("--file", options->path, "The log")->type_name("PATH")->capture_default_str();
+    verb->callback([&line, options] { line.run = [&line, options] { return run_logs(*options, line.print); }; });
+}
+
+void add_watch(CLI::App &app, command_line &line) {
+    auto      count = std::make_shared<uint64_t>(0);
+    CLI::App *verb  = add_verb(app, "watch", "The status, live: repainted on a terminal, else one line for each change",
+                               "  wlcctl watch\n  wlcctl watch --json | jq .event");
+    verb->add_option("--count", *count, "End after N changes")->check(whole_number_from(1))->type_name("N");
+    verb->callback(
+        [&line, count] { line.run = [&line, count] { return watch_agent(line.socket, line.print, *count); }; });
+}
+
+void add_doctor(CLI::App &app, command_line &line) {
+    auto options         = std::make_shared<doctor_options>();
+    options->conf        = default_conf_file;
+    options->to_daemon   = default_to_daemon;
+    options->from_daemon = default_from_daemon;
+    CLI::App *verb       = add_verb(app, "doctor",
+                                    "Checks the device from top to bottom, names the first cause and its remedy",
+                                    "  wlcctl doctor\n  wlcctl doctor --mtu --ping 10.9.0.1");
+    verb->add_flag("--mtu", options->checks_mtu, "Send large packets that must not be cut: 1406 and 1436 bytes");
+    verb->add_option("--ping", options->ping, "Address behind the tunnel (by itself the first DNS server)")
+        ->type_name("ADDRESS");
+    verb->add_option("--conf", options->conf, "The configuration file")->type_name("PATH")->capture_default_str();
+    verb->add_option("--to-daemon", options->to_daemon, "The daemon's pipe")->type_name("PATH")->capture_default_str();
+    verb->add_option("--from-daemon", options->from_daemon, "The agent's pipe")
+        ->type_name("PATH")
+        ->capture_default_str();
+    verb->callback([&line, options] {
+        line.run = [&line, options] {
+            options->socket = line.socket;
+            return run_doctor(*options, line.print);
+        };
+    });
+}
+
+void add_report(CLI::App &app, command_line &line) {
+    auto      out = std::make_shared<std::string>(), conf = std::make_shared<std::string>(default_conf_file);
+    auto      log  = std::make_shared<std::string>(default_daemon_log);
+    CLI::App *verb = add_verb(app, "report", "Packs what a bug report needs, without keys, cookies and identities",
+                              "  wlcctl report\n  wlcctl report -o /tmp/report.tar.gz");
+    verb->add_option("-o,--out", *out, "The file to write (by itself tlsc-report-DATE.tar.gz here)")->type_name("FILE");
+    verb->add_option("--conf", *conf, "The configuration file")->type_name("PATH")->capture_default_str();
+    verb->add_option("--log", *log, "The daemon's log")->type_name("PATH")->capture_default_str();
+    verb->callback([&line, out, conf, log] {
+        line.run = [&line, out, conf, log] { return run_report(*out, line.socket, *conf, *log, line.print); };
+    });
+}
+
+void add_help(CLI::App &app, command_line &line) {
+    auto      name = std::make_shared<std::string>();
+    CLI::App *verb = add_verb(app, "help", "Explains a verb, or lists them all", "  wlcctl help start");
+    verb->add_option("verb", *name, "The verb")->type_name("VERB");
+    verb->callback([&app, &line, name] {
+        auto      all    = app.get_subcommands([&](const CLI::App *each) { return each->get_name() == *name; });
+        CLI::App *wanted = name->empty() ? &app : all.empty() ? nullptr : all.front();
+        if (!wanted) throw usage_error("help: there is no verb " + printable(*name, 64));
+        line.run = [&line, &app, wanted] {
+            std::string text = app.get_formatter()->make_help(
+                wanted, wanted == &app ? "wlcctl" : "wlcctl " + wanted->get_name(), CLI::AppFormatMode::Normal);
+            if (!line.print.as_json) return fputs(text.c_str(), stdout), static_cast<int>(exit_done);
+            json answer    = local_answer("help", exit_done);
+            answer["text"] = text;
+            return print_answer(answer, line.print);
+        };
+    });
+}
+
+// --- the agent's configuration file
+// -------------------------------------------------------------------------------------
+
+bool is_given(const std::vector<std::string> &words, const std::string &option) {
+    return std::any_of(words.begin(), words.end(), [&](const std::string &word) {
+        return word == option || word.compare(0, option.size() + 1, option + "=") == 0;
+    });
+}
+
+// Adds what the file says to the words of the command line, as far as they say nothing of it.
+void add_agent_conf(CLI::App &app, std::vector<std::string> &words) {
+    auto at       = std::find(words.begin(), words.end(), "agent");
+    bool is_value = at != words.begin() && at != words.end() &&
+                    (*std::prev(at) == "help" || *std::prev(at) == "--socket");
+    if (at == words.end() || is_value || is_given(words, "--help") || is_given(words, "-h")) return;
+    std::string path = default_agent_conf;
+    for (size_t i = 0; i < words.size(); i++) {
+        if (words[i] == "--agent-conf" && i + 1 < words.size()) path = words[i + 1];
+        if (words[i].starts_with("--agent-conf=")) path = words[i].substr(13);
+    }
+    std::string error;
+    auto        content = read_agent_conf(path, error);
+    if (!error.empty()) throw usage_error(error);
+    if (!content && is_given(words, "--agent-conf")) throw usage_error("cannot read " + printable(path));
+    if (!content) return;
+
+    CLI::App                *agent = app.get_subcommand("agent");
+    std::vector<std::string> added;
+    auto                     settings = parse_agent_conf(*content, error);
+    if (!error.empty()) throw usage_error(printable(path) + ": " + error);
+    for (const agent_setting &setting : settings) {
+        std::string name   = "--" + setting.key,
+                    place  = printable(path) + ": line " + std::to_string(setting.line) + ": ";
+        CLI::Option *known = agent->get_option_no_throw(name);
+        if (!known && (setting.key == "socket" || setting.key == "json")) known = app.get_option_no_throw(name);
+        if (!known || setting.key == "agent-conf" || setting.key == "help") {
+            std::string list = "socket, json";
+            for (const CLI::Option *each : agent->get_options())
+                if (!each->get_lnames().empty() && each->get_lnames()[0] != "help" &&
+                    each->get_lnames()[0] != "agent-conf")
+                    list += ", " + each->get_lnames()[0];
+            throw usage_error(place + "there is no option " + setting.key + "; there are: " + list);
+        }
+        bool is_over = is_given(words, name) || (setting.key == "resolve" && is_given(words, "--resolve-to")) ||
+                       (setting.key == "resolve-to" && is_given(words, "--resolve"));
+        if (is_over) continue;
+        if (known->get_items_expected_max() > 0) {
+            added.push_back(name + "=" + setting.value);
+            continue;
+        }
+        auto is_on = truth_of(setting.value);
+        if (!is_on) throw usage_error(place + setting.key + " must be true or false");
+        if (*is_on) added.push_back(name);
+    }
+    words.insert(std::next(std::find(words.begin(), words.end(), "agent")), added.begin(), added.end());
+}
+
+// --- all together
+// -------------------------------------------------------------------------------------------------------
 
 void add_verbs(CLI::App &app, command_line &line) {
     add_status(app, line);
@@ -415,11 +640,18 @@ void add_verbs(CLI::App &app, command_line &line) {
     add_command(app, line, "shutdown", shutdown_wait, "Ends the daemon",
                 "Wait until its process has ended (15 s if no number is given)", "  wlcctl shutdown --wait");
     add_conf(app, line);
+    add_lint(app, line);
+    add_why(app, line);
+    add_logs(app, line);
+    add_watch(app, line);
+    add_doctor(app, line);
+    add_report(app, line);
     add_agent(app, line);
+    add_help(app, line);
 }
 
 int usage(const std::string &what) {
-    std::string first = what.substr(0, what.find('\n'));
+    std::string first = printable(what.substr(0, what.find('\n')));
     fprintf(stderr, "wlcctl: %s (see wlcctl --help)\n", first.c_str());
     return exit_usage;
 }
@@ -428,15 +660,20 @@ int run(int argc, char **argv) {
     CLI::App     app("The reference controller of the TLS tunnel client.", "wlcctl");
     command_line line;
     app.require_subcommand(0, 1);
-    app.set_version_flag("--version", std::string("wlcctl ") + WLCCTL_VERSION);
+    app.set_version_flag("-V,--version", std::string("wlcctl ") + WLCCTL_VERSION);
     app.add_option("--socket", line.socket, "Socket of the agent")->type_name("PATH")->capture_default_str();
     app.add_flag("--json", line.print.as_json, "Print JSON instead of text");
-    app.footer("Exit status: 0 done (status: tunnel up), 1 failed, 2 usage, 3 tunnel not up, 4 daemon not running,\n"
-               "5 no answer in time, 7 another controller, 8 feature disabled, 9 unknown.");
+    app.footer(
+        "Exit status, of every verb: 0 done (status: tunnel up), 1 failed, 2 usage, 3 not up, or not reached in time,\n"
+        "4 daemon not running, 5 no answer in time, 6 degraded, 7 another controller, 8 stopped by order,\n"
+        "9 unknown, or no agent, 10 a hook failed.");
     add_verbs(app, line);
 
     try {
-        app.parse(argc, argv);
+        std::vector<std::string> words(argv + 1, argv + argc);
+        add_agent_conf(app, words);
+        std::reverse(words.begin(), words.end());  // as the parser wants them
+        app.parse(words);
         return line.run();
     } catch (const CLI::Success &success) {
         return app.exit(success);

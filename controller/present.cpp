@@ -1,7 +1,12 @@
 #include "present.h"
 
+#include "common/log.h"
+
 #include <cmath>
 #include <cstdio>
+#include <ctime>
+
+#include <nlohmann/json.hpp>
 
 namespace wlcctl {
 
@@ -15,7 +20,7 @@ json member(const json &object, const char *name) {
 }
 
 std::string text(const json &value) {
-    if (value.is_string()) return value.get<std::string>();
+    if (value.is_string()) return printable(value.get_ref<const std::string &>());
     if (value.is_null()) return "";
     if (!value.is_array()) return value.dump();
     std::string list;
@@ -59,16 +64,91 @@ std::string fact_line(const char *label, const json &fact, bool has_note, const 
     return line(label, value.is_null() ? "unknown" : text(value), remark);
 }
 
-// The time of day of an ISO time: 8 characters to the second, 12 to the millisecond.
-std::string clock_of(const std::string &iso, size_t length) {
-    return iso.size() >= 11 + length ? iso.substr(11, length) : iso;
+// A point in time for people: date and local time, with its zone.
+std::string date_of(const std::string &iso) {
+    tm parts{};
+    if (!strptime(iso.c_str(), "%Y-%m-%dT%H:%M:%S", &parts)) return iso;
+    time_t seconds = timegm(&parts);
+    char   out[64] = "";
+    if (localtime_r(&seconds, &parts)) strftime(out, sizeof out, "%Y-%m-%d %H:%M:%S %z", &parts);
+    return out;
 }
 
 std::string tunnel_line(const json &fact) {
     json shown = fact;
     if (text(fact, "value") == "in_progress") shown["value"] = "in progress";
-    std::string since = fact.contains("since") ? ", so since " + clock_of(text(fact, "since"), 8) + " UTC" : "";
+    std::string since = fact.contains("since") ? ", so since " + date_of(text(fact, "since")) : "";
     return fact_line("Tunnel", shown, true, since);
+}
+
+std::string health_line(const json &health) {
+    std::string remark;
+    if (health.contains("last_answer_age")) remark = "gateway answered " + ago(number(health, "last_answer_age"));
+    if (number(health, "unanswered") > 0)
+        remark += (remark.empty() ? "" : ", ") + text(health, "unanswered") + " request(s) unanswered";
+    if (health.contains("gives_up_in")) remark += ", given up in " + duration_text(number(health, "gives_up_in"));
+    return line("Health", text(health, "value"), remark);
+}
+
+std::string reason_lines(const json &reason) {
+    if (!reason.is_object()) return "";
+    std::string detail = text(reason, "detail");
+    return line("Reason",
+                text(reason, "code") + ": " + text(reason, "cause") + (detail.empty() ? "" : " (" + detail + ")"), "") +
+           line("To do", text(reason, "remedy"), "");
+}
+
+std::string gateway_line(const json &gateway) {
+    std::string name = text(gateway, "name"), address = text(gateway, "address");
+    if (address.empty() && name.empty()) return line("Gateway", "unknown", "");
+    return line("Gateway",
+                (name.empty() || name == address ? address : name + " = " + address) + " port " + text(gateway, "port"),
+                "cipher " + text(gateway, "cipher") + ", " + text(gateway, "source"));
+}
+
+std::string interface_line(const json &interface) {
+    if (member(interface, "value").is_null()) return line("Interface", "unknown", "");
+    std::string state     = member(interface, "exists") != true ? "not there"
+                            : member(interface, "up") == true   ? "up"
+                                                                : "down";
+    std::string addresses = text(interface, "addresses");
+    return line("Interface", text(interface, "value"),
+                state + (member(interface, "mtu").is_null() ? "" : ", MTU " + text(interface, "mtu")) +
+                    (addresses.empty() || addresses == "none" ? "" : ", " + addresses) + " (kernel)");
+}
+
+std::string in_text(const json &time) {
+    double seconds = number(time, "in");
+    return seconds >= 0 ? "in " + duration_text(seconds) : ago(-seconds);
+}
+
+std::string times_lines(const json &answer) {
+    std::string all;
+    json        rekey = member(answer, "rekey"), next = member(answer, "next_attempt");
+    json        last = member(rekey, "last"), coming = member(rekey, "next");
+    if (!member(coming, "value").is_null())
+        all += line("Rekey", "next " + in_text(coming),
+                    member(last, "value").is_null() ? "none yet" : "last " + in_text(last));
+    if (!member(next, "value").is_null()) all += line("Next attempt", in_text(next), date_of(text(next, "value")));
+    return all;
+}
+
+std::string hook_lines(const json &hooks) {
+    std::string all;
+    if (!hooks.is_object()) return all;
+    for (const auto &[name, result] : hooks.items()) {
+        std::string how   = member(result, "ok") == true   ? "done"
+                            : number(result, "signal") > 0 ? "ended by signal " + text(result, "signal")
+                                                           : "failed with " + text(result, "status");
+        std::string error = text(result, "error");
+        all += line(("Hook " + name).c_str(), how, ago(number(result, "age")) + (error.empty() ? "" : ": " + error));
+    }
+    return all;
+}
+
+std::string rates_line(const json &rates) {
+    if (member(rates, "Data Pkt Tx").is_null()) return "";
+    return line("Packets/s", "out " + text(rates, "Data Pkt Tx") + ", in " + text(rates, "Data Pkt Rx"), "");
 }
 
 std::string daemon_line(const json &answer) {
@@ -115,24 +195,54 @@ std::string queries_line(const json &queries) {
 std::string status_text(const json &answer) {
     json        cause = member(answer, "cause");
     std::string all   = tunnel_line(member(answer, "tunnel"));
+    all += health_line(member(answer, "health"));
+    all += reason_lines(member(answer, "reason"));
+    all += times_lines(answer);
     if (!member(cause, "value").is_null()) all += fact_line("Last down", cause, false);
     all += daemon_line(answer);
     all += fact_line("Feature", member(answer, "feature"), true);
+    all += gateway_line(member(answer, "gateway"));
     all += fact_line("Inner IP", member(answer, "inner_ip"), false);
     all += fact_line("DNS", member(answer, "dns"), false);
-    all += fact_line("Interface", member(answer, "interface"), true);
+    all += interface_line(member(answer, "interface"));
+    all += rates_line(member(answer, "rates"));
     all += statistics_line(member(answer, "statistics"));
+    all += hook_lines(member(answer, "hooks"));
     all += command_line(member(answer, "last_command"));
     all += queries_line(member(answer, "name_queries"));
     return all;
 }
 
-std::string statistics_text(const json &fact) {
-    json        counters = member(fact, "value");
-    std::string all;
+// Groups of the counters: by their labels' beginnings, in the daemon's order.
+const char *group_of(const std::string &label) {
+    if (label.starts_with("Data") || label.starts_with("Ctrl") || label.starts_with("Invalid")) return "Tunnel frames";
+    if (label.starts_with("Tun Pkt")) return "Interface packets";
+    if (label.starts_with("DPD")) return "Keep-alive";
+    if (label.starts_with("Rekey")) return "Rekey";
+    if (label.starts_with("tun_alloc") || label.starts_with("tun_freed")) return "Interfaces made";
+    if (label.starts_with("ssl_read")) return "TLS read errors";
+    if (label.starts_with("ssl_write")) return "TLS write errors";
+    if (label.starts_with("tun_read")) return "Interface read errors";
+    return "Interface write errors";
+}
+
+std::string statistics_text(const json &answer) {
+    json        fact = member(answer, "statistics"), counters = member(fact, "value");
+    json        totals = member(answer, "totals"), rates = member(answer, "rates");
+    std::string all, group;
     if (counters.is_null()) return all;
-    for (const auto &[label, value] : counters.items()) all += padded(label, 34) + text(value) + "\n";
-    return all + "(" + age_and_source(fact) + ")\n";
+    for (const auto &[label, value] : counters.items()) {
+        if (group != group_of(label)) {
+            group = group_of(label);
+            all += group + "\n";
+        }
+        std::string rate = rates.is_object() ? text(rates, label.c_str()) + "/s" : "";
+        all += "  " + padded(label, 34) + padded(text(value), 14) + padded("total " + text(totals, label.c_str()), 20) +
+               rate;
+        all.erase(all.find_last_not_of(' ') + 1);
+        all += "\n";
+    }
+    return all + "(" + age_and_source(fact) + (rates.is_object() ? "; rates since the last look" : "") + ")\n";
 }
 
 std::string conf_text(const json &answer) {
@@ -150,7 +260,9 @@ std::string conf_text(const json &answer) {
 std::string members_text(const json &e) {
     std::string all;
     for (const auto &[name, value] : e.items()) {
-        if (name == "event" || name == "time" || name == "mono" || name == "kind") continue;
+        if (name == "event" || name == "time" || name == "mono" || name == "number" || name == "schema" ||
+            name == "stream")
+            continue;
         all += "  " + name + "=" +
                (value.is_string()  ? "\"" + text(value) + "\""
                 : value.is_array() ? "[" + text(value) + "]"
@@ -173,16 +285,39 @@ std::string duration_text(double seconds) {
 }
 
 std::string event_text(const json &e) {
-    std::string all = clock_of(text(e, "time"), 12) + "  #" + text(e, "event") + "  " + text(e, "kind");
-    if (text(e, "kind") != "stats") return all + members_text(e);
+    std::string all = date_of(text(e, "time")) + "  #" + text(e, "number") + "  " + text(e, "event");
+    if (text(e, "event") != "stats") return all + members_text(e);
     json counters = member(e, "statistics");
     return all + "  sent=" + text(counters, "Data Pkt Tx") + "  received=" + text(counters, "Data Pkt Rx");
 }
 
+std::string progress_text(const json &e) {
+    std::string kind = text(e, "event"), step = text(e, "phase"), address = text(e, "address");
+    if (kind == "hook_started") return "running --on-" + text(e, "hook");
+    if (kind == "reason" && !member(e, "code").is_null()) return text(e, "code") + ": " + text(e, "cause");
+    if (kind != "phase") return "";
+    if (step == "read") return "the daemon has read the start";
+    if (step == "connecting") return "connecting " + address;
+    if (step == "handshake") return "handshake with " + address;
+    if (step == "configuration") return "configuration";
+    if (step == "up") return "up";
+    return step == "back_off" ? "waiting for the next attempt" : "";
+}
+
+std::string status_line(const json &answer) {
+    json        reason = member(answer, "reason");
+    std::string error  = text(answer, "error");
+    if (!answer.contains("tunnel")) return error;
+    std::string all = "tunnel " + text(member(answer, "tunnel"), "value") + ", health " +
+                      text(member(answer, "health"), "value");
+    if (reason.is_object()) all += ", " + text(reason, "code") + ": " + text(reason, "cause");
+    return all;
+}
+
 std::string answer_text(const json &answer) {
-    std::string verb = text(answer, "verb");
+    std::string verb = text(answer, "request");
     if (verb == "status" && answer.contains("tunnel")) return status_text(answer);
-    if (verb == "stats") return statistics_text(member(answer, "statistics"));
+    if (verb == "stats") return statistics_text(answer);
     if (verb == "conf show") return conf_text(answer);
     if (verb == "info" && member(answer, "exit") == 0)
         return "process " + text(member(answer, "daemon_pid"), "value") + "\n";
@@ -193,6 +328,7 @@ std::string answer_text(const json &answer) {
     if (answer.contains("note") && member(answer, "sent") == true && member(answer, "tunnel").is_null())
         return text(answer, "note") + "\n";
     if (answer.contains("tunnel")) all += tunnel_line(member(answer, "tunnel"));
+    if (answer.contains("probe")) all += line("Probe", text(member(answer, "probe"), "text"), "");
     if (answer.contains("note")) all += text(answer, "note") + "\n";
     return all;
 }

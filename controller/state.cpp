@@ -1,5 +1,7 @@
 #include "state.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cmath>
 
 namespace wlcctl {
@@ -52,7 +54,8 @@ const char *command_name(uint32_t id) {
 }  // namespace
 
 const char *source_name(source how) {
-    return how == source::reported ? "reported" : how == source::inferred ? "inferred" : "unknown";
+    constexpr const char *names[] = {"unknown", "reported", "inferred", "logged", "remembered"};
+    return names[static_cast<size_t>(how)];
 }
 
 const char *tunnel_name(const fact<tunnel> &state) {
@@ -77,36 +80,36 @@ void controller_state::on_message(const message &m, const moment &now) {
     case report::name_query:
         name_queries++;
         last_name_query = now;
-        m_log.add(now, "name_query");
+        log_.add(now, "name_query");
         return;
     case report::inner_ip:
         inner_ip.set(source::reported, m.text, now);
-        m_log.add(now, "inner_ip", {{"address", m.text}});
+        log_.add(now, "inner_ip", {{"address", m.text}});
         return;
     case report::unknown:
         json members = {{"id", m.id}};
         if (m.id == msg_info_update) members["info_type"] = m.info_type;
-        m_log.add(now, "unknown_message", members);
+        log_.add(now, "unknown_message", members);
         return;
     }
 }
 
-// The daemon says HELLO when it begins and as the answer to HELLO. When a restart hides behind an expected one, the changed
-// process id shows it.
+// The daemon says HELLO when it begins and as the answer to HELLO. When a restart hides behind an expected one, the
+// changed process id shows it.
 void controller_state::on_hello(const moment &now) {
-    bool expected     = m_hellos_expected > 0 && now.mono - m_hello_sent.mono < hello_patience;
-    m_hellos_expected = expected ? m_hellos_expected - 1 : 0;
+    bool expected    = hellos_expected_ > 0 && now.mono - hello_sent_.mono < hello_patience;
+    hellos_expected_ = expected ? hellos_expected_ - 1 : 0;
     hellos++;
-    m_log.add(now, "hello", {{"expected", expected}});
-    if (!expected && !(pid.known() && m_is_daemon_alive())) begin_afresh("HELLO", hello_delay, now);
+    log_.add(now, "hello", {{"expected", expected}});
+    if (!expected && !(pid.known() && is_daemon_alive_())) begin_afresh("HELLO", hello_delay, now);
 }
 
 void controller_state::on_in_progress(const moment &now) {
-    m_log.add(now, "tun_in_prog");
+    log_.add(now, "tun_in_prog");
     starts_accepted++;
-    m_queries_at_start = name_queries;
-    if (m_start_sent) enabled.set(source::inferred, true, now, "a start was accepted");
-    m_start_sent = false;
+    queries_at_start_ = name_queries;
+    if (start_sent_) enabled.set(source::inferred, true, now, "a start was accepted");
+    start_sent_ = false;
 
     bool was_start = last_command.id == msg_tun_start;
     if (last_command.id != msg_tun_stop) last_command.answered = true;
@@ -116,67 +119,70 @@ void controller_state::on_in_progress(const moment &now) {
 }
 
 void controller_state::on_up(const moment &now) {
-    m_log.add(now, "tun_up");
+    log_.add(now, "tun_up");
     ups++;
-    // The daemon reports changes only: an UP while up means that a down in between was not seen, so the hook runs again.
+    // The daemon reports changes only: an UP while up means that a down in between was not seen, so the hook runs
+    // again.
     if (tun.is(tunnel::up)) tun.forget("");
     set_tunnel(tunnel::up, source::reported, now, "");
 }
 
 void controller_state::on_down(const message &m, const moment &now) {
     int code = cause_code(m.text);
-    m_log.add(now, "tun_down", {{"cause", m.text}, {"code", code_or_null(m.text)}});
+    log_.add(now, "tun_down", {{"cause", m.text}, {"code", code_or_null(m.text)}});
     cause.set(source::reported, m.text, now);
     cause.since = now;
     if (is_refusal(code)) {
         starts_refused++;
-        if (m_start_sent) enabled.set(source::inferred, true, now, "a start was answered");
-        m_start_sent = false;
+        if (start_sent_) enabled.set(source::inferred, true, now, "a start was answered");
+        start_sent_ = false;
         if (last_command.id != msg_tun_stop) last_command.answered = true;
     }
     set_tunnel(tunnel::down, source::reported, now, "");
 }
 
 void controller_state::on_dns(const message &m, const moment &now) {
-    uint64_t number = m_log.add(now, "dns", {{"count", m.dns_count}, {"servers", m.servers}});
+    uint64_t number = log_.add(now, "dns", {{"count", m.dns_count}, {"servers", m.servers}});
     dns.set(source::reported, m.servers, now);
     dns_count = m.dns_count;
-    if (m_dns_of_last_hook == m.servers) return;
-    m_dns_of_last_hook = m.servers;
-    m_triggers.push_back({hook_kind::dns, number});
+    if (dns_of_last_hook_ == m.servers) return;
+    dns_of_last_hook_ = m.servers;
+    triggers_.push_back({hook_kind::dns, number});
 }
 
 void controller_state::on_statistics(const message &m, const moment &now) {
-    m_log.add(now, "stats", {{"statistics", describe_counters(m.values)}});
+    log_.add(now, "stats", {{"statistics", describe_counters(m.values)}});
     stats.set(source::reported, m.values, now);
     stats.since = now;
     enabled.set(source::reported, true, now, "only an enabled daemon sends statistics");
 }
 
 void controller_state::on_process(const message &m, const moment &now) {
-    m_log.add(now, "process", {{"pid", m.pid}});
+    log_.add(now, "process", {{"pid", m.pid}});
     if (pid.known() && pid.value != m.pid) begin_afresh("another process id", query_patience, now);
     pid.set(source::reported, m.pid, now);
 
     // An answer that was lost must not shift all later ones by one for ever.
-    while (!m_outstanding.empty() && now.mono - m_outstanding.front().sent > query_patience) m_outstanding.pop_front();
-    if (m_outstanding.empty()) return;
-    m_queries_answered = m_outstanding.front().number;
-    m_outstanding.pop_front();
+    while (!outstanding_.empty() && now.mono - outstanding_.front().sent > query_patience) outstanding_.pop_front();
+    if (outstanding_.empty()) return;
+    queries_answered_ = outstanding_.front().number;
+    outstanding_.pop_front();
     conclude_answered_query(now);
 }
 
 // The daemon handles messages in order, so an answered query proves that what was written before it has been handled.
 void controller_state::conclude_answered_query(const moment &now) {
-    if (m_probe_query != 0 && is_answered(m_probe_query)) {
-        m_probe_query = 0;
-        if (!stats.known() || stats.last.mono <= m_probe_at.mono)
+    if (probe_query_ != 0 && is_answered(probe_query_)) {
+        probe_query_ = 0;
+        if (!stats.known() || stats.last.mono <= probe_at_.mono)
             enabled.set(source::inferred, false, now, "a request for statistics was read but not answered");
     }
-    if (m_stop_query != 0 && is_answered(m_stop_query)) {
-        m_stop_query = 0;
+    if (stop_query_ != 0 && is_answered(stop_query_)) {
+        stop_query_ = 0;
         if (last_command.id == msg_tun_stop) last_command.answered = true;
         enabled.set(source::inferred, false, now, "the daemon has read a stop");
+        inner_ip.forget("the tunnel was stopped");
+        dns.forget("the tunnel was stopped");
         if (tun.is(tunnel::down)) return;
         cause.set(source::inferred, "stopped by the controller", now, "the daemon has read a stop");
         set_tunnel(tunnel::down, source::inferred, now,
@@ -189,25 +195,25 @@ void controller_state::conclude_answered_query(const moment &now) {
 void controller_state::on_sent(uint32_t id, const moment &now) {
     switch (id) {
     case msg_hello:
-        m_hellos_expected++;
-        m_hello_sent = now;
+        hellos_expected_++;
+        hello_sent_ = now;
         return;
     case msg_tun_start:
     case msg_tun_stop:
     case msg_tun_restart:
         last_command = {id, now, false};
-        if (id != msg_tun_restart) m_start_sent = id == msg_tun_start;
-        if (id == msg_tun_stop) m_stop_sent = true;
+        if (id != msg_tun_restart) start_sent_ = id == msg_tun_start;
+        if (id == msg_tun_stop) stop_sent_ = true;
         return;
     case msg_stats_request:
     case msg_stats_clear:
-        m_stats_asked = true;
-        m_probe_at    = now;
+        stats_asked_ = true;
+        probe_at_    = now;
         return;
     case msg_process_query:
-        m_outstanding.push_back({++m_queries_sent, now.mono});
-        if (std::exchange(m_stop_sent, false)) m_stop_query = m_queries_sent;
-        if (std::exchange(m_stats_asked, false)) m_probe_query = m_queries_sent;
+        outstanding_.push_back({++queries_sent_, now.mono});
+        if (std::exchange(stop_sent_, false)) stop_query_ = queries_sent_;
+        if (std::exchange(stats_asked_, false)) probe_query_ = queries_sent_;
         return;
     default: return;
     }
@@ -217,7 +223,7 @@ void controller_state::on_sent(uint32_t id, const moment &now) {
 
 void controller_state::on_daemon_reader(bool has_reader, const moment &now) {
     if (has_reader) {
-        if (!running.is(true)) m_log.add(now, "daemon_appeared");
+        if (!running.is(true)) log_.add(now, "daemon_appeared");
         bool is_reported = running.is(true) && running.how == source::reported &&
                            now.mono - running.last.mono < fresh_word;
         if (!is_reported) running.set(source::inferred, true, now, "its pipe has a reader");
@@ -225,7 +231,7 @@ void controller_state::on_daemon_reader(bool has_reader, const moment &now) {
     }
     if (running.is(false)) return running.set(source::inferred, false, now, "nobody reads its pipe");
 
-    if (running.known()) m_log.add(now, "daemon_gone");
+    if (running.known()) log_.add(now, "daemon_gone");
     running.set(source::inferred, false, now, "nobody reads its pipe");
     forget_reports("no daemon is running", 0, now);
     enabled.forget("no daemon is running");
@@ -236,7 +242,7 @@ void controller_state::on_daemon_reader(bool has_reader, const moment &now) {
 
 // patience: seconds; what was sent within them may have been read by the process that began.
 void controller_state::begin_afresh(const char *reason, double patience, const moment &now) {
-    m_log.add(now, "daemon_began", {{"reason", reason}});
+    log_.add(now, "daemon_began", {{"reason", reason}});
     beginnings++;
     forget_reports("not reported since the daemon began afresh", patience, now);
     enabled.set(source::inferred, false, now, "the daemon began afresh");
@@ -251,11 +257,11 @@ void controller_state::forget_reports(const std::string &why, double patience, c
     inner_ip.forget(why);
     dns.forget(why);
     stats.forget(why);
-    m_hellos_expected = 0;
-    while (!m_outstanding.empty() && now.mono - m_outstanding.front().sent >= patience) m_outstanding.pop_front();
-    if (!m_outstanding.empty()) return;
-    m_stop_query = m_probe_query = 0;
-    if (now.mono - last_command.at.mono >= patience) m_start_sent = false;
+    hellos_expected_ = 0;
+    while (!outstanding_.empty() && now.mono - outstanding_.front().sent >= patience) outstanding_.pop_front();
+    if (!outstanding_.empty()) return;
+    stop_query_ = probe_query_ = 0;
+    if (now.mono - last_command.at.mono >= patience) start_sent_ = false;
 }
 
 void controller_state::set_tunnel(tunnel to, source how, const moment &now, const std::string &why) {
@@ -267,13 +273,13 @@ void controller_state::set_tunnel(tunnel to, source how, const moment &now, cons
 
     json members = {{"from", from}, {"to", tunnel_name(tun)}, {"source", source_name(how)}};
     if (to == tunnel::down && cause.known()) members["cause"] = cause.value;
-    uint64_t number = m_log.add(now, "tunnel", members);
+    uint64_t number = log_.add(now, "tunnel", members);
 
-    if (to == tunnel::up) m_triggers.push_back({hook_kind::up, number});
+    if (to == tunnel::up) triggers_.push_back({hook_kind::up, number});
     if (to != tunnel::down) return;
-    m_dns_of_last_hook.reset();
+    dns_of_last_hook_.reset();
     // That there is no tunnel when the agent begins and finds no daemon is no event for a hook.
-    if (was_known || how == source::reported) m_triggers.push_back({hook_kind::down, number});
+    if (was_known || how == source::reported) triggers_.push_back({hook_kind::down, number});
 }
 
 // --- what is known --------------------------------------------------------------------------------------------------
@@ -282,16 +288,18 @@ bool controller_state::is_silent(const moment &now) const {
     return enabled.is(true) && last_word && now.mono - last_word->mono > report_silence;
 }
 
-exit_code controller_state::judge(const moment &now) const {
-    if (!running.known()) return exit_unknown;
-    if (!running.value) return exit_daemon_not_running;
-    if (tun.is(tunnel::up)) return is_silent(now) ? exit_unknown : exit_done;
-    if (enabled.is(false)) return exit_feature_disabled;
-    return tun.known() ? exit_tunnel_not_up : exit_unknown;
+void controller_state::restore_tunnel(tunnel is, source how, const moment &since, const moment &now) {
+    tun.set(how, is, now, "");
+    tun.since = since;
+    if (is != tunnel::down) enabled.set(how, true, now, "the tunnel is known not to be stopped");
+}
+
+void controller_state::on_process_found(int32_t id, const moment &now) {
+    pid.set(source::inferred, id, now, "it reads the daemon's pipe");
 }
 
 std::string controller_state::explain_tunnel(const moment &now) const {
-    uint64_t    attempts = name_queries - m_queries_at_start;
+    uint64_t    attempts = name_queries - queries_at_start_;
     std::string repeated = attempts == 1 ? "once" : std::to_string(attempts) + " times";
 
     if (!tun.known()) return "nothing was reported since the agent began";

@@ -1,8 +1,9 @@
 // What is known about the daemon and its tunnel: what was reported, when, and how sure it is.
-// No descriptor and no clock of its own: the agent tells it what came, what went, and the time. Called on the agent's one thread.
+// No descriptor and no clock of its own: the agent tells it what came, what went, and the time. Called on the agent's
+// one thread.
 #pragma once
 
-#include "events.h"
+#include "base.h"
 #include "wire.h"
 
 #include <deque>
@@ -14,23 +15,12 @@
 
 namespace wlcctl {
 
-// Exit statuses, the same for the verbs and on the socket.
-enum exit_code : int {
-    exit_done               = 0,
-    exit_failed             = 1,
-    exit_usage              = 2,
-    exit_tunnel_not_up      = 3,
-    exit_daemon_not_running = 4,
-    exit_no_answer          = 5,
-    exit_other_controller   = 7,
-    exit_feature_disabled   = 8,
-    exit_unknown            = 9,
-};
-
 enum class source {
     unknown,
-    reported,
-    inferred
+    reported,    // the daemon said so in a message
+    inferred,    // concluded; the note says from what
+    logged,      // the daemon's log says so
+    remembered,  // known to an earlier agent, of the same process of the daemon
 };
 const char *source_name(source how);
 
@@ -96,7 +86,7 @@ class controller_state {
 public:
     // log: takes the events. is_daemon_alive: true when the process whose id was reported certainly still runs.
     controller_state(event_log &log, std::function<bool()> is_daemon_alive)
-        : m_log(log), m_is_daemon_alive(std::move(is_daemon_alive)) {}
+        : log_(log), is_daemon_alive_(std::move(is_daemon_alive)) {}
 
     // A record came from the daemon.
     void on_message(const message &m, const moment &now);
@@ -107,25 +97,29 @@ public:
     // Somebody reads, or nobody reads, the daemon's pipe (checked every second and at every write).
     void on_daemon_reader(bool has_reader, const moment &now);
 
-    // Everything that `status` shows, but what only the agent knows (members "interface", "name_queries", "agent").
+    // What the messages say, for `status`.
     json describe(const moment &now) const;
 
-    // The answer of `status` as an exit code.
-    exit_code judge(const moment &now) const;
+    // Takes what was known before as known: no event, no hook.
+    void restore_tunnel(tunnel is, source how, const moment &since, const moment &now);
+
+    // A process of the daemon that was looked up.
+    void on_process_found(int32_t id, const moment &now);
 
     // The one sentence that explains the tunnel's state, may be empty.
     std::string explain_tunnel(const moment &now) const;
 
-    // True when the daemon, due to report every minute, has not been heard for so long that an "up" is no longer believed.
+    // True when the daemon, due to report every minute, has not been heard for so long that an "up" is no longer
+    // believed.
     bool is_silent(const moment &now) const;
 
     // Process queries are answered in the order of the pipe: when the answer to query `number` is there, the
     // daemon has handled everything written before it.
-    uint64_t queries_sent() const { return m_queries_sent; }
-    bool     is_answered(uint64_t number) const { return m_queries_answered >= number; }
+    uint64_t queries_sent() const { return queries_sent_; }
+    bool     is_answered(uint64_t number) const { return queries_answered_ >= number; }
 
     // Takes the hooks that became due, in order.
-    std::vector<trigger> take_triggers() { return std::exchange(m_triggers, {}); }
+    std::vector<trigger> take_triggers() { return std::exchange(triggers_, {}); }
 
     // Facts, read by the agent.
     fact<tunnel>                   tun;
@@ -162,27 +156,27 @@ private:
     void begin_afresh(const char *reason, double patience, const moment &now);
     void forget_reports(const std::string &why, double patience, const moment &now);
 
-    event_log                              &m_log;
-    std::function<bool()>                   m_is_daemon_alive;
-    std::vector<trigger>                    m_triggers;
-    std::optional<std::vector<std::string>> m_dns_of_last_hook;  // none: the next report runs the hook
+    event_log                              &log_;
+    std::function<bool()>                   is_daemon_alive_;
+    std::vector<trigger>                    triggers_;
+    std::optional<std::vector<std::string>> dns_of_last_hook_;  // none: the next report runs the hook
 
     struct query {
         uint64_t number;
         double   sent;  // monotonic seconds
     };
-    std::deque<query> m_outstanding;  // process queries whose answer is awaited, oldest first
-    uint64_t          m_queries_sent     = 0;
-    uint64_t          m_queries_answered = 0;  // number of the newest answered one
-    uint64_t          m_stop_query       = 0;  // answered: the daemon has read the stop; 0: none awaited
-    uint64_t          m_probe_query = 0;  // answered: a request for statistics before it was handled; 0: none awaited
-    moment            m_probe_at;         // when statistics were asked for
-    bool              m_stats_asked = false;  // the next process query completes a probe
-    bool              m_stop_sent   = false;  // the next process query confirms a stop
-    bool              m_start_sent  = false;  // an accepted start enables the feature
-    moment            m_hello_sent;
-    unsigned          m_hellos_expected  = 0;
-    uint64_t          m_queries_at_start = 0;  // name queries up to the last accepted start
+    std::deque<query> outstanding_;  // process queries whose answer is awaited, oldest first
+    uint64_t          queries_sent_     = 0;
+    uint64_t          queries_answered_ = 0;  // number of the newest answered one
+    uint64_t          stop_query_       = 0;  // answered: the daemon has read the stop; 0: none awaited
+    uint64_t          probe_query_ = 0;  // answered: a request for statistics before it was handled; 0: none awaited
+    moment            probe_at_;         // when statistics were asked for
+    bool              stats_asked_ = false;  // the next process query completes a probe
+    bool              stop_sent_   = false;  // the next process query confirms a stop
+    bool              start_sent_  = false;  // an accepted start enables the feature
+    moment            hello_sent_;
+    unsigned          hellos_expected_  = 0;
+    uint64_t          queries_at_start_ = 0;  // name queries up to the last accepted start
 };
 
 }  // namespace wlcctl

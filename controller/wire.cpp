@@ -104,8 +104,8 @@ uint32_t read_word(const uint8_t *at) {
 
 void write_word(uint8_t *at, uint32_t word) { memcpy(at, &word, sizeof word); }
 
-// Text up to its NUL or the record's end. Anything but printable ASCII becomes '?', so that it may go to a terminal, into
-// JSON and into a hook's environment.
+// Text up to its NUL or the record's end. Anything but printable ASCII becomes '?', so that it may go to a terminal,
+// into JSON and into a hook's environment.
 std::string read_text(const record &r, size_t at) {
     std::string text;
     for (; at < r.size() && r[at] != 0; at++) text += r[at] >= 0x20 && r[at] < 0x7f ? static_cast<char>(r[at]) : '?';
@@ -116,8 +116,8 @@ void write_text(record &r, size_t at, const std::string &text, size_t field_size
     memcpy(r.data() + at, text.data(), std::min(text.size(), field_size - 1));
 }
 
-// One DNS entry as text, empty if the type is unknown or the address is all zero (the daemon leaves an entry of an unknown
-// kind zero).
+// One DNS entry as text, empty if the type is unknown or the address is all zero (the daemon leaves an entry of an
+// unknown kind zero).
 std::string read_dns_entry(const uint8_t *entry) {
     static constexpr uint8_t nothing[16]            = {};
     uint32_t                 type                   = read_word(entry);

@@ -1,5 +1,6 @@
-// The records on the two pipes between controller and daemon, written from their documented bytes (docs: controller pipes).
-// Everything here is a pure function: no descriptor, no clock. All functions are called on the agent's one thread.
+// The records on the two pipes between controller and daemon, written from their documented bytes (docs: controller
+// pipes). Everything here is a pure function: no descriptor, no clock. All functions are called on the agent's one
+// thread.
 #pragma once
 
 #include <array>
@@ -68,8 +69,8 @@ extern const std::array<const char *, counter_count> counter_labels;
 
 // Cuts one read from the pipe into records.
 // bytes, n: what one read() returned, starting at a record's boundary, since pipes keep writes of this size whole.
-// out: receives the records. Returns the number of bytes dropped: the part from the first place that cannot be a record's start,
-// and a rest shorter than a record.
+// out: receives the records. Returns the number of bytes dropped: the part from the first place that cannot be a
+// record's start, and a rest shorter than a record.
 size_t split_records(const uint8_t *bytes, size_t n, std::vector<record> &out);
 
 // Decodes a record. Never fails: what is not understood comes back as report::unknown.
@@ -90,7 +91,8 @@ const char *message_name(uint32_t id);
 // Number of a down cause's text, -1 if the text is none of the daemon's.
 int cause_code(const std::string &text);
 
-// True for the words that the daemon knows. Exact match: the daemon itself would accept any text that begins with a word.
+// True for the words that the daemon knows. Exact match: the daemon itself would accept any text that begins with a
+// word.
 bool is_level_word(const std::string &word);
 bool is_destination_word(const std::string &word);
 

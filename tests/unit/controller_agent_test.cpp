@@ -1,6 +1,7 @@
 // The agent as a process of its own; this test plays the daemon at its pipes and the verbs at its socket.
 #include "agent.h"
-#include "events.h"
+#include "base.h"
+#include "common/json_server.h"
 #include "state.h"
 #include "wire.h"
 
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -32,29 +34,29 @@ public:
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         memcpy(address.sun_path, path.data(), path.size());
-        m_fd      = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        m_is_open = connect(m_fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+        fd_      = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        is_open_ = connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
     }
-    ~connection() { close(m_fd); }
+    ~connection() { close(fd_); }
 
-    bool is_open() const { return m_is_open; }
-    void say(const std::string &line) { (void)!send(m_fd, line.data(), line.size(), MSG_NOSIGNAL); }
+    bool is_open() const { return is_open_; }
+    void say(const std::string &line) { (void)!send(fd_, line.data(), line.size(), MSG_NOSIGNAL); }
     void say(const json &request) { say(json_line(request)); }
-    void end_input() { shutdown(m_fd, SHUT_WR); }
+    void end_input() { shutdown(fd_, SHUT_WR); }
 
     // The next line; null when the agent closed the connection or says nothing.
     json hear() {
         for (;;) {
-            if (size_t end = m_in.find('\n'); end != std::string::npos) {
-                std::string line = m_in.substr(0, end);
-                m_in.erase(0, end + 1);
+            if (size_t end = in_.find('\n'); end != std::string::npos) {
+                std::string line = in_.substr(0, end);
+                in_.erase(0, end + 1);
                 return json::parse(line);
             }
-            pollfd  state = {m_fd, POLLIN, 0};
+            pollfd  state = {fd_, POLLIN, 0};
             char    bytes[65536];
-            ssize_t n = poll(&state, 1, patience) == 1 ? recv(m_fd, bytes, sizeof bytes, 0) : 0;
+            ssize_t n = poll(&state, 1, patience) == 1 ? recv(fd_, bytes, sizeof bytes, 0) : 0;
             if (n <= 0) return nullptr;
-            m_in.append(bytes, static_cast<size_t>(n));
+            in_.append(bytes, static_cast<size_t>(n));
         }
     }
     json ask(const json &request) {
@@ -63,9 +65,9 @@ public:
     }
 
 private:
-    int         m_fd;
-    bool        m_is_open;
-    std::string m_in;
+    int         fd_;
+    bool        is_open_;
+    std::string in_;
 };
 
 class controller_agent : public ::testing::Test {
@@ -78,6 +80,8 @@ protected:
         options.to_daemon   = directory / "to";
         options.conf        = directory / "conf";
         options.as_json     = true;
+        options.memory      = directory / "state" / "agent.json";
+        options.daemon_log  = directory / "daemon.log";
     }
     ~controller_agent() override {
         if (agent > 0) {
@@ -151,7 +155,8 @@ protected:
     // The first event of the kind after number `since`, waited for.
     json event_of(const std::string &kind, uint64_t since = 0) {
         connection c(options.socket);
-        return c.ask({{"verb", "events"}, {"follow", true}, {"kinds", {kind}}, {"since", since}, {"count", 1}});
+        c.ask({{"request", "events"}, {"follow", true}, {"events", {kind}}, {"since", since}, {"count", 1}});
+        return c.hear();
     }
     json        ask(const json &request) { return connection(options.socket).ask(request); }
     std::string content(const char *name) {
@@ -184,7 +189,7 @@ TEST_F(controller_agent, makes_its_pipe_and_socket_and_removes_them_at_its_end) 
 TEST_F(controller_agent, ends_with_7_beside_another_agent_or_any_other_reader) {
     start_agent();
     EXPECT_EQ(ended(launch(options)), 7);
-    EXPECT_EQ(ask({{"verb", "status"}})["exit"], 4);
+    EXPECT_EQ(ask({{"request", "status"}})["exit"], 4);
     end_agent(SIGTERM);
 
     mkfifo(options.from_daemon.c_str(), 0620);
@@ -198,7 +203,7 @@ TEST_F(controller_agent, takes_over_what_a_killed_agent_left) {
     end_agent(SIGKILL);
     EXPECT_NE(mode_of(options.socket), 0u);
     start_agent();
-    EXPECT_EQ(ask({{"verb", "status"}})["exit"], 4);
+    EXPECT_EQ(ask({{"request", "status"}})["exit"], 4);
 }
 
 TEST_F(controller_agent, refuses_a_pipe_or_socket_that_is_something_else_and_leaves_it_alone) {
@@ -214,7 +219,7 @@ TEST_F(controller_agent, refuses_a_pipe_or_socket_that_is_something_else_and_lea
 TEST_F(controller_agent, writes_nothing_into_a_file_that_lies_in_the_pipes_place) {
     std::ofstream(options.to_daemon) << "mine";
     start_agent();
-    EXPECT_EQ(ask({{"verb", "start"}})["exit"], 4);
+    EXPECT_EQ(ask({{"request", "start"}})["exit"], 4);
     EXPECT_EQ(content("to"), "mine");
 }
 
@@ -228,22 +233,22 @@ TEST_F(controller_agent, answers_every_malformed_line_and_lives) {
                              "\"status\"",
                              "{",
                              "{}",
-                             "{\"verb\":1}",
-                             "{\"verb\":\"none\"}",
-                             "{\"verb\":\"start\",\"wait\":\"x\"}",
-                             "{\"verb\":\"start\",\"wait\":-1}",
-                             "{\"verb\":\"start\",\"wait\":1e300}",
-                             "{\"verb\":\"wait\"}",
-                             "{\"verb\":\"wait\",\"state\":\"sideways\"}",
-                             "{\"verb\":\"events\",\"since\":-1}",
-                             "{\"verb\":\"events\",\"kinds\":[1]}",
-                             "{\"verb\":\"events\",\"follow\":1}",
-                             "{\"verb\":\"stats\",\"fresh\":true,\"clear\":true}",
-                             "{\"verb\":\"debug\"}",
-                             "{\"verb\":\"debug\",\"category\":\"level\",\"value\":\"error\"}",
-                             "{\"verb\":\"resolve\",\"address\":\"gw\"}",
+                             "{\"request\":1}",
+                             "{\"request\":\"none\"}",
+                             "{\"request\":\"start\",\"wait\":\"x\"}",
+                             "{\"request\":\"start\",\"wait\":-1}",
+                             "{\"request\":\"start\",\"wait\":1e300}",
+                             "{\"request\":\"wait\"}",
+                             "{\"request\":\"wait\",\"state\":\"sideways\"}",
+                             "{\"request\":\"events\",\"since\":-1}",
+                             "{\"request\":\"events\",\"events\":[1]}",
+                             "{\"request\":\"events\",\"follow\":1}",
+                             "{\"request\":\"stats\",\"fresh\":true,\"clear\":true}",
+                             "{\"request\":\"debug\"}",
+                             "{\"request\":\"debug\",\"category\":\"level\",\"value\":\"error\"}",
+                             "{\"request\":\"resolve\",\"address\":\"gw\"}",
                              "\xff\xfe\x01",
-                             "{\"verb\":\"\xff\"}"}) {
+                             "{\"request\":\"\xff\"}"}) {
         c.say(std::string(line) + "\n");
         json answer = c.hear();
         ASSERT_TRUE(answer.is_object()) << line;
@@ -251,16 +256,16 @@ TEST_F(controller_agent, answers_every_malformed_line_and_lives) {
         EXPECT_EQ(answer["ok"], false) << line;
         EXPECT_TRUE(answer["error"].is_string()) << line;
     }
-    EXPECT_EQ(c.ask({{"verb", "status"}, {"id", {1, 2}}})["id"], json({1, 2}));
+    EXPECT_EQ(c.ask({{"request", "status"}, {"id", {1, 2}}})["id"], json({1, 2}));
 }
 
 TEST_F(controller_agent, ends_a_connection_whose_line_has_no_end) {
     start_agent();
     connection c(options.socket);
-    c.say(std::string(request_limit + 20000, 'x'));
+    c.say(std::string(server_limits{}.line + 20000, 'x'));
     EXPECT_EQ(c.hear()["exit"], 2);
     EXPECT_TRUE(c.hear().is_null());
-    EXPECT_EQ(ask({{"verb", "status"}})["exit"], 4);
+    EXPECT_EQ(ask({{"request", "status"}})["exit"], 4);
 }
 
 TEST_F(controller_agent, drops_garbage_in_its_pipe_and_understands_what_comes_after) {
@@ -280,7 +285,7 @@ TEST_F(controller_agent, asks_a_daemon_that_it_finds_for_what_can_be_known) {
     EXPECT_EQ(ids_until(msg_process_query), (std::vector<uint32_t>{msg_stats_request, msg_process_query}));
     report_pid(getpid());
     EXPECT_EQ(event_of("process")["pid"], getpid());
-    json status = ask({{"verb", "status"}});
+    json status = ask({{"request", "status"}});
     EXPECT_EQ(status["feature"]["value"], "disabled");
     EXPECT_EQ(status["tunnel"]["source"], "unknown");
     EXPECT_EQ(status["exit"], 8);
@@ -293,7 +298,7 @@ TEST_F(controller_agent, answers_a_hello_with_a_process_query_and_never_with_hel
     event_of("hello");
     EXPECT_TRUE(comes(msg_process_query));
     report(encode(msg_hello));
-    event_of("hello", event_of("hello")["event"].get<uint64_t>());
+    event_of("hello", event_of("hello")["number"].get<uint64_t>());
     for (uint32_t id : ids_until(msg_process_query)) EXPECT_NE(id, static_cast<uint32_t>(msg_hello));
 }
 
@@ -307,7 +312,7 @@ TEST_F(controller_agent, answers_each_name_query_with_the_given_address) {
         ASSERT_TRUE(comes(msg_name_answer, &answer));
         EXPECT_EQ(answer, encode_text(msg_name_answer, "192.0.2.9"));
     }
-    EXPECT_EQ(ask({{"verb", "status"}})["name_queries"]["answered"], 2);
+    EXPECT_EQ(ask({{"request", "status"}})["name_queries"]["answered"], 2);
 }
 
 TEST_F(controller_agent, looks_a_name_up_for_each_query) {
@@ -328,7 +333,7 @@ TEST_F(controller_agent, leaves_a_query_unanswered_when_the_lookup_fails) {
     start_agent();
     report(encode(msg_name_query));
     EXPECT_TRUE(event_of("name_answer_failed")["error"].is_string());
-    json queries = ask({{"verb", "status"}})["name_queries"];
+    json queries = ask({{"request", "status"}})["name_queries"];
     EXPECT_EQ(queries["asked"], 1);
     EXPECT_EQ(queries["answered"], 0);
     EXPECT_EQ(queries["failed"], 1);
@@ -349,7 +354,7 @@ TEST_F(controller_agent, runs_hooks_in_order_one_at_a_time_with_the_facts) {
     report(encode(msg_tun_up));
     report(encode_text(msg_tun_down, "No Error"));
     // Each hook sees what was known when its cause came, however late it runs.
-    uint64_t first = event_of("hook_ended")["event"].get<uint64_t>();
+    uint64_t first = event_of("hook_ended")["number"].get<uint64_t>();
     EXPECT_EQ(event_of("hook_ended", first)["hook"], "down");
     EXPECT_EQ(content("log"), "begin up\nup reported 10.8.0.2 tls0 10.1.1.1\ndown No Error\n");
 }
@@ -385,8 +390,8 @@ TEST_F(controller_agent, serves_others_while_a_verb_waits) {
     start_daemon();
     start_agent();
     connection c(options.socket);
-    c.say({{"verb", "start"}, {"wait", 5}, {"id", "slow"}});
-    EXPECT_EQ(c.ask({{"verb", "status"}, {"id", "quick"}})["id"], "quick");
+    c.say({{"request", "start"}, {"wait", 5}, {"id", "slow"}});
+    EXPECT_EQ(c.ask({{"request", "status"}, {"id", "quick"}})["id"], "quick");
     ASSERT_TRUE(comes(msg_tun_start));
     report(encode(msg_tun_in_prog));
     report(encode(msg_tun_up));
@@ -399,14 +404,14 @@ TEST_F(controller_agent, serves_others_while_a_verb_waits) {
 TEST_F(controller_agent, tells_a_start_not_accepted_from_one_that_does_not_come_up) {
     start_daemon();
     start_agent();
-    EXPECT_EQ(ask({{"verb", "start"}, {"wait", 0.2}})["exit"], 5);
+    EXPECT_EQ(ask({{"request", "start"}, {"wait", 0.2}})["exit"], 5);
     ids_until(msg_tun_start);
     connection c(options.socket);
-    c.say({{"verb", "start"}, {"wait", 0.5}});
+    c.say({{"request", "start"}, {"wait", 0.5}});
     ids_until(msg_tun_start);
     report(encode(msg_tun_in_prog));
     EXPECT_EQ(c.hear()["exit"], 3);
-    c.say({{"verb", "start"}, {"wait", 5}});
+    c.say({{"request", "start"}, {"wait", 5}});
     ids_until(msg_tun_start);
     report(encode_text(msg_tun_down, "Tunnel start failed"));
     EXPECT_EQ(c.hear()["exit"], 1);
@@ -416,7 +421,7 @@ TEST_F(controller_agent, an_up_before_the_start_was_accepted_does_not_count) {
     start_daemon();
     start_agent();
     connection c(options.socket);
-    c.say({{"verb", "restart"}, {"wait", 0.5}});
+    c.say({{"request", "restart"}, {"wait", 0.5}});
     ASSERT_TRUE(comes(msg_tun_restart));
     report(encode(msg_tun_up));
     report(encode(msg_tun_in_prog));
@@ -431,16 +436,16 @@ TEST_F(controller_agent, statistics_are_fresh_disabled_or_unanswered) {
     event_of("process");
 
     connection c(options.socket);
-    EXPECT_EQ(c.ask({{"verb", "stats"}, {"fresh", true}, {"timeout", 0.2}})["exit"], 5);
+    EXPECT_EQ(c.ask({{"request", "stats"}, {"fresh", true}, {"timeout", 0.2}})["exit"], 5);
     EXPECT_EQ(ids_until(msg_process_query), (std::vector<uint32_t>{msg_stats_request, msg_process_query}));
     report_pid(getpid());
 
-    c.say({{"verb", "stats"}, {"clear", true}});
+    c.say({{"request", "stats"}, {"clear", true}});
     EXPECT_EQ(ids_until(msg_process_query), (std::vector<uint32_t>{msg_stats_clear, msg_process_query}));
     report_pid(getpid());
     EXPECT_EQ(c.hear()["exit"], 8);
 
-    c.say({{"verb", "stats"}, {"fresh", true}});
+    c.say({{"request", "stats"}, {"fresh", true}});
     ids_until(msg_process_query);
     record statistics = encode(msg_info_update);
     statistics[8]     = 33;
@@ -465,11 +470,11 @@ TEST_F(controller_agent, shutdown_waits_for_the_end_of_the_process_not_of_its_pi
     report_pid(process);
     event_of("process");
     connection c(options.socket);
-    c.say({{"verb", "shutdown"}, {"wait", 5}});
+    c.say({{"request", "shutdown"}, {"wait", 5}});
     EXPECT_TRUE(comes(msg_exit));
     close(std::exchange(daemon_fd, -1));
     event_of("daemon_gone");
-    EXPECT_EQ(ask({{"verb", "status"}})["exit"], 4);
+    EXPECT_EQ(ask({{"request", "status"}})["exit"], 4);
     kill(process, SIGKILL);
     EXPECT_EQ(c.hear()["exit"], 0);
     ended(process);
@@ -481,7 +486,8 @@ TEST_F(controller_agent, a_full_pipe_is_a_failure_and_blocks_nothing) {
     connection c(options.socket);
     json       answer;
     for (int i = 0; i < 200; i++)
-        if (answer = c.ask({{"verb", "debug"}, {"category", "level"}, {"value", "info"}}); answer["exit"] != 0) break;
+        if (answer = c.ask({{"request", "debug"}, {"category", "level"}, {"value", "info"}}); answer["exit"] != 0)
+            break;
     EXPECT_EQ(answer["exit"], 1);
     EXPECT_EQ(answer["sent"], false);
 }
@@ -490,7 +496,7 @@ TEST_F(controller_agent, a_client_that_sends_no_more_still_gets_its_answer) {
     start_daemon();
     start_agent();
     connection c(options.socket);
-    c.say({{"verb", "info"}, {"timeout", 5}});
+    c.say({{"request", "info"}, {"timeout", 5}});
     c.end_input();
     ids_until(msg_process_query);
     ids_until(msg_process_query);
@@ -504,11 +510,12 @@ TEST_F(controller_agent, followed_events_begin_with_the_kept_ones_and_end_at_the
     start_daemon();
     start_agent();
     connection c(options.socket);
-    c.say({{"verb", "events"}, {"follow", true}, {"count", 2}, {"kinds", {"agent_started", "tun_up"}}, {"id", 5}});
-    EXPECT_EQ(c.hear()["event"], 1);
+    c.say({{"request", "events"}, {"follow", true}, {"count", 2}, {"events", {"agent_started", "tun_up"}}, {"id", 5}});
+    json answer = c.hear();
+    EXPECT_EQ(answer["ok"], true);
+    EXPECT_EQ(answer["id"], 5);
+    EXPECT_EQ(answer["follow"], true);
+    EXPECT_EQ(c.hear()["number"], 1);
     report(encode(msg_tun_up));
-    EXPECT_EQ(c.hear()["kind"], "tun_up");
-    json end = c.hear();
-    EXPECT_EQ(end["ok"], true);
-    EXPECT_EQ(end["id"], 5);
+    EXPECT_EQ(c.hear()["event"], "tun_up");
 }

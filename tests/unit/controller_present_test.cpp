@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 using namespace wlcctl;
 
 namespace {
@@ -25,9 +27,9 @@ TEST(controller_present, a_duration_has_two_units_at_most) {
 }
 
 TEST(controller_present, an_unknown_tunnel_is_shown_as_unknown) {
-    event_log        log;
+    event_log        log(event_kinds);
     controller_state state(log, [] { return false; });
-    json             answer = {{"verb", "status"}};
+    json             answer = {{"request", "status"}};
     answer.update(state.describe(moment{1, 0}));
     std::string text = answer_text(answer);
     EXPECT_TRUE(contains(text, "Tunnel        unknown"));
@@ -37,22 +39,23 @@ TEST(controller_present, an_unknown_tunnel_is_shown_as_unknown) {
 }
 
 TEST(controller_present, a_value_shows_its_source_and_age) {
-    event_log        log;
+    event_log        log(event_kinds);
     controller_state state(log, [] { return false; });
     message          up;
     up.kind = report::up;
     state.on_message(up, moment{100, 0});
-    json answer = {{"verb", "status"}};
+    json answer = {{"request", "status"}};
     answer.update(state.describe(moment{112, 12000}));
     EXPECT_TRUE(contains(answer_text(answer), "Tunnel        up                reported 12 s ago"));
 }
 
 TEST(controller_present, an_answer_without_the_expected_members_is_no_accident) {
     for (const char *answer :
-         {"{}", "{\"verb\":\"status\"}", "{\"verb\":\"status\",\"tunnel\":null}",
-          "{\"verb\":\"stats\",\"statistics\":7}",
-          "{\"verb\":\"status\",\"tunnel\":{\"last\":7,\"since\":1,\"age\":\"x\"},\"statistics\":{\"value\":7}}",
-          "{\"verb\":\"events\",\"events\":null}", "{\"verb\":\"conf show\"}", "{\"verb\":\"info\",\"exit\":0}"})
+         {"{}", "{\"request\":\"status\"}", "{\"request\":\"status\",\"tunnel\":null}",
+          "{\"request\":\"stats\",\"statistics\":7}",
+          "{\"request\":\"status\",\"tunnel\":{\"last\":7,\"since\":1,\"age\":\"x\"},\"statistics\":{\"value\":7}}",
+          "{\"request\":\"events\",\"events\":null}", "{\"request\":\"conf show\"}",
+          "{\"request\":\"info\",\"exit\":0}"})
         EXPECT_NO_THROW(answer_text(json::parse(answer))) << answer;
     EXPECT_NO_THROW(event_text(json::parse("{\"event\":1}")));
 }

@@ -32,11 +32,11 @@ class Wlcctl:
             "--psk-identity", PSK_IDENTITY, "--psk-key", PSK_KEY, *options,
         )  # fmt: skip
 
-    def start_agent(self):
+    def start_agent(self, *options):
         """Starts the agent and waits until it serves. Its hook adds the device's route whenever the tunnel comes up."""
         hook = f'ip route replace {LAN} dev "$TLSC_TUN" src "$TLSC_MANAGEMENT_IP" congctl cubic'
         self.agent = self.world.spawn(
-            [PROGRAM, "agent", "--resolve-to", GATEWAY_IP, "--on-up", hook],
+            [PROGRAM, "agent", *(options or ["--resolve-to", GATEWAY_IP]), "--on-up", hook],
             ns="device", stdout="/tmp/agent.out", stderr="/tmp/agent.err",
         )  # fmt: skip
         wait_until(
@@ -49,13 +49,13 @@ class Wlcctl:
 
     def last_event(self):
         """Number of the newest event, to give as `since`."""
-        return max((event["event"] for event in self.events()), default=0)
+        return max((event["number"] for event in self.events()), default=0)
 
     def wait(self, kind, since=0, timeout=5, **match):
         """The first event of that kind above since that has the members of match."""
 
         def found():
-            members = {"kind": kind, **match}.items()
+            members = {"event": kind, **match}.items()
             return next((event for event in self.events(since) if members <= event.items()), None)
 
         return wait_until(found, timeout, f"the agent's event '{kind}' {match or ''}", pause=0.1)

@@ -1,0 +1,68 @@
+#include "interface.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <ifaddrs.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+namespace wlcctl {
+
+namespace {
+
+bool ask(int fd, unsigned long what, const std::string &name, ifreq &request) {
+    request = {};
+    name.copy(request.ifr_name, IFNAMSIZ - 1);
+    return ioctl(fd, what, &request) == 0;
+}
+
+std::string address_of(const sockaddr *address) {
+    char        text[INET6_ADDRSTRLEN] = "";
+    const void *bytes                  = nullptr;
+    if (address->sa_family == AF_INET) bytes = &reinterpret_cast<const sockaddr_in *>(address)->sin_addr;
+    if (address->sa_family == AF_INET6) bytes = &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr;
+    if (bytes) inet_ntop(address->sa_family, bytes, text, sizeof text);
+    return text;
+}
+
+}  // namespace
+
+interface_facts read_interface(const std::string &name) {
+    interface_facts facts;
+    unique_fd       fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ifreq           request;
+    if (name.empty() || name.size() >= IFNAMSIZ || !fd || !ask(fd.get(), SIOCGIFFLAGS, name, request)) return facts;
+    facts.exists = true;
+    facts.is_up  = request.ifr_flags & IFF_UP;
+    if (ask(fd.get(), SIOCGIFMTU, name, request)) facts.mtu = static_cast<unsigned>(request.ifr_mtu);
+
+    ifaddrs *list = nullptr;
+    if (getifaddrs(&list) != 0) return facts;
+    for (const ifaddrs *each = list; each; each = each->ifa_next) {
+        if (!each->ifa_addr || name != each->ifa_name) continue;
+        std::string text = address_of(each->ifa_addr);
+        if (!text.empty()) facts.addresses.push_back(text);
+    }
+    freeifaddrs(list);
+    return facts;
+}
+
+interface_watch::interface_watch(loop &owner, task on_change)
+    : fd_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)) {
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+    if (!fd_ || bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) return;
+    watch_ = std::make_unique<descriptor_watch>(owner, fd_.get());
+    // What changed does not matter: the facts are read anew. A full socket (ENOBUFS) is a change as well.
+    watch_->start(readable, [this, on_change = std::move(on_change)](unsigned) {
+        char bytes[8192];
+        while (recv(fd_.get(), bytes, sizeof bytes, 0) > 0) {}
+        on_change();
+    });
+}
+
+}  // namespace wlcctl

@@ -1,0 +1,476 @@
+"""Every reason code, provoked for real and shown by `wlcctl status --json`; the tunnel kept up through all of it."""
+
+import json
+import random
+import time
+
+import pytest
+
+from harness.daemon import CONF_FILE, PSK_IDENTITY, PSK_KEY, TUN_NAME, conf_text
+from harness.wlcctl import PROGRAM, SOCKET
+from harness.world import BLACK_HOLE_IP, BUILD, GATEWAY_IP, MANAGEMENT_IP, SITE_IP, wait_until
+
+STATE = "/tmp/agent-state/agent.json"
+DAEMON = BUILD / "bin/tlsc"
+SHOWN = 5  # seconds in which a reason is shown
+
+
+class Device:
+    """The device as its user has it: a daemon, an agent beside it, and the command line."""
+
+    def __init__(self, bench):
+        self.world = bench.world
+        self.bench = bench
+        self.agent = self.daemon = None
+
+    def start_daemon(self, ns="device", **env):
+        self.daemon = self.world.spawn(
+            [DAEMON], ns=ns, env=env, stdin="/tmp/daemon-0", stdout="/tmp/daemon.out", stderr="/tmp/daemon.err"
+        )
+        return self.daemon
+
+    def start_agent(self, *options):
+        self.world.run(["rm", "-f", SOCKET])  # of an agent that was killed
+        words = [PROGRAM, "agent", "--state", STATE, "--json", *options]
+        self.agent = self.world.spawn(words, ns="device", stdout="/tmp/agent.out", stderr="/tmp/agent.err")
+        wait_until(lambda: self.world.exists(SOCKET), 5, lambda: self.world.read("/tmp/agent.err").decode())
+        return self.agent
+
+    def configure(self, **changes):
+        self.world.write(CONF_FILE, conf_text(**changes))
+
+    def run(self, *words, timeout=60):
+        return self.world.run([str(PROGRAM), *words], ns="device", check=False, timeout=timeout)
+
+    def ask(self, *words, timeout=60):
+        return json.loads(self.run("--json", *words, timeout=timeout)["out"].splitlines()[-1])
+
+    def status(self):
+        return self.ask("status")
+
+    def events(self, *kinds):
+        words = [word for kind in kinds for word in ("--event", kind)]
+        return self.ask("events", *words)["events"]
+
+    def wait(self, what, check, timeout):
+        seen = {}
+
+        def look():
+            status = self.status()
+            seen.update(status)
+            return status if check(status) else None
+
+        def told():
+            names = ("exit", "error", "tunnel", "health", "phase", "reason", "daemon", "interface")
+            return f"{what}; seen: {json.dumps({name: seen.get(name) for name in names})}"
+
+        return wait_until(look, timeout, told, pause=0.1)
+
+    def wait_reason(self, code, timeout):
+        return self.wait(code, lambda s: s.get("reason") and s["reason"]["code"] == code, timeout)
+
+    def wait_up(self, timeout=20):
+        return self.wait("up", lambda s: s.get("health", {}).get("value") == "up", timeout)
+
+    def bring_up(self, *options):
+        self.configure()
+        self.start_daemon()
+        self.start_agent("--keep-up", *options)
+        return self.wait_up()
+
+
+@pytest.fixture
+def device(bench):
+    device = Device(bench)
+    yield device
+    if device.agent and device.agent.is_running():
+        device.agent.end()
+
+
+# What a configuration does.
+
+
+@pytest.mark.parametrize(
+    ("code", "gateway", "changes"),
+    [
+        pytest.param("key-mismatch", {}, {"psk_key": "another-key-of-32-characters-..."}, id="key-mismatch"),
+        pytest.param("identity-unknown", {}, {"psk_identity": "somebody-else"}, id="identity-unknown"),
+        pytest.param("no-common-cipher", {}, {"cipher_algo": "PSK-AES128-CBC-SHA"}, id="no-common-cipher"),
+        pytest.param("gateway-refused", {}, {"server_port": "444"}, id="gateway-refused"),
+        pytest.param("gateway-unreachable", {}, {"server_ip_address": BLACK_HOLE_IP}, id="black hole"),
+        pytest.param("gateway-unreachable", {}, {"server_ip_address": "203.0.113.9"}, id="no route"),
+        pytest.param("no-tls-context", {}, {"cipher_algo": "NO-SUCH-CIPHER"}, id="no-tls-context"),
+    ],
+)
+def test_a_wrong_setting_has_its_reason(device, code, gateway, changes):
+    device.bench.make_gateway("--ciphers", "PSK-AES256-CBC-SHA")
+    device.configure(**changes)
+    device.start_daemon()
+    device.start_agent()
+    device.run("start")
+    status = device.wait_reason(code, 3 + 3 + SHOWN)  # the daemon's poll and its rewriting of the file come first
+    assert status["reason"]["remedy"]
+    assert status["health"]["value"] != "up"
+    assert status["exit"] != 0
+    assert code in device.run("status")["out"]
+
+
+def test_a_configuration_that_is_missing_or_bad_has_its_reason_and_is_not_started(device):
+    device.start_daemon()
+    device.start_agent("--keep-up")
+    assert device.wait_reason("conf-missing", SHOWN + 3)["reason"]["detail"] == CONF_FILE
+    device.configure(server_port="99999")
+    status = device.wait_reason("conf-invalid", SHOWN + 10)
+    assert "server_port" in status["reason"]["detail"]
+    assert [e["name"] for e in device.events("sent") if e["id"] == 20] == []
+    device.bench.make_gateway()
+    device.configure()
+    device.wait_up()
+
+
+def test_a_name_without_address_has_its_reason(device):
+    device.configure(server_ip_address="no-such-name.invalid")
+    device.start_daemon()
+    device.start_agent("--keep-up")
+    assert "no-such-name.invalid" in device.wait_reason("name-unresolved", SHOWN + 5)["reason"]["detail"]
+
+
+def test_a_name_in_the_configuration_becomes_an_address_and_stays_a_name(device):
+    device.world.write("/tmp/hosts", f"{GATEWAY_IP} gw.example.net\n")
+    device.world.run(["mount", "--bind", "/tmp/hosts", "/etc/hosts"])
+    device.bench.make_gateway()
+    device.configure(server_ip_address="gw.example.net")
+    device.start_daemon()
+    device.start_agent("--keep-up")
+    status = device.wait_up()
+    assert status["gateway"]["name"] == "gw.example.net"
+    assert status["gateway"]["address"] == GATEWAY_IP
+    content = device.world.read(CONF_FILE).decode()
+    assert f"server_ip_address;{GATEWAY_IP};" in content
+    assert "gateway_name;gw.example.net;" in content
+
+
+def test_no_daemon_a_daemon_that_was_stopped_and_one_that_was_never_started(device):
+    device.bench.make_gateway()
+    device.configure()
+    device.start_agent()
+    device.wait_reason("daemon-gone", SHOWN)
+    device.start_daemon()
+    device.wait_reason("never-started", SHOWN)
+    assert device.run("start", "--wait")["status"] == 0
+    assert device.status()["reason"] is None
+    assert device.run("stop", "--wait")["status"] == 0
+    status = device.wait_reason("stopped-by-order", SHOWN)
+    assert status["exit"] == 8
+    for name in ("inner_ip", "dns"):
+        assert status[name]["value"] is None
+    device.daemon.kill()
+    device.wait_reason("daemon-gone", SHOWN)
+
+
+def test_a_daemon_that_is_not_root_is_not_permitted(device):
+    device.configure()
+    device.world.write("/tmp/as-nobody", f"#!/bin/sh\nexec setpriv --reuid 65534 --clear-groups {DAEMON}\n", 0o755)
+    device.start_agent("--keep-up", "--run", "/tmp/as-nobody")
+    device.wait_reason("not-permitted", SHOWN + 3)
+
+
+def test_a_second_daemon_is_named(device):
+    device.bench.make_gateway()
+    device.bring_up()
+    second = device.world.spawn([DAEMON], ns="device", stdin="/tmp/d2", stdout="/tmp/d2", stderr="/tmp/d2")
+    status = device.wait_reason("daemon-second", SHOWN)
+    assert str(second.pid) in status["reason"]["detail"]
+    second.kill()
+    device.wait("no second daemon", lambda s: s["reason"] is None, SHOWN + 8)
+
+
+def test_no_tun_device(device):
+    device.configure()
+    device.start_daemon()
+    device.start_agent()
+    device.world.run(["sh", "-c", "touch /tmp/nothing && mount --bind /tmp/nothing /dev/net/tun"])
+    device.run("start")
+    device.wait_reason("tun-missing", 6 + SHOWN)
+
+
+def test_an_interface_that_another_program_holds(device):
+    device.configure()
+    device.start_daemon()
+    device.start_agent()
+    device.world.run(["ip", "-n", "device", "link", "add", TUN_NAME, "type", "veth", "peer", "name", "other0"])
+    device.run("start")
+    device.wait_reason("tun-busy", 6 + 6 + SHOWN)
+
+
+def test_an_interface_that_is_removed_while_in_use(device):
+    device.bench.make_gateway()
+    device.bring_up()
+    device.world.run(["ip", "-n", "device", "link", "del", TUN_NAME])
+    status = device.wait_reason("tun-missing", SHOWN)
+    assert status["tunnel"]["value"] != "up"
+
+
+def test_a_full_disk(device):
+    device.world.run(["sh", "-c", "mkdir -p /storage/application/wlc && mount -t tmpfs -o size=64k tmpfs /storage/application/wlc"])
+    device.bench.make_gateway()
+    device.bring_up()
+    device.world.run(["sh", "-c", "dd if=/dev/zero of=/storage/application/wlc/fill bs=1k count=200"], check=False)
+    device.wait_reason("disk-full", SHOWN)
+    device.world.run(["rm", "/storage/application/wlc/fill"])
+    device.wait("space again", lambda s: s["reason"] is None, SHOWN)
+
+
+# What the gateway does.
+
+
+def test_a_handshake_that_stalls_is_ended_and_the_tunnel_returns(device):
+    """The agent's patience is shortened; the daemon is the agent's own child."""
+    stall = "import socket,time\ns=socket.socket()\ns.setsockopt(1,2,1)\ns.bind(('%s',443))\ns.listen()\nopen('/tmp/stalling','w')\nkept=[]\nwhile True: kept.append(s.accept())\n"
+    device.world.write("/tmp/stall.py", stall % GATEWAY_IP)
+    staller = device.world.spawn(["python3", "/tmp/stall.py"], ns="gateway", stderr="/tmp/stall.err")
+    wait_until(lambda: device.world.exists("/tmp/stalling"), 5, lambda: device.world.read("/tmp/stall.err").decode())
+    device.configure()
+    device.start_agent("--keep-up", "--stuck-after", "8", "--run", DAEMON)
+    device.wait_reason("handshake-stalled", 8 + SHOWN)
+    device.wait_reason("stuck", 8 + SHOWN)
+    staller.kill()
+    device.bench.make_gateway()
+    device.wait_up(60)
+    kinds = [e["event"] for e in device.events("stuck", "daemon_ended", "daemon_run", "tun_up")]
+    assert kinds[0] == "daemon_run"
+    assert kinds[-1] == "tun_up"
+    assert "stuck" in kinds
+
+
+@pytest.mark.parametrize(
+    ("code", "lose"),
+    [
+        pytest.param("gateway-closed", lambda gateway: gateway.ask("close", how="fin"), id="fin"),
+        pytest.param("gateway-closed", lambda gateway: gateway.ask("close", how="notify"), id="close_notify"),
+        pytest.param("connection-reset", lambda gateway: gateway.ask("close", how="rst"), id="reset"),
+    ],
+)
+def test_a_connection_that_ends_has_its_reason_and_returns(device, code, lose):
+    device.bench.make_gateway()
+    device.bring_up()
+    lose(device.bench.gateway)
+    device.wait_reason(code, SHOWN)
+    status = device.wait("the next attempt", lambda s: s["next_attempt"]["value"], 2)
+    assert status["reason"]["code"] == code
+    assert status["inner_ip"]["value"] is None
+    device.wait_up(30)
+
+
+def test_a_response_that_does_not_come_and_one_that_cannot_be_used(device):
+    gateway = device.bench.make_gateway()
+    gateway.ask("config", mode="drop")
+    device.configure()
+    device.start_daemon()
+    device.start_agent("--keep-up")
+    device.wait_reason("response-timeout", 3 + 2 + 10 + SHOWN + 3)
+    gateway.ask("config", mode="normal")
+    device.wait_up(40)
+
+
+def test_a_response_without_address(device):
+    gateway = device.bench.make_gateway()
+    gateway.ask("set", header="X-CSTP-Address-Client", value="nonsense")
+    device.configure()
+    device.start_daemon()
+    device.start_agent("--keep-up")
+    device.wait_reason("response-rejected", 3 + 3 + SHOWN + 3)
+
+
+def test_a_silent_gateway_degrades_the_tunnel_before_it_is_given_up(device):
+    device.bench.make_gateway("--dpd", "5", "--retry", "2")
+    device.bring_up()
+    device.bench.gateway.ask("silence", on=True)
+    begun = time.monotonic()
+    while time.monotonic() - begun < 40:
+        status = device.status()
+        requests = [e for e in device.events("health")]
+        if status["health"].get("unanswered", 0) >= 2:
+            assert status["health"]["value"] != "up"
+            assert status["tunnel"]["value"] != "up"
+            assert status["exit"] != 0
+        if status["reason"] and status["reason"]["code"] == "dpd-timeout":
+            break
+        time.sleep(0.1)
+    else:
+        pytest.fail(f"no dpd-timeout: {status}")
+    assert [e["to"] for e in requests if e["to"] == "degraded"]
+
+
+# Kept up.
+
+
+def test_a_daemon_killed_again_and_again_under_traffic_returns_each_time(device):
+    """Ten deaths at random moments; events tell the story without a gap, and the hook runs each time."""
+    device.bench.make_gateway()
+    device.configure()
+    hook = f'ip route replace 10.9.0.0/24 dev "$TLSC_TUN" src {MANAGEMENT_IP} && echo up >>/tmp/ups'
+    device.start_agent("--keep-up", "--run", DAEMON, "--on-up", hook)
+    chance = random.Random(11)
+    device.wait_up(30)
+    device.world.spawn(["ping", "-i", "0.05", "-I", MANAGEMENT_IP, SITE_IP], ns="device")
+    for round_number in range(10):
+        time.sleep(chance.uniform(0, 1.5))
+        pid = device.status()["daemon_pid"]["value"]
+        device.world.run(["kill", "-9", str(pid)], check=False)
+        device.wait("another daemon", lambda s: s["daemon_pid"]["value"] not in (None, pid), 30)
+        device.wait_up(30)
+    events = device.ask("events")["events"]
+    assert [e["number"] for e in events] == list(range(1, len(events) + 1))
+    kinds = [e["event"] for e in events]
+    assert kinds.count("daemon_ended") == 10
+    assert kinds.count("tun_up") == 11
+    wait_until(lambda: device.world.read("/tmp/ups").decode().count("up") == 11, 5, "eleven hooks")
+    assert device.world.run(["ping", "-c", "1", "-W", "2", "-I", MANAGEMENT_IP, SITE_IP], ns="device", check=False)["status"] == 0
+
+
+def restart_agent(device, *options):
+    device.agent.kill()
+    return device.start_agent(*options)
+
+
+def test_an_agent_that_begins_anew_knows_the_tunnel_in_every_state(device):
+    device.bench.make_gateway("--dpd", "5", "--retry", "3")
+    hook = 'echo "an error of the hook" >&2; exit 3'
+    device.configure()
+    device.start_daemon()
+    device.start_agent("--on-up", hook)
+    device.run("start", "--wait", "20")
+    before = device.wait("up", lambda s: s["health"]["value"] == "up" and s["hooks"] and s["dns"]["value"], 10)
+    assert before["hooks"]["up"]["error"] == "an error of the hook"
+    time.sleep(0.5)  # what is known is kept
+    restart_agent(device, "--on-up", hook)
+    status = device.status()
+    assert status["tunnel"]["value"] == "up"
+    assert status["inner_ip"]["value"] == before["inner_ip"]["value"]
+    assert status["inner_ip"]["source"] in ("remembered", "logged")
+    assert status["dns"]["value"] == before["dns"]["value"]
+    assert status["hooks"]["up"]["error"] == "an error of the hook"
+    assert [e for e in device.events("hook_started")] == [], "no hook runs for what is not new"
+    # Without memory the log alone must do.
+    device.agent.kill()
+    device.world.run(["rm", "-f", STATE])
+    device.start_agent()
+    assert device.status()["tunnel"]["value"] == "up"
+    # Down, with a reason.
+    device.bench.gateway.ask("close", how="fin")
+    device.wait_reason("gateway-closed", SHOWN)
+    time.sleep(0.5)
+    restart_agent(device)
+    status = device.status()
+    assert status["tunnel"]["value"] == "down"
+    assert status["reason"]["code"] == "gateway-closed"
+    # Stopped.
+    device.run("stop", "--wait")
+    time.sleep(0.5)
+    restart_agent(device)
+    assert device.status()["reason"]["code"] == "stopped-by-order"
+
+
+def test_a_stop_is_remembered_until_the_next_start(device):
+    device.bench.make_gateway()
+    device.bring_up()
+    device.run("stop", "--wait")
+    time.sleep(0.5)
+    restart_agent(device, "--keep-up")
+    time.sleep(4)
+    assert device.status()["reason"]["code"] == "stopped-by-order"
+    device.daemon.kill()
+    device.start_daemon()
+    device.wait_reason("stopped-by-order", SHOWN)
+    time.sleep(4)
+    assert [e["id"] for e in device.events("sent") if e["id"] == 20] == []
+    assert device.run("start", "--wait")["status"] == 0
+
+
+def test_a_start_that_waits_tells_its_steps_and_the_hooks_failure(device):
+    device.bench.make_gateway()
+    device.configure()
+    device.start_daemon()
+    device.start_agent("--on-up", "echo no route >&2; exit 7")
+    done = device.run("start", "--wait", "20")
+    assert done["status"] == 10
+    assert "no route" in done["err"]
+    steps = done["err"].splitlines()
+    order = [steps.index(s) for s in ("the daemon has read the start", f"connecting {GATEWAY_IP}", f"handshake with {GATEWAY_IP}", "configuration", "up")]
+    assert order == sorted(order)
+
+
+def test_a_start_that_fails_names_reason_remedy_and_next_attempt(device):
+    device.bench.make_gateway()
+    device.configure(psk_key="another-key-of-32-characters-...")
+    device.start_daemon()
+    device.start_agent()
+    done = device.run("start", "--wait", "8")
+    assert done["status"] == 3
+    assert "key-mismatch" in done["err"]
+    assert "conf init --psk-key-file" in done["err"]
+    assert "next attempt in" in done["err"]
+
+
+def test_a_probe_goes_through_the_tunnel(device):
+    device.bench.make_gateway()
+    device.configure()
+    device.start_daemon()
+    device.start_agent("--on-up", f'ip route replace 10.9.0.0/24 dev "$TLSC_TUN" src {MANAGEMENT_IP}')
+    answer = device.ask("start", "--wait", "20", "--probe", SITE_IP)
+    assert answer["probe"]["ok"], answer
+    assert answer["exit"] == 0
+    assert device.ask("start", "--wait", "20", "--probe", "10.9.0.77")["exit"] == 6
+
+
+def test_the_doctor_says_that_all_is_well_and_finds_a_wrong_key(device):
+    device.bench.make_gateway()
+    device.bring_up("--on-up", f'ip route replace 10.9.0.0/24 dev "$TLSC_TUN" src {MANAGEMENT_IP}')
+    answer = device.ask("doctor", "--mtu")
+    assert answer["exit"] == 0, answer
+    assert {c["check"] for c in answer["checks"]} >= {"root", "tun", "daemon", "agent", "conf", "clock", "connect", "handshake", "dpd", "ping", "mtu"}
+    device.configure(psk_key="another-key-of-32-characters-...")
+    answer = device.ask("doctor")
+    assert answer["exit"] == 1
+    assert answer["reason"]["code"] == "key-mismatch", answer
+
+
+def test_the_log_is_followed_through_rotation_truncation_and_deletion(device):
+    device.bench.make_gateway()
+    device.bring_up()
+    follower = device.world.spawn([PROGRAM, "logs", "-f", "--why"], ns="device", stdout="/tmp/followed")
+    log = "/tmp/tlsc_log"
+    line = "\nTLSC[%d]: 2026-01-31_09_30_00 INFO  [a.c:1] [f] line %s"
+    for name, change in (("moved", f"mv {log} {log}.old"), ("cut", f": >{log}"), ("removed", f"rm {log}")):
+        device.world.run(["sh", "-c", change])
+        with open(device.world.path(log), "a") as file:
+            file.write(line % (1, name))
+        wait_until(lambda: f"line {name}" in device.world.read("/tmp/followed").decode(), 5, lambda: device.world.read("/tmp/followed").decode())
+    with open(device.world.path(log), "a") as file:
+        file.write("\x1b[2Jbinary \x00\xff" * 1000 + "\nTLSC[99999999999999]: \nTLSC[x" + line % (2, "after \x1b[31mall"))
+    wait_until(lambda: "line after \\x1b[31mall" in device.world.read("/tmp/followed").decode(), 5, "the line after")
+    assert b"\x1b" not in device.world.read("/tmp/followed")
+    assert follower.is_running() and device.agent.is_running()
+
+
+def test_a_report_holds_no_key_cookie_or_identity(device):
+    device.bench.make_gateway("--cookie", "cookie4711")
+    device.bring_up()
+    device.run("debug", "level", "debug")
+    answer = device.ask("report", "-o", "/tmp/report.tar.gz")
+    assert answer["exit"] == 0, answer
+    text = device.world.run(["tar", "-xzOf", "/tmp/report.tar.gz"])["out"]
+    for secret in (PSK_KEY, PSK_IDENTITY, "cookie4711"):
+        assert secret not in text
+    assert "TLSC[" in text
+
+
+def test_a_group_may_watch_and_gives_no_orders(device):
+    device.bench.make_gateway()
+    device.bring_up("--socket-group", "daemon")
+    second = SOCKET + ".ro"
+    assert device.ask("--socket", second, "status")["exit"] == 0
+    refused = device.ask("--socket", second, "stop")
+    assert refused["exit"] == 2
+    assert "reading only" in refused["error"]
