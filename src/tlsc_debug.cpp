@@ -249,28 +249,35 @@ void tlsc_log_own_console() {
 
 // ==== 3 One line, one dump =======================================================================================
 
+namespace {
+
+void log_line(int32_t level, const char *file, int line, const char *function, const char *format, va_list arguments) {
+    log_guard guard;
+    if (!guard.may_write() || !tlsc_log_wanted(level)) return;
+
+    ++line_counter;
+    const int header = snprintf(line_buffer, sizeof(line_buffer), "\nTLSC[%u]: %s %-5s [%s:%d] [%s] ", line_counter,
+                                tlsc_log_timestamp(), line_word(level), file, line, function);
+    if (header < 0) return;
+    if (const auto length = static_cast<size_t>(header); length < sizeof(line_buffer)) {
+        (void)vsnprintf(line_buffer + length, sizeof(line_buffer) - length, format, arguments);
+        show_controls_of_line(length);
+    }
+    write_text(line_buffer, strlen(line_buffer));
+}
+
+}  // namespace
+
 void tlsc_log(int32_t level, const char *file, int line, const char *function, const char *format, ...) {
     if (!file || !function || !format) {
         TLSC_ERROR("Null ptr received for file/function/format");
         return;
     }
 
-    log_guard guard;
-    if (!guard.may_write() || !tlsc_log_wanted(level)) return;
-
-    ++line_counter;
-    int length = snprintf(line_buffer, sizeof(line_buffer), "\nTLSC[%u]: %s %-5s [%s:%d] [%s] ", line_counter,
-                          tlsc_log_timestamp(), line_word(level), file, line, function);
-    if (length < 0) return;
-    if (static_cast<size_t>(length) < sizeof(line_buffer)) {
-        va_list arguments;
-        va_start(arguments, format);
-        (void)vsnprintf(line_buffer + length, sizeof(line_buffer) - static_cast<size_t>(length), format, arguments);
-        va_end(arguments);
-    }
-    line_buffer[sizeof(line_buffer) - 1] = '\0';
-    if (static_cast<size_t>(length) < sizeof(line_buffer)) show_controls_of_line(static_cast<size_t>(length));
-    write_text(line_buffer, strlen(line_buffer));
+    va_list arguments;
+    va_start(arguments, format);
+    log_line(level, file, line, function, format, arguments);
+    va_end(arguments);
 }
 
 void tlsc_log_piece(const char *text) {
@@ -419,6 +426,25 @@ void tlsc_wlc_message(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
     (void)vprintf(format, arguments);
+    va_end(arguments);
+}
+
+void tlsc_wlc_line(bool plain, int32_t level, const char *path, int line, const char *function, const char *format,
+                   ...) {
+    if (!path || !function || !format) {
+        TLSC_ERROR("Null ptr received for path/function/format");
+        return;
+    }
+
+    va_list arguments;
+    va_start(arguments, format);
+    if (plain) {
+        tlsc_wlc_header(level == LOG_ERRORS, path, line);
+        (void)vprintf(format, arguments);
+    } else {
+        const char *slash = strrchr(path, '/');
+        log_line(level, slash ? slash + 1 : path, line, function, format, arguments);
+    }
     va_end(arguments);
 }
 

@@ -126,20 +126,23 @@ void tlsc_wlc_header(bool is_error, const char *path, int line);
 // The message behind tlsc_wlc_header, to standard output.
 void tlsc_wlc_message(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-#define TLSC_WLC_LINE(flag, is_error, service, ...)                                          \
-    do {                                                                                     \
-        if ((flag).load(std::memory_order_relaxed) != 0) {                                   \
-            tlsc_wlc_header(is_error, tlsc_source_text<tlsc_tree_name(__FILE__)>, __LINE__); \
-            tlsc_wlc_message(__VA_ARGS__);                                                   \
-        } else {                                                                             \
-            service(__VA_ARGS__);                                                            \
-        }                                                                                    \
+// One line of the controller interface: with plain over the plain path, otherwise over the service.
+// level: LOG_ERRORS or LOG_DEBUG; path: as tlsc_tree_name gives it; the rest as for tlsc_log.
+void tlsc_wlc_line(bool plain, int32_t level, const char *path, int line, const char *function, const char *format, ...)
+    __attribute__((format(printf, 6, 7)));
+
+#define TLSC_WLC_LINE(flag, level, ...)                                                               \
+    do {                                                                                              \
+        const bool tlsc_is_plain = (flag).load(std::memory_order_relaxed) != 0;                       \
+        if (tlsc_is_plain || tlsc_log_wanted(level))                                                  \
+            tlsc_wlc_line(tlsc_is_plain, level, tlsc_source_text<tlsc_tree_name(__FILE__)>, __LINE__, \
+                          tlsc_log_function(__func__), __VA_ARGS__);                                  \
     } while (0)
 
-#define WLC_MSG_EVENT(...) TLSC_WLC_LINE(tlscWlcMsgEventDbg, false, TLSC_DEBUG, __VA_ARGS__)
-#define WLC_MSG_ERROR(...) TLSC_WLC_LINE(tlscWlcMsgErrDbg, true, TLSC_ERROR, __VA_ARGS__)
-#define WLC_IPC_EVENT(...) TLSC_WLC_LINE(tlscWlcIpcEventDbg, false, TLSC_DEBUG, __VA_ARGS__)
-#define WLC_IPC_ERROR(...) TLSC_WLC_LINE(tlscWlcIpcErrDbg, true, TLSC_ERROR, __VA_ARGS__)
+#define WLC_MSG_EVENT(...) TLSC_WLC_LINE(tlscWlcMsgEventDbg, LOG_DEBUG, __VA_ARGS__)
+#define WLC_MSG_ERROR(...) TLSC_WLC_LINE(tlscWlcMsgErrDbg, LOG_ERRORS, __VA_ARGS__)
+#define WLC_IPC_EVENT(...) TLSC_WLC_LINE(tlscWlcIpcEventDbg, LOG_DEBUG, __VA_ARGS__)
+#define WLC_IPC_ERROR(...) TLSC_WLC_LINE(tlscWlcIpcErrDbg, LOG_ERRORS, __VA_ARGS__)
 
 // Copies text into out, at most size - 1 characters, with every control character shown as "\x0a": for texts from
 // outside that may hold a line end. Other control characters the service shows by itself. Any thread.

@@ -35,6 +35,7 @@ constexpr known_log_line known_log_lines[] = {
     {debug_file, "ERROR", "tlsc_log_show", "Null ptr received for text/out"},
     {debug_file, "ERROR", "tlsc_wlc_header", "Null ptr received for path"},
     {debug_file, "ERROR", "tlsc_wlc_message", "Null ptr received for format"},
+    {debug_file, "ERROR", "tlsc_wlc_line", "Null ptr received for path/function/format"},
     {debug_file, "ERROR", "tlsc_ssl_msg_cb", "Null ptr received for buf"},
     {debug_file, "ERROR", "tlsc_ssl_info_cb", "Null ptr received for ssl"},
     {debug_file, "DEBUG", "tlsc_ssl_msg_cb",

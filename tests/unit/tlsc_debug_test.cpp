@@ -1314,9 +1314,15 @@ TEST(tlsc_log_arguments, null_pointers_are_refused_with_a_line_each) {
     tlsc_log(LOG_ERRORS, nothing, 1, "f", "%s", "");
     tlsc_log(LOG_ERRORS, "f.c", 1, nothing, "%s", "");
     tlsc_wlc_header(true, nothing, 1);
-    const std::vector<std::string> expected{"Null ptr received for bytes", "Null ptr received for text",
+    tlsc_wlc_line(true, LOG_ERRORS, nothing, 1, "f", "%s", "");
+    tlsc_wlc_line(false, LOG_ERRORS, "../wlc/f.c", 1, nothing, "%s", "");
+    const std::vector<std::string> expected{"Null ptr received for bytes",
+                                            "Null ptr received for text",
                                             "Null ptr received for file/function/format",
-                                            "Null ptr received for file/function/format", "Null ptr received for path"};
+                                            "Null ptr received for file/function/format",
+                                            "Null ptr received for path",
+                                            "Null ptr received for path/function/format",
+                                            "Null ptr received for path/function/format"};
     EXPECT_EQ(log.messages(), expected);
     EXPECT_TRUE(log.has("ERROR", "tlsc_debug.c", "tlsc_log_hex", "Null ptr received for bytes"));
 }
