@@ -132,9 +132,9 @@ def life(run):
     if points:
         first, last = points[0][1], points[-1][1]
         costs = [cost for _, cost in points]
-        yield f"From the first to the {points[-1][0]:,}th packet of one stream up, in {len(points)} windows: {first:.2f} µs"
-        yield f"of CPU time a packet in the first window, {last:.2f} in the last (ratio {last / first:.2f}); median"
-        yield f"{statistics.median(costs):.2f}, range {min(costs):.2f} to {max(costs):.2f}."
+        yield f"From the first to the {points[-1][0]:,}th packet of one stream up, in {len(points)} windows:"
+        yield f"{first:.2f} µs of CPU time a packet in the first, {last:.2f} in the last (ratio {last / first:.2f});"
+        yield f"median {statistics.median(costs):.2f}, range {min(costs):.2f} to {max(costs):.2f}."
         yield ""
         yield "![CPU time per packet over a long stream](benchmark-flat.svg)"
         yield ""

@@ -4,20 +4,20 @@ whether a test fails.
 
   tests/mutate.py [--jobs N] [--only TEXT] [--module NAME] [--list] [--scratch DIRECTORY]
 
-Each entry of the catalogue below is a sentence that is true of the broken daemon, a source file, a piece of its text (which
-must occur there exactly once), what stands in its place, and the test executables that are tried first. For each entry the
-one source is compiled anew and the tests are linked with it and run in worlds of their own (tools/private-world), at first
-those that the entry names, then all others of the daemon. An entry is
+Each entry of the catalogue below is a sentence that is true of the broken daemon, a source file, a piece of its text
+(which must occur there exactly once), what stands in its place, and the test executables that are tried first. For each
+entry the one source is compiled anew and the tests are linked with it and run in worlds of their own
+(tools/private-world), at first those that the entry names, then all others of the daemon. An entry is
 
-  killed      when a test fails, and fails again when it is repeated alone or, if it then passes, with its whole executable;
-              a run that exceeds its time limit counts only when the entry says that the broken daemon hangs
+  killed      when a test fails, and fails again when it is repeated alone or, if it then passes, with its whole
+              executable; a run that exceeds its time limit counts only when the entry says that the broken daemon hangs
   SURVIVED    when every test passes: a test is missing
   NOT BUILT   when the broken source does not compile: the entry is wrong
 
 An entry whose text does not occur exactly once is stale; the script then says so before anything is built.
 
-The sources are copied at the start into a temporary directory, which is removed at the end: the checkout is not touched and
-may be edited meanwhile. --scratch uses a directory that stays, so that the next run builds only what has changed.
+The sources are copied at the start into a temporary directory, which is removed at the end: the checkout is not touched
+and may be edited meanwhile. --scratch uses a directory that stays, so that the next run builds only what has changed.
 It needs root (for the worlds), and what the build needs. The exit status is 0 when every entry was killed.
 """
 
@@ -474,7 +474,8 @@ class Scratch:
                 shutil.copytree(source, target)
             else:
                 shutil.copy2(source, target)
-        self.tests = re.findall(r"^ *tlsc_unit_test\((\w+)", (self.tree / "tests/CMakeLists.txt").read_text(), re.MULTILINE)
+        text = (self.tree / "tests/CMakeLists.txt").read_text()
+        self.tests = re.findall(r"^ *tlsc_unit_test\((\w+)", text, re.MULTILINE)
 
     def build_base(self, jobs):
         status, output = run(["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
@@ -544,7 +545,8 @@ class Trial:
     def link(self, test):
         executable = self.directory / test
         command = self.scratch.links[test]
-        command = command.replace(f"tests/CMakeFiles/tlsc_testable.dir/__/{self.mutant.file}.o", shlex.quote(str(self.object)))
+        whole = f"tests/CMakeFiles/tlsc_testable.dir/__/{self.mutant.file}.o"
+        command = command.replace(whole, shlex.quote(str(self.object)))
         command = command.replace(f"-o tests/{test} ", f"-o {shlex.quote(str(executable))} ")
         status, output = run(command, shell=True, cwd=self.scratch.build)
         if status != 0:
@@ -608,7 +610,8 @@ def try_all(scratch, mutants, jobs):
             for done in concurrent.futures.as_completed(attempts):
                 outcome = done.result()
                 outcomes.append(outcome)
-                print(f"{outcome.word:<10} {Path(attempts[done].file).stem}: {attempts[done].name} [{outcome.reason}]", flush=True)
+                mutant = attempts[done]
+                print(f"{outcome.word:<10} {Path(mutant.file).stem}: {mutant.name} [{outcome.reason}]", flush=True)
         except BaseException:
             pool.shutdown(wait=False, cancel_futures=True)
             end_running()
@@ -617,15 +620,18 @@ def try_all(scratch, mutants, jobs):
 
 
 def main():
-    parser = argparse.ArgumentParser(description="Breaks the daemon in small ways and says whether the unit tests notice.")
+    parser = argparse.ArgumentParser(
+        description="Breaks the daemon in small ways and says whether the unit tests notice."
+    )
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), metavar="N", help="mutants tried at the same time")
     parser.add_argument("--only", default="", metavar="TEXT", help="the entries whose sentence contains TEXT")
-    parser.add_argument("--module", default="", metavar="NAME", help="the entries of one source, for example tlsc_engine")
+    parser.add_argument("--module", default="", metavar="NAME", help="the entries of one source, say tlsc_engine")
     parser.add_argument("--list", action="store_true", help="prints the entries and changes nothing")
     parser.add_argument("--scratch", type=Path, metavar="DIRECTORY", help="works there and leaves it for the next run")
     options = parser.parse_args()
 
-    mutants = [m for m in catalogue if options.only.lower() in m.name.lower() and options.module in ("", Path(m.file).stem)]
+    mutants = [m for m in catalogue if options.only.lower() in m.name.lower()]
+    mutants = [m for m in mutants if options.module in ("", Path(m.file).stem)]
     if options.list:
         for mutant in mutants:
             print(f"{Path(mutant.file).stem}: {mutant.name} [{' '.join(mutant.tests)}]")
@@ -647,7 +653,8 @@ def main():
             raise Broken(f"no such tests: {' '.join(unknown)}")
         scratch.build_base(options.jobs)
         scratch.check_base(options.jobs)
-        print(f"{len(scratch.tests)} test executables pass on the unbroken daemon, {time.monotonic() - began:.0f} s", flush=True)
+        took = time.monotonic() - began
+        print(f"{len(scratch.tests)} test executables pass on the unbroken daemon, {took:.0f} s", flush=True)
         outcomes = try_all(scratch, mutants, options.jobs)
 
     words = [outcome.word for outcome in outcomes]

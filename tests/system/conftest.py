@@ -5,7 +5,7 @@
 
     /usr/bin/python3 -m pytest -n 4 tests/system                    the usual run
     /usr/bin/python3 -m pytest -n 4 tests/system -m slow            what takes longer than a minute
-    /usr/bin/python3 -m pytest -n 4 tests/system -k sanitizers      only what runs with that daemon: a hundred exits and a choice of tests
+    /usr/bin/python3 -m pytest -n 4 tests/system -k sanitizers      only what runs with that daemon
     /usr/bin/python3 -m pytest -n 4 tests/system --sanitized        every test, with that daemon alone
     /usr/bin/python3 -m pytest tests/system -m bulk                 a gigabyte each way, system calls per packet
 """
@@ -33,13 +33,17 @@ SANITIZER_BUILD = Path(os.environ["TLSC_SAN_BUILD"]).resolve() if "TLSC_SAN_BUIL
 
 
 def pytest_addoption(parser):
-    parser.addoption("--sanitized", action="store_true", help="runs every test with the daemon of TLSC_SAN_BUILD, and with no other")
+    parser.addoption(
+        "--sanitized", action="store_true", help="runs every test with the daemon of TLSC_SAN_BUILD, and with no other"
+    )
 
 
 def pytest_collection_modifyitems(config, items):
     """Without -m, what is slow or bulky is left out."""
     chosen = config.getoption("-m")
-    wanted = [BUILD / "bin/tlsc", BUILD / "bin/tlsc-gateway"] + ([SANITIZER_BUILD / "bin/tlsc"] if SANITIZER_BUILD else [])
+    wanted = [BUILD / "bin/tlsc", BUILD / "bin/tlsc-gateway"] + (
+        [SANITIZER_BUILD / "bin/tlsc"] if SANITIZER_BUILD else []
+    )
     missing = [str(path) for path in wanted if not path.exists()]
     sanitized = config.getoption("--sanitized")
     if sanitized and SANITIZER_BUILD is None:
@@ -133,7 +137,9 @@ def fast_clock():
     target = Path(os.environ["TLSC_FASTER"])
     if not target.exists():
         source = Path(__file__).with_name("faster.c")
-        subprocess.run(["cc", "-shared", "-fPIC", "-O2", "-Wall", "-Wextra", "-Werror", "-o", target, source, "-ldl"], check=True)
+        subprocess.run(
+            ["cc", "-shared", "-fPIC", "-O2", "-Wall", "-Wextra", "-Werror", "-o", target, source, "-ldl"], check=True
+        )
     return target
 
 

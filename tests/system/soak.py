@@ -33,10 +33,10 @@ from harness.gateway import Gateway  # noqa: E402
 from harness.log import LOG_FILE  # noqa: E402
 from harness.world import BUILD, MANAGEMENT_IP, SITE_IP, World, wait_until  # noqa: E402
 
-REKEY = 40            # seconds of the daemon, as the gateway assigns them
-RECOVERY = 90         # seconds of the daemon within which the tunnel is up again
-SLACK = 20            # seconds that a loaded machine adds
-SETTLED = 10          # rounds after which the size is taken for the first time
+REKEY = 40  # seconds of the daemon, as the gateway assigns them
+RECOVERY = 90  # seconds of the daemon within which the tunnel is up again
+SLACK = 20  # seconds that a loaded machine adds
+SETTLED = 10  # rounds after which the size is taken for the first time
 MEMORY_GROWTH = 1000  # kilobytes at most, from then on
 THREADS = 3
 REFUSALS = ("refuse", "reset", "key")

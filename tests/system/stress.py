@@ -6,13 +6,13 @@
     TLSC_BUILD  build directory whose bin/tlsc-gateway is used (default: build/ of the project)
     --build     build directory whose bin/tlsc is stressed, with or without sanitizers (default: the same)
 
-Each world has a gateway, a controller, and a daemon that is started again after every exit. The seed gives the operations,
-their arguments and the pauses between them; it is printed first and gives the same sequence again. Where the threads meet
-is up to the machine.
+Each world has a gateway, a controller, and a daemon that is started again after every exit. The seed gives the
+operations, their arguments and the pauses between them; it is printed first and gives the same sequence again. Where
+the threads meet is up to the machine.
 
 What must hold:
-- all the time (class Watch): the process lives, has at most three threads (main, monitor, tunnel), and no more descriptors
-  and memory than one tunnel needs;
+- all the time (class Watch): the process lives, has at most three threads (main, monitor, tunnel), and no more
+  descriptors and memory than one tunnel needs;
 - between the operations: a request for the process id is answered in the time that the orders before it may take;
 - now and then (recover): when every fault has ended, there is one tunnel that carries packets;
 - at the end of each life: the exit is quick and has status 1, and no sanitizer has reported anything.
@@ -44,17 +44,24 @@ from harness.gateway import Gateway, GatewayError  # noqa: E402
 from harness.sanitizers import complains, runtime, surroundings  # noqa: E402
 from harness.traffic import Transfer  # noqa: E402
 from harness.world import (  # noqa: E402
-    BLACK_HOLE_IP, BUILD, GATEWAY_IP, MANAGEMENT_IP, SITE_IP, World, WorldError, wait_until,
+    BLACK_HOLE_IP,
+    BUILD,
+    GATEWAY_IP,
+    MANAGEMENT_IP,
+    SITE_IP,
+    World,
+    WorldError,
+    wait_until,
 )
 
 # The daemon's own times, in seconds; the preloaded clock divides them by its factor.
 FACTORS = [2, 4, 8]
-POLL = 2            # between two looks at the pipe
-START_PAUSES = 1    # the pass over the configuration file
+POLL = 2  # between two looks at the pipe
+START_PAUSES = 1  # the pass over the configuration file
 RESTART_PAUSES = 2  # the same, and the time for the stop
-FAILED_SET_UP = 5   # five tries for the interface
+FAILED_SET_UP = 5  # five tries for the interface
 
-HALT = 3   # the exit waits for a tunnel thread inside OpenSSL; not divided
+HALT = 3  # the exit waits for a tunnel thread inside OpenSSL; not divided
 SLACK = 6  # what a loaded machine adds to any of these
 RECOVERY_SECONDS = 30
 
@@ -64,9 +71,18 @@ FRAME_RESPONSE = 2
 LARGEST_OUTPUT = 64 << 20  # bytes of standard output that a life may leave behind
 
 THREADS = 3
-# Descriptors at most, by what they point to; standard streams apart. The second socket is the old transport of a rekey, the
-# third asks for flags of the interface; both threads may write to the controller.
-DESCRIPTORS = {"socket:": 3, "anon_inode:[timerfd]": 6, "anon_inode:[eventpoll]": 1, "/dev/net/tun": 1, "pipe:": 2, "/tmp/tlsc_log": 1, "/storage/": 2, "-fifo": 3}
+# Descriptors at most, by what they point to; standard streams apart. The second socket is the old transport of a rekey,
+# the third asks for flags of the interface; both threads may write to the controller.
+DESCRIPTORS = {
+    "socket:": 3,
+    "anon_inode:[timerfd]": 6,
+    "anon_inode:[eventpoll]": 1,
+    "/dev/net/tun": 1,
+    "pipe:": 2,
+    "/tmp/tlsc_log": 1,
+    "/storage/": 2,
+    "-fifo": 3,
+}
 LEFT_BEHIND = ("anon_inode:[eventpoll]", "/dev/net/tun")  # one more of each after every set-up that failed
 STANDARD_STREAMS = 3
 
@@ -85,8 +101,10 @@ class Build:
         self.binary = Path(directory).resolve() / "bin/tlsc"
         self.sanitizer = Path(runtime(self.binary) or "none").name
         self.environment = surroundings(self.binary, {"LD_PRELOAD": fast_clock})
-        self.memory = 24_000 if self.sanitizer == "none" else 200_000  # resident kilobytes; a sanitizer keeps what was freed
-        self.threads = THREADS + ("libtsan" in self.sanitizer)         # which has one of its own
+        self.memory = (
+            24_000 if self.sanitizer == "none" else 200_000
+        )  # resident kilobytes; a sanitizer keeps what was freed
+        self.threads = THREADS + ("libtsan" in self.sanitizer)  # which has one of its own
 
 
 @contextlib.contextmanager
@@ -94,7 +112,10 @@ def prepared(directory):
     """The build in that directory, shown in the worlds made meanwhile together with the library that divides its waits."""
     with tempfile.TemporaryDirectory(prefix="tlsc-stress-") as place:
         fast_clock = f"{place}/faster.so"
-        subprocess.run(["cc", "-shared", "-fPIC", "-O2", "-o", fast_clock, Path(__file__).with_name("faster.c"), "-ldl"], check=True)
+        subprocess.run(
+            ["cc", "-shared", "-fPIC", "-O2", "-o", fast_clock, Path(__file__).with_name("faster.c"), "-ldl"],
+            check=True,
+        )
         with mock.patch.dict(os.environ, TLSC_FASTER=fast_clock, TLSC_SAN_BUILD=str(Path(directory).resolve())):
             yield Build(directory, fast_clock)
 
@@ -107,7 +128,7 @@ class Watch:
 
     PAUSE = 0.02
     CONFIRMATIONS = 8  # looks in a row that find too many descriptors or too much memory
-    PF_EXITING = 0x4   # of the kernel's thread flags
+    PF_EXITING = 0x4  # of the kernel's thread flags
 
     def __init__(self, run):
         self.build = run.build
@@ -133,7 +154,11 @@ class Watch:
                     return
                 self._look_at_threads()
                 excess = self._excess()
-            except (FileNotFoundError, ProcessLookupError, WorldError):  # it has gone while it was looked at; seen next time
+            except (
+                FileNotFoundError,
+                ProcessLookupError,
+                WorldError,
+            ):  # it has gone while it was looked at; seen next time
                 continue
             self.looks += 1
             excesses = excesses + 1 if excess else 0
@@ -162,7 +187,9 @@ class Watch:
         self._note("descriptors", len(targets))
         for kind, count in kinds.items():
             limit = DESCRIPTORS.get(kind, 0) + (self.failed_set_ups if kind in LEFT_BEHIND else 0)
-            if count > limit and (kind in DESCRIPTORS or self.build.sanitizer == "none"):  # one opens what it reports about
+            if count > limit and (
+                kind in DESCRIPTORS or self.build.sanitizer == "none"
+            ):  # one opens what it reports about
                 return f"{count} descriptors of kind {kind}, at most {limit}: {dict(kinds)}"
 
         memory = self.process.resident_kb()
@@ -194,7 +221,9 @@ class Run:
         # Drawn from by what stands in the sequence only, never by what depends on time: so a seed can be replayed.
         self.rng = random.Random(seed)
         self.world = World()
-        self.world.run(["sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries"], ns="device")  # a black hole holds for 3 s
+        self.world.run(
+            ["sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_syn_retries"], ns="device"
+        )  # a black hole holds for 3 s
         self.controller = Ear(self.world, GATEWAY_IP)
         self.gateway = Gateway(self.world)
         self.daemon = None
@@ -215,10 +244,20 @@ class Run:
 
     def begin_life(self):
         self.factor = self.rng.choice(FACTORS)
-        # Each life has its own likes: what is rare on the whole comes often in some, and what does harm is absent from some.
-        self.weights = [weight if operation in ALWAYS else weight * self.rng.choice([0, 1, 1, 3]) for operation, weight in CHOICES.items()]
+        # Each life has its own likes: what is rare on the whole comes often in some, and what does harm is absent from
+        # some.
+        self.weights = [
+            weight if operation in ALWAYS else weight * self.rng.choice([0, 1, 1, 3])
+            for operation, weight in CHOICES.items()
+        ]
         self.world.run(["sh", "-c", "rm -f /tmp/daemon.out /tmp/daemon.err /tmp/tlsc_log*"])
-        self.daemon = Daemon(self.world, self.controller, binary=self.build.binary, conf=conf_text(), env={**self.build.environment, "FASTER": str(self.factor)})
+        self.daemon = Daemon(
+            self.world,
+            self.controller,
+            binary=self.build.binary,
+            conf=conf_text(),
+            env={**self.build.environment, "FASTER": str(self.factor)},
+        )
         self.watch = Watch(self)
         self.cost_sent = self.cost_done = 0.0  # seconds that orders may hold up the daemon's main thread
         self.out_of_step_until = 0.0
@@ -297,7 +336,10 @@ class Run:
         self.world.write(CONF_FILE, conf_text(**changes))
 
     def add_route(self):
-        self.world.run(["ip", "-n", "device", "route", "replace", "10.9.0.0/24", "dev", TUN_NAME, "src", MANAGEMENT_IP], check=False)
+        self.world.run(
+            ["ip", "-n", "device", "route", "replace", "10.9.0.0/24", "dev", TUN_NAME, "src", MANAGEMENT_IP],
+            check=False,
+        )
 
     def later(self, seconds, operation):
         heapq.heappush(self.undo, (time.monotonic() + seconds, next(self.undo_numbers), operation))
@@ -399,13 +441,21 @@ class Run:
 
     def summary(self):
         happened = ", ".join(f"{count} {name}" for name, count in self.happened.items())
-        most = ", ".join(f"{value:.3g} {name}" if isinstance(value, float) else f"{value} {name}" for name, value in self.most.items())
+        most = ", ".join(
+            f"{value:.3g} {name}" if isinstance(value, float) else f"{value} {name}"
+            for name, value in self.most.items()
+        )
         operations = " ".join(f"{name}={count}" for name, count in sorted(self.done.items()))
         return f"seed {self.seed}: {self.done.total()} operations; {happened}; at most: {most}\n    {operations}"
 
     def report(self):
         """What a person wants to see of a failure."""
-        parts = [f"seed {self.seed}", "--- the last operations", *self.trace[-40:], f"--- records received: {self.controller.kinds()[-40:]}"]
+        parts = [
+            f"seed {self.seed}",
+            "--- the last operations",
+            *self.trace[-40:],
+            f"--- records received: {self.controller.kinds()[-40:]}",
+        ]
         for name in ("/tmp/tlsc_log", "/tmp/daemon.out", "/tmp/daemon.err", "/tmp/gateway.log", "/tmp/gateway.err"):
             with contextlib.suppress(OSError):
                 parts.append(f"--- {name}\n{self.world.read(name)[-5000:].decode(errors='replace')}")
@@ -432,7 +482,10 @@ def restart(run):
 
 def volley(run):
     """Several orders of which none waits for the other."""
-    for msg_id in run.rng.choices([records.TUN_START, records.TUN_STOP, records.TUN_RESTART, records.PROCESS_REQUEST, records.STATS_REQUEST], k=run.rng.randint(2, 5)):
+    for msg_id in run.rng.choices(
+        [records.TUN_START, records.TUN_STOP, records.TUN_RESTART, records.PROCESS_REQUEST, records.STATS_REQUEST],
+        k=run.rng.randint(2, 5),
+    ):
         run.order(msg_id)
 
 
@@ -445,7 +498,9 @@ def leave(run):
 
 
 def debug_level(run):
-    word = run.rng.choice(["errors", "warnings", "info", "debug", "ssl-dbg", "buf-print", "", "informational", "x" * 63])
+    word = run.rng.choice(
+        ["errors", "warnings", "info", "debug", "ssl-dbg", "buf-print", "", "informational", "x" * 63]
+    )
     run.note(word)
     run.send(records.debug_record("level", word))
     if word in ("debug", "ssl-dbg", "buf-print"):  # they write a lot
@@ -453,7 +508,12 @@ def debug_level(run):
 
 
 def debug_destination(run):
-    run.send(records.debug_record(run.rng.choice(["destination", "destination", "nowhere"]), run.rng.choice(["file", "console", "both", "paper"])))
+    run.send(
+        records.debug_record(
+            run.rng.choice(["destination", "destination", "nowhere"]),
+            run.rng.choice(["file", "console", "both", "paper"]),
+        )
+    )
 
 
 def statistics(run):
@@ -464,7 +524,16 @@ def hello(run):
     run.order(records.HELLO)
 
 
-NAMES = [GATEWAY_IP] * 4 + ["::1", "fe80::1%lo", "not an address", "", "300.1.2.3", "x" * 500, BLACK_HOLE_IP, "127.0.0.1"]
+NAMES = [GATEWAY_IP] * 4 + [
+    "::1",
+    "fe80::1%lo",
+    "not an address",
+    "",
+    "300.1.2.3",
+    "x" * 500,
+    BLACK_HOLE_IP,
+    "127.0.0.1",
+]
 
 
 def send_name(run):
@@ -568,7 +637,8 @@ def withhold(run):
 
 
 def response_text(client_line=f"X-CSTP-Address-Client:{INNER_IP}\n"):
-    return f"X-CSTP-Address:10.9.0.0\nX-CSTP-Prefix-Length:24\nX-CSTP-DPD:5\n{client_line}X-CSTP-Retry-Time:5\nX-CSTP-Rekey-Time:20\nX-CSTP-DNS:{SITE_IP}\n"
+    times = "X-CSTP-Retry-Time:5\nX-CSTP-Rekey-Time:20\n"
+    return f"X-CSTP-Address:10.9.0.0\nX-CSTP-Prefix-Length:24\nX-CSTP-DPD:5\n{client_line}{times}X-CSTP-DNS:{SITE_IP}\n"
 
 
 def change_times(run):
@@ -633,13 +703,18 @@ def kill_gateway(run):
 def ping(run):
     run.add_route()
     count, size = run.rng.randint(10, 600), run.rng.choice([0, 56, 1378, 1400])
-    run.world.spawn(["ping", "-q", "-i", "0.003", "-c", str(count), "-s", str(size), "-w", "4", "-I", MANAGEMENT_IP, SITE_IP], ns="device")
+    run.world.spawn(
+        ["ping", "-q", "-i", "0.003", "-c", str(count), "-s", str(size), "-w", "4", "-I", MANAGEMENT_IP, SITE_IP],
+        ns="device",
+    )
 
 
 def push(run):
     """A burst of packets from the gateway's side, of which some are none."""
     good = b"\x45\0\0\x1c\0\0\0\0\x40\x11\0\0" + bytes([10, 9, 0, 1, 10, 9, 0, 77]) + b"\x04\xd2\x10\xe1\0\x08\0\0"
-    packet = run.rng.choice([good, good, b"", b"\x45", b"\x60" + bytes(60), run.rng.randbytes(1436), run.rng.randbytes(1592)])
+    packet = run.rng.choice(
+        [good, good, b"", b"\x45", b"\x60" + bytes(60), run.rng.randbytes(1436), run.rng.randbytes(1592)]
+    )
     count = run.rng.choice([1, 10, 1000])
     for client in run.gateway.clients():
         run.ask("send_packet", client=client["client"], hex=packet.hex(), count=count)
@@ -696,7 +771,9 @@ def is_in_order(run):
         run.pause(0.5)
         run.add_route()
         ping = ["ping", "-q", "-c", "1", "-W", "1", "-I", MANAGEMENT_IP, SITE_IP]
-        if run.world.run(ping, ns="device", check=False)["status"] != 0 or [c["state"] for c in run.gateway.clients()] != ["up"]:
+        if run.world.run(ping, ns="device", check=False)["status"] != 0 or [
+            c["state"] for c in run.gateway.clients()
+        ] != ["up"]:
             return False
     return True
 
@@ -764,7 +841,12 @@ def stress(seed, seconds, worlds, directory=BUILD, say=print):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(1 << 30), help="of the first world (default: a new one)")
+    parser.add_argument(
+        "--seed",
+        type=int,
+        default=random.SystemRandom().randrange(1 << 30),
+        help="of the first world (default: a new one)",
+    )
     parser.add_argument("--seconds", type=float, default=60)
     parser.add_argument("--worlds", type=int, default=1, help="worlds side by side; each has the next seed")
     parser.add_argument("--build", default=BUILD, help="build directory of the daemon (default: %(default)s)")

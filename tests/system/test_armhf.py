@@ -79,12 +79,20 @@ def test_a_session_with_traffic_and_a_rekey_is_the_documented_one(bench):
     assert "50 received, 0% packet loss" in ping["out"]
     rng = random.Random(32)
     data = rng.randbytes(1 << 20)
-    assert transfer(bench.world, data, "gateway", (SITE_IP, SITE_IP), "device", MANAGEMENT_IP) == [sha256(data).hexdigest()] * 2
+    assert (
+        transfer(bench.world, data, "gateway", (SITE_IP, SITE_IP), "device", MANAGEMENT_IP)
+        == [sha256(data).hexdigest()] * 2
+    )
 
     # Rekey: another connection, the same address, no report of a change.
     daemon.log.wait_for("Started Rekey Timer for", REKEY_SECONDS + 8, times=2)
     counters = daemon.statistics()
-    assert (counters["rekey_attempts"], counters["rekey_success"], counters["tun_alloc"], counters["tun_freed"]) == (1, 1, 1, 0)
+    assert (counters["rekey_attempts"], counters["rekey_success"], counters["tun_alloc"], counters["tun_freed"]) == (
+        1,
+        1,
+        1,
+        0,
+    )
     assert gateway.client() != first_client
     assert gateway.inner() == inner
     assert controller.all(records.TUN_DOWN) == []

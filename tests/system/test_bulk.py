@@ -69,7 +69,9 @@ def calls_per_packet(bench, counter, direction):
     sender, target = (inside, (SITE_IP, 9000)) if direction == "up" else (outside, (bench.gateway.inner(), 9000))
     tunnel_thread = max(int(t) for t in os.listdir(daemon.process.proc("task")))
     before = daemon.statistics()[counter]
-    tracer = world.spawn(["strace", "-c", "-f", "-o", "/tmp/strace.out", "-p", str(tunnel_thread)], stderr="/tmp/strace.err")
+    tracer = world.spawn(
+        ["strace", "-c", "-f", "-o", "/tmp/strace.out", "-p", str(tunnel_thread)], stderr="/tmp/strace.err"
+    )
     wait_until(lambda: b"attached" in world.read("/tmp/strace.err"), 10, "strace")
     for _ in range(2000):
         sender.sendto(b"x" * 200, target)
@@ -78,7 +80,12 @@ def calls_per_packet(bench, counter, direction):
     packets = daemon.statistics()[counter] - before
     tracer.signal(signal.SIGINT)
     tracer.wait(5)
-    calls = {m[2]: int(m[1]) for m in re.finditer(r"^ *[\d.]+ +[\d.]+ +\d+ +(\d+) +(?:\d+ +)?(\w+)$", world.read("/tmp/strace.out").decode(), re.M)}
+    calls = {
+        m[2]: int(m[1])
+        for m in re.finditer(
+            r"^ *[\d.]+ +[\d.]+ +\d+ +(\d+) +(?:\d+ +)?(\w+)$", world.read("/tmp/strace.out").decode(), re.M
+        )
+    }
     calls.pop("total", None)
     return {name: count / packets for name, count in calls.items()}
 
@@ -103,4 +110,8 @@ def test_a_packet_out_costs_three_calls(bench, cipher):
 def test_a_packet_in_costs_four_calls(bench, cipher):
     bench.make_tunnel(conf=conf_text(cipher_algo=cipher))
     costs = calls_per_packet(bench, "data_rx", "down")
-    assert {name: round(cost, 1) for name, cost in costs.items() if cost > 0.04} == {"epoll_wait": 1.0, "read": 2.0, "write": 1.0}
+    assert {name: round(cost, 1) for name, cost in costs.items() if cost > 0.04} == {
+        "epoll_wait": 1.0,
+        "read": 2.0,
+        "write": 1.0,
+    }

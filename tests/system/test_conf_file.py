@@ -29,7 +29,10 @@ def test_bad_lines_are_skipped_and_dropped_and_foreign_keys_kept(bench):
     bad = "\n# server_ip_address;192.0.2.99;1\nserver_port;444\nmanagement_ip\n;;;\n;\n"
     foreign = "colour;green;1\nempty_flag;value;\n"
     _, text = start_and_read_back(bench, bad + conf_text() + foreign + "tail_without_end;x;7")
-    assert text == (conf_text() + "colour;green;0\nempty_flag;value;0\n").replace(";1\n", ";0\n") + "tail_without_end;x;0\n"
+    assert (
+        text
+        == (conf_text() + "colour;green;0\nempty_flag;value;0\n").replace(";1\n", ";0\n") + "tail_without_end;x;0\n"
+    )
 
 
 def test_the_last_of_several_entries_counts(bench):

@@ -26,7 +26,10 @@ def test_without_a_response_the_guard_ends_the_connection_and_backoff_makes_the_
     # Backoff, then at most one poll (2 s) until the controller's answer is read.
     assert 0 <= again["mono"] - closed["mono"] - BACKOFF_SECONDS < 3
     daemon.log.assert_order(
-        "Started Backoff Timer for 10 sec", "Received FQDN resolved GW IP, trying to connect", "Establish new TCP connection", "TUN-INTF is UP!!"
+        "Started Backoff Timer for 10 sec",
+        "Received FQDN resolved GW IP, trying to connect",
+        "Establish new TCP connection",
+        "TUN-INTF is UP!!",
     )
     # The interface never was up, so there was no DOWN to report.
     assert bench.controller.all(records.TUN_DOWN) == []
@@ -59,7 +62,11 @@ def test_a_response_without_a_usable_address_is_refused_and_the_connection_stays
             gateway.ask("close", how="fin")
         answered = gateway.wait("config_resp_sent", since=since, timeout=20)
         daemon.log.wait_match(r"Could not process config resp for conn 0x\w+\. Error = ", 5, place)
-        reason = "Invalid IPv4 Client addr received for conn 0x" if b"Client:" in text.split(b"\0")[0] else "Did not receive IP addr from GW"
+        reason = (
+            "Invalid IPv4 Client addr received for conn 0x"
+            if b"Client:" in text.split(b"\0")[0]
+            else "Did not receive IP addr from GW"
+        )
         if name == "wrong case":
             reason = "Did not receive IP addr from GW"
         assert daemon.log.count(reason, place) == 1, name
@@ -120,10 +127,13 @@ def test_every_header_of_the_response_is_taken(bench):
     )
     assert daemon.log.count("192.0.2.57", place) == 0
     assert 32 <= int(daemon.log.wait_match(r"Started DPD Timer for (\d+) sec", 1, place)[1]) < 40
-    assert bench.controller.wait_for("30/0", 1, since).data == records.dns_record(["10.9.0.1", "192.0.2.54", "192.0.2.55", "192.0.2.56"])
+    assert bench.controller.wait_for("30/0", 1, since).data == records.dns_record(
+        ["10.9.0.1", "192.0.2.54", "192.0.2.55", "192.0.2.56"]
+    )
     assert bench.controller.wait_for("30/1", 1, since).data == records.inner_address_record("10.9.0.44")
 
-    # Rekey time absent: 3600 again, whatever an earlier response said. The address is asked for; the cookie went with the teardown.
+    # Rekey time absent: 3600 again, whatever an earlier response said. The address is asked for; the cookie went with
+    # the teardown.
     place, before = daemon.log.position, gateway.last
     gateway.ask("set", header="X-CSTP-Rekey-Time", value=None)
     gateway.ask("close", how="fin")

@@ -38,7 +38,9 @@ def hours_of_life(bench, factor, hours, rekey_seconds):
     began = time.monotonic()
     for quarter in range(1, 5):
         time.sleep(max(0, began + hours * 3600 / factor * quarter / 4 - time.monotonic()))
-        wait_until(lambda: len(bench.gateway.clients()) == 1 and bench.gateway.clients()[0]["active"], 10, "one connection")
+        wait_until(
+            lambda: len(bench.gateway.clients()) == 1 and bench.gateway.clients()[0]["active"], 10, "one connection"
+        )
         sizes.append((len(daemon.descriptors()), daemon.process.threads(), daemon.process.resident_kb()))
     pinger.end()
     counters = daemon.statistics()

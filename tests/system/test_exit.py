@@ -177,7 +177,7 @@ def exit_from(bench, state, **more):
     log = daemon.log if bench.world.exists(LOG_FILE) else daemon.early_log
     assert log.messages()[-1] == "Client Shutdown!!"
     if log.count("Added interface "):
-        at_end = log.messages()[log.messages().index("Cleaning up Tls-session and SSL context"):]
+        at_end = log.messages()[log.messages().index("Cleaning up Tls-session and SSL context") :]
         assert at_end.count("TUN State changed to 0, error cause:0") == 1, state.__name__
     assert daemon.output().endswith("Shutting down TLS Client...\n")
     assert not bench.world.exists("/tmp/wlc-to-tlsc-fifo")

@@ -118,7 +118,9 @@ def test_an_oversized_record_ends_the_connection_and_the_client_comes_back(bench
     daemon = bench.make_daemon(env=bench.preload_fast_clock(5))
     daemon.bring_up()
     since, place = bench.controller.count, daemon.log.position
-    bench.gateway.ask("send_record", hex="00" * 40000)  # the 1.0 series of OpenSSL takes twice the 16384 bytes of the standard
+    bench.gateway.ask(
+        "send_record", hex="00" * 40000
+    )  # the 1.0 series of OpenSSL takes twice the 16384 bytes of the standard
     daemon.log.wait_for("SSL Read error received = 1, translated-ssl-error = 0", 5, place)
     daemon.log.wait_for("SSL returned error = 0, while trying to read data", 5, place)
     bench.controller.wait_for(records.TUN_DOWN, 5, since)
@@ -131,8 +133,12 @@ def test_a_frame_of_unknown_type_is_counted_and_dropped(laboratory):
     for kind in kinds:
         place = laboratory.daemon.log.position
         laboratory.records(frame(kind, laboratory.packet(b"unknown")))
-        laboratory.daemon.log.wait_match(rf"Receieved invalid cstp frame\({kind}\) for conn 0x\w+\.\. dropping\.\.", 5, place)
-        laboratory.daemon.log.wait_for("Processing CSTP frame failed due to error TLSC_CSTP_INVALID_FRAME_RECVD\n", 5, place)
+        laboratory.daemon.log.wait_match(
+            rf"Receieved invalid cstp frame\({kind}\) for conn 0x\w+\.\. dropping\.\.", 5, place
+        )
+        laboratory.daemon.log.wait_for(
+            "Processing CSTP frame failed due to error TLSC_CSTP_INVALID_FRAME_RECVD\n", 5, place
+        )
         laboratory.assert_alive()
     assert laboratory.daemon.statistics()["invalid_rx"] == before["invalid_rx"] + len(kinds)
 

@@ -34,7 +34,10 @@ def test_an_interface_held_by_another_process_is_deleted_and_made_again(bench):
     holder = hold_interface(bench.world, TUN_NAME)
     daemon = bench.make_daemon(env=bench.preload_fast_clock(FAST))
     daemon.bring_up()
-    assert daemon.log.count(f"IOCTL error[16] in setting tun interface {TUN_NAME}, deleting the existing tun interface") == 1
+    assert (
+        daemon.log.count(f"IOCTL error[16] in setting tun interface {TUN_NAME}, deleting the existing tun interface")
+        == 1
+    )
     daemon.log.assert_order(
         "Failed to create interface for session 0x",
         "TUN State changed to 0, error cause:0",
@@ -93,7 +96,9 @@ def test_five_failed_attempts_end_the_thread_and_the_monitor_starts_it_after_ten
     ended = time.monotonic()
     assert daemon.log.count("IOCTL error[22] in setting tun interface wan0") == 5
     assert daemon.log.count("Retrying to create interface...") == 5
-    daemon.log.assert_order("Creation of tun-intf failed", "TLSC Client exited abnormally", "Retrying tlsc-start-client after sleep 10")
+    daemon.log.assert_order(
+        "Creation of tun-intf failed", "TLSC Client exited abnormally", "Retrying tlsc-start-client after sleep 10"
+    )
     # An order to end that meets the sleeping monitor is dropped when the thread starts again.
     daemon.order(records.TUN_STOP)
     daemon.log.wait_for("Starting epoll thread", 13, times=2)
@@ -138,12 +143,16 @@ def test_a_name_that_is_a_shell_command_is_not_run(bench):
     daemon = bench.make_daemon(conf=conf_text(tun_interface_name=name), env=bench.preload_fast_clock(FAST))
     daemon.start()
     daemon.log.wait_for("Retry count(5) over", 10)
-    assert daemon.log.count(f"IOCTL error[16] in setting tun interface {name}, deleting the existing tun interface") == 5
+    assert (
+        daemon.log.count(f"IOCTL error[16] in setting tun interface {name}, deleting the existing tun interface") == 5
+    )
     assert not bench.world.exists("/tmp/x")
     assert daemon.exit() == 1
 
 
-@pytest.mark.parametrize("name, shows", [("averyveryverylongname", "averyveryverylo"), ("", "tun0")], ids=["long", "empty"])
+@pytest.mark.parametrize(
+    "name, shows", [("averyveryverylongname", "averyveryverylo"), ("", "tun0")], ids=["long", "empty"]
+)
 def test_names_as_the_kernel_takes_them(bench, name, shows):
     bench.make_gateway()
     daemon = bench.make_daemon(conf=conf_text(tun_interface_name=name or None), env=bench.preload_fast_clock(FAST))
@@ -158,7 +167,9 @@ def test_without_root_it_refuses_with_status_0(bench):
     bench.make_controller()
     bench.world.run(["chmod", "0666", "/tmp/tlsc-to-wlc-fifo"])
     answer = bench.world.run(
-        ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", str(bench.binary)], ns="device", check=False
+        ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", str(bench.binary)],
+        ns="device",
+        check=False,
     )
     assert answer["status"] == 0
     assert answer["out"] == "\n  TLS Client process - Error: The program must be run as ROOT!!...existing"
@@ -170,7 +181,11 @@ def test_it_needs_no_open_standard_descriptors(bench):
     bench.make_gateway()
     bench.make_controller()
     bench.world.write("/storage/application/wlc/wlc-sec-tun.conf", conf_text())
-    process = bench.world.spawn(["sh", "-c", f"exec {bench.binary} <&- >&- 2>&-"], ns="device", env=bench.environment(bench.preload_fast_clock(FAST)))
+    process = bench.world.spawn(
+        ["sh", "-c", f"exec {bench.binary} <&- >&- 2>&-"],
+        ns="device",
+        env=bench.environment(bench.preload_fast_clock(FAST)),
+    )
     bench.controller.wait_for(records.HELLO, 5)
     bench.controller.order(records.TUN_START)
     bench.controller.wait_for(records.TUN_UP, 10)
@@ -183,7 +198,13 @@ def test_arguments_and_environment_change_nothing(bench):
     bench.make_gateway()
     bench.make_controller()
     bench.world.write("/storage/application/wlc/wlc-sec-tun.conf", conf_text())
-    strange = {"server_ip_address": "192.0.2.99", "server_port": "1", "log_level": "buf-print", "LOG_DEST": "console", "DEBUG": "1"}
+    strange = {
+        "server_ip_address": "192.0.2.99",
+        "server_port": "1",
+        "log_level": "buf-print",
+        "LOG_DEST": "console",
+        "DEBUG": "1",
+    }
     process = bench.world.spawn(
         [bench.binary, "--help", "-d", "server_port=1", "/tmp/another.conf"],
         ns="device",

@@ -62,4 +62,6 @@ def test_a_late_answer_resets_the_count(bench):
     gateway.ask("dpd", on=False)
     place = daemon.log.position
     daemon.log.wait_for("Retry count exceeded", 20, place)
-    daemon.log.assert_order(*[f"Sending DPD Request [Req Retry Ref #{n}]" for n in range(4)], "Retry count exceeded", since=place)
+    daemon.log.assert_order(
+        *[f"Sending DPD Request [Req Retry Ref #{n}]" for n in range(4)], "Retry count exceeded", since=place
+    )

@@ -30,7 +30,9 @@ def reconnect(bench, timeout=15):
 
 
 def ping(world, count=3):
-    world.run(["ping", "-c", str(count), "-i", "0.02", "-W", "2", "-I", MANAGEMENT_IP, SITE_IP], ns="device", check=False)
+    world.run(
+        ["ping", "-c", str(count), "-i", "0.02", "-W", "2", "-I", MANAGEMENT_IP, SITE_IP], ns="device", check=False
+    )
 
 
 @pytest.mark.parametrize("level", LEVELS)
@@ -111,7 +113,9 @@ def test_the_debug_flag_file_sends_the_controller_lines_to_standard_output(bench
     stamp = r"\d{4}-\d\d-\d\d_\d\d_\d\d_\d\d"
     assert re.match(rf"\nTLSC-WLC: {stamp} EVENT \[\.\./src/tlsc_main\.c:\d+\] In TLS Client process", text)
     assert re.search(rf"\nTLSC-WLC: {stamp} EVENT \[\.\./wlc/tlsc_wlc\.c:\d+\]TLS Client: WLC initialization", text)
-    assert re.search(rf"\nTLSC-WLC: {stamp} ERROR \[\.\./wlc/tlsc_wlc\.c:\d+\]wlcTlscFifoHandler - Msg:Invalid, id:99 received", text)
+    assert re.search(
+        rf"\nTLSC-WLC: {stamp} ERROR \[\.\./wlc/tlsc_wlc\.c:\d+\]wlcTlscFifoHandler - Msg:Invalid, id:99 received", text
+    )
     assert re.search(rf"\nTLSC-WLC: {stamp} EVENT \[\.\./wlc/tlsc_wlc\.c:\d+\]Cleanup TLS Client WLC FIFO", text)
     # Warnings of the service are not redirected.
     daemon.early_log.assert_order("Received TWLC_EXIT command, Exiting TLS Client!!!", "Client Shutdown!!")
@@ -166,7 +170,10 @@ def test_the_log_is_rotated_at_five_megabytes_and_one_archive_kept(tunnel):
     second = os.stat(world.path(LOG_FILE)).st_ino
     fill_until_rotated(second)
     wait_until(lambda: readable_archive(world) and archived(world)[0] != member, 5, "the next archive")
-    assert sorted(n for n in os.listdir(world.path("/tmp")) if n.startswith("tlsc_log")) == ["tlsc_log", "tlsc_log_prev.tar"]
+    assert sorted(n for n in os.listdir(world.path("/tmp")) if n.startswith("tlsc_log")) == [
+        "tlsc_log",
+        "tlsc_log_prev.tar",
+    ]
     assert daemon.is_running()
 
 
@@ -199,7 +206,9 @@ def test_a_link_in_place_of_the_log_is_not_followed(bench):
 def test_the_level_in_the_file_does_not_take_effect(bench):
     # By contract: the two commands of the start stand in the pipe when the thread starts, which drops them.
     bench.make_gateway()
-    daemon = bench.make_daemon(conf=conf_text() + "log_level;debug;1\nlog_dest;console;1\n", env=bench.preload_fast_clock(FAST))
+    daemon = bench.make_daemon(
+        conf=conf_text() + "log_level;debug;1\nlog_dest;console;1\n", env=bench.preload_fast_clock(FAST)
+    )
     daemon.bring_up()
     daemon.log.wait_for("Total number of stale commands cleared from CLI pipe:2", 5)
     assert {e.level for e in daemon.log.entries()} <= {"ERROR", "WARNING", "INFO"}

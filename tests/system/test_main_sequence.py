@@ -143,7 +143,11 @@ def test_the_gateway_sees_the_request_line_by_line(bench):
     request = gateway.events("config_req")[0]
     assert request["text"] == REQUEST
     handshake = gateway.events("tls_up")[0]
-    assert (handshake["version"], handshake["cipher"], handshake["identity"]) == ("TLSv1.2", "PSK-AES256-CBC-SHA", "device-1")
+    assert (handshake["version"], handshake["cipher"], handshake["identity"]) == (
+        "TLSv1.2",
+        "PSK-AES256-CBC-SHA",
+        "device-1",
+    )
     accepted = gateway.events("tcp_accept")[0]
     assert accepted["peer"].startswith(f"{DEVICE_IP}:")
     # The client pauses 2 seconds between handshake and request.
@@ -155,7 +159,9 @@ def test_lines_before_the_first_start_go_to_descriptor_0_and_the_file_is_opened_
     bench.make_controller().close()
     bench.world.run(["rm", "/tmp/tlsc-to-wlc-fifo"])
     daemon = bench.make_daemon()
-    daemon.early_log.wait_for("Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode error:No such file or directory", 5)
+    daemon.early_log.wait_for(
+        "Open /tmp/tlsc-to-wlc-fifo FIFO failed in O_WRONLY | O_NONBLOCK mode error:No such file or directory", 5
+    )
     assert not bench.world.exists(LOG_FILE)
     daemon.start()
     daemon.log.wait_for("Initialize tls-client", 5)
@@ -173,7 +179,8 @@ def test_a_wrong_debug_setting_changes_nothing(tunnel):
     lines = [e for e in daemon.log.entries(place) if "invalid params" in e.message]
     # By contract the category stands where the function's name was meant, and the last text is empty.
     assert [e.message for e in lines] == [
-        f"{category}() - TLS Client, debug set msg received, invalid params,category:{value}, level:" for category, value in wrong
+        f"{category}() - TLS Client, debug set msg received, invalid params,category:{value}, level:"
+        for category, value in wrong
     ]
     assert {e.level for e in lines} == {"ERROR"}
     assert daemon.log.count("Log level", place) == 0

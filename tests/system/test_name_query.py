@@ -24,7 +24,9 @@ def fast_tunnel(bench):
 
 
 def connected_to(daemon, place, timeout=10):
-    return daemon.log.wait_match(r"TCP conn established successfully!!(?s:.*?)SSL/TLS session to: ([\d.]+)\.", timeout, place)[1]
+    return daemon.log.wait_match(
+        r"TCP conn established successfully!!(?s:.*?)SSL/TLS session to: ([\d.]+)\.", timeout, place
+    )[1]
 
 
 def test_an_answered_query_leads_to_the_new_address(fast_tunnel):
@@ -97,11 +99,17 @@ def test_two_answers_in_a_row_leave_one_connection(fast_tunnel):
     daemon, controller, gateway = fast_tunnel.daemon, fast_tunnel.controller, fast_tunnel.gateway
     descriptors = len(daemon.descriptors())
     place = daemon.log.position
-    controller.send(*[records.text_record(records.NAME_ANSWER, address) for address in (OTHER_IP, GATEWAY_IP, OTHER_IP)])
+    controller.send(
+        *[records.text_record(records.NAME_ANSWER, address) for address in (OTHER_IP, GATEWAY_IP, OTHER_IP)]
+    )
     daemon.log.wait_for("Received FQDN resolved GW IP, trying to connect", 10, place, times=3)
     wait_until(lambda: len(gateway.events("tcp_accept")) == 4, 10, "three more connections")
     wait_until(lambda: len(gateway.clients()) == 1, 10, lambda: f"one connection, not {gateway.clients()}")
-    wait_until(lambda: len(daemon.descriptors()) == descriptors, 10, lambda: f"{descriptors} descriptors, not {daemon.descriptors()}")
+    wait_until(
+        lambda: len(daemon.descriptors()) == descriptors,
+        10,
+        lambda: f"{descriptors} descriptors, not {daemon.descriptors()}",
+    )
     assert daemon.is_running()
 
 
@@ -117,7 +125,9 @@ def test_without_a_reader_the_old_address_is_tried_at_once(fast_tunnel):
 
 def test_a_name_in_the_configuration_is_no_address_until_the_controller_has_given_one(bench):
     bench.make_gateway()
-    daemon = bench.make_daemon(conf=conf_text(server_ip_address="gateway.example.net"), env=bench.preload_fast_clock(FAST))
+    daemon = bench.make_daemon(
+        conf=conf_text(server_ip_address="gateway.example.net"), env=bench.preload_fast_clock(FAST)
+    )
     daemon.start()
     daemon.log.wait_match(r"Server IP\(gateway\.example\.net\) = 0", 5)
     bench.controller.wait_for(records.TUN_UP, 10)

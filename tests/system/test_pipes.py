@@ -13,12 +13,29 @@ from harness.world import wait_until
 FAST = 4
 
 NAMES = {
-    0: "Invalid", 2: "WLC_SEC_TUN_MSG_BOOTUP", 3: "WLC_SEC_TUN_MSG_ENABLE", 4: "WLC_SEC_TUN_MSG_DISABLE", 5: "WLC_SEC_TUN_MSG_TUN_RESTART",
-    6: "WLC_SEC_TUN_MSG_CONFIG_ERR", 7: "WLC_SEC_TUN_MSG_CONFIG_UPDATE", 8: "Invalid", 19: "Invalid", 23: "WLC_SEC_TUN_MSG_TLSC_TUN_IN_PROG",
-    24: "WLC_SEC_TUN_MSG_TLSC_TUN_UP", 25: "WLC_SEC_TUN_MSG_TLSC_TUN_DOWN", 26: "WLC_SEC_TUN_MSG_TLSC_TUN_STATS",
-    27: "WLC_SEC_TUN_MSG_TLSC_GW_FQDN_REQ", 30: "WLC_SEC_TUN_MSG_TLSC_INFO_UPDATE", 31: "WLC_SEC_TUN_MSG_EXIT", 33: "Invalid",
-    36: "WLC_SEC_TUN_MSG_TLSC_DBG_INFO_UPDATE", 38: "Invalid", 255: "Invalid", 2**31: "Invalid", 2**32 - 1: "Invalid",
-}  # fmt: skip
+    0: "Invalid",
+    2: "WLC_SEC_TUN_MSG_BOOTUP",
+    3: "WLC_SEC_TUN_MSG_ENABLE",
+    4: "WLC_SEC_TUN_MSG_DISABLE",
+    5: "WLC_SEC_TUN_MSG_TUN_RESTART",
+    6: "WLC_SEC_TUN_MSG_CONFIG_ERR",
+    7: "WLC_SEC_TUN_MSG_CONFIG_UPDATE",
+    8: "Invalid",
+    19: "Invalid",
+    23: "WLC_SEC_TUN_MSG_TLSC_TUN_IN_PROG",
+    24: "WLC_SEC_TUN_MSG_TLSC_TUN_UP",
+    25: "WLC_SEC_TUN_MSG_TLSC_TUN_DOWN",
+    26: "WLC_SEC_TUN_MSG_TLSC_TUN_STATS",
+    27: "WLC_SEC_TUN_MSG_TLSC_GW_FQDN_REQ",
+    30: "WLC_SEC_TUN_MSG_TLSC_INFO_UPDATE",
+    31: "WLC_SEC_TUN_MSG_EXIT",
+    33: "Invalid",
+    36: "WLC_SEC_TUN_MSG_TLSC_DBG_INFO_UPDATE",
+    38: "Invalid",
+    255: "Invalid",
+    2**31: "Invalid",
+    2**32 - 1: "Invalid",
+}
 
 
 def test_a_foreign_message_is_named_logged_and_dropped(tunnel):
@@ -72,7 +89,9 @@ def test_several_records_in_one_write_are_handled_in_order(tunnel):
 def test_what_stands_behind_an_exit_is_not_handled(tunnel):
     controller = tunnel.controller
     since = controller.count
-    controller.send(records.record(records.PROCESS_REQUEST), records.record(records.EXIT), records.record(records.HELLO))
+    controller.send(
+        records.record(records.PROCESS_REQUEST), records.record(records.EXIT), records.record(records.HELLO)
+    )
     assert tunnel.daemon.process.wait(8) == 1
     time.sleep(0.2)
     assert [k for k in controller.kinds(since) if k not in ("25", "30/33")] == ["36"]

@@ -12,7 +12,9 @@ FAST = 5
 
 
 def ping(world):
-    return world.run(["ping", "-c", "1", "-W", "2", "-I", MANAGEMENT_IP, SITE_IP], ns="device", check=False)["status"] == 0
+    return (
+        world.run(["ping", "-c", "1", "-W", "2", "-I", MANAGEMENT_IP, SITE_IP], ns="device", check=False)["status"] == 0
+    )
 
 
 @pytest.fixture
@@ -63,7 +65,11 @@ def test_a_lost_connection_is_reported_and_made_again(fast_tunnel, lose):
     assert controller.all("30/1", before) == []
     daemon.log.wait_for("Started DPD Timer for", 5, place)
     daemon.log.assert_order(
-        "Closing connection and bringing down tun interface", "TUN-INTF is DOWN!!", "Started Backoff Timer for 10 sec", "TUN-INTF is UP!!", since=place
+        "Closing connection and bringing down tun interface",
+        "TUN-INTF is DOWN!!",
+        "Started Backoff Timer for 10 sec",
+        "TUN-INTF is UP!!",
+        since=place,
     )
     assert fast_tunnel.gateway.inner() == inner
     daemon.add_route()
@@ -91,7 +97,9 @@ def test_a_wrong_key_fails_the_handshake_until_the_key_is_right(bench):
     daemon.log.wait_for("Started Backoff Timer for", 10, times=2)
     text = daemon.log.text
     assert text.count("TCP Connection failed") == 0
-    assert text.count("Closing connection and bringing down tun interface") == text.count("Could not build a SSL session to:")
+    assert text.count("Closing connection and bringing down tun interface") == text.count(
+        "Could not build a SSL session to:"
+    )
     assert [e["reason"] for e in gateway.events("tls_failed")]
     # The interface never was up: nothing to report but the name requests of the backoff.
     assert set(bench.controller.kinds()) == {"1", "23", "27"}

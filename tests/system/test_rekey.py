@@ -30,7 +30,9 @@ def test_a_rekey_renews_the_connection_and_keeps_address_cookie_and_interface(be
 
     first, second = gateway.events("config_req")[:2]
     assert (second["address"], second["cookie_known"]) == (inner, True)
-    assert second["text"].startswith(f"X-CSTP-Address:{inner}\nX-CSTP-Device-ID:dev-0001\nX-CSTP-Cookie:{second['cookie']}\n")
+    assert second["text"].startswith(
+        f"X-CSTP-Address:{inner}\nX-CSTP-Device-ID:dev-0001\nX-CSTP-Cookie:{second['cookie']}\n"
+    )
     assert first["address"] is None and first["cookie"] is None
 
     # Old and new side by side until the response is there, then the old one is closed by the client.
@@ -43,7 +45,12 @@ def test_a_rekey_renews_the_connection_and_keeps_address_cookie_and_interface(be
     # The controller hears of the question and of the DNS servers, and of no change.
     assert controller.kinds(before) == ["27", "30/0"]
     counters = daemon.statistics()
-    assert (counters["rekey_attempts"], counters["rekey_success"], counters["tun_alloc"], counters["tun_freed"]) == (1, 1, 1, 0)
+    assert (counters["rekey_attempts"], counters["rekey_success"], counters["tun_alloc"], counters["tun_freed"]) == (
+        1,
+        1,
+        1,
+        0,
+    )
     assert bench.world.ip("device", f"-o link show dev {TUN_NAME}").split(":")[0] == index
     assert bench.world.run(["ping", "-c", "1", "-W", "2", "-I", MANAGEMENT_IP, SITE_IP], ns="device")["status"] == 0
     daemon.log.assert_order(

@@ -87,7 +87,9 @@ def test_a_stop_before_any_start_is_dropped_by_the_start(bench):
 
 def test_a_restart_reads_the_file_again(tunnel):
     daemon, controller, gateway = tunnel.daemon, tunnel.controller, tunnel.gateway
-    tunnel.world.write("/storage/application/wlc/wlc-sec-tun.conf", conf_text(device_id="dev-0002", tun_interface_name="tlstun7"))
+    tunnel.world.write(
+        "/storage/application/wlc/wlc-sec-tun.conf", conf_text(device_id="dev-0002", tun_interface_name="tlstun7")
+    )
     since, before = controller.count, gateway.last
     daemon.order(records.TUN_RESTART)
     controller.wait_for(records.TUN_IN_PROG, 6, since)
@@ -109,7 +111,11 @@ def test_a_restart_without_a_start_runs_a_tunnel_whose_statistics_are_off(bench)
     bench.controller.wait_for(records.PROCESS_INFO, 5)
     assert bench.controller.all("30/33") == []
     # Without a pipe yet, the stop inside the restart could not be posted.
-    assert daemon.log.count("Posting message to stop TLS Client...") + daemon.early_log.count("Posting message to stop TLS Client...") == 1
+    assert (
+        daemon.log.count("Posting message to stop TLS Client...")
+        + daemon.early_log.count("Posting message to stop TLS Client...")
+        == 1
+    )
 
 
 def test_statistics_come_every_thirtieth_poll(bench):

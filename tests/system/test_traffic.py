@@ -4,6 +4,7 @@ import hashlib
 import random
 import socket
 import threading
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
@@ -72,6 +73,7 @@ def random_packet(rng, source, destination):
 
 def special_packets(source, destination):
     """The cases in which the checksum repair decides something, by name."""
+
     def header(**more):
         return IP(src=source, dst=destination, **more)
 
@@ -80,13 +82,17 @@ def special_packets(source, destination):
     no_checksum = raw(header() / UDP(sport=1, dport=9, chksum=0) / Raw(b"no checksum"))
     longest = raw(header() / UDP(sport=1, dport=9) / Raw(b"x" * (MAX_PACKET - 28)))
     assert len(longest) == MAX_PACKET
-    return {
-        "icmp": raw(header() / ICMP(type=0, id=3, seq=4) / Raw(b"ping")),
-        "udp without checksum": no_checksum,
-        "first fragment": first,
-        "later fragment": second,
-        "other protocol": raw(header(proto=47) / Raw(b"\0\0\x08\0generic")),
-    }, (whole_tcp, first), longest
+    return (
+        {
+            "icmp": raw(header() / ICMP(type=0, id=3, seq=4) / Raw(b"ping")),
+            "udp without checksum": no_checksum,
+            "first fragment": first,
+            "later fragment": second,
+            "other protocol": raw(header(proto=47) / Raw(b"\0\0\x08\0generic")),
+        },
+        (whole_tcp, first),
+        longest,
+    )
 
 
 def expected_first_fragment(whole, first, **address):
@@ -140,7 +146,9 @@ def test_a_packet_of_1437_bytes_from_the_gateway_is_refused(tunnel):
     packet = raw(IP(src=SITE_IP, dst=crossing.inner) / UDP(sport=1, dport=9) / Raw(b"x" * (MAX_PACKET + 1 - 28)))
     place = tunnel.daemon.log.position
     tunnel.gateway.ask("send_frame", type=0, payload=packet.hex())
-    tunnel.daemon.log.wait_match(r"Frame too big to write to tun intf for conn 0x\w+\. len received = 1437, Max-limit = 1436", 5, place)
+    tunnel.daemon.log.wait_match(
+        r"Frame too big to write to tun intf for conn 0x\w+\. len received = 1437, Max-limit = 1436", 5, place
+    )
     tunnel.daemon.log.wait_for("Processing CSTP frame failed due to error TLSC_CSTP_FRAME_SIZE_TOO_BIG\n", 5, place)
     tunnel.daemon.log.wait_match(r"Could not write data-frame on tun-intf, for conn 0x", 5, place)
     crossing.tun.assert_silent()
@@ -227,3 +235,20 @@ def test_tcp_in_both_directions_at_once_and_from_both_sides(tunnel):
     inner = tunnel.gateway.inner()
     assert transfer(tunnel.world, data, "gateway", (SITE_IP, SITE_IP), "device", MANAGEMENT_IP) == [expected] * 2
     assert transfer(tunnel.world, data, "device", (MANAGEMENT_IP, inner), "gateway") == [expected] * 2
+
+
+@pytest.mark.sanitizer
+def test_64_streams_at_once_each_arrive_whole_in_both_directions(tunnel):
+    """Half of the connections begin on either side; each carries bytes of its own both ways."""
+    inner = tunnel.gateway.inner()
+
+    def cross(number):
+        data = random.Random(number).randbytes(200_000 + number)
+        ways = (
+            (data, "gateway", (SITE_IP, SITE_IP), "device", MANAGEMENT_IP),
+            (data, "device", (MANAGEMENT_IP, inner), "gateway"),
+        )
+        return transfer(tunnel.world, *ways[number % 2]) == [hashlib.sha256(data).hexdigest()] * 2
+
+    with ThreadPoolExecutor(64) as pool:
+        assert list(pool.map(cross, range(64))) == [True] * 64

@@ -11,7 +11,7 @@ import time
 from . import records
 from .world import wait_until
 
-TO_DAEMON = "/tmp/wlc-to-tlsc-fifo"    # created by the daemon
+TO_DAEMON = "/tmp/wlc-to-tlsc-fifo"  # created by the daemon
 FROM_DAEMON = "/tmp/tlsc-to-wlc-fifo"  # created by the controller
 
 F_SETPIPE_SZ = 1031
