@@ -346,8 +346,8 @@ def failed_allocation(stage, life):
     for line in life.world.read(ERRORS).decode(errors="replace").splitlines():
         match = re.match(r"(\S+)\((\w*)\+(0x[0-9a-f]+)\)", line)
         if match and match[1].endswith("/tlsc"):
-            ask = ["addr2line", "-f", "-e", stage.build / "bin/tlsc", match[3]]
-            names.append(subprocess.run(ask, capture_output=True, text=True).stdout.split("\n")[0])
+            ask = ["addr2line", "-f", "-i", "-e", stage.build / "bin/tlsc", match[3]]
+            names.append(subprocess.run(ask, capture_output=True, text=True).stdout.split("\n")[-3])
         elif match and match[2] and "alloc.so" not in match[1]:
             names.append(match[2])
     return " < ".join(names)

@@ -51,8 +51,8 @@ void check_data(const expected_frame &frame, int32_t result) {
 }
 
 void one_record(fuzz_input &in, tlsc_sock *sock) {
-    world.record    = std::string(in.bytes(in.word() % 1700));
-    world.ssl_error = world.record.empty() ? static_cast<int>(in.below(7)) : 0;
+    world.record          = std::string(in.bytes(in.word() % 1700));
+    world.next_read_error = world.record.empty() ? static_cast<int>(in.below(7)) : 0;
     world.to_tun.clear();
 
     const expected_frame expected(world.record);

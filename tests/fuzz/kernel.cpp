@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <fcntl.h>
 #include <initializer_list>
+#include <utility>
 #include <linux/if_tun.h>
 #include <sys/epoll.h>
 #include <poll.h>
@@ -82,11 +83,12 @@ void begin(fuzz_input *input) {
     world.command.clear();
     world.messages.clear();
     world.record.clear();
-    world.ssl_error         = SSL_ERROR_NONE;
-    world.peer_knows_key    = true;
-    world.controller_exists = true;
-    world.slices            = nullptr;
-    world.steps             = 0;
+    world.ssl_error = world.next_read_error = SSL_ERROR_NONE;
+    world.in_handshake                      = false;
+    world.peer_knows_key                    = true;
+    world.controller_exists                 = true;
+    world.slices                            = nullptr;
+    world.steps                             = 0;
 }
 
 bool fails(std::initializer_list<int> errors) {
@@ -149,6 +151,12 @@ void open_foreign() {
 void close_foreign() {
     for (descriptor &entry : world.table)
         if (entry.what == kind::foreign) entry = {};
+}
+
+void send_record(descriptor &stream, const std::string &content) {
+    stream.incoming += {SSL3_RT_APPLICATION_DATA, 3, 3};
+    stream.incoming += {static_cast<char>(content.size() >> 8), static_cast<char>(content.size())};
+    stream.incoming += content;
 }
 
 bool is_deadly_response(const std::string &text) {
@@ -281,7 +289,6 @@ int __wrap_fcntl(int fd, int command, ...) {
     va_end(arguments);
     if (!is_faked(fd)) return __real_fcntl(fd, command, argument);
     (void)owned(fd);
-    if ((command == F_GETFL || command == F_SETFL) && fails({EINVAL})) return -1;
     return 0;
 }
 
@@ -568,7 +575,11 @@ int __wrap_shutdown(int fd, int) {
 }
 
 // ==== 6 TLS ======================================================================================================
-// Sessions are real; what would go over the wire is not. The handshake asks the daemon for its key, as a peer would.
+// Sessions are real; what would go over the wire is not: records without protection, over the daemon's own transport
+// where it has put one under the session. The handshake asks the daemon for its key, as a peer would.
+
+static const SSL  *pending_session;  // whose last record was longer than what was asked for
+static std::string pending;
 
 SSL *__real_SSL_new(SSL_CTX *ctx);
 void __real_SSL_free(SSL *ssl);
@@ -582,6 +593,7 @@ SSL *__wrap_SSL_new(SSL_CTX *ctx) {
 
 void __wrap_SSL_free(SSL *ssl) {
     if (ssl) --world.live_ssl;
+    if (ssl == pending_session) pending_session = nullptr;
     __real_SSL_free(ssl);
 }
 
@@ -596,6 +608,12 @@ static descriptor &transport(const SSL *ssl) {
 static int tls_failure(int error) {
     world.ssl_error = error;
     return -1;
+}
+
+// True for the transport of the daemon's own.
+static bool has_transport(const SSL *ssl) {
+    const BIO *bio = SSL_get_rbio(ssl);
+    return bio && strcmp(BIO_method_name(bio), "tlsc transport") == 0;
 }
 
 int __wrap_SSL_connect(SSL *ssl) {
@@ -618,18 +636,61 @@ int __wrap_SSL_write(SSL *ssl, const void *buffer, int length) {
     if (entry.shut) return tls_failure(SSL_ERROR_SYSCALL);
     if (fails({EPIPE, ECONNRESET})) return tls_failure(SSL_ERROR_SYSCALL);
     if (fails({EAGAIN})) return tls_failure(SSL_ERROR_WANT_WRITE);
-    world.to_peer.emplace_back(static_cast<const char *>(buffer), static_cast<size_t>(length));
+    const std::string content(static_cast<const char *>(buffer), static_cast<size_t>(length));
+    if (has_transport(ssl)) {
+        descriptor record{};
+        send_record(record, content);
+        const int size = static_cast<int>(record.incoming.size());
+        if (BIO_write(SSL_get_wbio(ssl), record.incoming.data(), size) != size) return tls_failure(SSL_ERROR_SYSCALL);
+    }
+    world.to_peer.push_back(content);
     world.ssl_error = SSL_ERROR_NONE;
     return length;
 }
 
+// One record of the transport, without its header. Returns SSL_ERROR_NONE, or why there is none.
+static int read_record(SSL *ssl, std::string *content) {
+    BIO    *bio = SSL_get_rbio(ssl);
+    uint8_t header[5];
+    for (size_t got = 0, wanted = sizeof(header); got < wanted;) {
+        const int count = BIO_read(bio, header + got, static_cast<int>(wanted - got));
+        if (count <= 0) return count < 0 && BIO_should_retry(bio) ? SSL_ERROR_WANT_READ : SSL_ERROR_SYSCALL;
+        got += static_cast<size_t>(count);
+    }
+    if (header[0] != SSL3_RT_APPLICATION_DATA || header[1] != 3 || header[2] != 3) return SSL_ERROR_SSL;
+    content->resize(static_cast<size_t>(header[3] << 8 | header[4]));
+    for (size_t got = 0; got < content->size();) {
+        const int count = BIO_read(bio, content->data() + got, static_cast<int>(content->size() - got));
+        if (count <= 0) return SSL_ERROR_SYSCALL;
+        got += static_cast<size_t>(count);
+    }
+    return SSL_ERROR_NONE;
+}
+
+int __wrap_SSL_pending(const SSL *ssl) { return ssl == pending_session ? static_cast<int>(pending.size()) : 0; }
+
+int __wrap_SSL_in_init(const SSL *) { return world.in_handshake; }
+
 int __wrap_SSL_read(SSL *ssl, void *buffer, int size) {
     (void)transport(ssl);
-    if (world.ssl_error != SSL_ERROR_NONE) return world.ssl_error == SSL_ERROR_ZERO_RETURN ? 0 : -1;
-    if (world.record.empty()) return tls_failure(SSL_ERROR_WANT_READ);
-    const size_t got = std::min(static_cast<size_t>(size), world.record.size());
-    memcpy(buffer, world.record.data(), got);
-    world.record.erase(0, got);
+    if (const int error = std::exchange(world.next_read_error, SSL_ERROR_NONE)) {
+        (void)tls_failure(error);
+        return error == SSL_ERROR_ZERO_RETURN ? 0 : -1;
+    }
+    if (has_transport(ssl) && ssl != pending_session) pending.clear();
+    std::string &from = has_transport(ssl) ? pending : world.record;
+    if (has_transport(ssl) && from.empty()) {
+        pending_session = ssl;
+        if (const int error = read_record(ssl, &from); error != SSL_ERROR_NONE) {
+            from.clear();
+            return tls_failure(error);
+        }
+    }
+    if (from.empty()) return tls_failure(SSL_ERROR_WANT_READ);
+    const size_t got = std::min(static_cast<size_t>(size), from.size());
+    memcpy(buffer, from.data(), got);
+    from.erase(0, got);
+    world.ssl_error = SSL_ERROR_NONE;
     return static_cast<int>(got);
 }
 

@@ -73,12 +73,14 @@ struct machine {
     int                      tun_errno = 5;  // of the next TUN read without a packet
     std::string              command;        // next bytes of the command pipe
     std::vector<std::string> messages;       // of the controller, last first
-    std::string              record;         // next TLS record
+    std::string              record;         // next TLS record, for a session without the transport of the daemon's own
 
     bool process_begins = false;  // start_process runs
 
     // What the peer and TLS do next.
     int  ssl_error         = 0;  // SSL_get_error of the last call
+    int  next_read_error   = 0;  // the next SSL_read fails with it
+    bool in_handshake      = false;
     int  live_ssl          = 0;
     bool peer_knows_key    = true;
     bool controller_exists = true;
@@ -121,6 +123,9 @@ void reset_process();
 // Another thread opens a descriptor (the lowest number that is free) or closes all that it has.
 void open_foreign();
 void close_foreign();
+
+// The peer sends these bytes as one TLS record.
+void send_record(descriptor &stream, const std::string &content);
 
 // True when the text, as a configuration response, sets a DPD interval that ends the process by contract.
 bool is_deadly_response(const std::string &text);

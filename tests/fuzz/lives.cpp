@@ -142,19 +142,27 @@ bool give_command(event_list &list, fuzz_input &in) {
     return list.add(find(number_of(kind::pipe_in)), EPOLLIN);
 }
 
+// A record or several, a part of one, bytes that are none, or the end.
+void peer_sends(event_list &list, fuzz_input &in) {
+    descriptor *stream = choose(kind::stream, in);
+    if (!stream) return;
+    const uint8_t how = in.byte();
+    for (int records = (how & 7) == 7 ? 4 : 1; records > 0; --records) send_record(*stream, peer_frame(in));
+    if (how >= 240) stream->incoming += in.bytes(in.below(40));
+    else if (how >= 224) stream->incoming.resize(in.below(stream->incoming.size() + 1));
+    else if (how >= 216) stream->ended = true;
+    (void)list.add(stream, EPOLLIN);
+}
+
 void add_event(event_list &list, fuzz_input &in) {
     switch (in.below(16)) {
     case 0:
     case 1:
     case 2:
-    case 3:
-        world.record    = peer_frame(in);
-        world.ssl_error = SSL_ERROR_NONE;
-        (void)list.add(choose(kind::stream, in), EPOLLIN);
-        break;
+    case 3: peer_sends(list, in); break;
     case 4:
-        world.ssl_error = read_errors[in.below(std::size(read_errors))];
-        (void)list.add(choose(kind::stream, in), EPOLLIN);
+        world.next_read_error = read_errors[in.below(std::size(read_errors))];
+        peer_sends(list, in);
         break;
     case 5: (void)list.add(choose(kind::stream, in), error_masks[in.below(std::size(error_masks))]); break;
     case 6:
@@ -213,9 +221,8 @@ int wait_healing(event_list &list, int timeout) {
     world.to_peer.clear();
     const auto streams = candidates(kind::stream);
     if (last.size() > 6 && !streams.empty() && (last[6] == frame_request || last[6] == frame_dpd_request)) {
-        world.ssl_error = SSL_ERROR_NONE;
-        world.record    = last[6] == frame_request ? frame(frame_response, good_response())
-                                                   : frame(frame_dpd_response, "");
+        const std::string response = frame(frame_response, good_response());
+        send_record(*streams.back(), last[6] == frame_request ? response : frame(frame_dpd_response, ""));
         (void)list.add(streams.back(), EPOLLIN);
         return list.count;
     }
@@ -231,7 +238,9 @@ int on_wait(void *events, int max, int timeout) {
         healing      = true;
         world.faults = false;
         close_foreign();
+        world.next_read_error = SSL_ERROR_NONE;
         world.peer_knows_key = world.controller_exists = true;
+        world.next_read_error                          = SSL_ERROR_NONE;
         world.to_peer.clear();
         world.command = command(CLI_CMD_GW_IP, ADDR_IPV4);  // a connection from scratch, whatever state this is
         if (list.add(find(number_of(kind::pipe_in)), EPOLLIN)) return list.count;
