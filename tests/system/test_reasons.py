@@ -7,6 +7,7 @@ import time
 import pytest
 
 from harness.daemon import CONF_FILE, PSK_IDENTITY, PSK_KEY, TUN_NAME, conf_text
+from harness.schema import check, check_controller_answer
 from harness.wlcctl import PROGRAM, SOCKET
 from harness.world import BLACK_HOLE_IP, BUILD, GATEWAY_IP, MANAGEMENT_IP, SITE_IP, wait_until
 
@@ -43,7 +44,7 @@ class Device:
         return self.world.run([str(PROGRAM), *words], ns="device", check=False, timeout=timeout)
 
     def ask(self, *words, timeout=60):
-        return json.loads(self.run("--json", *words, timeout=timeout)["out"].splitlines()[-1])
+        return check_controller_answer(json.loads(self.run("--json", *words, timeout=timeout)["out"].splitlines()[-1]))
 
     def status(self):
         return self.ask("status")
@@ -474,3 +475,61 @@ def test_a_group_may_watch_and_gives_no_orders(device):
     refused = device.ask("--socket", second, "stop")
     assert refused["exit"] == 2
     assert "reading only" in refused["error"]
+
+
+def test_every_answer_and_event_has_the_form_that_its_schema_says(device):
+    assert check_controller_answer(json.loads(device.run("--json", "status")["out"]))["exit"] == 9, "no agent"
+    device.bench.make_gateway()
+    device.bring_up("--on-down", "true")
+    for words in (
+        ("status", "--fresh"),
+        ("stats", "--fresh"),
+        ("stats", "--clear"),
+        ("wait", "up"),
+        ("wait", "down", "--timeout", "0.1"),
+        ("hello",),
+        ("info",),
+        ("debug", "level", "info"),
+        ("why",),
+        ("why", "stuck"),
+        ("why", "no-such-code"),
+        ("lint",),
+        ("lint", "/nowhere"),
+        ("conf", "show"),
+        ("help",),
+        ("restart", "--wait"),
+        ("stop", "--wait"),
+        ("status",),
+        ("start",),
+        ("events",),
+        ("shutdown", "--wait"),
+        ("status",),
+    ):
+        device.ask(*words)
+    for line in device.world.read("/tmp/agent.out").decode().splitlines():
+        check("controller-event", json.loads(line))
+    for line in device.run("logs", "--json", "--why")["out"].splitlines():
+        check("controller-log-line", json.loads(line))
+
+
+def test_the_socket_describes_itself_and_refuses_what_it_does_not_know(device):
+    """Line by line, as another program would speak to it."""
+    device.start_agent()
+    talk = (
+        "import json,socket,sys\ns=socket.socket(socket.AF_UNIX)\ns.connect('%s')\nf=s.makefile('rw')\n"
+        "for line in sys.stdin:\n f.write(line)\n f.flush()\n print(f.readline(), end='')\n" % SOCKET
+    )
+    lines = (
+        '{"request":"help"}\n{"request":"nothing"}\n{"request":"status","fresch":true}\n'
+        '{"request":"events","events":["nothing"]}\nnot json\n'
+    )
+    done = device.world.run(["/usr/bin/python3", "-c", talk], ns="device", input=lines)
+    answers = [json.loads(line) for line in done["out"].splitlines()]
+    for answer in answers:
+        check("answer", answer)
+    check("help", answers[0])
+    assert "start" in [r["request"] for r in answers[0]["requests"]]
+    assert [a["exit"] for a in answers] == [0, 2, 2, 2, 2]
+    assert "there are: " in answers[1]["error"] and "status" in answers[1]["error"]
+    assert answers[2]["error"].endswith("there are: fresh")
+    assert "tun_up" in answers[3]["error"]

@@ -10,12 +10,32 @@ except ImportError:  # the demonstration does without
 
 from .world import PROJECT
 
+# The schema of a controller's answer, by its request.
+ANSWERS = {
+    "status": "controller-status",
+    **dict.fromkeys(("start", "stop", "restart", "wait"), "controller-tunnel"),
+    "events": "events",
+    "help": "help",
+    "stats": "controller-stats",
+    **dict.fromkeys(("debug", "resolve", "hello", "info", "shutdown"), "controller-order"),
+    "lint": "controller-lint",
+    "why": "controller-why",
+    "doctor": "controller-doctor",
+    "report": "controller-report",
+    **dict.fromkeys(("conf show", "conf init"), "controller-conf"),
+}
+
+
+@functools.cache
+def _schemas():
+    return {path.name: json.loads(path.read_text()) for path in (PROJECT / "docs/schema").glob("*.json")}
+
 
 @functools.cache
 def _validator(name):
-    schema = json.loads((PROJECT / f"docs/schema/{name}.json").read_text())
+    schema = _schemas()[f"{name}.json"]
     jsonschema.Draft202012Validator.check_schema(schema)
-    return jsonschema.Draft202012Validator(schema)
+    return jsonschema.Draft202012Validator(schema, resolver=jsonschema.RefResolver("", schema, store=_schemas()))
 
 
 def check(name, value):
@@ -24,3 +44,11 @@ def check(name, value):
         return
     error = jsonschema.exceptions.best_match(_validator(name).iter_errors(value))
     assert error is None, f"{name}: {error.json_path}: {error.message}"
+
+
+def check_controller_answer(answer):
+    """Holds an answer of the controller, and the events in it, against their schemas. Returns it."""
+    check(ANSWERS.get(answer["request"], "answer"), answer)
+    for event in answer.get("events", []) if answer["request"] == "events" else []:
+        check("controller-event", event)
+    return answer
