@@ -276,5 +276,29 @@ def write(run, results, folder):
     (folder / "benchmark.md").write_text(text)
 
 
+# ---- the README ------------------------------------------------------------------------------------------------------
+
+FRONT = ("up", "down", "both", "up_cpu", "down_cpu", "ping", "ping_up_99", "ping_down_99")
+FRONT_BEGIN, FRONT_END = "<!-- figures: written by ./run bench -->\n", "<!-- end of the figures -->\n"
+
+
+def front(results):
+    """The medians that the README shows."""
+    lines = []
+    for name in FRONT:
+        title, unit, decimals, _ = CATALOGUE[name]
+        medians = [spread(results.of(program, name), decimals).split(" ")[0] for program in results.programs]
+        lines.append([f"{title}, {unit}", *medians])
+    return "\n".join(rows(["median", *results.programs], lines))
+
+
+def write_front(results, readme):
+    """Puts them between their marks in the README."""
+    text = Path(readme).read_text()
+    before, _, rest = text.partition(FRONT_BEGIN)
+    _, _, after = rest.partition(FRONT_END)
+    Path(readme).write_text(f"{before}{FRONT_BEGIN}\n{front(results)}\n{FRONT_END}{after}")
+
+
 def today():
     return time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime())
