@@ -71,8 +71,7 @@ def router(bench):
 @pytest.mark.skipif(shutil.which("busybox") is None, reason="needs busybox")
 @pytest.mark.parametrize("path", SCRIPTS, ids=lambda path: path.name)
 def test_script_is_read_by_busybox_and_shellcheck_without_a_word(path):
-    checker = ["shellcheck", "--shell=dash", "--severity=warning", "-e", "SC3043,SC2034"]
-    for words in (["busybox", "ash", "-n"], checker):
+    for words in (["busybox", "ash", "-n"], ["shellcheck", "--severity=warning"]):
         done = subprocess.run(words + [path], capture_output=True, text=True, timeout=60)
         assert (done.returncode, done.stdout + done.stderr) == (0, "")
 
