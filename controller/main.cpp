@@ -4,6 +4,7 @@
 #include "agent_conf.h"
 #include "client.h"
 #include "conf.h"
+#include "decode.h"
 #include "lint.h"
 #include "local.h"
 #include "ping.h"
@@ -543,6 +544,37 @@ void add_report(CLI::App &app, command_line &line) {
     });
 }
 
+void add_decode(CLI::App &app, command_line &line) {
+    auto options   = std::make_shared<decode_options>();
+    options->conf  = default_conf_file;
+    CLI::App *verb = add_verb(
+        app, "decode", "Shows the tunnel's frames in a capture (with tshark); needs no agent",
+        "  wlcctl decode wan.pcapng\n  wlcctl decode wan.pcapng --verbose --keylog gateway-keys.txt");
+    verb->add_option("file", options->file, "The capture, pcap or pcapng, from the handshake on")
+        ->required()
+        ->type_name("FILE");
+    verb->add_option("--conf", options->conf, "Configuration file that holds the key")
+        ->type_name("PATH")
+        ->capture_default_str();
+    verb->add_option("--keylog", options->keylog, "TLS secrets that the gateway wrote, for DHE and ECDHE suites")
+        ->type_name("PATH");
+    verb->add_option("--port", options->port, "The gateway's port: all TLS data on it is CSTP, malformed or not")
+        ->check(CLI::Range(1, 65535))
+        ->type_name("PORT");
+    verb->add_option("--dissector", options->dissector, "cstp.lua, where it is not installed")->type_name("PATH");
+    verb->add_flag("--verbose", options->is_verbose, "Everything about each frame");
+    verb->callback([&line, options] {
+        line.run = [&line, options] {
+            options->as_json = line.print.as_json;
+            std::string error;
+            if (run_decode(*options, error) == exit_done) return static_cast<int>(exit_done);
+            json answer     = local_answer("decode", exit_failed);
+            answer["error"] = error;
+            return print_answer(answer, line.print);
+        };
+    });
+}
+
 void add_help(CLI::App &app, command_line &line) {
     auto      name = std::make_shared<std::string>();
     CLI::App *verb = add_verb(app, "help", "Explains a verb, or lists them all", "  wlcctl help start");
@@ -646,6 +678,7 @@ void add_verbs(CLI::App &app, command_line &line) {
     add_watch(app, line);
     add_doctor(app, line);
     add_report(app, line);
+    add_decode(app, line);
     add_agent(app, line);
     add_help(app, line);
 }

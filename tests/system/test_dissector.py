@@ -11,9 +11,9 @@ import time
 
 import pytest
 
-from harness.daemon import PSK_KEY, conf_text
+from harness.daemon import CONF_FILE, PSK_KEY, conf_text
 from harness.packets import IP, UDP, Raw, raw
-from harness.world import PROJECT, SITE_IP, wait_until
+from harness.world import BUILD, PROJECT, SITE_IP, wait_until
 
 LUA = PROJECT / "packaging/wireshark/cstp.lua"
 CAPTURE = "/tmp/capture.pcapng"
@@ -202,3 +202,75 @@ def test_dissector_finds_the_inner_packet_of_split_and_coalesced_records(bench, 
     rows = behind_the_response(bench, capture, tmp_path, records)
     assert [row["udp.dstport"] for row in rows] == [["4711", "4712"], ["4711"], ["4711"], ["4711", "4712"], ["4711"]]
     assert [complaints(row) for row in rows] == [[COALESCED], [SPLIT], [SPLIT], [SPLIT], []]
+
+
+# wlcctl decode.
+
+
+def decode(bench, *words, path=""):
+    arguments = [str(BUILD / "bin/wlcctl"), "decode", CAPTURE, "--dissector", str(LUA), *words]
+    return bench.world.run(["env", f"PATH={path}/usr/bin:/bin", "TMPDIR=/run"] + arguments, check=False)
+
+
+def leftovers(bench):
+    return bench.world.run(["sh", "-c", "ls -d /run/wlcctl-decode.* 2>/dev/null || true"])["out"]
+
+
+def test_decode_shows_the_frames_with_the_key_of_the_configuration_file(bench):
+    bench.make_gateway("--dpd", "5")
+    capture = Capture(bench.world)
+    live_through(bench)
+    capture.end()
+    answer = decode(bench)
+    assert (answer["status"], answer["err"]) == (0, "")
+    for text in ("Configuration request", "inner address 10.9.0.2", "Echo (ping) request", "DPD request", "DPD response"):
+        assert text in answer["out"]
+    assert "X-CSTP-Device-ID:dev-0001" in decode(bench, "--verbose")["out"]
+    assert json.loads(decode(bench, "--json")["out"])
+    assert leftovers(bench) == ""
+
+
+def test_decode_opens_dhe_sessions_with_the_key_log_and_says_so_without(bench):
+    bench.make_gateway("--dpd", "5", "--keylog", KEYLOG)
+    capture = Capture(bench.world)
+    live_through(bench, cipher_algo="DHE-PSK-AES256-CBC-SHA")
+    capture.end()
+    answer = decode(bench)
+    assert answer["status"] == 1 and "no frame could be opened" in answer["err"] and "--keylog" in answer["err"]
+    assert "inner address 10.9.0.2" in decode(bench, "--keylog", KEYLOG)["out"]
+    assert leftovers(bench) == ""
+
+
+def test_decode_gives_the_key_through_a_private_file_and_never_through_an_argument(bench):
+    world = bench.world
+    world.write(CONF_FILE, conf_text())
+    world.write(CAPTURE, "x")
+    world.run(["mkdir", "/run/bin"])
+    script = 'echo "$@" > /run/arguments; env > /run/environment; cd "$WIRESHARK_CONFIG_DIR" && cp preferences /run/copy\n'
+    script += "stat -c %a . preferences > /run/modes; echo line\n"
+    world.write("/run/bin/tshark", f"#!/bin/sh\n{script}", 0o755)
+    assert decode(bench, "--port", "4433", path="/run/bin:")["status"] == 0
+    hexadecimal = PSK_KEY.encode().hex()
+    for name in ("/run/arguments", "/run/environment"):
+        seen = world.read(name).decode()
+        assert hexadecimal not in seen and PSK_KEY not in seen
+    copy = world.read("/run/copy").decode()
+    assert f"tls.psk: {hexadecimal}\n" in copy and "cstp.tls_port: 4433\n" in copy
+    assert world.read("/run/modes").split() == [b"700", b"600"]
+    assert leftovers(bench) == ""
+
+
+def test_decode_says_in_one_line_what_is_wrong(bench):
+    world = bench.world
+    for prepare, text in (
+        (lambda: None, f"cannot read {CAPTURE}"),
+        (lambda: world.write(CAPTURE, "no capture"), f"cannot read {CONF_FILE}"),
+        (lambda: world.write(CONF_FILE, conf_text(psk_key=None)), "holds no psk_key"),
+        (lambda: world.write(CONF_FILE, conf_text()), "tshark failed: "),
+    ):
+        prepare()
+        answer = decode(bench)
+        assert answer["status"] == 1 and text in answer["err"] and answer["err"].count("\n") == 1
+    world.write("/run/empty", "")
+    answer = bench.world.run(["env", "PATH=/nonexistent", str(BUILD / "bin/wlcctl"), "decode", CAPTURE], check=False)
+    assert answer["status"] == 1 and "tshark is missing" in answer["err"]
