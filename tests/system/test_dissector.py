@@ -139,6 +139,7 @@ def behind_the_response(bench, capture, place, records):
     """Has each list of records sent, and reads what came behind the configuration response."""
     for parts in records:
         bench.gateway.ask("send_record", client=1, hex=[part.hex() for part in parts])
+        time.sleep(0.1)  # acknowledged: TCP would put the next one into the same packet
     rows = capture.read(place, cstp__tls_port="443", **KEY)
     rows = [row for row in rows if "to the client" in row["cstp.direction"] or row["cstp.stray"]]
     assert rows[0]["cstp.type"] == [RESPONSE]
