@@ -52,7 +52,8 @@ time_t seconds_now() {
 // Waits until the socket is ready or has failed, which the next call on it tells. False with errno when the wait itself
 // is over, or is not wanted: EAGAIN for a socket that somebody has made non-blocking.
 bool wait_for(int fd, short events) {
-    if ((fcntl(fd, F_GETFL) & O_NONBLOCK) != 0) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0 && (flags & O_NONBLOCK) != 0) {
         errno = EAGAIN;
         return false;
     }
@@ -336,7 +337,7 @@ void tlsc_transport_forget(SSL *ssl) {
 
 bool tlsc_transport_is_readable(const SSL *ssl) {
     if (!ssl || ssl != owner_session) return false;
-    return has_whole_record() || incoming.state != stream_state::open || SSL_pending(ssl) > 0;
+    return has_whole_record() || incoming.state != stream_state::open;
 }
 
 bool tlsc_transport_take_in(const SSL *ssl) {

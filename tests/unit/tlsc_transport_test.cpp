@@ -22,6 +22,7 @@ std::atomic<long> seconds_flown;
 std::atomic<int>  polls;
 std::atomic<int>  longest_poll;
 void (*before_poll)();
+bool flags_are_hidden;  // those of descriptors cannot be read
 
 }  // namespace
 
@@ -35,6 +36,11 @@ extern "C" int __wrap_poll(pollfd *fds, nfds_t count, int timeout) {
     const int result = __real_poll(fds, count, 0);
     if (result == 0) seconds_flown += timeout / 1000;
     return result;
+}
+
+extern "C" int __real_fcntl(int fd, int command, long argument);
+extern "C" int __wrap_fcntl(int fd, int command, long argument) {
+    return flags_are_hidden && command == F_GETFL ? -1 : __real_fcntl(fd, command, argument);
 }
 
 extern "C" int __real_clock_gettime(clockid_t clock, timespec *time);
@@ -60,11 +66,12 @@ class tlsc_transport : public ::testing::Test {
 protected:
     explicit tlsc_transport(const char *cipher = "PSK-AES256-CBC-SHA") : peer(cipher) {
         (void)signal(SIGPIPE, SIG_IGN);
-        time_flies    = false;
-        seconds_flown = 0;
-        polls         = 0;
-        longest_poll  = 0;
-        before_poll   = nullptr;
+        time_flies       = false;
+        seconds_flown    = 0;
+        polls            = 0;
+        longest_poll     = 0;
+        before_poll      = nullptr;
+        flags_are_hidden = false;
         tlsc_transport_cut_waits(false);
         ctx = SSL_CTX_new(TLSv1_2_client_method());
         SSL_CTX_set_psk_client_callback(ctx, give_key);
@@ -328,6 +335,15 @@ TEST_P(tlsc_transport_ciphers, the_largest_record_is_awaited_as_a_whole_and_read
     if (all == text) all += read_all().front();
     EXPECT_EQ(all, text + "next");
     EXPECT_EQ(polls, 0);
+}
+
+TEST_F(tlsc_transport, what_a_read_left_of_a_record_comes_with_the_next_record) {
+    connect();
+    const std::string text(buffer_size, '1');
+    peer.deliver(peer.seal(text + "rest"), fd);
+    EXPECT_EQ(read_all(), (strings{text}));
+    peer.deliver(peer.seal("next"), fd);
+    EXPECT_EQ(read_all(), (strings{"rest", "next"}));
 }
 
 TEST_F(tlsc_transport, records_behind_the_last_handshake_message_are_there_without_an_event) {
