@@ -147,6 +147,7 @@ bool diagnosis::on_step_line(const std::string &text, const moment &when) {
         on_teardown(when);
     } else if (begins(text, "TLS Client: epoll thread exiting normally")) {
         has_stopped = true;
+        last_rekey.reset();
         next_attempt.reset();
         next_rekey.reset();
         set_unanswered(0);
@@ -296,6 +297,7 @@ void diagnosis::on_socket_error(const std::string &text, const moment &when) {
 void diagnosis::on_teardown(const moment &when) {
     if (step == phase::configuration && !has_response_ && !has_fault_) blame("response-timeout", "", when);
     was_up_ = has_response_ = false;
+    last_rekey.reset();
     next_rekey.reset();
     set_unanswered(0);
     first_unanswered.reset();
@@ -328,7 +330,6 @@ void diagnosis::on_start_accepted(const moment &now) {
 
 void diagnosis::on_up(const moment &now) {
     if (step != phase::up) enter(phase::up, now);
-    was_up_ = true;
     next_attempt.reset();
     attempts = 0;
     held.clear();

@@ -27,7 +27,7 @@ from harness.wlcctl import SOCKET as AGENT_SOCKET
 from harness.wlcctl import Wlcctl
 from harness.world import BUILD, DEVICE_IP, GATEWAY_IP, LAN_IP, MANAGEMENT_IP, OwnWorld, WorldError, wait_until
 
-STORY_SECONDS = 88  # the whole story, its failure included
+STORY_SECONDS = 105  # the whole story, its failure included
 REKEY_SECONDS = 18  # assigned to the first connection only: pings and both transfers take some 12 of them
 BULK_SECONDS = 4  # each way
 CIPHER = "PSK-AES256-GCM-SHA384"
@@ -152,6 +152,12 @@ class Story:
 
         self.checks += 1
         return f'log "{wait_until(newest, seconds, f"the line {text!r} in the log")}"'
+
+    def show_status(self):
+        """The end of a chapter: what the controller now says of the tunnel."""
+        shown = self.controller.shown("Tunnel", "Health", "Reason", "To do", "Next attempt", "Rekey")
+        self.check(shown, "wlcctl status to show the tunnel")
+        self.line.row("controller", "wlcctl status", *shown)
 
     def open_descriptors(self):
         """How many the daemon has, without its end of the controller's pipe, which is open while it reports."""
@@ -425,7 +431,31 @@ class Story:
             ("time to recover", f"{recovered:.1f} s from the gateway's death to the first ping (10 s of it back-off)")
         )
 
-    # ---- 6 the orderly end
+    # ---- 6 wrong key
+
+    def start_with_a_wrong_key(self):
+        world, line = self.world, self.line
+        line.chapter("Wrong key")
+        done, answer = self.controller.write_configuration("--cipher-algo", CIPHER, "--force", key="another key of this length")
+        self.check(done == 0, "wlcctl conf init --force to write another key", answer)
+        since = self.controller.last_event()
+        done, answer = self.controller.ask("restart")
+        self.check(done == 0, "wlcctl restart to be sent", answer)
+        line.waiting("the daemon reads the new configuration and connects")
+        reason = self.event("reason", since, 15, code="key-mismatch")
+        line.row("controller", f"knows why: {reason['code']}, {reason['cause']}", self.logged("SSL connect failed!!"), at=reason["mono"])
+        self.check(self.controller.ask("status")[0] == 3, "wlcctl status to end with 3")
+        self.show_status()
+
+        done, answer = self.controller.write_configuration("--cipher-algo", CIPHER, "--force")
+        self.check(done == 0, "wlcctl conf init --force to write the right key", answer)
+        line.waiting("the daemon reads the right key and connects")
+        done, answer = self.controller.ask("restart", "--wait", "30")
+        self.check(done == 0, "wlcctl restart --wait to end with 0", answer)
+        wait_until(lambda: ping(world, LAN_IP, 1, MANAGEMENT_IP), 5, "an answer from the site")
+        line.row("daemon", "is up again with the right key", "ping answered")
+
+    # ---- 7 the orderly end
 
     def shut_down(self):
         world, line = self.world, self.line
@@ -443,6 +473,8 @@ class Story:
             f"ends the tunnel thread; {TUN_NAME} is gone",
             self.logged("TLS Client: epoll thread exiting normally"),
         )
+
+        self.show_status()
 
         done, answer = self.controller.ask("shutdown", "--wait")
         self.check(done == 0, "wlcctl shutdown --wait to end with 0", answer)
@@ -504,6 +536,7 @@ def open_shell(story):
 
 def tell(story, shell):
     story.set_the_stage()
+    story.show_status()
     if shell:
         story.bring_the_tunnel_up()
         story.ping_the_site()
@@ -513,10 +546,16 @@ def tell(story, shell):
             story.line.row("device", "the tunnel was ended in the shell; what still runs ends now")
             return
     else:
-        story.bring_the_tunnel_up(REKEY_SECONDS)
-        story.carry_traffic()
-        story.rekey_under_load()
-        story.kill_the_gateway()
+        chapters = (
+            lambda: story.bring_the_tunnel_up(REKEY_SECONDS),
+            story.carry_traffic,
+            story.rekey_under_load,
+            story.kill_the_gateway,
+            story.start_with_a_wrong_key,
+        )
+        for chapter in chapters:
+            chapter()
+            story.show_status()
     story.shut_down()
 
 

@@ -171,6 +171,12 @@ TEST_F(controller_diagnosis, a_rekey_leaves_its_date) {
     bring_up();
     ASSERT_TRUE(why.last_rekey);
     EXPECT_NEAR(why.last_rekey->mono, now.mono, 0.2);
+    say("Error [8193] occured on SSL-Socket-fd(9).. closing connection");
+    tear_down();
+    EXPECT_FALSE(why.last_rekey);
+    why.on_up(now);  // the message comes before the lines
+    bring_up();
+    EXPECT_TRUE(why.next_rekey);
 }
 
 TEST_F(controller_diagnosis, the_interface_has_three_reasons) {

@@ -3,6 +3,7 @@
 import json
 
 from .daemon import PSK_IDENTITY, PSK_KEY, TUN_NAME
+from .schema import check_controller_answer
 from .world import BUILD, GATEWAY_IP, LAN, MANAGEMENT_IP, wait_until
 
 SOCKET = "/tmp/wlcctl.sock"
@@ -20,16 +21,16 @@ class Wlcctl:
         """Runs wlcctl. Returns its exit status and the answer's members."""
         done = self.world.run([str(PROGRAM), "--json", *map(str, words)], ns="device", check=False, timeout=timeout)
         try:
-            return done["status"], json.loads(done["out"].splitlines()[-1])
+            return done["status"], check_controller_answer(json.loads(done["out"].splitlines()[-1]))
         except (ValueError, IndexError):
             return done["status"], {"ok": False, "error": (done["err"] or done["out"]).strip()}
 
-    def write_configuration(self, *options):
+    def write_configuration(self, *options, key=PSK_KEY):
         """Writes the daemon's configuration file; options are further words of `wlcctl conf init`."""
         return self.ask(
             "conf", "init", "--server-ip-address", GATEWAY_IP, "--server-port", "443", "--management-ip", MANAGEMENT_IP,
             "--tun-interface-name", TUN_NAME, "--device-id", "demo-device", "--serial-num", "0001",
-            "--psk-identity", PSK_IDENTITY, "--psk-key", PSK_KEY, *options,
+            "--psk-identity", PSK_IDENTITY, "--psk-key", key, *options,
         )  # fmt: skip
 
     def start_agent(self, *options):
@@ -42,6 +43,11 @@ class Wlcctl:
         wait_until(
             lambda: self.world.exists(SOCKET), 5, lambda: f"wlcctl agent: {self.world.read('/tmp/agent.err').decode()}"
         )
+
+    def shown(self, *labels):
+        """The lines of `wlcctl status` that begin with these labels, or all of them."""
+        lines = self.world.run([str(PROGRAM), "status"], ns="device", check=False)["out"].splitlines()
+        return [line for line in lines if not labels or line.startswith(labels)]
 
     def events(self, since=0):
         """The agent's events numbered above since."""
