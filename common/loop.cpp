@@ -20,7 +20,7 @@ void check(int result, const char *what) {
 
 }  // namespace
 
-// --- the loop --------------------------------------------------------------------------------------------------------
+// ---- the loop -------------------------------------------------------------------------------------------------------
 
 loop::loop() : room_(std::make_unique<room>()) {
     check(uv_loop_init(&room_->uv), "create an event loop");
@@ -64,7 +64,7 @@ bool loop::is_held() const { return room_->lookups > 0; }
 
 uv_loop_s *loop::raw() const { return &room_->uv; }
 
-// --- watches: the room outlives its owner until libuv lets go of the handle ------------------------------------------
+// ---- watches: the room outlives its owner until libuv lets go of the handle -----------------------------------------
 // ---------------------------------------------
 
 struct timer::room {

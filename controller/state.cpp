@@ -63,7 +63,7 @@ const char *tunnel_name(const fact<tunnel> &state) {
     return state.value == tunnel::up ? "up" : state.value == tunnel::down ? "down" : "in_progress";
 }
 
-// --- what comes -----------------------------------------------------------------------------------------------------
+// ---- what comes -----------------------------------------------------------------------------------------------------
 
 void controller_state::on_message(const message &m, const moment &now) {
     running.set(source::reported, true, now);
@@ -190,7 +190,7 @@ void controller_state::conclude_answered_query(const moment &now) {
     }
 }
 
-// --- what goes ------------------------------------------------------------------------------------------------------
+// ---- what goes ------------------------------------------------------------------------------------------------------
 
 void controller_state::on_sent(uint32_t id, const moment &now) {
     switch (id) {
@@ -219,7 +219,7 @@ void controller_state::on_sent(uint32_t id, const moment &now) {
     }
 }
 
-// --- the daemon comes and goes --------------------------------------------------------------------------------------
+// ---- the daemon comes and goes --------------------------------------------------------------------------------------
 
 void controller_state::on_daemon_reader(bool has_reader, const moment &now) {
     if (has_reader) {
@@ -282,7 +282,7 @@ void controller_state::set_tunnel(tunnel to, source how, const moment &now, cons
     if (was_known || how == source::reported) triggers_.push_back({hook_kind::down, number});
 }
 
-// --- what is known --------------------------------------------------------------------------------------------------
+// ---- what is known --------------------------------------------------------------------------------------------------
 
 bool controller_state::is_silent(const moment &now) const {
     return enabled.is(true) && last_word && now.mono - last_word->mono > report_silence;

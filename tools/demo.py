@@ -436,18 +436,24 @@ class Story:
     def start_with_a_wrong_key(self):
         world, line = self.world, self.line
         line.chapter("Wrong key")
-        done, answer = self.controller.write_configuration("--cipher-algo", CIPHER, "--force", key="another key of this length")
+        words = ("--cipher-algo", CIPHER, "--force")
+        done, answer = self.controller.write_configuration(*words, key="another key of this length")
         self.check(done == 0, "wlcctl conf init --force to write another key", answer)
         since = self.controller.last_event()
         done, answer = self.controller.ask("restart")
         self.check(done == 0, "wlcctl restart to be sent", answer)
         line.waiting("the daemon reads the new configuration and connects")
         reason = self.event("reason", since, 15, code="key-mismatch")
-        line.row("controller", f"knows why: {reason['code']}, {reason['cause']}", self.logged("SSL connect failed!!"), at=reason["mono"])
+        line.row(
+            "controller",
+            f"knows why: {reason['code']}, {reason['cause']}",
+            self.logged("SSL connect failed!!"),
+            at=reason["mono"],
+        )
         self.check(self.controller.ask("status")[0] == 3, "wlcctl status to end with 3")
         self.show_status()
 
-        done, answer = self.controller.write_configuration("--cipher-algo", CIPHER, "--force")
+        done, answer = self.controller.write_configuration(*words)
         self.check(done == 0, "wlcctl conf init --force to write the right key", answer)
         line.waiting("the daemon reads the right key and connects")
         done, answer = self.controller.ask("restart", "--wait", "30")

@@ -213,12 +213,13 @@ def test_an_interface_that_is_removed_while_in_use(device):
 
 
 def test_a_full_disk(device):
-    device.world.run(["sh", "-c", "mkdir -p /storage/application/wlc && mount -t tmpfs -o size=64k tmpfs /storage/application/wlc"])
+    place = "/storage/application/wlc"
+    device.world.run(["sh", "-c", f"mkdir -p {place} && mount -t tmpfs -o size=64k tmpfs {place}"])
     device.bench.make_gateway()
     device.bring_up()
-    device.world.run(["sh", "-c", "dd if=/dev/zero of=/storage/application/wlc/fill bs=1k count=200"], check=False)
+    device.world.run(["sh", "-c", f"dd if=/dev/zero of={place}/fill bs=1k count=200"], check=False)
     device.wait_reason("disk-full", SHOWN)
-    device.world.run(["rm", "/storage/application/wlc/fill"])
+    device.world.run(["rm", f"{place}/fill"])
     device.wait("space again", lambda s: s["reason"] is None, SHOWN)
 
 
@@ -227,10 +228,13 @@ def test_a_full_disk(device):
 
 def test_a_handshake_that_stalls_is_ended_and_the_tunnel_returns(device):
     """The agent's patience is shortened; the daemon is the agent's own child."""
-    stall = "import socket,time\ns=socket.socket()\ns.setsockopt(1,2,1)\ns.bind(('%s',443))\ns.listen()\nopen('/tmp/stalling','w')\nkept=[]\nwhile True: kept.append(s.accept())\n"
+    stall = (
+        "import socket\ns=socket.socket()\ns.setsockopt(1,2,1)\ns.bind(('%s',443))\ns.listen()\n"
+        "open('/tmp/stalling','w')\nkept=[]\nwhile True: kept.append(s.accept())\n"
+    )
     device.world.write("/tmp/stall.py", stall % GATEWAY_IP)
     staller = device.world.spawn(["python3", "/tmp/stall.py"], ns="gateway", stderr="/tmp/stall.err")
-    wait_until(lambda: device.world.exists("/tmp/stalling"), 5, lambda: device.world.read("/tmp/stall.err").decode())
+    wait_until(lambda: device.world.exists("/tmp/stalling"), 5, "a gateway that stalls")
     device.configure()
     device.start_agent("--keep-up", "--stuck-after", "8", "--run", DAEMON)
     device.wait_reason("handshake-stalled", 8 + SHOWN)
@@ -327,7 +331,8 @@ def test_a_daemon_killed_again_and_again_under_traffic_returns_each_time(device)
     assert kinds.count("daemon_ended") == 10
     assert kinds.count("tun_up") == 11
     wait_until(lambda: device.world.read("/tmp/ups").decode().count("up") == 11, 5, "eleven hooks")
-    assert device.world.run(["ping", "-c", "1", "-W", "2", "-I", MANAGEMENT_IP, SITE_IP], ns="device", check=False)["status"] == 0
+    reached = device.world.run(["ping", "-c", "1", "-W", "2", "-I", MANAGEMENT_IP, SITE_IP], ns="device", check=False)
+    assert reached["status"] == 0
 
 
 def restart_agent(device, *options):
@@ -398,7 +403,9 @@ def test_a_start_that_waits_tells_its_steps_and_the_hooks_failure(device):
     assert done["status"] == 10
     assert "no route" in done["err"]
     steps = done["err"].splitlines()
-    order = [steps.index(s) for s in ("the daemon has read the start", f"connecting {GATEWAY_IP}", f"handshake with {GATEWAY_IP}", "configuration", "up")]
+    told = ["the daemon has read the start", f"connecting {GATEWAY_IP}", f"handshake with {GATEWAY_IP}"]
+    told += ["configuration", "up"]
+    order = [steps.index(step) for step in told]
     assert order == sorted(order)
 
 
@@ -430,7 +437,8 @@ def test_the_doctor_says_that_all_is_well_and_finds_a_wrong_key(device):
     device.bring_up("--on-up", f'ip route replace 10.9.0.0/24 dev "$TLSC_TUN" src {MANAGEMENT_IP}')
     answer = device.ask("doctor", "--mtu")
     assert answer["exit"] == 0, answer
-    assert {c["check"] for c in answer["checks"]} >= {"root", "tun", "daemon", "agent", "conf", "clock", "connect", "handshake", "dpd", "ping", "mtu"}
+    looked_at = {"root", "tun", "daemon", "agent", "conf", "clock", "connect", "handshake", "dpd", "ping", "mtu"}
+    assert {c["check"] for c in answer["checks"]} >= looked_at
     device.configure(psk_key="another-key-of-32-characters-...")
     answer = device.ask("doctor")
     assert answer["exit"] == 1
@@ -447,10 +455,10 @@ def test_the_log_is_followed_through_rotation_truncation_and_deletion(device):
         device.world.run(["sh", "-c", change])
         with open(device.world.path(log), "a") as file:
             file.write(line % (1, name))
-        wait_until(lambda: f"line {name}" in device.world.read("/tmp/followed").decode(), 5, lambda: device.world.read("/tmp/followed").decode())
+        wait_until(lambda: f"line {name}".encode() in device.world.read("/tmp/followed"), 5, f"line {name}")
     with open(device.world.path(log), "a") as file:
         file.write("\x1b[2Jbinary \x00\xff" * 1000 + "\nTLSC[99999999999999]: \nTLSC[x" + line % (2, "after \x1b[31mall"))
-    wait_until(lambda: "line after \\x1b[31mall" in device.world.read("/tmp/followed").decode(), 5, "the line after")
+    wait_until(lambda: b"line after \\x1b[31mall" in device.world.read("/tmp/followed"), 5, "the line after")
     assert b"\x1b" not in device.world.read("/tmp/followed")
     assert follower.is_running() and device.agent.is_running()
 
