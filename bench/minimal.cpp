@@ -84,13 +84,13 @@ SSL *connect_tls(const char *address, const char *port, const char *ciphers, boo
     return ssl;
 }
 
-// Asks for an address, as the daemon does, and returns it as text.
-const char *request_address(SSL *ssl) {
-    constexpr char request[] = "X-CSTP-Device-ID:minimal\n";
-    uint8_t        frame[max_record + 1];
-    put_header(frame, frame_request, sizeof(request) - 1);
-    memcpy(frame + header_size, request, sizeof(request) - 1);
-    if (SSL_write(ssl, frame, static_cast<int>(header_size + sizeof(request) - 1)) < 1) die("request");
+// Asks for an address, as the daemon does, and returns it as text. device: what the gateway knows this one by.
+const char *request_address(SSL *ssl, const char *device) {
+    uint8_t   frame[max_record + 1];
+    char     *request = reinterpret_cast<char *>(frame + header_size);
+    const int length  = snprintf(request, max_packet, "X-CSTP-Device-ID:%s\n", device);
+    put_header(frame, frame_request, static_cast<size_t>(length));
+    if (SSL_write(ssl, frame, static_cast<int>(header_size) + length) < 1) die("request");
 
     const int count = SSL_read(ssl, frame, max_record);
     if (count < static_cast<int>(header_size) || frame[6] != frame_response) die("response");
@@ -189,7 +189,7 @@ int main(int argc, char **argv) {
     psk_key      = argv[5];
 
     SSL        *ssl     = connect_tls(argv[1], argv[2], argv[3], on_transport);
-    const char *address = request_address(ssl);
+    const char *address = request_address(ssl, argv[6]);  // several may run at once: each is a device of its own
     const int   tun     = open_interface(argv[6], address);
     const int   epoll   = epoll_create1(0);
     watch(epoll, tun);

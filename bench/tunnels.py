@@ -352,6 +352,8 @@ def start_all(world, gateway, say):
     for tunnel in tunnels:
         try:
             tunnel.start()
+            if tunnel.target in (other.target for other in started):
+                raise Unavailable(f"its address {tunnel.target} is another's, too")
             started.append(tunnel)
             say(f"{tunnel.name}: up, first ping after {tunnel.ready:.2f} s")
         except (Unavailable, WorldError, AssertionError, OSError, subprocess.SubprocessError) as error:
