@@ -842,8 +842,7 @@ TEST_F(engine_loop, a_peer_that_goes_away_does_not_kill_the_process) {
     EXPECT_EQ(signal(SIGPIPE, SIG_IGN), SIG_IGN);
 }
 
-// ---- traffic
-// --------------------------------------------------------------------------------------------------------
+// ---- traffic --------------------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, packets_go_both_ways_with_their_addresses_exchanged) {
     tls_peer peer;
@@ -1169,8 +1168,7 @@ TEST_F(engine_loop, a_later_event_of_a_closed_timer_is_not_taken_for_one_of_the_
     answer(peer, 1);
 }
 
-// ---- timers in the loop
-// ---------------------------------------------------------------------------------------------
+// ---- timers in the loop ---------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, dead_peer_detection_asks_four_times_and_then_gives_up) {
     tls_peer peer;
@@ -1478,8 +1476,7 @@ TEST_F(engine_loop, a_run_that_ends_in_the_backoff_starts_it_anew_for_the_next) 
     EXPECT_EQ(tlsc_backoff_interval, 0u);
 }
 
-// ---- standing still
-// -------------------------------------------------------------------------------------------------
+// ---- standing still -------------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, a_halted_thread_goes_on_when_it_is_resumed) {
     tls_peer peer;
@@ -1631,8 +1628,7 @@ TEST_F(engine_loop, a_thread_that_waits_can_be_halted_and_one_in_a_handshake_can
         ::testing::ExitedWithCode(0), "");
 }
 
-// ---- many records at a time
-// -------------------------------------------------------------------------------------------
+// ---- many records at a time -----------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, a_packet_that_travels_alone_costs_one_wait_and_no_look) {
     tls_peer peer;
@@ -1769,8 +1765,7 @@ TEST_F(engine_loop, openssl_reports_its_messages_only_while_the_log_level_asks_f
     tlsc_log_level = LOG_DEBUG;
 }
 
-// ---- the end of the process, and another beginning
-// -----------------------------------------------------------------
+// ---- the end of the process, and another beginning ------------------------------------------------------------------
 
 TEST_F(engine_loop, a_client_that_was_cleaned_up_begins_again_and_again_and_nothing_is_left_open) {
     int open_at_first = 0;
@@ -1901,8 +1896,7 @@ TEST_F(engine_loop, an_order_to_end_leaves_a_tunnel_that_is_up_to_its_orderly_en
     tlsc_cleanup_context();
 }
 
-// ---- nothing given up
-// ------------------------------------------------------------------------------------------------
+// ---- nothing given up -----------------------------------------------------------------------------------------------
 
 TEST_F(engine_loop, a_back_off_timer_that_cannot_be_started_is_tried_again_while_there_is_nothing_else) {
     tls_peer peer;

@@ -168,8 +168,7 @@ INSTANTIATE_TEST_SUITE_P(, tlsc_transport_ciphers,
 #endif
                                            ));
 
-// ---- the descriptor
-// ---------------------------------------------------------------------------------------------------
+// ---- the descriptor -------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_transport, the_session_knows_its_descriptor_and_does_not_close_it) {
     attach();
@@ -238,8 +237,7 @@ TEST_F(tlsc_transport, a_second_session_takes_the_buffers_and_the_first_can_stil
     SSL_free(second);
 }
 
-// ---- reading
-// ------------------------------------------------------------------------------------------------------------
+// ---- reading --------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_transport, records_of_one_segment_are_taken_in_at_once_and_read_one_by_one) {
     connect();
@@ -383,8 +381,7 @@ TEST_F(tlsc_transport, outside_the_loop_a_read_waits_for_the_rest) {
     EXPECT_GT(polls, 0);
 }
 
-// ---- the end of the stream
-// -------------------------------------------------------------------------------------------------
+// ---- the end of the stream ------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_transport, what_came_before_the_end_is_read_and_then_the_end_is_class_5) {
     connect();
@@ -426,8 +423,7 @@ TEST_F(tlsc_transport, a_reset_is_class_5_with_its_errno) {
     EXPECT_EQ(error, ECONNRESET);
 }
 
-// ---- waits that end
-// ----------------------------------------------------------------------------------------------------------
+// ---- waits that end -------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_transport, a_peer_silent_inside_a_record_is_an_error_after_half_a_minute) {
     connect();
@@ -543,8 +539,16 @@ TEST_F(tlsc_transport, a_socket_that_was_made_non_blocking_is_not_waited_for) {
     EXPECT_EQ(polls, 0);
 }
 
-// ---- writing
-// ------------------------------------------------------------------------------------------------------------------
+TEST_F(tlsc_transport, a_socket_whose_flags_cannot_be_read_is_waited_for) {
+    connect();
+    fill_the_way_out();
+    flags_are_hidden = true;
+    time_flies       = true;
+    EXPECT_FALSE(write("stuck"));
+    expect_half_a_minute();
+}
+
+// ---- writing --------------------------------------------------------------------------------------------------------
 
 TEST_F(tlsc_transport, what_is_not_collected_goes_out_at_once) {
     connect();
