@@ -290,6 +290,30 @@ json set_silence(tunnel_gateway &gateway, const json &request) {
     return json::object();
 }
 
+json faults_of(const tunnel_gateway &gateway) {
+    json list = json::array();
+    for (const armed_fault &fault : gateway.faults().armed())
+        list.push_back({{"fault", fault.text}, {"left", fault.left == UINT64_MAX ? json(nullptr) : json(fault.left)}});
+    return {{"faults", list}};
+}
+
+json order_fault(tunnel_gateway &gateway, const json &request) {
+    try {
+        gateway.order_fault(word_of(request, "fault"));
+    } catch (const std::runtime_error &error) {
+        throw refusal(error.what());
+    }
+    return faults_of(gateway);
+}
+
+json list_faults(tunnel_gateway &gateway, const json &) { return faults_of(gateway); }
+
+json reload_keys(tunnel_gateway &gateway, const json &) {
+    std::string failure = gateway.read_keys_again();
+    if (!failure.empty()) throw refusal(failure);
+    return json::object();
+}
+
 json set_data_events(tunnel_gateway &gateway, const json &request) {
     gateway.lab.data_events = flag_of(request, "on");
     return json::object();
@@ -454,6 +478,7 @@ std::vector<served> looking() {
         {{"status", "the gateway as a whole: listening, pool, laboratory, number of clients"}, show_status},
         {{"clients", "the connections, oldest first"}, list_clients},
         {{"counters", "totals since the start"}, show_counters},
+        {{"faults", "the faults that wait for their trigger"}, list_faults},
         {{"leases", "the devices with their inner addresses"}, list_leases},
     };
 }
@@ -462,6 +487,12 @@ std::vector<served> changing() {
     return {
         {{"data_events", "makes events for packets, or not", {needed(flag("on", "true: from now on"))}, false},
          set_data_events},
+        {{"fault",
+          "orders a fault for the laboratory",
+          {needed(text("fault", "NAME[@TRIGGER[=N]][#COUNT|#*], or none: forget all of them"))},
+          false},
+         order_fault},
+        {{"reload", "reads the key file again; live connections stay", {}, false}, reload_keys},
         {{"dpd",
           "goes on answering DPD requests, or stops",
           {needed(flag("on", "false: stop")), client_member(all_by_default)},

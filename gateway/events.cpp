@@ -32,6 +32,8 @@ constexpr struct {
     {{"sent", "a request sent something: what, bytes"}, spdlog::level::debug},
     {{"alert_rx", "an alert of the client: level, code, alert"}, spdlog::level::info},
     {{"closed", "a connection ended: by, how, detail, age_ms"}, spdlog::level::info},
+    {{"fault", "a fault struck: fault"}, spdlog::level::info},
+    {{"keys_read", "the key file was read again: identities, error"}, spdlog::level::info},
     {{"shutdown", "the gateway ends: reason"}, spdlog::level::info},
 };
 

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "errors.h"
+#include "lease_file.h"
 
 namespace gw {
 
@@ -52,7 +53,9 @@ tunnel_gateway::tunnel_gateway(const gateway_options &options, common::loop &loo
       tls_(options.tls),
       pool_(options.pool, excluded_addresses(options.tun_address)),
       accept_timer_(loop),
+      lease_timer_(loop),
       port_(options.listen_port) {
+    if (!options_.lease_file.empty()) read_lease_file(options_.lease_file, pool_);
     if (options_.use_tun) {
         tun_.emplace(options_.tun, options_.tun_address, options_.mtu, options_.pool);
         tun_watch_.emplace(loop_, tun_->fd());
@@ -137,6 +140,7 @@ void tunnel_gateway::take_connection(common::unique_fd socket, const std::string
     auto &client = *clients_.emplace(id, std::make_unique<tunnel_client>(id, std::move(socket), peer, around, limits))
                         .first->second;
     events.emit("tcp_accept", id, {{"peer", peer}, {"mode", mode_text(lab.accept)}});
+    if (strike_connect(client)) return;
     if (lab.accept == accept_mode::normal) client.start_tls(tls_.get());
     else client.stall(lab.accept == accept_mode::stall_tls);
 }
@@ -153,6 +157,7 @@ void tunnel_gateway::on_tls_up(client_connection &connection) {
                  {"cipher", client.cipher},
                  {"identity", client.identity},
                  {"resumed", SSL_session_reused(client.ssl()) == 1}});
+    strike(fault_trigger::tls, client);
 }
 
 void tunnel_gateway::on_tls_failed(client_connection &connection, const std::string &reason) {
@@ -229,7 +234,19 @@ void tunnel_gateway::shut_down(const std::string &reason) {
     events.emit("shutdown", 0, {{"reason", reason}});
     stop_listening();
     for (tunnel_client *client : clients()) client->end_with_notify("shutdown");
+    write_leases();
     dead_.clear();
+}
+
+std::string tunnel_gateway::read_keys_again() {
+    try {
+        size_t identities = tls_.read_keys_again(options_.tls);
+        events.emit("keys_read", 0, {{"identities", identities}, {"error", ""}});
+        return "";
+    } catch (const usage_error &error) {
+        events.emit("keys_read", 0, {{"identities", 0}, {"error", error.what()}});
+        return error.what();
+    }
 }
 
 // ==== 3 For the control protocol =================================================================================

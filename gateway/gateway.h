@@ -8,6 +8,7 @@
 #include "config_exchange.h"
 #include "connection.h"
 #include "events.h"
+#include "faults.h"
 #include "options.h"
 #include "pool.h"
 #include "tun.h"
@@ -81,6 +82,14 @@ public:
     tunnel_gateway(const tunnel_gateway &)            = delete;
     tunnel_gateway &operator=(const tunnel_gateway &) = delete;
 
+    // Orders a fault for the laboratory (faults.h), "none" forgets all of them. Throws std::runtime_error.
+    void               order_fault(const std::string &text);
+    const fault_table &faults() const { return faults_; }
+
+    // Reads the key file again: SIGHUP and the request reload. Returns what is wrong with it, empty when nothing is;
+    // live connections stay in either case, and the old keys when it is wrong.
+    std::string read_keys_again();
+
     void finish_batch();                        // after every batch of events: writes what waits, buries the dead
     void shut_down(const std::string &reason);  // no new clients, close_notify and FIN to the others
 
@@ -122,6 +131,8 @@ private:
     void drop_route(tunnel_client &client);
 
     // gateway_config.cpp: configuration exchange and dead-peer detection
+    void        keep_leases();
+    void        write_leases();
     void        answer_dpd(tunnel_client &client);
     void        take_config_request(tunnel_client &client, byte_view payload);
     void        respond_by_mode(tunnel_client &client);
@@ -131,6 +142,20 @@ private:
     void        withhold(const tunnel_client &client, const char *why);
     header_list response_headers(tunnel_client &client);
     void        assign(tunnel_client &client, std::string_view response);
+
+    void respond_later(tunnel_client &client, std::chrono::milliseconds delay);
+
+    // gateway_faults.cpp: what the laboratory ordered
+    void forget_faults();
+    void start_fault_timer(uint64_t number, std::chrono::milliseconds delay);
+    void tell_fault(const armed_fault &fault, uint64_t client);
+    void strike_newest(uint64_t number);
+    void strike(fault_trigger trigger, tunnel_client &client);
+    void afflict(tunnel_client &client, fault_kind kind);
+    bool strike_connect(tunnel_client &client);  // true: the connection is not served
+    bool strike_dpd(tunnel_client &client);      // true: the request is not answered
+    bool strike_request(tunnel_client &client);  // true: the request was dealt with
+    void spoil_response(tunnel_client &client, fault_kind kind);
 
     // gateway_data.cpp: packets
     void                   on_tun_readable();
@@ -150,6 +175,7 @@ private:
     common::unique_fd                                          listener_;
     std::optional<common::descriptor_watch>                    listen_watch_;
     common::timer                                              accept_timer_;
+    common::timer                                              lease_timer_;
     uint16_t                                                   port_;  // the one in use, once listening
     uint64_t                                                   next_client_ = 1;
     const std::chrono::steady_clock::time_point                born_        = std::chrono::steady_clock::now();
@@ -158,6 +184,8 @@ private:
     std::unordered_map<uint32_t, std::vector<tunnel_client *>> holders_;
     std::vector<std::unique_ptr<tunnel_client>>                dead_;
     std::vector<uint64_t>                                      with_output_;
+    fault_table                                                faults_;
+    std::map<uint64_t, common::timer>                          fault_timers_;  // by the fault's number
 };
 
 }  // namespace gw

@@ -2,8 +2,12 @@
 
 #include <openssl/rand.h>
 
+#include <spdlog/spdlog.h>
+
 #include <algorithm>
 #include <stdexcept>
+
+#include "lease_file.h"
 
 namespace gw {
 
@@ -11,6 +15,7 @@ namespace gw {
 
 namespace {
 
+constexpr std::chrono::milliseconds lease_pause{1000};                    // before leases are written
 constexpr size_t payload_limit = client_frame_limit - frame_header_size;  // of a response that we compose
 constexpr size_t cookie_bytes  = 5;                                       // 10 characters, see below
 
@@ -28,7 +33,9 @@ json text_or_null(const std::optional<std::string> &text) { return text ? json(*
 
 void tunnel_gateway::answer_dpd(tunnel_client &client) {
     client.count(counter::dpd_req);
-    bool answer = client.answers_dpd.value_or(lab.answers_dpd);
+    strike(fault_trigger::dpd, client);
+    if (!client.is_open()) return;
+    bool answer = client.answers_dpd.value_or(lab.answers_dpd) && !strike_dpd(client);
     events.emit("dpd_req", client.id(), {{"answered", answer}});
     if (!answer) return;
     if (!client.send_frame(frame_dpd_response, {})) return client.count(counter::drop_queue);
@@ -49,6 +56,7 @@ void tunnel_gateway::take_config_request(tunnel_client &client, byte_view payloa
     address_lease          *before = client.lease;
     client.lease                   = pool_.acquire(asker);
     if (before) pool_.release(*before);
+    keep_leases();
     bool cookie_known = client.lease && address_pool::is_known_cookie(*client.lease, asker.cookie);
     json report       = {
               {"text", text},
@@ -61,7 +69,19 @@ void tunnel_gateway::take_config_request(tunnel_client &client, byte_view payloa
               {"cookie_known", cookie_known},
     };
     events.emit("config_req", client.id(), report);
-    respond_by_mode(client);
+    if (!strike_request(client)) respond_by_mode(client);
+}
+
+// What changes within a second is written together.
+void tunnel_gateway::keep_leases() {
+    if (options_.lease_file.empty() || lease_timer_.is_running()) return;
+    lease_timer_.start(lease_pause, [this] { write_leases(); });
+}
+
+void tunnel_gateway::write_leases() {
+    if (options_.lease_file.empty()) return;
+    std::string failure = write_lease_file(options_.lease_file, pool_);
+    if (!failure.empty()) spdlog::warn("{}", failure);
 }
 
 void tunnel_gateway::respond_by_mode(tunnel_client &client) {
@@ -71,16 +91,17 @@ void tunnel_gateway::respond_by_mode(tunnel_client &client) {
     switch (mode.kind) {
     case config_answer::normal: return respond(client, "normal");
     case config_answer::hold: client.withheld = true; return withhold(client, "hold");
-    case config_answer::delay:
-        withhold(client, "delay");
-        client.delay_timer.emplace(loop_);
-        client.delay_timer->start(mode.delay,
-                                  [this, &client] { respond(client, "delayed"); });  // cancelled when the client ends
-        return;
+    case config_answer::delay: return respond_later(client, mode.delay);
     case config_answer::drop: return withhold(client, "drop");
     case config_answer::replace: return send_response(client, text_of(mode.bytes), "replaced");
     case config_answer::malform: return respond_malformed(client, mode.bytes);
     }
+}
+
+void tunnel_gateway::respond_later(tunnel_client &client, std::chrono::milliseconds delay) {
+    withhold(client, "delay");
+    client.delay_timer.emplace(loop_);
+    client.delay_timer->start(delay, [this, &client] { respond(client, "delayed"); });  // gone when the client ends
 }
 
 void tunnel_gateway::withhold(const tunnel_client &client, const char *why) {
@@ -126,12 +147,14 @@ void tunnel_gateway::send_response(tunnel_client &client, std::string_view text,
                  {"inner", client.inner ? ipv4_text(client.inner) : ""},
                  {"device_id", client.device_id},
                  {"how", how}});
+    strike(fault_trigger::up, client);
 }
 
 // What the response says is what the client will use, whoever wrote it.
 void tunnel_gateway::assign(tunnel_client &client, std::string_view response) {
     auto cookie = response_value(response, "X-CSTP-Cookie");
     if (client.lease && cookie) client.lease->cookie = *cookie;
+    keep_leases();
     auto inner = parse_ipv4(response_value(response, "X-CSTP-Address-Client").value_or(""));
     if (!inner) return;
     drop_route(client);

@@ -60,6 +60,7 @@ void tunnel_gateway::take_packet(tunnel_client &client, byte_view packet) {
     if (refused) client.count(*refused);
     if (lab.data_events)
         report_packet(client, "up", packet, refused ? counter_names[static_cast<size_t>(*refused)] : "ok");
+    strike(fault_trigger::frame, client);
 }
 
 std::optional<counter> tunnel_gateway::refuse_reason(const tunnel_client &client, byte_view packet) const {

@@ -8,6 +8,7 @@
 
 #include "common/log.h"
 #include "control.h"
+#include "ctl.h"
 #include "errors.h"
 #include "gateway.h"
 #include "options.h"
@@ -66,6 +67,8 @@ void serve(const gateway_options &options) {
     common::timer        goodbye(loop);
     common::signal_watch term(loop, SIGTERM, [&] { end_gateway(gateway, loop, goodbye, "SIGTERM"); });
     common::signal_watch interrupt(loop, SIGINT, [&] { end_gateway(gateway, loop, goodbye, "SIGINT"); });
+    common::signal_watch hang_up(loop, SIGHUP, [&] { (void)gateway.read_keys_again(); });  // it tells the log itself
+    common::signal_watch log_moved(loop, SIGUSR1, [] { (void)common::reopen_log(); });
     ready_file           ready(options.ready_file, gateway.listen_text());
 
     spdlog::info("ready listen={} tun={} pool={}", gateway.listen_text(), options.use_tun ? options.tun : "none",
@@ -94,4 +97,7 @@ int run(int argc, const char *const *argv) {
 
 }  // namespace gw
 
-int main(int argc, char **argv) { return gw::run(argc, argv); }
+int main(int argc, char **argv) {
+    if (argc > 1 && strcmp(argv[1], "ctl") == 0) return gw::run_ctl(argc - 1, argv + 1);
+    return gw::run(argc, argv);
+}

@@ -58,6 +58,8 @@ void declare_network(CLI::App &app, gateway_options &o, option_texts &t) {
     app.add_flag("--no-tun", t.no_tun, "No interface: packets are only counted and reported");
     app.add_option("--pool", t.pool, "Inner addresses for clients [network of --tun-addr]")
         ->option_text("ADDR/LEN|ADDR-ADDR");
+    app.add_option("--lease-file", o.lease_file, "Keeps the devices' inner addresses over a restart")
+        ->option_text("FILE");
     app.add_option("--queue", o.queue, "Packets that wait for one client at most")
         ->option_text("N [1024]")
         ->check(CLI::Range(1, 65536));

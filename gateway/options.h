@@ -40,6 +40,7 @@ struct gateway_options {
     std::string log       = "-";
     std::string log_level = "info";
     std::string ready_file;
+    std::string lease_file;
     std::string control;
 };
 

@@ -17,7 +17,7 @@ address_lease *address_pool::acquire(const applicant &asker) {
     if (!lease) {
         auto address = choose_address(asker);
         if (!address) return nullptr;
-        lease = add(asker, *address);
+        lease = add({.identity = asker.identity, .device_id = asker.device_id, .address = *address});
     } else if (asker.address && *asker.address != lease->address) {
         (void)move(*lease, *asker.address);  // otherwise the device keeps what it has
     }
@@ -31,12 +31,17 @@ std::string address_pool::device_key(const std::string &identity, const std::str
     return identity + "\n" + device_id;
 }
 
-address_lease *address_pool::add(const applicant &asker, uint32_t address) {
-    place at = leases_.insert(
-        leases_.end(), address_lease{.identity = asker.identity, .device_id = asker.device_id, .address = address});
-    by_address_[address] = at;
+address_lease *address_pool::add(const address_lease &lease) {
+    place at                 = leases_.insert(leases_.end(), lease);
+    by_address_[at->address] = at;
     by_device_[device_key(at->identity, at->device_id)].push_back(&*at);
     return &*at;
+}
+
+bool address_pool::restore(const address_lease &lease) {
+    if (!contains(lease.address) || holder(lease.address)) return false;
+    add(lease)->used = ++uses_;
+    return true;
 }
 
 address_lease *address_pool::find(const applicant &asker) {

@@ -40,6 +40,9 @@ public:
     // lies in the pool and no other connected device holds it. Null when every address is held by a connected device.
     address_lease *acquire(const applicant &asker);
 
+    // Takes over the lease of an earlier life, without a connection; false when the pool has no such address to give.
+    bool restore(const address_lease &lease);
+
     // Gives the lease another address of the pool; false when that is not possible.
     bool move(address_lease &lease, uint32_t address);
 
@@ -57,7 +60,7 @@ private:
     using place = std::list<address_lease>::iterator;
 
     static std::string      device_key(const std::string &identity, const std::string &device_id);
-    address_lease          *add(const applicant &asker, uint32_t address);
+    address_lease          *add(const address_lease &lease);
     address_lease          *find(const applicant &asker);
     address_lease          *holder(uint32_t address);
     std::optional<uint32_t> choose_address(const applicant &asker);

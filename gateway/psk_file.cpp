@@ -1,6 +1,9 @@
 #include "psk_file.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 
@@ -27,9 +30,21 @@ void add_line(const std::string &line, const std::string &where, psk_table &tabl
 
 }  // namespace
 
+void require_private(const char *what, const std::string &path) {
+    struct stat facts;
+    if (stat(path.c_str(), &facts) != 0)
+        throw usage_error(std::string("cannot read the ") + what + " " + path + ": " + strerror(errno));
+    if (!S_ISREG(facts.st_mode) || (facts.st_mode & (S_IRWXO | S_IWGRP)) == 0) return;
+    char mode[8];
+    snprintf(mode, sizeof mode, "%04o", facts.st_mode & 07777u);
+    throw usage_error(std::string("the ") + what + " " + path + " is open to others (mode " + mode + "): chmod 600 " +
+                      path);
+}
+
 psk_table read_psk_file(const std::string &path) {
     std::ifstream file(path);
     if (!file) throw usage_error("cannot read the PSK file " + path + ": " + strerror(errno));
+    require_private("PSK file", path);
 
     psk_table   table;
     std::string line;

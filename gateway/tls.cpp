@@ -71,6 +71,13 @@ void tls_context::use_psk(const tls_options &options) {
     if (SSL_CTX_use_psk_identity_hint(context_.get(), options.psk_hint.c_str()) != 1) fail("PSK identity hint");
 }
 
+size_t tls_context::read_keys_again(const tls_options &options) {
+    if (options.psk_file.empty()) return 0;
+    psk_table fresh = read_psk_file(options.psk_file);
+    psks_.swap(fresh);
+    return psks_.size();
+}
+
 unsigned tls_context::find_psk(SSL *ssl, const char *identity, unsigned char *key, unsigned limit) {
     auto *self = static_cast<tls_context *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
     if (!identity) return 0;
@@ -85,6 +92,7 @@ void tls_context::use_certificate(const tls_options &options) {
     SSL_CTX *context = context_.get();
     require_readable("certificate", options.cert);
     require_readable("private key", options.key);
+    require_private("private key", options.key);
     if (SSL_CTX_use_certificate_chain_file(context, options.cert.c_str()) != 1) fail("certificate " + options.cert);
     if (SSL_CTX_use_PrivateKey_file(context, options.key.c_str(), SSL_FILETYPE_PEM) != 1)
         fail("private key " + options.key);

@@ -28,6 +28,10 @@ public:
     tls_context(const tls_context &)            = delete;
     tls_context &operator=(const tls_context &) = delete;
 
+    // Reads the PSK file once more; handshakes to come use what it holds, live connections stay. Returns the number of
+    // identities. Throws usage_error, and the old keys stay.
+    size_t read_keys_again(const tls_options &options);
+
     SSL_CTX *get() const { return context_.get(); }
 
 private:

@@ -46,6 +46,7 @@ std::string write_pem(const temp_dir &dir, const std::string &name, Write write)
     FILE *file = fopen(dir.file(name).c_str(), "w");
     EXPECT_EQ(write(file), 1);
     fclose(file);
+    std::filesystem::permissions(dir.file(name), std::filesystem::perms(0600));
     return dir.file(name);
 }
 

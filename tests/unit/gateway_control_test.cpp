@@ -154,10 +154,12 @@ TEST(gateway_control, every_answer_tells_schema_program_version_and_stream_and_h
         EXPECT_FALSE(request["help"].get<std::string>().empty());
         for (const json &member : request["members"]) EXPECT_FALSE(member["help"].get<std::string>().empty());
     }
-    EXPECT_EQ(names, (std::set<std::string>{"help", "events", "wait", "status", "clients", "counters", "leases",
-                                            "data_events", "dpd", "config", "set", "unset", "accept", "silence",
-                                            "send_frame", "send_record", "send_packet", "send_bytes", "close"}));
-    EXPECT_EQ(answer["events"].size(), 15u);
+    EXPECT_EQ(names,
+              (std::set<std::string>{"help",        "events",      "wait",       "status", "clients", "counters",
+                                     "leases",      "data_events", "reload",     "fault",  "faults",  "dpd",
+                                     "config",      "set",         "unset",      "accept", "silence", "send_frame",
+                                     "send_record", "send_packet", "send_bytes", "close"}));
+    EXPECT_EQ(answer["events"].size(), 17u);
 }
 
 TEST(gateway_control, what_does_not_exist_is_refused_with_what_does) {

@@ -47,6 +47,7 @@ public:
     std::string file(const std::string &name) const { return path_ + "/" + name; }
     std::string write(const std::string &name, const std::string &text) const {
         std::ofstream(file(name)) << text;
+        std::filesystem::permissions(file(name), std::filesystem::perms(0600));
         return file(name);
     }
 

@@ -47,6 +47,26 @@ TEST(gateway_options, defaults_are_those_of_the_document) {
     EXPECT_EQ(options.mtu, 1406u);
 }
 
+TEST(gateway_options, a_key_file_that_others_can_read_is_refused_with_the_reason) {
+    temp_dir    dir;
+    std::string path = dir.write("psk", "dev:secret\n");
+    EXPECT_EQ(read_psk_file(path).size(), 1u);
+    for (unsigned mode : {0644u, 0604u, 0602u, 0620u}) {
+        std::filesystem::permissions(path, std::filesystem::perms(mode));
+        try {
+            (void)read_psk_file(path);
+            FAIL() << "took it";
+        } catch (const usage_error &error) {
+            char expected[200];
+            snprintf(expected, sizeof expected, "the PSK file %s is open to others (mode %04o): chmod 600 %s",
+                     path.c_str(), mode, path.c_str());
+            EXPECT_STREQ(error.what(), expected);
+        }
+    }
+    std::filesystem::permissions(path, std::filesystem::perms(0640));
+    EXPECT_EQ(read_psk_file(path).size(), 1u);
+}
+
 TEST(gateway_options, version_is_that_of_the_project) {
     const char *const words[] = {"tlsc-gateway", "--version"};
     testing::internal::CaptureStdout();

@@ -1,5 +1,6 @@
-#include <gtest/gtest.h>
+#include "gateway_harness.h"
 
+#include "lease_file.h"
 #include "pool.h"
 #include "tun.h"
 
@@ -18,6 +19,48 @@ address_pool::applicant asker(const char *device, std::optional<uint32_t> wanted
 }
 
 }  // namespace
+
+TEST(gateway_pool, leases_survive_in_their_file) {
+    gwtest::temp_dir dir;
+    std::string      path = dir.file("leases");
+    {
+        address_pool pool({10, 19}, {10});
+        read_lease_file(path, pool);  // none yet
+        pool.acquire({"dev", "d1", "", std::nullopt})->cookie      = "0123456789";
+        pool.acquire({"dev", "d2 \"quoted\"", "", 15})->own_cookie = "abc";
+        EXPECT_EQ(write_lease_file(path, pool), "");
+    }
+    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
+    address_pool pool({10, 19}, {10});
+    read_lease_file(path, pool);
+    EXPECT_EQ(pool.leases().size(), 2u);
+    EXPECT_EQ(pool.acquire({"dev", "d1", "", std::nullopt})->cookie, "0123456789");
+    EXPECT_EQ(pool.acquire({"dev", "d2 \"quoted\"", "", std::nullopt})->address, 15u);
+    EXPECT_EQ(pool.acquire({"dev", "d3", "", 11})->address, 12u) << "11 is held, by the first";
+
+    address_pool elsewhere({100, 110}, {});
+    read_lease_file(path, elsewhere);
+    EXPECT_EQ(elsewhere.leases().size(), 0u);
+}
+
+TEST(gateway_pool, what_is_no_lease_file_is_refused_and_stays) {
+    gwtest::temp_dir dir;
+    address_pool     pool({10, 19}, {});
+    for (const char *text : {"", "[]", "{", "{\"schema\":2,\"leases\":[]}", "{\"schema\":1,\"leases\":[{}]}",
+                             "{\"schema\":1,\"leases\":[{\"identity\":\"a\",\"device_id\":\"b\",\"address\":\"x\","
+                             "\"own_cookie\":\"\",\"cookie\":\"\"}]}"}) {
+        std::string path = dir.write("leases", text);
+        EXPECT_THROW(read_lease_file(path, pool), usage_error) << text;
+        EXPECT_EQ(pool.leases().size(), 0u);
+        EXPECT_TRUE(std::filesystem::exists(path));
+    }
+}
+
+TEST(gateway_pool, a_lease_file_that_cannot_be_written_is_told_and_the_old_one_stays) {
+    address_pool pool({10, 19}, {});
+    EXPECT_EQ(write_lease_file("/nowhere/leases", pool),
+              "cannot write the lease file /nowhere/leases.new: No such file or directory");
+}
 
 TEST(gateway_pool, first_address_is_the_first_that_is_not_excluded) {
     address_pool pool = small_pool();

@@ -463,12 +463,14 @@ TEST(gateway_session, handshakes_fail_for_a_stated_reason) {
     test_client::client_settings wrong_key;
     wrong_key.key = "fedcba9876543210";
     EXPECT_FALSE(test_client(gateway.port(), wrong_key).up);
+    EXPECT_EQ(controller.event("tls_failed", R"(,"match":{"client":1})")["identity"], "dev");
     EXPECT_NE(controller.event("tls_failed", R"(,"match":{"client":1})")["reason"], "unknown");
     test_client::client_settings stranger;
     stranger.identity = "stranger";
     test_client unknown(gateway.port(), stranger);
     EXPECT_FALSE(unknown.up);
     EXPECT_EQ(unknown.hint, "hello");
+    EXPECT_EQ(controller.event("tls_failed", R"(,"match":{"client":2})")["identity"], "stranger");
     EXPECT_EQ(controller.event("tls_failed", R"(,"match":{"client":2})")["reason"], "psk identity not found");
     test_client::client_settings second;
     second.identity = "second";
@@ -490,6 +492,66 @@ TEST(gateway_session, a_handshake_that_does_not_come_times_out) {
     ASSERT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     EXPECT_EQ(controller.event("tls_failed")["reason"], "timeout");
     EXPECT_EQ(controller.event("closed")["how"], "timeout");
+}
+
+TEST(gateway_session, keys_are_read_again_and_live_connections_stay) {
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    up_client    before(gateway);
+    gateway.dir.write("psk", "newcomer:another key\n");
+    controller.ok(R"({"request":"reload"})");
+    EXPECT_EQ(controller.event("keys_read")["identities"], 1);
+    EXPECT_FALSE(test_client(gateway.port()).up) << "its key is gone";
+    test_client::client_settings newcomer;
+    newcomer.identity = "newcomer";
+    newcomer.key      = "another key";
+    EXPECT_TRUE(test_client(gateway.port(), newcomer).up);
+    before.client.send(frame_dpd_request);
+    EXPECT_EQ(before.client.read().text(), dpd_response);
+
+    gateway.dir.write("psk", "no colon\n");
+    EXPECT_NE(controller.ask(R"({"request":"reload"})")["error"].get<std::string>().find("psk:1"), std::string::npos);
+    EXPECT_TRUE(test_client(gateway.port(), newcomer).up) << "the old keys stay";
+}
+
+TEST(gateway_session, faults_strike_where_they_were_ordered) {
+    test_gateway gateway;
+    auto         controller = gateway.controller();
+    auto         order      = [&](const char *fault) {
+        return controller.ask(std::string(R"({"request":"fault","fault":")") + fault + "\"}");
+    };
+    EXPECT_EQ(order("reset")["ok"], false) << "nobody is there";
+    EXPECT_EQ(order("drop-dpd#1")["ok"], true);
+    EXPECT_EQ(order("no-address")["ok"], true);
+    EXPECT_EQ(controller.ask(R"({"request":"faults"})")["faults"].size(), 2u);
+    up_client client(gateway);
+    EXPECT_EQ(client.inner, "(none)");
+    EXPECT_EQ(line_of(client.response, "X-CSTP-Prefix-Length"), "24");
+    client.client.configure();
+    client.client.send(frame_dpd_request);
+    client.client.send(frame_dpd_request);
+    EXPECT_EQ(client.client.read().text(), dpd_response) << "of the second";
+    EXPECT_EQ(controller.counter("dpd_resp"), 1u);
+    order("fin@dpd");
+    client.client.send(frame_dpd_request);
+    EXPECT_TRUE(client.client.read().ended);
+    EXPECT_EQ(controller.event("closed")["detail"], "fault");
+
+    order("stall");
+    order("no-response#*");
+    std::thread stalled([&] { test_client late(gateway.port()); });  // until its own patience ends
+    EXPECT_EQ(controller.event("fault", R"(,"match":{"fault":"stall"})")["client"], 2);
+    controller.ok(R"({"request":"close","client":2})");
+    stalled.join();
+    test_client refused(gateway.port());
+    refused.send(frame_config_request, "X-CSTP-Device-ID:d1\n");
+    EXPECT_EQ(controller.event("config_resp_withheld")["why"], "drop");
+    order("refuse");
+    EXPECT_FALSE(test_client(gateway.port()).connected);
+    EXPECT_EQ(order("none")["faults"].size(), 0u);
+    EXPECT_EQ(up_client(gateway).inner, "10.9.0.2");
+    order("reset@time=0");
+    EXPECT_EQ(controller.event("closed", R"(,"match":{"how":"rst"})")["by"], "gateway");
 }
 
 TEST(gateway_session, clients_above_the_limit_are_reset) {
