@@ -190,6 +190,7 @@ std::optional<gateway_options> parse_options(int argc, const char *const *argv) 
                  "interface.",
                  "tlsc-gateway");
     app.get_formatter()->column_width(44);
+    app.footer("tlsc-gateway ctl --help: what a running gateway can be asked.");
     declare_access(app, options, texts);
     declare_network(app, options, texts);
     declare_response(app, options, texts);
