@@ -10,7 +10,7 @@ struct ssl_st;
 struct ssl_ctx_st;
 struct tlsc_session;
 
-// ---- addresses ------------------------------------------------------------------------------------------------
+// ---- addresses ------------------------------------------------------------------------------------------------------
 
 enum tlsc_addr_kind : int32_t {
     ADDR_NONE = 0,
@@ -36,7 +36,7 @@ static_assert(offsetof(tlsc_addr, scope_id) == 28);
 
 using tlsc_gw_addr = tlsc_addr;  // the gateway-address record of the command pipe
 
-// ---- configuration --------------------------------------------------------------------------------------------
+// ---- configuration --------------------------------------------------------------------------------------------------
 
 enum tlsc_ssl_auth_mech : int32_t {
     SSL_AUTH_NONE        = 0,
@@ -107,7 +107,7 @@ struct wlc_sec_tun_params {
 };
 static_assert(std::is_trivially_copyable_v<wlc_sec_tun_params>);
 
-// ---- connection and session -----------------------------------------------------------------------------------
+// ---- connection and session -----------------------------------------------------------------------------------------
 
 // The client connection context; one process-wide instance, zero at process start. A descriptor is open only above 0.
 struct tlsc_sock {
@@ -136,7 +136,7 @@ enum tlsc_fd_type : int32_t {
     TLSC_FD_SSL     = 2,
 };
 
-// ---- command pipe ---------------------------------------------------------------------------------------------
+// ---- command pipe ---------------------------------------------------------------------------------------------------
 
 enum tlsc_cli_cmd_id : int32_t {
     CLI_CMD_INVALID     = 0,
@@ -160,7 +160,7 @@ static_assert(offsetof(tlsc_cli_cmd, value) == 4);
 static_assert(offsetof(tlsc_cli_cmd, gw_sockaddr) == 8);
 static_assert(sizeof(tlsc_gw_addr) == sizeof(int32_t) + gw_sockaddr_size);
 
-// ---- CSTP -----------------------------------------------------------------------------------------------------
+// ---- CSTP -----------------------------------------------------------------------------------------------------------
 
 enum tlsc_cstp_type : uint8_t {
     CSTP_DATA            = 0,
@@ -220,7 +220,7 @@ enum tlsc_ssl_result : int32_t {
     TLSC_SSL_WANT_WRITE = 3,
 };
 
-// ---- statistics and causes ------------------------------------------------------------------------------------
+// ---- statistics and causes ------------------------------------------------------------------------------------------
 
 // 31 counters; the order is the wire order of the statistics message.
 struct tlsc_stats {

@@ -1068,7 +1068,7 @@ constexpr uint32_t error_events = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 
 bool is_interface_gone;  // deleted from outside: the run ends early, the next one makes another
 
-// ---- load ----------------------------------------------------------------------------------------------------------
+// ---- load -----------------------------------------------------------------------------------------------------------
 // A packet that travels alone is sent at once. After some in a row the loop looks, once, whether more events wait
 // already: while they do, the records of the packets are collected and sent together when nothing more waits. Each look
 // in vain doubles the number of packets before the next.
@@ -1091,7 +1091,7 @@ void note_look(bool found_more) {
     load.packets = 0;
 }
 
-// ---- traffic -------------------------------------------------------------------------------------------------------
+// ---- traffic --------------------------------------------------------------------------------------------------------
 
 void on_tun_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
     constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
@@ -1180,7 +1180,7 @@ void handle_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
     handle_traffic(sock, fd, mask);
 }
 
-// ---- set-up --------------------------------------------------------------------------------------------------------
+// ---- set-up ---------------------------------------------------------------------------------------------------------
 
 bool create_epoll() {
     constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
@@ -1314,7 +1314,7 @@ void release_leftovers(tlsc_sock *sock) {
     sock->ssl_fd = -1;
 }
 
-// ---- loop and end --------------------------------------------------------------------------------------------------
+// ---- loop and end ---------------------------------------------------------------------------------------------------
 
 constexpr int     look_interval_ms  = 10000;  // between two looks at a tunnel without a timer
 constexpr int64_t restart_seconds   = 10;     // without a connection and a timer, until the next attempt is prepared

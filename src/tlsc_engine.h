@@ -13,14 +13,14 @@ extern "C" {
 struct epoll_event;
 struct x509_store_ctx_st;
 
-// ---- what other threads may touch while the tunnel thread runs ---------------------------------------------------
+// ---- what other threads may touch while the tunnel thread runs ------------------------------------------------------
 
 extern std::atomic<int32_t> exit_client;  // 1 ends the loop after its current pass; cleared when the loop starts
 extern std::atomic<int32_t> epoll_thread_exited;  // 1 after an orderly end, 0 before it and after a failed set-up
 extern std::atomic<int32_t> cli_pipe_rd_fd;       // command pipe, read end, non-blocking; -1 when closed
 extern std::atomic<int32_t> cli_pipe_wr_fd;       // command pipe, write end, blocking; -1 when closed
 
-// ---- state of the tunnel thread that its peers use ----------------------------------------------------------------
+// ---- state of the tunnel thread that its peers use ------------------------------------------------------------------
 
 extern int32_t      tlsc_epoll_fd;      // the epoll instance; -1 when none
 extern epoll_event *tlsc_epoll_events;  // the events block of the running thread, 80 records; null when none
@@ -30,7 +30,7 @@ extern ssl_ctx_st  *tlsc_ssl_ctx;   // the process's TLS context; null when none
 // The address of the one connection context; never null. Any thread.
 tlsc_sock *tlsc_get_sock();
 
-// ---- TLS set-up (main thread, but for the callbacks) ---------------------------------------------------------------
+// ---- TLS set-up (main thread, but for the callbacks) ----------------------------------------------------------------
 
 // Creates the lock array that the 1.0 series of OpenSSL needs and installs its callbacks; see CRYPTO_lock(3).
 void tlsc_init_locks();
@@ -93,7 +93,7 @@ int32_t tlsc_set_sock_blocking(int32_t fd);
 // Sorts an errno: exhaustion of memory or descriptors ends the client in order; returns a passed-through code.
 int32_t tlsc_error_handling(int32_t error);
 
-// ---- registry, teardown --------------------------------------------------------------------------------------------
+// ---- registry, teardown ---------------------------------------------------------------------------------------------
 
 // The kind of a descriptor; tlsc_fd_type.
 tlsc_fd_type tlsc_get_fd_type(int32_t fd, const tlsc_sock *sock);
@@ -115,7 +115,7 @@ void tlsc_set_dp_state(int8_t state);
 // cause is a tlsc_tun_down_cause and not used. Returns 1.
 int32_t tlsc_sock_error(int32_t cause);
 
-// ---- packet path ---------------------------------------------------------------------------------------------------
+// ---- packet path ----------------------------------------------------------------------------------------------------
 
 // Reads one packet from the TUN interface, rewrites its source address and sends it. Returns the outcome of the TLS
 // write, or 0 when nothing was read or the data path is down.
@@ -128,7 +128,7 @@ int32_t tlsc_tun_write(tlsc_sock *sock, uint8_t *buff, int32_t length);
 // The name of a CSTP result code (tlsc_cstp_resp); "No error" for one without a name. Any thread.
 const char *tlsc_cstp_resp_name(int32_t resp);
 
-// ---- commands ------------------------------------------------------------------------------------------------------
+// ---- commands -------------------------------------------------------------------------------------------------------
 
 // Executes one command from the pipe. Returns the result of the read, or of tlsc_handle_gw_ip_addr.
 int32_t tlsc_handle_cli_cmds();
@@ -140,7 +140,7 @@ void tlsc_clear_cli_cmds();
 // Returns 1 when the address was taken, else 0.
 int32_t tlsc_handle_gw_ip_addr(int32_t kind, const uint8_t *gw_sockaddr);
 
-// ---- the thread ----------------------------------------------------------------------------------------------------
+// ---- the thread -----------------------------------------------------------------------------------------------------
 
 // Keeps for the packets and the interface of a tunnel that goes on what the configuration says of them now. Before the
 // configuration is read anew, while the tunnel thread is held. Main thread.

@@ -134,13 +134,15 @@ void hold_tunnel_thread() {
     while (!tlsc_hold_tunnel_thread(hold_seconds)) {}
 }
 
-}  // namespace
+void log_all_settings(const tlsc_config *conf) {
+    constexpr tlsc_work_of tlsc_log_function{"tlsc_init"};
+    TLSC_INFO(
+        "\n%s() - svr_addr_ipv4:%s, svr_port:%d, management_ip:%s, tun_interface_name:%s, cipher_algo:%s, tlsc_debug_level:%d, psk_identity:%s, psk_key:%s",
+        tlsc_log_function(__func__), conf->svr_addr_ipv4, conf->server_port, conf->management_ip,
+        conf->tun_interface_name, conf->cipher_algo, tlsc_log_level.load(), psk_identity, tlsc_masked_psk_key());
+}
 
-#define LOG_ALL_SETTINGS(conf)                                                                                                                               \
-    TLSC_INFO(                                                                                                                                               \
-        "\n%s() - svr_addr_ipv4:%s, svr_port:%d, management_ip:%s, tun_interface_name:%s, cipher_algo:%s, tlsc_debug_level:%d, psk_identity:%s, psk_key:%s", \
-        __func__, (conf)->svr_addr_ipv4, (conf)->server_port, (conf)->management_ip, (conf)->tun_interface_name,                                             \
-        (conf)->cipher_algo, tlsc_log_level.load(), psk_identity, tlsc_masked_psk_key())
+}  // namespace
 
 int32_t tlsc_init() {
     tlsc_config *conf = tlsc_get_config();
@@ -157,7 +159,7 @@ int32_t tlsc_init() {
             printf("-------- %s() ERROR: Setting the configuration", __func__);
             TLSC_ERROR("-------- %s() ERROR: Setting the configuration", __func__);
         }
-        LOG_ALL_SETTINGS(conf);
+        log_all_settings(conf);
         tlsc_resume_tunnel_thread();
         return 1;
     }
@@ -173,7 +175,7 @@ int32_t tlsc_init() {
     conf->serial_no[0]   = '\0';
     TLSC_INFO("%s() - Invoking config set APIs", __func__);
     if (!tlsc_set_config_all()) printf("-------- %s() ERROR: Setting the configuration", __func__);
-    LOG_ALL_SETTINGS(conf);
+    log_all_settings(conf);
     srand(static_cast<unsigned>(time(nullptr)));
     (void)tlsc_init_ssl_config();  // a missing context shows when the first session is made
     (void)tlsc_init_session();

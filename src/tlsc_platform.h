@@ -9,7 +9,7 @@
 
 extern "C" {
 
-// ---- lifecycle (main thread unless a comment says otherwise) -------------------------------------------------------
+// ---- lifecycle (main thread unless a comment says otherwise) --------------------------------------------------------
 
 // Creates the tunnel thread. Returns 1 or 0 (logged). Monitor thread.
 int32_t tlsc_start_client();

@@ -17,8 +17,8 @@ int32_t tlsc_transport_attach(ssl_st *ssl, int32_t fd);
 // Makes the session forget its descriptor, which the caller closes; buffered bytes are dropped.
 void tlsc_transport_forget(ssl_st *ssl);
 
-// True when SSL_read need not wait: a whole record is there, or the stream has ended. What an earlier SSL_read left of a
-// record comes before it, but does not count. False for any session without the buffers.
+// True when SSL_read need not wait: a whole record is there, or the stream has ended. What an earlier SSL_read left of
+// a record comes before it, but does not count. False for any session without the buffers.
 bool tlsc_transport_is_readable(const ssl_st *ssl);
 
 // Reads the socket once, without waiting, unless the session is readable already. Returns the above.

@@ -84,7 +84,7 @@ const char *printable_value_of_prefix(const char *key, const char *value) {
     return strncmp(secret_key, key, strlen(key)) == 0 ? masked_text : value;
 }
 
-// ---- one pass ----------------------------------------------------------------------------------------------------
+// ---- one pass -------------------------------------------------------------------------------------------------------
 
 struct conf_entry {
     char key[conf_field_size];
@@ -316,7 +316,7 @@ int32_t run_pass(conf_pass *pass) {
     return 1;
 }
 
-// ---- what the operations make of it ------------------------------------------------------------------------------
+// ---- what the operations make of it ---------------------------------------------------------------------------------
 
 // Every entry goes to the parameter block and is consumed by it.
 void consume_entry(conf_pass *pass, const conf_entry &entry) {
@@ -362,7 +362,7 @@ constexpr conf_policy read_one_policy{"wlcSecTunReadConf", "r+e", true, copy_ent
 
 }  // namespace
 
-// ---- the operations on the file ----------------------------------------------------------------------------------
+// ---- the operations on the file -------------------------------------------------------------------------------------
 
 int32_t wlcSecTunProcessConf(const char *key, const char *value) {
     if (!key || !value) {
@@ -428,7 +428,7 @@ int32_t wlcSecTunReadConf(const char *key, char *value_out) {
     return run_pass(&pass);
 }
 
-// ---- the parameter block -----------------------------------------------------------------------------------------
+// ---- the parameter block --------------------------------------------------------------------------------------------
 
 int32_t tlscWlcClearCfgParams() {
     WLC_IPC_EVENT("%s - clearing all config params", __func__);

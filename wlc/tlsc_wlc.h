@@ -8,7 +8,7 @@
 
 extern "C" {
 
-// ---- transport ---------------------------------------------------------------------------------------------------
+// ---- transport ------------------------------------------------------------------------------------------------------
 
 // Opens the inbound FIFO and greets the controller. Returns 1 always.
 int tlscWlcInit();
@@ -19,8 +19,8 @@ int tlscWlcCleanUp();
 // Creates and opens "/tmp/wlc-to-tlsc-fifo". Returns 1, also when another process reads it already, or 0 (both logged).
 int openWlcToTlscFifo();
 
-// Reads one whole message into the receive record. Returns 1, or 0 when there is none. A FIFO that could not be opened is
-// tried again.
+// Reads one whole message into the receive record. Returns 1, or 0 when there is none. A FIFO that could not be opened
+// is tried again.
 int readFromTlscFifo();
 
 // Sends one message: opens the controller's FIFO, writes, closes; never waits. Returns 1 or 0 (logged). Any thread.
@@ -38,7 +38,7 @@ void tlscWlcDelFifo();
 // The catalogue's name of a message; "Invalid" for one without a name.
 const char *tlscWlcMsgName(uint32_t msgId);
 
-// ---- messages ----------------------------------------------------------------------------------------------------
+// ---- messages -------------------------------------------------------------------------------------------------------
 
 // Handles every message that waits. Returns 0, or -2 when the controller ordered the process to exit.
 int wlcTlscFifoHandler();
@@ -62,7 +62,7 @@ void tlscWlcSetDebugParams();
 // Asks the controller to resolve the gateway's name. Returns 1 when the request was sent. Tunnel thread.
 int tlscWlcMsgSendTlsGwFqdnResolveReq();
 
-// ---- reports -----------------------------------------------------------------------------------------------------
+// ---- reports --------------------------------------------------------------------------------------------------------
 
 // Takes a tunnel state (1 up, 0 down) over and reports it, unless it is the reported one. Returns 1. Tunnel thread.
 int tlscWlcSetTunState(int state, int cause);
@@ -87,7 +87,7 @@ uint8_t tlscWlcGetSecTunFeatureStatus();
 // The text of a tunnel-down cause; "Invalid" for one without a text.
 const char *tlscWlcTunDownCauseName(int cause);
 
-// ---- configuration file and parameter block --------------------------------------------------------------------------
+// ---- configuration file and parameter block -------------------------------------------------------------------------
 
 // Stores one value in the parameter block. Returns 1, or 0 for a null argument.
 int32_t wlcSecTunProcessConf(const char *key, const char *value);

@@ -45,7 +45,7 @@ static_assert(offsetof(tlsc_wlc_msg, padding) == 4);
 static_assert(offsetof(tlsc_wlc_msg, payload) == 8);
 static_assert(std::is_trivially_copyable_v<tlsc_wlc_msg>);
 
-// ---- payloads: each lies at the start of the payload, message offset 8 ------------------------------------------
+// ---- payloads: each lies at the start of the payload, message offset 8 ----------------------------------------------
 
 constexpr size_t max_cause_text    = 127;  // TUN_DOWN: NUL-terminated cause
 constexpr size_t max_inner_ip_text = 46;   // INFO_UPDATE, inner address: NUL-terminated dotted text

@@ -224,7 +224,8 @@ def test_decode_shows_the_frames_with_the_key_of_the_configuration_file(bench):
     capture.end()
     answer = decode(bench)
     assert (answer["status"], answer["err"]) == (0, "")
-    for text in ("Configuration request", "inner address 10.9.0.2", "Echo (ping) request", "DPD request", "DPD response"):
+    texts = "Configuration request", "inner address 10.9.0.2", "Echo (ping) request", "DPD request", "DPD response"
+    for text in texts:
         assert text in answer["out"]
     assert "X-CSTP-Device-ID:dev-0001" in decode(bench, "--verbose")["out"]
     assert json.loads(decode(bench, "--json")["out"])
@@ -247,7 +248,8 @@ def test_decode_gives_the_key_through_a_private_file_and_never_through_an_argume
     world.write(CONF_FILE, conf_text())
     world.write(CAPTURE, "x")
     world.run(["mkdir", "/run/bin"])
-    script = 'echo "$@" > /run/arguments; env > /run/environment; cd "$WIRESHARK_CONFIG_DIR" && cp preferences /run/copy\n'
+    script = 'echo "$@" > /run/arguments; env > /run/environment\n'
+    script += 'cd "$WIRESHARK_CONFIG_DIR" && cp preferences /run/copy\n'
     script += "stat -c %a . preferences > /run/modes; echo line\n"
     world.write("/run/bin/tshark", f"#!/bin/sh\n{script}", 0o755)
     assert decode(bench, "--port", "4433", path="/run/bin:")["status"] == 0

@@ -652,10 +652,10 @@ TEST_F(wlc_conf, key_text_is_never_printed) {
         log_capture log(LOG_BUF_PRINT);
         char        value[512];
         const auto  fresh_file = [&] {
-            write_file(
-                 conf_file,
-                 "# psk_key;hush-comment;0\npsk_key;hush-file;1\npsk_key;hush-short\npsk_key;hush;hush;0\n;psk_key;hush;1\npsk_key;" +
-                     long_key + ";1\n");
+            write_file(conf_file,
+                        "# psk_key;hush-comment;0\npsk_key;hush-file;1\npsk_key;hush-short\npsk_key;hush;hush;0\n"
+                         ";psk_key;hush;1\npsk_key;" +
+                            long_key + ";1\n");
         };
         fresh_file();
         EXPECT_EQ(wlcSecTunReadAllConf(), 1);
