@@ -229,10 +229,12 @@ int32_t tlsc_start_epoll_mon_thread() {
     return 1;
 }
 
+// A run that a start behind the order has met this early does for the one that was wanted: it has used no setting yet.
 void tlsc_note_dropped_exit() {
     const std::lock_guard<std::mutex> guard(monitor_lock);
-    stop_dropped = stop_dropped || stop_posted;
+    stop_dropped = stop_dropped || (stop_posted && !run_wanted);
     stop_posted  = false;
+    run_wanted   = false;
 }
 
 void tlsc_restart_client() {

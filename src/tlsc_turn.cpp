@@ -26,8 +26,17 @@ constexpr timespec look_interval = {0, 1000000};  // between two looks at the pl
 // What was done at the place before is seen by who sees the thread at this one.
 void step_back_to(int32_t place) {
     turn.fetch_sub(here - place, std::memory_order_release);
-    if (place == TLSC_NO_RUN) turn.notify_all();
     here = place;
+}
+
+// A run that was retired meanwhile has nothing to give back.
+void end_run() {
+    int32_t seen = turn.load(std::memory_order_relaxed);
+    while ((seen & run_bits) == run)
+        if (turn.compare_exchange_weak(seen, seen & ~place_bits, std::memory_order_release, std::memory_order_relaxed))
+            break;
+    turn.notify_all();
+    here = TLSC_NO_RUN;
 }
 
 // Nothing is unwound but the stack: what the run had was released by who retired it.
@@ -118,6 +127,7 @@ tlsc_turn::tlsc_turn(tlsc_place place) : before_(here) {
 tlsc_turn::~tlsc_turn() {
     if (here == before_) return;
     if (before_ == TLSC_AT_WORK) go_to_work(TLSC_AT_SAFEPOINT);
+    else if (before_ == TLSC_NO_RUN) end_run();
     else step_back_to(before_);
 }
 

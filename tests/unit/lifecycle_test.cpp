@@ -37,6 +37,7 @@ std::atomic<bool>        hold_before_drain;  // a run waits here, before it drai
 std::atomic<bool>        hold_connecting;    // and here, behind the drain
 std::atomic<int>         runs;               // of the tunnel thread so far
 std::atomic<int>         alive;              // tunnel threads at this moment
+std::atomic<bool>        has_drained;        // the last of them has drained the pipe
 std::atomic<int>         most_alive;
 std::atomic<int>         tunnel_creations_to_fail;
 std::atomic<bool>        monitor_creation_fails;
@@ -102,6 +103,7 @@ extern "C" unsigned __wrap_sleep(unsigned seconds) {
 
 // The tunnel thread: drains the pipe, connects, serves commands until it is told to end.
 extern "C" void *__wrap_tlsc_start_epoll(void *) {
+    has_drained = false;
     ++runs;
     const presence of_this_run;
     wait_while(hold_before_drain);
@@ -113,6 +115,7 @@ extern "C" void *__wrap_tlsc_start_epoll(void *) {
         const std::unique_lock<std::mutex> my_turn = take_my_turn();
         tlsc_clear_cli_cmds();
     }
+    has_drained = true;
     wait_while(hold_connecting);
     exit_client = 0;
     while (exit_client != 1) {
@@ -227,7 +230,7 @@ protected:
                          "Started the epoll monitor thread successfully");
     }
     bool running(int number) {
-        return eventually([number] { return runs == number && alive == 1; });
+        return eventually([number] { return runs == number && alive == 1 && has_drained; });
     }
     // Orders the end of the client and waits for the monitor's.
     void end(size_t monitor_ends = 1) {
@@ -650,6 +653,23 @@ TEST_F(lifecycle, a_restart_before_the_tunnel_drains_its_pipe_is_not_lost) {
     EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
     ASSERT_TRUE(running(2));
     end();
+}
+
+TEST_F(lifecycle, a_restart_that_meets_a_run_before_it_has_begun_needs_no_other) {
+    hold_before_drain = true;
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    ASSERT_TRUE(eventually([] { return runs == 1; }));
+    EXPECT_EQ(tlsc_stop_client(), 1);
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);
+    hold_before_drain = false;
+    ASSERT_TRUE(running(1));
+    EXPECT_TRUE(log.contains("Total number of stale commands cleared from CLI pipe:1"));
+    EXPECT_EQ(tlsc_start_epoll_mon_thread(), 1);  // it runs: there is nothing to do
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(runs, 1);
+    tlsc_restart_client();
+    ASSERT_TRUE(eventually([&] { return ends_of_monitors() == 1; }));  // and no run is wanted behind it
+    EXPECT_EQ(runs, 1);
 }
 
 TEST_F(lifecycle, a_stop_behind_a_restart_leaves_no_client) {
