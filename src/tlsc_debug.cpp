@@ -251,7 +251,8 @@ void tlsc_log_own_console() {
 
 namespace {
 
-void log_line(int32_t level, const char *file, int line, const char *function, const char *format, va_list arguments) {
+__attribute__((format(printf, 5, 0))) void log_line(int32_t level, const char *file, int line, const char *function,
+                                                    const char *format, va_list arguments) {
     log_guard guard;
     if (!guard.may_write() || !tlsc_log_wanted(level)) return;
 
