@@ -994,7 +994,7 @@ TEST_F(tlsc_debug, what_another_user_left_at_the_logs_name_is_moved_away_and_nev
     EXPECT_TRUE(in_fresh_process([] {
         close(__real_open(log_file, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
         ASSERT_EQ(chown(log_file, 1000, 1000), 0);
-        ASSERT_EQ(truncate(log_file, off_t{1} << 40), 0);
+        ASSERT_EQ(truncate(log_file, 1 << 20), 0);
         tlsc_log_rotate();
         ASSERT_EQ(calls.size(), 3u);
         EXPECT_TRUE(calls[0].starts_with("system mv ")) << calls[0];
