@@ -123,7 +123,7 @@ BY_CONTRACT = [
         "OpenSSL, TLS context and session record are made once, at the first start, and not again",
     ),
     (
-        r"^clone3?\(|^mprotect\(\w+, 8388608|^mmap\(.*MAP_STACK",
+        r"^clone3?\(|^mprotect\(\w+, 8388608|^mmap\(.*MAP_STACK|pthread_create < tlsc_start_epoll_mon_thread",
         "a monitor thread that could not be made is a failed start: the controller is told, and decides",
     ),
     (
