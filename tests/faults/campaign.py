@@ -123,6 +123,10 @@ BY_CONTRACT = [
         "OpenSSL, TLS context and session record are made once, at the first start, and not again",
     ),
     (
+        r" < EVP_\w+_fetch < ",
+        "the 3.0 series of OpenSSL remembers an algorithm that it could not load as unsupported, for the process's life",
+    ),
+    (
         r"^clone3?\(|^mprotect\(\w+, 8388608|^mmap\(.*MAP_STACK|pthread_create < tlsc_start_epoll_mon_thread",
         "a monitor thread that could not be made is a failed start: the controller is told, and decides",
     ),
