@@ -45,7 +45,9 @@ def test_ctl_lists_and_follows_events_and_kicks(tunnel):
     assert [line.split()[2] for line in ctl(tunnel, "events").splitlines()][:2] == ["tcp_accept", "tls_up"]
     assert len(ctl(tunnel, "events", "--kind", "tls_up").splitlines()) == 1
     follower = tunnel.world.spawn(
-        [BUILD / "bin/tlsc-gateway", "ctl", "--socket", CONTROL, "--json", "events", "-f", "--kind", "closed"], ns="gateway", stdout="/tmp/followed"
+        [BUILD / "bin/tlsc-gateway", "ctl", "--socket", CONTROL, "--json", "events", "-f", "--kind", "closed"],
+        ns="gateway",
+        stdout="/tmp/followed",
     )
     assert ctl(tunnel, "kick", 1, "--how", "rst") == "1 closed\n"
     wait_until(lambda: tunnel.world.read("/tmp/followed").count(b"\n") == 1, 5, "the event")
@@ -60,14 +62,20 @@ def test_ctl_refuses_with_what_exists_and_says_where_nobody_serves(tunnel):
     assert "there are: silence, stall" in ctl(tunnel, "fault", "silense", want=2)
     assert "no client 77" in ctl(tunnel, "kick", 77, want=2)
     assert "there are: tcp_accept, " in ctl(tunnel, "events", "--kind", "odd", want=2)
-    done = tunnel.world.run([str(BUILD / "bin/tlsc-gateway"), "ctl", "--socket", "/run/none.sock", "status"], ns="gateway", check=False)
+    done = tunnel.world.run(
+        [str(BUILD / "bin/tlsc-gateway"), "ctl", "--socket", "/run/none.sock", "status"], ns="gateway", check=False
+    )
     assert done["status"] == 9 and "no gateway serves /run/none.sock" in done["err"]
     assert "\x1b" not in ctl(tunnel, "fault", "\x1b[2J", want=2)
 
 
 def test_an_event_that_is_not_described_fails_its_schema(tunnel):
     event = tunnel.gateway.events("tls_up")[0]
-    for wrong in ({**event, "more": 1}, {**event, "event": "tls_down"}, {k: v for k, v in event.items() if k != "cipher"}):
+    for wrong in (
+        {**event, "more": 1},
+        {**event, "event": "tls_down"},
+        {k: v for k, v in event.items() if k != "cipher"},
+    ):
         with pytest.raises(AssertionError):
             check("gateway-event", wrong)
     check("gateway-answer", tunnel.gateway.ask("help"))
@@ -114,7 +122,9 @@ def test_files_that_cannot_serve_are_refused_with_the_reason(bench):
     bench.world.write("/tmp/open.txt", "device:key\n", mode=0o644)
     assert "/tmp/open.txt is open to others (mode 0644): chmod 600" in refused(bench, "--psk-file", "/tmp/open.txt")
     bench.world.write("/tmp/psk", "device:key\n")
-    assert "cannot write the log /tmp/none/gw.log: No such file" in refused(bench, "--psk-file", "/tmp/psk", "--log", "/tmp/none/gw.log")
+    assert "cannot write the log /tmp/none/gw.log: No such file" in refused(
+        bench, "--psk-file", "/tmp/psk", "--log", "/tmp/none/gw.log"
+    )
     assert not bench.world.exists("/tmp/none")
     bench.world.write("/tmp/leases", "[]")
     assert "/tmp/leases is no lease file" in refused(bench, "--psk-file", "/tmp/psk", "--lease-file", "/tmp/leases")

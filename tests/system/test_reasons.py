@@ -457,7 +457,9 @@ def test_the_log_is_followed_through_rotation_truncation_and_deletion(device):
             file.write(line % (1, name))
         wait_until(lambda: f"line {name}".encode() in device.world.read("/tmp/followed"), 5, f"line {name}")
     with open(device.world.path(log), "a") as file:
-        file.write("\x1b[2Jbinary \x00\xff" * 1000 + "\nTLSC[99999999999999]: \nTLSC[x" + line % (2, "after \x1b[31mall"))
+        file.write(
+            "\x1b[2Jbinary \x00\xff" * 1000 + "\nTLSC[99999999999999]: \nTLSC[x" + line % (2, "after \x1b[31mall")
+        )
     wait_until(lambda: b"line after \\x1b[31mall" in device.world.read("/tmp/followed"), 5, "the line after")
     assert b"\x1b" not in device.world.read("/tmp/followed")
     assert follower.is_running() and device.agent.is_running()

@@ -50,5 +50,7 @@ def test_a_gateway_that_takes_nothing_is_a_write_error_after_half_a_minute(tunne
     tunnel.gateway.ask("silence", on=True)
     for _ in range(4):
         send_up(tunnel, 5000)
-    daemon.log.wait_for("SSL write error received = 5, translated-ssl-error = 0, write_len = -1, errno = 110", 40, place)
+    daemon.log.wait_for(
+        "SSL write error received = 5, translated-ssl-error = 0, write_len = -1, errno = 110", 40, place
+    )
     controller.wait_for(records.TUN_DOWN, 5, before)
