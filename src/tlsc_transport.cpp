@@ -32,7 +32,10 @@ namespace {
 constexpr time_t patience_seconds = 30;    // without one byte of progress
 constexpr int    look_interval_ms = 1000;  // between two looks whether waits are cut
 
+constexpr time_t cut_patience_seconds = 2;  // for a peer that drips while waits are cut
+
 std::atomic<bool> waits_are_cut{false};
+time_t            first_cut_wait;  // second in which a wait found that they are; 0 when none did
 
 // As recv(2) and send(2), but without libc's cancellation point: no thread that comes here is ever cancelled.
 ssize_t receive_now(int fd, void *bytes, size_t size) {
@@ -49,6 +52,13 @@ time_t seconds_now() {
     return now.tv_sec;
 }
 
+// True when waits have been cut for so long that even a peer which goes on sending, byte by byte, is not waited for.
+bool is_patience_over(time_t now) {
+    if (!waits_are_cut) first_cut_wait = 0;
+    else if (first_cut_wait == 0) first_cut_wait = now;
+    return first_cut_wait != 0 && now - first_cut_wait >= cut_patience_seconds;
+}
+
 // Waits until the socket is ready or has failed, which the next call on it tells. False with errno when the wait itself
 // is over, or is not wanted: EAGAIN for a socket that somebody has made non-blocking.
 bool wait_for(int fd, short events) {
@@ -58,17 +68,18 @@ bool wait_for(int fd, short events) {
         return false;
     }
     tlsc_wait_in_tls();
-    const time_t last = seconds_now() + patience_seconds;
-    for (;;) {
+    const time_t begin = seconds_now();
+    for (bool is_cut = is_patience_over(begin);;) {
+        if (is_cut) {
+            errno = ECANCELED;
+            return false;
+        }
         pollfd    ready{fd, events, 0};
         const int count = poll(&ready, 1, look_interval_ms);
         if (count > 0) return true;
         if (count < 0 && errno != EINTR) return false;
-        if (waits_are_cut) {
-            errno = ECANCELED;
-            return false;
-        }
-        if (seconds_now() > last) {
+        is_cut = waits_are_cut;
+        if (!is_cut && seconds_now() > begin + patience_seconds) {
             errno = ETIMEDOUT;
             return false;
         }

@@ -39,7 +39,8 @@ bool tlsc_transport_has_collected();
 // with the reason in errno; what was collected is gone in either case.
 int32_t tlsc_transport_flush(bool can_wait);
 
-// While on, a wait for the peer ends within a second, as an error of the call. Any thread.
+// While on, a wait for the peer ends as an error of the call: after a second in which the peer does nothing, after two
+// whatever it does. Any thread.
 void tlsc_transport_cut_waits(bool on);
 
 }  // extern "C"

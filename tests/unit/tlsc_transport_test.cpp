@@ -514,6 +514,25 @@ TEST_F(tlsc_transport, a_wait_that_is_cut_ends_within_a_second) {
     EXPECT_EQ(polls, 1);
 }
 
+TEST_F(tlsc_transport, a_wait_that_is_cut_does_not_go_on_for_a_peer_that_drips) {
+    connect();
+    tlsc_transport_read_whole_records(false);
+    static const sealed_peer *dripping;
+    static std::string        rest;
+    dripping    = &peer;
+    rest        = peer.seal("drip");
+    before_poll = [] {
+        if (rest.size() == 40) tlsc_transport_cut_waits(true);
+        dripping->send(rest.substr(0, 1));
+        rest.erase(0, 1);
+        seconds_flown += 1;
+    };
+    EXPECT_EQ(read(), "");
+    EXPECT_EQ(error, ECANCELED);
+    EXPECT_EQ(error_class, SSL_ERROR_SYSCALL);
+    EXPECT_GE(rest.size(), 36u);
+}
+
 TEST_F(tlsc_transport, a_socket_that_was_made_non_blocking_is_not_waited_for) {
     connect();
     tlsc_transport_read_whole_records(false);
