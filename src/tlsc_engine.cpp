@@ -1140,11 +1140,14 @@ void read_frame(tlsc_sock *sock) {
 
 bool has_read_frames;  // in this pass
 
-// One frame while other events wait, or, alone, those of one buffer.
+constexpr int frames_beside_others = 2;  // a pass, while other events wait: TCP answers two segments with one packet
+
+// Alone, the frames of one buffer.
 void read_frames(tlsc_sock *sock, bool alone) {
     has_read_frames = true;
+    int count       = 0;
     do read_frame(sock);
-    while (alone && exit_client != 1 && tlsc_transport_is_readable(sock->ssl));
+    while ((alone || ++count < frames_beside_others) && exit_client != 1 && tlsc_transport_is_readable(sock->ssl));
 }
 
 void on_ssl_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {

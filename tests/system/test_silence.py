@@ -37,7 +37,7 @@ def test_a_stop_does_not_wait_for_a_gateway_that_takes_nothing(tunnel):
     tunnel.daemon.add_route()
     tunnel.gateway.ask("silence", on=True)
     sent = -1
-    while sent != (sent := tunnel.daemon.statistics()["data_pkt_tx"]):  # until the way is full
+    while sent != (sent := tunnel.daemon.statistics()["data_tx"]):  # until the way is full
         send_up(tunnel, 5000)
     assert_stops(tunnel.daemon)
 
