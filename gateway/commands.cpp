@@ -24,7 +24,7 @@ constexpr double largest_count   = 100000;       // of packets in one request
 constexpr double longest_delay   = 3600 * 1000;  // milliseconds
 constexpr double largest_cut     = 1 << 20;      // bytes
 
-// ==== 1 Members of a request =====================================================================================
+// ---- 1 Members of a request -----------------------------------------------------------------------------------------
 // Names, types, words and limits have been checked against the table of requests below.
 
 std::string word_of(const json &request, const char *name, const char *standard = "") {
@@ -109,7 +109,7 @@ constexpr std::pair<const char *, config_answer> config_words[] = {
     {"drop", config_answer::drop},     {"replace", config_answer::replace}, {"malform", config_answer::malform},
 };
 
-// ==== 2 Looking ==================================================================================================
+// ---- 2 Looking ------------------------------------------------------------------------------------------------------
 
 json overrides_of(const tunnel_gateway &gateway) {
     json list = json::array();
@@ -192,7 +192,7 @@ json list_leases(tunnel_gateway &gateway, const json &) {
     return {{"leases", list}};
 }
 
-// ==== 3 Changing behaviour =======================================================================================
+// ---- 3 Changing behaviour -------------------------------------------------------------------------------------------
 
 json set_dpd(tunnel_gateway &gateway, const json &request) {
     bool on = flag_of(request, "on");
@@ -319,7 +319,7 @@ json set_data_events(tunnel_gateway &gateway, const json &request) {
     return json::object();
 }
 
-// ==== 4 Sending and closing ======================================================================================
+// ---- 4 Sending and closing ------------------------------------------------------------------------------------------
 
 json report_sent(tunnel_gateway &gateway, const tunnel_client &client, const char *what, size_t bytes) {
     gateway.events.emit("sent", client.id(), {{"what", what}, {"bytes", bytes}});
@@ -444,7 +444,7 @@ json close_clients(tunnel_gateway &gateway, const json &request) {
     return {{"closed", closed}};
 }
 
-// ==== 5 The table of requests ====================================================================================
+// ---- 5 The table of requests ----------------------------------------------------------------------------------------
 
 using common::member_type;
 

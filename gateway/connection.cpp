@@ -35,7 +35,7 @@ void set_option(int fd, int level, int option, int value) {
 
 }  // namespace
 
-// ==== 1 The BIO between OpenSSL and the buffers ==================================================================
+// ---- 1 The BIO between OpenSSL and the buffers ----------------------------------------------------------------------
 
 const BIO_METHOD *client_connection::bio_method() {
     static BIO_METHOD *method = [] {
@@ -85,7 +85,7 @@ void client_connection::see_state(const SSL *ssl, int where, int value) {
     self->alert_code_  = value & 0xff;
 }
 
-// ==== 2 Life =====================================================================================================
+// ---- 2 Life ---------------------------------------------------------------------------------------------------------
 
 client_connection::client_connection(uint64_t id, common::unique_fd socket, std::string peer,
                                      const surroundings &around, const bounds &limits)
@@ -150,7 +150,7 @@ void client_connection::stall(bool read) {
     update_interest();
 }
 
-// ==== 3 Receiving ================================================================================================
+// ---- 3 Receiving ----------------------------------------------------------------------------------------------------
 
 void client_connection::on_event(unsigned events) {
     if (silent_ || !reading_) return notice_end();
@@ -259,7 +259,7 @@ void client_connection::stop_reading(int result) {
     end({"gateway", "error", reason});
 }
 
-// ==== 4 Sending ==================================================================================================
+// ---- 4 Sending ------------------------------------------------------------------------------------------------------
 
 bool client_connection::write_record(byte_view bytes) {
     int result = SSL_write(ssl_, bytes.data(), static_cast<int>(bytes.size()));
@@ -325,7 +325,7 @@ void client_connection::update_interest() {
     watch_->change(wanted);
 }
 
-// ==== 5 Laboratory ===============================================================================================
+// ---- 5 Laboratory ---------------------------------------------------------------------------------------------------
 
 void client_connection::send_record(uint8_t type, byte_view plain) {
     if (!can_send()) throw std::runtime_error("the connection cannot send");
@@ -377,7 +377,7 @@ void client_connection::shut_sending() {
     (void)shutdown(socket_.get(), SHUT_WR);
 }
 
-// ==== 6 Ending ===================================================================================================
+// ---- 6 Ending -------------------------------------------------------------------------------------------------------
 
 farewells::farewell::farewell(common::loop &loop, common::unique_fd left)
     : socket(std::move(left)), watch(loop, socket.get()), fin(loop), end(loop) {}

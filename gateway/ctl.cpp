@@ -32,7 +32,7 @@ using common::json;
 constexpr const char *standard_socket = "/run/tlsc-gateway/control.sock";
 constexpr double      patience        = 15;  // seconds for an answer, beyond what a request itself waits
 
-// ==== 1 Talking ==================================================================================================
+// ---- 1 Talking ------------------------------------------------------------------------------------------------------
 
 struct ctl_options {
     std::string              socket  = standard_socket;
@@ -93,7 +93,7 @@ json checked(const json &answer) {
     throw ctl_failure(answer.value("exit", static_cast<int>(common::exit_failed)), answer.value("error", "failed"));
 }
 
-// ==== 2 Tables ===================================================================================================
+// ---- 2 Tables -------------------------------------------------------------------------------------------------------
 
 // A value for a person: texts are the clients' own words and are only shown.
 std::string shown(const json &value) {
@@ -185,7 +185,7 @@ void print_faults(const json &a) {
     if (a["faults"].empty()) printf("no fault waits\n");
 }
 
-// ==== 3 Verbs ====================================================================================================
+// ---- 3 Verbs --------------------------------------------------------------------------------------------------------
 
 using printer = void (*)(const json &);
 
@@ -280,7 +280,7 @@ int reload(const ctl_options &options) {
     return common::exit_done;
 }
 
-// ==== 4 The command line =========================================================================================
+// ---- 4 The command line ---------------------------------------------------------------------------------------------
 
 void declare(CLI::App &app, ctl_options &o) {
     app.require_subcommand(1);

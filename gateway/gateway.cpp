@@ -66,7 +66,7 @@ tunnel_gateway::tunnel_gateway(const gateway_options &options, common::loop &loo
 
 tunnel_gateway::~tunnel_gateway() = default;
 
-// ==== 1 Listening ================================================================================================
+// ---- 1 Listening ----------------------------------------------------------------------------------------------------
 
 void tunnel_gateway::listen() {
     common::unique_fd socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -145,7 +145,7 @@ void tunnel_gateway::take_connection(common::unique_fd socket, const std::string
     else client.stall(lab.accept == accept_mode::stall_tls);
 }
 
-// ==== 2 Life of connections ======================================================================================
+// ---- 2 Life of connections ------------------------------------------------------------------------------------------
 
 void tunnel_gateway::on_tls_up(client_connection &connection) {
     auto &client = static_cast<tunnel_client &>(connection);
@@ -249,7 +249,7 @@ std::string tunnel_gateway::read_keys_again() {
     }
 }
 
-// ==== 3 For the control protocol =================================================================================
+// ---- 3 For the control protocol -------------------------------------------------------------------------------------
 
 std::chrono::milliseconds tunnel_gateway::uptime() const {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - born_);

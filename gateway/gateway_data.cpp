@@ -48,7 +48,7 @@ struct frame_buffer {
 
 }  // namespace
 
-// ==== 1 Up =======================================================================================================
+// ---- 1 Up -----------------------------------------------------------------------------------------------------------
 
 void tunnel_gateway::take_packet(tunnel_client &client, byte_view packet) {
     auto refused = refuse_reason(client, packet);
@@ -71,7 +71,7 @@ std::optional<counter> tunnel_gateway::refuse_reason(const tunnel_client &client
     return std::nullopt;
 }
 
-// ==== 2 Down =====================================================================================================
+// ---- 2 Down ---------------------------------------------------------------------------------------------------------
 
 void tunnel_gateway::on_tun_readable() {
     frame_buffer buffer;

@@ -21,7 +21,7 @@ const auto response_faults = {fault_kind::no_response, fault_kind::bad_response,
 
 }  // namespace
 
-// ==== 1 Ordering =================================================================================================
+// ---- 1 Ordering -----------------------------------------------------------------------------------------------------
 
 void tunnel_gateway::order_fault(const std::string &text) {
     if (text == "none") return forget_faults();
@@ -52,7 +52,7 @@ void tunnel_gateway::start_fault_timer(uint64_t number, std::chrono::millisecond
     });
 }
 
-// ==== 2 Striking =================================================================================================
+// ---- 2 Striking -----------------------------------------------------------------------------------------------------
 
 void tunnel_gateway::tell_fault(const armed_fault &fault, uint64_t client) {
     events.emit("fault", client, {{"fault", fault.text}});

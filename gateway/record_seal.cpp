@@ -33,7 +33,7 @@ void append_u16(byte_vector &to, size_t value) {
     to.push_back(static_cast<uint8_t>(value));
 }
 
-// ==== 1 Key block ================================================================================================
+// ---- 1 Key block ----------------------------------------------------------------------------------------------------
 // RFC 5246, 6.3. The server's halves are what the gateway writes with.
 
 struct write_keys {
@@ -116,7 +116,7 @@ cipher_context start_encryption(const EVP_CIPHER *cipher, const byte_vector &key
     return context;
 }
 
-// ==== 2 Authenticated ciphers ====================================================================================
+// ---- 2 Authenticated ciphers ----------------------------------------------------------------------------------------
 
 byte_vector encrypt_authenticated(const EVP_CIPHER *cipher, const byte_vector &key, const byte_vector &nonce,
                                   const byte_vector &header, byte_view plain) {
@@ -154,7 +154,7 @@ byte_vector seal_chacha(const cipher_shape &shape, const write_keys &keys, uint8
         type, encrypt_authenticated(shape.cipher, keys.key, nonce, pseudo_header(sequence, type, plain.size()), plain));
 }
 
-// ==== 3 CBC with HMAC ============================================================================================
+// ---- 3 CBC with HMAC ------------------------------------------------------------------------------------------------
 // MAC, then pad, then encrypt (RFC 5246), or pad, encrypt, then MAC (RFC 7366).
 
 byte_vector hmac(const EVP_MD *digest, const byte_vector &key, const byte_vector &message) {
@@ -214,7 +214,7 @@ byte_vector seal_cbc(const cipher_shape &shape, const write_keys &keys, uint8_t 
     return record_of(type, body);
 }
 
-// ==== 4 The choice between them ==================================================================================
+// ---- 4 The choice between them --------------------------------------------------------------------------------------
 
 cipher_shape shape_of(SSL *ssl) {
     cipher_shape      none{construction_kind::none, nullptr, nullptr, 0};

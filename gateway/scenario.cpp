@@ -24,7 +24,7 @@ constexpr double standard_patience = 10;      // seconds
 constexpr double longest           = 3600;    // seconds
 constexpr double most_rounds       = 100000;  // of repeat
 
-// ==== 1 Reading ==================================================================================================
+// ---- 1 Reading ------------------------------------------------------------------------------------------------------
 
 [[noreturn]] void refuse(size_t line, const std::string &what) {
     throw std::runtime_error("line " + std::to_string(line) + ": " + what);
@@ -145,7 +145,7 @@ scenario parse_scenario(const std::string &text) {
     return story;
 }
 
-// ==== 2 Running ==================================================================================================
+// ---- 2 Running ------------------------------------------------------------------------------------------------------
 
 namespace {
 

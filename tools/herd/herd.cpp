@@ -48,7 +48,7 @@ namespace {
 
 // Contents: 1 settings and figures  2 timers  3 one connection  4 sessions  5 packets  6 the loop  7 commands
 
-// ==== 1 Settings and figures =====================================================================================
+// ---- 1 Settings and figures -----------------------------------------------------------------------------------------
 
 using moment  = std::chrono::steady_clock::time_point;
 using seconds = std::chrono::duration<double>;
@@ -93,7 +93,7 @@ moment later(double delay) { return now() + std::chrono::duration_cast<moment::d
     exit(1);
 }
 
-// ==== 2 Timers ===================================================================================================
+// ---- 2 Timers -------------------------------------------------------------------------------------------------------
 // A timer names what it is for; one that has lost its meaning by the time it is due does nothing.
 
 enum class purpose {
@@ -113,7 +113,7 @@ struct timer {
 
 std::priority_queue<timer, std::vector<timer>, std::greater<>> timers;
 
-// ==== 3 One connection ===========================================================================================
+// ---- 3 One connection -----------------------------------------------------------------------------------------------
 
 int      epoll_fd;
 SSL_CTX *context;
@@ -200,7 +200,7 @@ void bury(std::unique_ptr<connection> c, bool reset = false) {
     buried.push_back(std::move(c));
 }
 
-// ==== 4 Sessions =================================================================================================
+// ---- 4 Sessions -----------------------------------------------------------------------------------------------------
 
 void come_up(session &self, connection &c);
 
@@ -299,7 +299,7 @@ void on_timer(const timer &due) {
     timers.push({later(self.dpd), purpose::dpd, due.session, due.life});
 }
 
-// ==== 5 Packets ==================================================================================================
+// ---- 5 Packets ------------------------------------------------------------------------------------------------------
 
 // What the sessions do with packets at present.
 struct traffic {
@@ -402,7 +402,7 @@ void take_packet(connection &c, const uint8_t *packet, size_t size) {
     offer_traffic(self, c);
 }
 
-// ==== 6 The loop =================================================================================================
+// ---- 6 The loop -----------------------------------------------------------------------------------------------------
 
 void take_frame(connection &c, const uint8_t *frame, size_t size) {
     const size_t length = static_cast<size_t>(frame[4] << 8 | frame[5]);
@@ -496,7 +496,7 @@ void live_until(moment end, const condition &done) {
     }
 }
 
-// ==== 7 Commands =================================================================================================
+// ---- 7 Commands -----------------------------------------------------------------------------------------------------
 
 double quantile(std::vector<double> &values, double which) {
     if (values.empty()) return 0;
