@@ -54,7 +54,7 @@ void hooks::start_next() {
         std::string error       = child_.start(options, [this, next](const child_end &end) { finish(next, end); });
         if (!error.empty()) {
             log_.add("hook_failed", {{"hook", next.name}, {"error", error}});
-            keep_result(next.name, {false, 127, 0, error, present(), 0, next.cause});
+            tell(next.name, {false, 127, 0, error, present(), 0, next.cause});
             continue;
         }
         log_.add("hook_started", {{"hook", next.name}, {"pid", child_.pid()}, {"for_event", next.cause}});
@@ -86,13 +86,12 @@ void hooks::finish(const job &done, const child_end &end) {
     members["timed_out"] = timed_out_;
     if (!result.error.empty()) members["error"] = result.error;
     log_.add("hook_ended", members);
-    keep_result(done.name, result);
+    tell(done.name, result);
     if (stopped_) return std::exchange(stopped_, nullptr)();
     start_next();
 }
 
-void hooks::keep_result(const std::string &name, const hook_result &result) {
-    results_[name] = result;
+void hooks::tell(const std::string &name, const hook_result &result) {
     if (on_end) on_end(name, result);
 }
 

@@ -9,7 +9,6 @@
 
 #include <deque>
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -39,10 +38,6 @@ public:
     // event that caused it.
     void run(const char *name, const std::string &command, std::vector<std::string> facts, uint64_t cause);
 
-    // Results by the hook's name.
-    const std::map<std::string, hook_result> &results() const { return results_; }
-    void remember(const std::string &name, const hook_result &result) { results_[name] = result; }
-
     // Ends the running hook and forgets the waiting ones; calls work when that is done, at the latest after a second.
     void stop(task work);
 
@@ -57,18 +52,17 @@ private:
     void end_running();
     void take_error_output(std::string_view text);
     void finish(const job &done, const child_end &end);
-    void keep_result(const std::string &name, const hook_result &result);
+    void tell(const std::string &name, const hook_result &result);
 
-    event_log                         &log_;
-    double                             timeout_;
-    std::deque<job>                    waiting_;
-    child                              child_;
-    timer                              deadline_;
-    double                             started_   = 0;  // monotonic seconds
-    bool                               timed_out_ = false;
-    std::string                        error_;  // what the running hook said
-    std::map<std::string, hook_result> results_;
-    task                               stopped_;  // set while everything ends
+    event_log      &log_;
+    double          timeout_;
+    std::deque<job> waiting_;
+    child           child_;
+    timer           deadline_;
+    double          started_   = 0;  // monotonic seconds
+    bool            timed_out_ = false;
+    std::string     error_;    // what the running hook said
+    task            stopped_;  // set while everything ends
 };
 
 }  // namespace wlcctl

@@ -78,8 +78,7 @@ void keeper::read_conf() {
     known_.cipher         = printable(conf_value(options_.conf, "cipher_algo"), 64);
     known_.conf_gateway   = printable(conf_address_, 64);
     known_.conf_port      = printable(conf_value(options_.conf, "server_port"), 8);
-    if (!known_.why.interface.empty() && !known_.interface_name.empty()) known_.interface_name = known_.why.interface;
-    known_.gateway_name = printable(name(), 64);
+    known_.gateway_name   = printable(name(), 64);
 }
 
 std::string keeper::name() const {

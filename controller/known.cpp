@@ -2,6 +2,7 @@
 
 #include "conf.h"
 
+#include <arpa/inet.h>
 #include <cmath>
 
 #include <nlohmann/json.hpp>
@@ -217,6 +218,12 @@ json knowledge::save(int32_t process, uint64_t start, const moment &now) const {
 
 namespace {
 
+// Hooks get these texts in their environment, so nothing but an address may pass.
+bool is_address(const std::string &text) {
+    uint8_t bytes[16];
+    return inet_pton(AF_INET, text.c_str(), bytes) == 1 || inet_pton(AF_INET6, text.c_str(), bytes) == 1;
+}
+
 std::string text_at(const json &object, const char *name) {
     auto at = object.find(name);
     return at != object.end() && at->is_string() ? at->get<std::string>() : "";
@@ -280,7 +287,8 @@ void knowledge::load(const json &kept, bool is_same_process, const moment &now) 
     if (std::string cause = text_at(kept, "cause"); !cause.empty()) state.cause.set(source::remembered, cause, now, "");
 
     if (auto inner = kept.find("inner_ip"); inner != kept.end() && inner->is_object()) {
-        state.inner_ip.set(source::remembered, text_at(*inner, "value"), now, "");
+        std::string address = text_at(*inner, "value");
+        if (is_address(address)) state.inner_ip.set(source::remembered, address, now, "");
         state.inner_ip.since = moment_of(number_at(*inner, "wall"), now);
     }
     if (auto dns = kept.find("dns"); dns != kept.end() && dns->is_object()) {
@@ -288,7 +296,7 @@ void knowledge::load(const json &kept, bool is_same_process, const moment &now) 
         auto                     list = dns->find("value");
         if (list != dns->end() && list->is_array())
             for (const json &each : *list)
-                if (each.is_string()) servers.push_back(each.get<std::string>());
+                if (each.is_string() && is_address(each.get<std::string>())) servers.push_back(each.get<std::string>());
         state.dns.set(source::remembered, servers, now, "");
         state.dns.since = moment_of(number_at(*dns, "wall"), now);
         state.dns_count = static_cast<uint32_t>(servers.size());
