@@ -31,6 +31,9 @@ uint32_t         tlsc_backoff_interval;
 
 namespace {
 
+// The gateway may assign a retry interval of 0, which leaves the timer disarmed; no other interval can be 0.
+bool does_retry_expire;
+
 constexpr int64_t  guard_seconds         = 10;    // wait for the configuration response
 constexpr uint32_t first_backoff_seconds = 10;    // pause after the first failure
 constexpr uint32_t max_backoff_seconds   = 3600;  // the pause grows no further
@@ -112,6 +115,7 @@ int32_t tlsc_start_timer(int32_t *slot, int32_t one_shot) {
     itimerspec    setting{};
     setting.it_value.tv_sec    = static_cast<time_t>(seconds);
     setting.it_interval.tv_sec = one_shot == 1 ? 0 : setting.it_value.tv_sec;
+    if (slot == &tlsc_timers.retry) does_retry_expire = seconds != 0;
     if (timerfd_settime(*slot, 0, &setting, nullptr) != 0) {
         TLSC_ERROR("Start timer failed for fd = %d, sec %lu", *slot, static_cast<unsigned long>(seconds));
         close_timer(slot);
@@ -299,10 +303,9 @@ void tlsc_abandon_timers() {
 }
 
 bool tlsc_is_any_timer_running() {
-    for (int32_t slot : {tlsc_timers.dpd, tlsc_timers.rekey, tlsc_timers.backoff, tlsc_timers.guard, tlsc_timers.retry,
-                         tlsc_timers.fqdn})
+    for (int32_t slot : {tlsc_timers.dpd, tlsc_timers.rekey, tlsc_timers.backoff, tlsc_timers.guard, tlsc_timers.fqdn})
         if (slot > 0) return true;
-    return false;
+    return tlsc_timers.retry > 0 && does_retry_expire;
 }
 
 // ==== 5 Expiry ===================================================================================================

@@ -124,7 +124,7 @@ BY_CONTRACT = [
     ),
     (
         r" < EVP_\w+_fetch < ",
-        "the 3.0 series of OpenSSL remembers an algorithm that it could not load as unsupported, for the process's life",
+        "the 3.0 series of OpenSSL remembers an algorithm that it could not load as unsupported for good",
     ),
     (
         r"^clone3?\(|^mprotect\(\w+, 8388608|^mmap\(.*MAP_STACK|pthread_create < tlsc_start_epoll_mon_thread",

@@ -153,6 +153,20 @@ TEST_F(tlsc_timer, any_one_shot_value_but_1_arms_periodically_with_the_same_inte
     }
 }
 
+TEST_F(tlsc_timer, a_retry_interval_of_0_starts_a_timer_that_never_expires_and_brings_nothing_back) {
+    conf->retry_interval = 0;
+    EXPECT_EQ(tlsc_start_timer(&tlsc_timers.retry, 0), 1);
+    EXPECT_GT(tlsc_timers.retry, 0);
+    EXPECT_FALSE(tlsc_is_any_timer_running());
+    tlsc_stop_timer(&tlsc_timers.retry);
+    conf->retry_interval = 1;
+    EXPECT_EQ(tlsc_start_timer(&tlsc_timers.retry, 0), 1);
+    EXPECT_TRUE(tlsc_is_any_timer_running());
+    conf->retry_interval = 0;  // of a later response: the timer goes on
+    EXPECT_TRUE(tlsc_is_any_timer_running());
+    tlsc_stop_timer(&tlsc_timers.retry);
+}
+
 TEST_F(tlsc_timer, timers_use_the_monotonic_clock_and_do_not_block) {
     ASSERT_EQ(tlsc_start_timer(&tlsc_timers.retry, 0), 1);
     EXPECT_EQ(create_clock, CLOCK_MONOTONIC);
