@@ -96,6 +96,33 @@ def test_killed_daemon_comes_back_and_the_tunnel_with_it(device):
     device.wait_until(f"wlcctl status && [ $(systemctl show -p MainPID --value tlsc) != {first} ]", 40)
 
 
+def test_tunnel_outlives_a_killed_agent_which_comes_back(device):
+    device.run(CONFIGURE)
+    device.run(ENABLE)
+    device.wait_until("wlcctl status", 30)
+    agent, daemon = show(device, "tlsc-agent", "MainPID"), show(device, "tlsc", "MainPID")
+    device.run(f"kill -9 {agent}")
+    device.wait_until(f"wlcctl info && [ $(systemctl show -p MainPID --value tlsc-agent) != {agent} ]", 40)
+    assert show(device, "tlsc", "MainPID") == daemon
+    assert device.run("journalctl -u tlsc-gateway --no-pager | grep -c event=tls_up").strip() == "1"
+    assert device.holds("ip link show dev tun0 up | grep -q tun0")
+
+
+def test_ended_daemon_comes_back_and_a_stopped_tunnel_stays_down(device):
+    device.run(CONFIGURE)
+    device.run(ENABLE)
+    device.wait_until("wlcctl status", 30)
+    device.run("wlcctl stop --wait")
+    first = show(device, "tlsc", "MainPID")
+    device.run("wlcctl shutdown --wait", timeout=40)
+    device.wait_until(f"[ $(systemctl show -p MainPID --value tlsc) -gt 0 ] && [ -p /tmp/wlc-to-tlsc-fifo ]", 30)
+    assert show(device, "tlsc", "MainPID") != first
+    device.run("sleep 8")  # longer than the agent takes to start a tunnel
+    assert not device.holds("wlcctl status")
+    device.run("wlcctl start --wait", timeout=60)
+    assert device.holds("wlcctl status")
+
+
 def test_stop_is_the_orderly_end(device):
     device.run(CONFIGURE)
     device.run(ENABLE)
