@@ -16,7 +16,7 @@ _wlcctl_help() {
         }'
 }
 
-_wlcctl_codes() { "${COMP_WORDS[0]}" why 2>/dev/null | grep -oE '^[ ]*[a-z]+(-[a-z]+)+' | tr -d ' '; }
+_wlcctl_codes() { "${COMP_WORDS[0]}" why 2>/dev/null | grep -xE '[a-z]+(-[a-z]+)*'; }
 
 _wlcctl_kinds() {
     echo agent_started hello tun_in_prog tun_up tun_down inner_ip dns stats process name_query sent send_failed \
@@ -48,8 +48,10 @@ _wlcctl() {
         case $type in
         PATH | FILE | PROGRAM) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
         KIND) mapfile -t COMPREPLY < <(compgen -W "$(_wlcctl_kinds)" -- "$current" | sort -u); return ;;
-        LEVEL)
-            mapfile -t COMPREPLY < <(compgen -W "errors warnings info debug ssl-dbg" -- "$current")
+        *'{'*)
+            type=${type#*\{}
+            type=${type%\}*}
+            mapfile -t COMPREPLY < <(compgen -W "${type//,/ }" -- "$current")
             return
             ;;
         GROUP) mapfile -t COMPREPLY < <(compgen -g -- "$current"); return ;;

@@ -50,11 +50,25 @@ function __wlcctl_kinds
 end
 
 function __wlcctl_codes
-    wlcctl why 2>/dev/null | grep -oE '^[ ]*[a-z]+(-[a-z]+)+' | tr -d ' '
+    wlcctl why 2>/dev/null | grep -xE '[a-z]+(-[a-z]+)*'
 end
 
 function __wlcctl_after
     contains -- (commandline -opc)[-1] $argv
+end
+
+# The words that the option before the cursor takes, as the help names them: --level LEVEL:{errors,warnings}.
+function __wlcctl_choices
+    set -l words (__wlcctl_words)
+    set -l last (commandline -opc)[-1]
+    string match -q -- '-*' $last; or return
+    wlcctl $words[1] --help 2>/dev/null | awk -v name=$last '
+        /^  -/ && $2 ~ /\{/ {
+            count = split($1, names, ",")
+            for (i = 1; i <= count; i++) if (names[i] == name) {
+                sub(/^[^{]*\{/, "", $2); sub(/\}.*/, "", $2); gsub(/,/, "\n", $2); print $2
+            }
+        }'
 end
 
 # What takes a file, and everything else: no file.
@@ -71,4 +85,5 @@ complete -c wlcctl -n '__wlcctl_at help' -a '(__wlcctl_verbs)'
 complete -c wlcctl -n '__wlcctl_at debug' -a 'level destination'
 complete -c wlcctl -n '__wlcctl_at debug level' -a 'errors warnings info debug ssl-dbg buf-print'
 complete -c wlcctl -n '__wlcctl_at debug destination; or __wlcctl_at debug dest' -a 'file console both'
+complete -c wlcctl -n 'test (count (__wlcctl_words)) -ge 1' -a '(__wlcctl_choices)'
 complete -c wlcctl -n '__wlcctl_after --kind --event' -a '(__wlcctl_kinds)'

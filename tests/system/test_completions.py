@@ -81,7 +81,7 @@ def test_every_verb_is_offered(offers):
     assert offers("wlcctl st") == {verb for verb in verbs() if verb.startswith("st")}
 
 
-@pytest.mark.parametrize("verb", ["agent", "events", "stats", "conf init", "start"])
+@pytest.mark.parametrize("verb", ["agent", "events", "stats", "conf init", "start", "logs", "decode"])
 def test_every_option_of_a_verb_is_offered(offers, verb):
     assert offers(f"wlcctl {verb} --") == {n for n in options(*verb.split()) | options() if n.startswith("--")}
 
@@ -101,6 +101,17 @@ def test_options_in_front_of_the_verb_do_not_confuse(offers):
 
 def test_event_kinds_are_offered(offers):
     assert {"tun_up", "tun_down"} <= offers("wlcctl events --kind tun_")
+
+
+def test_reason_codes_are_offered(offers):
+    codes = set(re.findall(r"^([a-z-]+)$", run([BUILD / "bin/wlcctl", "why"]).stdout, re.M))
+    assert len(codes) > 20 and {"clock", "stuck", "key-mismatch"} <= codes
+    assert offers("wlcctl why ") == codes
+
+
+def test_choices_that_the_help_names_are_offered(offers):
+    assert offers("wlcctl logs --level ") == {"errors", "warnings", "info", "debug", "ssl-dbg"}
+    assert offers("wlcctl agent --log-level wa") == {"warning"}
 
 
 def test_files_are_offered_for_a_path(offers, tmp_path):

@@ -194,7 +194,7 @@ def options_in_help(*words):
     names = set()
     for line in output(*words, "--help").splitlines():
         if re.match(r" +-", line):
-            names |= set(re.findall(r"(?<![\w-])--[a-z][a-z-]*", line.split("  ")[1]))
+            names |= set(re.findall(r"(?<![\w-])--[a-z][a-z-]*(?![\w-])", line.split("  ")[1].partition(" ")[0]))
     return names
 
 
@@ -214,6 +214,27 @@ def test_manual_page_of_the_gateway_has_the_defaults_of_its_help():
     for name, value in shown:
         paragraph = re.search(rf"^\*{name}\*[^\n]*\n((?:\t[^\n]*\n)+)", text, re.M)[1]
         assert f"Default {value}." in " ".join(paragraph.split()), name
+
+
+def verbs_of_wlcctl():
+    listed = output(BUILD / "bin/wlcctl", "--help").partition("Subcommands:")[2]
+    return re.findall(r"^  ([a-z]+) ", listed, re.M)
+
+
+def test_manual_page_of_the_controller_has_every_verb_and_every_option_of_its_help():
+    text = (PROJECT / "docs/man/wlcctl.1.scd").read_text()
+    program, names = BUILD / "bin/wlcctl", options_in_help(BUILD / "bin/wlcctl")
+    for verb in verbs_of_wlcctl():
+        assert re.search(rf"^\*({verb}\*|{verb} |\w+\*, \*{verb}\*)", text, re.M), verb
+        names |= options_in_help(program, verb)
+    names |= options_in_help(program, "conf", "init") | options_in_help(program, "conf", "show")
+    assert options_in_page("wlcctl.1.scd") == names
+
+
+def test_manual_page_of_the_controller_has_the_exit_statuses_of_its_help():
+    told = output(BUILD / "bin/wlcctl", "--help").partition("Exit status")[2]
+    text = (PROJECT / "docs/man/wlcctl.1.scd").read_text().partition("# EXIT STATUS")[2].partition("# FILES")[0]
+    assert re.findall(r"^\*(\d+)\*$", text, re.M) == re.findall(r"(?<!\w)(\d+) [a-z]", told)
 
 
 def test_every_key_of_the_configuration_file_is_in_its_page():
