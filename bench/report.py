@@ -72,6 +72,15 @@ class Results:
         return [ours / theirs for ours, theirs in pairs if ours is not None and theirs]
 
 
+def busy(results):
+    """A warning when much else ran on the machine, or nothing. The benchmark itself loads two processors with about 3."""
+    loads = [load for measures in results.loads.values() for each in measures.values() for load in each]
+    load = statistics.median(loads) if loads else 0
+    if load < 2 * max(os.cpu_count(), 2) + 1:
+        return ""
+    return f"**Much else ran on the machine during this run (load average {load:.0f}): throughputs and times say little.**"
+
+
 def number(value, decimals):
     return f"{value:,.{decimals}f}"
 
@@ -177,6 +186,9 @@ def page(run, results):
     yield f"- {software}"
     yield f"- To repeat it: `{run['command']}`, as root, on a Debian 12 machine that does nothing else."
     yield ""
+    if busy(results):
+        yield busy(results)
+        yield ""
     yield "![Streams: throughput and CPU time](benchmark-streams.svg)"
     yield ""
     yield "![Round trips](benchmark-latency.svg)"
@@ -289,7 +301,8 @@ def front(results):
         title, unit, decimals, _ = CATALOGUE[name]
         medians = [spread(results.of(program, name), decimals).split(" ")[0] for program in results.programs]
         lines.append([f"{title}, {unit}", *medians])
-    return "\n".join(rows(["median", *results.programs], lines))
+    table = "\n".join(rows(["median", *results.programs], lines))
+    return f"{busy(results)}\n\n{table}" if busy(results) else table
 
 
 def write_front(results, readme):
