@@ -78,7 +78,7 @@ def busy(results):
     load = statistics.median(loads) if loads else 0
     if load < 2 * max(os.cpu_count(), 2) + 1:
         return ""
-    return f"**Much else ran on the machine during this run (load average {load:.0f}): throughputs and times say little.**"
+    return f"**Much else ran on the machine meanwhile (load average {load:.0f}): throughputs and times say little.**"
 
 
 def number(value, decimals):
