@@ -6,10 +6,12 @@ import time
 
 import pytest
 
+from harness.controller import TO_DAEMON
 from harness.daemon import CONF_FILE, PSK_IDENTITY, PSK_KEY, TUN_NAME, conf_text
 from harness.schema import check, check_controller_answer
 from harness.wlcctl import PROGRAM, SOCKET
 from harness.world import BLACK_HOLE_IP, BUILD, GATEWAY_IP, MANAGEMENT_IP, SITE_IP, wait_until
+from test_certificates import Client as CertificateClient
 
 STATE = "/tmp/agent-state/agent.json"
 DAEMON = BUILD / "bin/tlsc"
@@ -543,3 +545,18 @@ def test_the_socket_describes_itself_and_refuses_what_it_does_not_know(device):
     assert "there are: " in answers[1]["error"] and "status" in answers[1]["error"]
     assert answers[2]["error"].endswith("there are: fresh")
     assert "tun_up" in answers[3]["error"]
+
+
+@pytest.mark.parametrize(
+    ("certificate", "verdict"), [("revoked", "certificate revoked"), ("expired", "certificate has expired")]
+)
+def test_a_certificate_that_is_rejected_has_its_verdict(device, certificate, verdict):
+    """The daemon's modules with certificates, which its own configuration file cannot ask for; somebody holds the pipe."""
+    client = CertificateClient(device.bench, "release")
+    client.start_gateway(certificate)
+    holder = f"mkfifo {TO_DAEMON} && exec sleep 1000 <>{TO_DAEMON}"
+    device.world.spawn(["sh", "-c", holder], ns="device")
+    device.start_agent()
+    client.run()
+    status = device.wait_reason("certificate-rejected", SHOWN)
+    assert status["reason"]["detail"] == verdict
