@@ -560,3 +560,29 @@ def test_a_certificate_that_is_rejected_has_its_verdict(device, certificate, ver
     client.run()
     status = device.wait_reason("certificate-rejected", SHOWN)
     assert status["reason"]["detail"] == verdict
+
+
+def test_a_watcher_gets_a_line_for_each_change(device):
+    device.bench.make_gateway()
+    device.bring_up()
+    plain = device.world.spawn([PROGRAM, "watch", "--count", "2"], ns="device", stdout="/tmp/watched")
+    wait_until(lambda: b"health up" in device.world.read("/tmp/watched"), 5, "the first line")
+    device.run("stop", "--wait")
+    assert plain.wait(5) == 0
+    lines = device.world.read("/tmp/watched").decode().splitlines()
+    assert len(lines) == 3 and "\x1b" not in "".join(lines), lines
+
+
+def test_the_agents_own_file_has_all_options_and_is_refused_with_the_list_of_them(device):
+    conf = "/tmp/agent.conf"
+    device.world.write(conf, "# the device\nkeep-up = true\nstuck_after = 9\nquiet = yes\n")
+    device.bench.make_gateway()
+    device.configure()
+    device.start_daemon()
+    device.start_agent("--agent-conf", conf)
+    assert device.wait_up()["agent"]["keep_up"] is True
+    for text, part in (("kep-up = true\n", "there are: "), ("keep-up = maybe\n", "true or false"), ("nonsense\n", "line 1")):
+        device.world.write(conf, text)
+        done = device.run("agent", "--agent-conf", conf)
+        assert done["status"] == 2
+        assert part in done["err"] and len(done["err"].splitlines()) == 1
