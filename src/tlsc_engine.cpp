@@ -1082,6 +1082,8 @@ struct {
     unsigned look_after = first_look;  // packets
 } load;
 
+bool has_sent_packet;  // in this pass
+
 bool is_time_to_look() { return load.is_on || load.packets >= load.look_after; }
 
 void note_look(bool found_more) {
@@ -1111,6 +1113,7 @@ void on_tun_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
     const int32_t result = tlsc_tun_read_and_process(sock);
     tlsc_transport_collect(false);
     ++load.packets;
+    has_sent_packet = true;
     if (!result) tlsc_sock_error(TLSC_DOWN_SSL_WRITE);
 }
 
@@ -1377,6 +1380,7 @@ int next_events(tlsc_sock *sock) {
 void handle_one_pass(tlsc_sock *sock) {
     follow_log_level(sock->ssl);
     has_read_frames = false;
+    has_sent_packet = false;
     pass_count      = next_events(sock);
     pass_next       = 0;
     while (pass_next < pass_count) {
@@ -1384,6 +1388,8 @@ void handle_one_pass(tlsc_sock *sock) {
         handle_event(sock, event.data.fd, event.events);
     }
     if (!has_read_frames && tlsc_transport_is_readable(sock->ssl)) read_frames(sock, pass_count == 0);
+    // Packets wait for packets only, not for a gateway that never pauses.
+    if (!has_sent_packet && !send_collected_records()) tlsc_sock_error(TLSC_DOWN_SSL_WRITE);
     pass_count = 0;
     look_after_timeless_tunnel(sock);
 }

@@ -1668,6 +1668,29 @@ TEST_F(engine_loop, packets_that_wait_for_each_other_go_out_together_and_in_orde
     EXPECT_EQ(stats.data_pkt_tx, 100u);
 }
 
+TEST_F(engine_loop, packets_do_not_wait_for_a_gateway_that_never_pauses) {
+    tls_peer peer;
+    bring_up(peer);
+    peer_connection  &gateway = peer.connection(0);
+    const int         packets = open_packet_socket();
+    std::atomic<bool> is_over{false};
+    std::thread       flood([&] {
+        while (!is_over) (void)gateway.write(wire_frame(CSTP_DATA, "x"));
+    });
+    char              bytes[4000];
+    for (int i = 0; i < 30; ++i) {
+        emit(packets, udp_packet("192.168.1.5", "8.8.8.8"));
+        emit(packets, udp_packet("192.168.1.5", "8.8.8.8"));
+        pollfd ready{gateway.fd(), POLLIN, 0};
+        EXPECT_EQ(poll(&ready, 1, peer_patience_ms / 5), 1) << i;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        (void)recv(gateway.fd(), bytes, sizeof(bytes), MSG_DONTWAIT);  // past TLS: only that something came counts
+    }
+    is_over = true;
+    flood.join();
+    close(packets);
+}
+
 TEST_F(engine_loop, frames_are_delivered_however_their_bytes_are_cut) {
     sealed_peer peer;
     peer.accept();
