@@ -87,12 +87,13 @@ private:
     void begin();
     void print_event(const event &e, const json &members);
 
-    void on_message(const message &m);
-    void probe();
-    void check();
-    void check_reader();
-    void find_daemon();
-    void look_for_second();
+    void    on_message(const message &m);
+    void    probe();
+    void    check();
+    void    check_reader();
+    int32_t kept_daemon() const;
+    void    find_daemon();
+    void    look_for_second();
 
     void on_log_entry(const log_entry &entry, bool is_old);
     void learn_from_log();
@@ -342,10 +343,21 @@ void agent::check_reader() {
     if (!probe_.is_running()) probe_.start(probe_delay, [this] { probe(); });
 }
 
+// The daemon that an earlier agent knew, if that very process still runs; else 0.
+int32_t agent::kept_daemon() const {
+    if (!kept_.is_object() || !kept_.contains("daemon") || !kept_["daemon"].is_object()) return 0;
+    json number = kept_["daemon"].value("pid", json(0)), start = kept_["daemon"].value("start", json(0));
+    if (!number.is_number_integer()) return 0;
+    int32_t pid = number.get<int32_t>();
+    return pid > 0 && start_time_of(pid) != 0 && start == start_time_of(pid) ? pid : 0;
+}
+
 // The process that reads the pipe, when it may be looked up: then what an earlier agent knew of it is known again.
 void agent::find_daemon() {
     std::vector<int32_t> found = readers_of(options_.to_daemon);
     if (found.size() > 1) look_for_second();
+    // A confined agent may not see who holds a pipe open. Then it is who was known to, while that process runs.
+    if (int32_t kept = kept_daemon(); found.empty() && kept) found.push_back(kept);
     if (found.size() != 1) return;
     moment now = present();
     pipe_.watch_process(found[0]);
@@ -383,14 +395,12 @@ void agent::on_log_entry(const log_entry &entry, bool is_old) {
 
 // The log of the daemon that runs says whether its tunnel is up, also to an agent that has begun just now.
 void agent::learn_from_log() {
-    moment     now     = present();
-    diagnosis &why     = known_.why;
-    int32_t    pid     = pipe_.process();
-    int64_t    began   = pid ? wall_start_of(pid, now) : 0;
-    bool       is_same = pid && kept_.is_object() && kept_.contains("daemon") && kept_["daemon"].is_object() &&
-                   kept_["daemon"].value("pid", json(0)) == pid &&
-                   kept_["daemon"].value("start", json(0)) == start_time_of(pid);
-    reason kept_reason = why.why;
+    moment     now         = present();
+    diagnosis &why         = known_.why;
+    int32_t    pid         = pipe_.process();
+    int64_t    began       = pid ? wall_start_of(pid, now) : 0;
+    bool       is_same     = pid && kept_daemon() == pid;
+    reason     kept_reason = why.why;
     known_.load(kept_, is_same, now);
     if (!kept_reason.code.empty()) why.why = kept_reason;
 
