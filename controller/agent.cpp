@@ -227,8 +227,6 @@ void agent::begin() {
     check_reader();
     learn_from_log();
     if (!options_.daemon_log.empty()) follower_.watch(loop_);
-    for (int number : {SIGTERM, SIGINT, SIGHUP})
-        signals_.push_back(std::make_unique<signal_watch>(loop_, number, [this] { finish(); }));
     conf_watch_ = std::make_unique<file_watch>(loop_, options_.conf, [this] {
         if (options_.keep_up) keeper_.consider(present());
     });
@@ -241,8 +239,10 @@ void agent::begin() {
 }
 
 int agent::run() {
-    if (int status = open_all(); status != exit_done) return status;
     signal(SIGPIPE, SIG_IGN);
+    for (int number : {SIGTERM, SIGINT, SIGHUP})  // before the socket tells that the agent is ready
+        signals_.push_back(std::make_unique<signal_watch>(loop_, number, [this] { finish(); }));
+    if (int status = open_all(); status != exit_done) return status;
     begin();
     loop_.run();
     save();
