@@ -87,6 +87,10 @@ def test_start_renders_the_settings_and_starts_both_programs(router):
     lines = answer["out"].splitlines()
     assert [line for line in lines if line.startswith("instance")] == ["instance daemon", "instance agent"]
     assert "param command /usr/sbin/tlsc" in lines
+    agent = next(line.split()[2:] for line in lines if line.startswith("param command /usr/bin/wlcctl"))
+    assert "--keep-up" in agent  # nobody else gives the order to start
+    known = router.world.run([str(BUILD / "bin/wlcctl"), "agent", "--help"])["out"]
+    assert [word for word in agent if word.startswith("--") and word + " " not in known] == []
     assert len([line for line in lines if line.startswith("param respawn")]) == 2
 
 
