@@ -47,8 +47,7 @@ void tlsc_set_config_defaults(tlsc_config *conf) {
     TLSC_DEBUG("Default prefix type = ADDR_IPV4");
 }
 
-// ---- 2 one value of the local file
-// ------------------------------------------------------------------------------------
+// ---- 2 one value of the local file ----------------------------------------------------------------------------------
 
 namespace {
 
@@ -94,10 +93,9 @@ int32_t tlsc_read_param_val(const char *key, char *value_out) {
     return found;
 }
 
-// ---- 3 one step per setting
-// --------------------------------------------------------------------------------------------- The accessors, one per
-// key, then the steps in the order in which the loader takes them. A step logs its outcome and returns 1 to go on, 0 to
-// end the load.
+// ---- 3 one step per setting -----------------------------------------------------------------------------------------
+// The accessors, one per key, then the steps in the order in which the loader takes them. A step logs its outcome and
+// returns 1 to go on, 0 to end the load.
 
 namespace {
 namespace loading {
@@ -433,8 +431,7 @@ int32_t load_settings(tlsc_config *conf) {
 }  // namespace loading
 }  // namespace
 
-// ---- 4 the whole local file
-// -----------------------------------------------------------------------------------------------
+// ---- 4 the whole local file -----------------------------------------------------------------------------------------
 
 int32_t tlsc_read_config_file(tlsc_config *conf) {
     if (!conf) {

@@ -1,6 +1,6 @@
-// Contents: 1 state  2 writing, and a console that nobody reads  3 one line, one dump  4 rotation  5 controller line
-// path  6 TLS protocol trace A line: TLSC_... macro (level test) -> tlsc_log -> write_text -> console, file (rotated
-// when it has grown)
+// Contents: 1 state  2 writing, and a console that nobody reads  3 one line, one dump  4 rotation
+//           5 controller line path  6 TLS protocol trace
+// A line: TLSC_... macro (level test) -> tlsc_log -> write_text -> console, file (rotated when it has grown)
 
 #include "tlsc_debug.h"
 

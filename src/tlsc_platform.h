@@ -62,8 +62,7 @@ int32_t tlsc_set_config_ssl_auth_mech(int32_t mechanism);  // tlsc_ssl_auth_mech
 // Fills the configuration from the controller's parameter block. Returns 1 always.
 int32_t tlsc_set_config_all();
 
-// ---- upward notifications (tunnel thread; the state also from clean-up)
-// ------------------------------------------------
+// ---- upward notifications (tunnel thread; the state also from clean-up) ---------------------------------------------
 
 // The tunnel went up (1) or down (0), with cause (tlsc_tun_down_cause). Returns the result of the report.
 int32_t tlsc_write_tun_intf_state(int32_t state, int32_t cause);

@@ -83,8 +83,7 @@ int32_t tlsc_socket_creation(const char *name) {
     return sock;
 }
 
-// ---- 2 attaching, MTU, flags, address
-// -----------------------------------------------------------------------------------
+// ---- 2 attaching, MTU, flags, address -------------------------------------------------------------------------------
 
 namespace {
 
@@ -278,8 +277,7 @@ int32_t tlsc_add_tun_addr(const char *name, const tlsc_addr *addr, uint32_t pref
     return result;
 }
 
-// ---- 3 deletion and state
-// -----------------------------------------------------------------------------------------------
+// ---- 3 deletion and state -------------------------------------------------------------------------------------------
 
 void tlsc_tun_delete(tlsc_session *session, int32_t cause) {
     if (!session) {
@@ -329,8 +327,7 @@ int32_t tlsc_chg_tun_state(tlsc_session *session, int32_t state) {
     return 1;
 }
 
-// ---- 4 creation
-// -----------------------------------------------------------------------------------------------------------
+// ---- 4 creation -----------------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -1,7 +1,8 @@
-// Contents: 1 configuration file and parameter block  2 FIFO transport and catalogue  3 reports  4 messages  5 start
-// and end In:  wlcTlscFifoHandler -> readFromTlscFifo -> tlscWlcMsgRcv... -> tlsc_platform (start, stop, command pipe),
-// reports Out: tlscWlcSetTunState, tlscWlcPost...UpdateMsg -> tlscWriteToWLC -> the controller's FIFO File:
-// tlscWlcMsgRcvSecTunStart -> wlcSecTunReadAllConf -> wlcSecTunProcessConf -> parameter block -> tlsc_set_config_all
+// Contents: 1 configuration file and parameter block  2 FIFO transport and catalogue  3 reports  4 messages
+//           5 start and end
+// In:   wlcTlscFifoHandler -> readFromTlscFifo -> tlscWlcMsgRcv... -> tlsc_platform (start, stop, pipe), reports
+// Out:  tlscWlcSetTunState, tlscWlcPost...UpdateMsg -> tlscWriteToWLC -> the controller's FIFO
+// File: tlscWlcMsgRcvSecTunStart -> wlcSecTunReadAllConf -> wlcSecTunProcessConf -> parameters -> tlsc_set_config_all
 
 #include "tlsc_wlc.h"
 
