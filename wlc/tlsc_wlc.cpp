@@ -120,7 +120,7 @@ struct conf_pass {
     char  tail[sizeof(secret_key) - 1];  // the last piece's end: it may be the beginning of the secret key's name
     bool  line_is_cut;                   // the line goes on in the next piece
     bool  line_is_secret;                // the line names the secret key, or goes on from a piece that does
-    bool  line_is_secret_rest;           // the latter
+    bool  line_is_secret_rest;           // the latter, or it goes on and names the secret key elsewhere than as its key
 };
 
 void note_error(conf_pass *pass) {
@@ -161,6 +161,13 @@ bool open_temp(conf_pass *pass) {
     return true;
 }
 
+// Where the value begins in a line whose key is the secret one, in a comment too; null for any other line.
+const char *find_secret_value(const char *line) {
+    const char *key = line + strspn(line, line[0] == '#' ? "# \t;" : ";");
+    if (strncmp(key, secret_key, strlen(secret_key)) != 0 || key[strlen(secret_key)] != ';') return nullptr;
+    return key + strlen(secret_key) + 1;
+}
+
 // True when the secret key's name lies across the seam of the last piece and this one.
 bool is_named_across_seam(const conf_pass *pass) {
     char joined[sizeof(pass->tail) + sizeof(pass->line)];
@@ -168,6 +175,9 @@ bool is_named_across_seam(const conf_pass *pass) {
     const char *name = strstr(joined, secret_key);
     return name && name < joined + strlen(pass->tail);
 }
+
+// True when the secret key's name stands in this piece, but not as the key.
+bool is_named_inside(const conf_pass *pass) { return strstr(pass->line, secret_key) && !find_secret_value(pass->line); }
 
 void keep_tail(conf_pass *pass) {
     const size_t length = strlen(pass->line);
@@ -183,18 +193,12 @@ bool read_line(conf_pass *pass) {
         if (ferror(pass->conf)) note_error(pass);
         return false;
     }
-    pass->line_is_secret_rest = goes_on && (pass->line_is_secret || is_named_across_seam(pass));
-    pass->line_is_secret      = pass->line_is_secret_rest || strstr(pass->line, secret_key);
-    pass->line_is_cut         = strchr(pass->line, '\n') == nullptr;
+    pass->line_is_secret_rest = goes_on &&
+                                (pass->line_is_secret || is_named_across_seam(pass) || is_named_inside(pass));
+    pass->line_is_secret = pass->line_is_secret_rest || strstr(pass->line, secret_key);
+    pass->line_is_cut    = strchr(pass->line, '\n') == nullptr;
     keep_tail(pass);
     return true;
-}
-
-// Where the value begins in a line whose key is the secret one, in a comment too; null for any other line.
-const char *find_secret_value(const char *line) {
-    const char *key = line + strspn(line, line[0] == '#' ? "# \t;" : ";");
-    if (strncmp(key, secret_key, strlen(secret_key)) != 0 || key[strlen(secret_key)] != ';') return nullptr;
-    return key + strlen(secret_key) + 1;
 }
 
 // The flag, if the line ends with one: what stands before it belongs to the value.

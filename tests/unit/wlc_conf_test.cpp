@@ -700,6 +700,25 @@ TEST_F(wlc_conf, key_text_behind_a_name_split_by_the_piece_of_a_long_line_is_nei
         }
 }
 
+TEST_F(wlc_conf, key_text_behind_a_name_inside_the_rest_of_a_long_line_is_neither_printed_nor_kept) {
+    char value[512] = "";
+    for (const char *front : {"x", "x;", "k;", "k;v;1;", "psk_ke"})
+        for (size_t length : {511, 1022}) {
+            const std::string line = std::string(length, 'x') + front + "psk_key;hush;hush\n";
+            log_capture       log(LOG_BUF_PRINT);
+            for (int pass = 0; pass < 3; ++pass) {
+                write_file(conf_file, line + "device_id;D1;0\n");
+                EXPECT_EQ(pass == 0   ? wlcSecTunReadAllConf()
+                          : pass == 1 ? wlcSecTunReadConf("none", value)
+                                      : wlcSecTunUpdateConf("device_id", "D1"),
+                          1);
+                EXPECT_EQ(read_file(conf_file), pass == 2 ? "device_id;D1;1\n" : "device_id;D1;0\n");
+            }
+            EXPECT_FALSE(log.contains("hush")) << front << length;
+            EXPECT_TRUE(log.contains("Config line read:***"));
+        }
+}
+
 TEST_F(wlc_conf, what_goes_on_from_a_long_line_without_the_key_is_a_line_as_any_other) {
     write_file(conf_file, std::string(511, 'x') + "device_id;D1;1\npsk_key_x;seen;1\n");
     EXPECT_EQ(wlcSecTunReadAllConf(), 1);
