@@ -1117,7 +1117,7 @@ void on_tun_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
     if (!result) tlsc_sock_error(TLSC_DOWN_SSL_WRITE);
 }
 
-// One frame, of a session that is readable.
+// One frame, of a session that is readable. A connection without a session fails to be read, and ends.
 void read_frame(tlsc_sock *sock) {
     constexpr tlsc_work_of tlsc_log_function{"tlsc_start_epoll"};
 
@@ -1161,7 +1161,7 @@ void on_ssl_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
         tlsc_sock_error(TLSC_DOWN_SOCKET_ERROR);
         return;
     }
-    if (tlsc_transport_take_in(sock->ssl)) read_frames(sock, pass_count == 1);
+    if (!sock->ssl || tlsc_transport_take_in(sock->ssl)) read_frames(sock, pass_count == 1);
 }
 
 void on_unknown_event(tlsc_fd_type type) {

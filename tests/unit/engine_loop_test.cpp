@@ -2002,4 +2002,20 @@ TEST_F(engine_loop, no_closed_descriptor_is_left_behind_as_the_old_transport) {
     EXPECT_TRUE(peer.connection(0).is_closed_by_client());
 }
 
+TEST_F(engine_loop, data_for_a_connection_that_has_lost_its_session_tears_down) {
+    tls_peer peer;
+    bring_up(peer);
+    ssl_ctx_st *const ctx = tlsc_ssl_ctx;
+    at_rest([this] { tlsc_ssl_ctx = sock->ssl_ctx = nullptr; });  // no session can be made
+    hand_clock::expire("rekey");
+    ASSERT_TRUE(logged("TCP connection failed!!!"));
+    ASSERT_TRUE(peer.connection(0).write(wire_frame(9, "unreadable")));
+    EXPECT_TRUE(torn_down());
+    EXPECT_TRUE(log.contains("SSL returned error = 0, while trying to read data"));
+    stop();
+    tlsc_ssl_ctx = sock->ssl_ctx = ctx;
+    EXPECT_EQ(tlsc_old_transport.fd, -1);
+    EXPECT_EQ(tlsc_old_transport.ssl, nullptr);
+}
+
 }  // namespace
