@@ -96,8 +96,9 @@ int32_t send_command(tlsc_cli_cmd_id id, int32_t value, const char *operation) {
 }  // namespace
 
 int32_t tlsc_send_exit_client_req() {
+    tlsc_transport_cut_waits(true);  // the peer is not waited for until the command is read; the next run waits again
     const int32_t sent = send_command(CLI_CMD_EXIT_CLIENT, 0, __func__);
-    if (sent) tlsc_transport_cut_waits(true);  // the peer is not waited for until the command is read
+    if (!sent) tlsc_transport_cut_waits(false);
     return sent;
 }
 

@@ -26,6 +26,8 @@ std::atomic<int> pipe_writes;  // calls, not bytes
 bool             conversion_fails;
 int              poll_timeout;  // of the last wait for room in the pipe
 bool             nobody_reads;  // a wait for room may be cut short
+bool             waits_are_cut;
+bool             waits_were_cut;  // at the last write to the pipe
 
 std::vector<int32_t> closed;
 
@@ -43,8 +45,11 @@ extern "C" int __wrap_pipe(int *ends) { return pipe_fails ? -1 : __real_pipe(end
 extern "C" ssize_t __real_write(int fd, const void *buffer, size_t size);
 extern "C" ssize_t __wrap_write(int fd, const void *buffer, size_t size) {
     pipe_writes += fd == cli_pipe_wr_fd;
+    if (fd == cli_pipe_wr_fd) waits_were_cut = waits_are_cut;
     return fd == short_fd ? short_count : __real_write(fd, buffer, size);
 }
+
+extern "C" void __wrap_tlsc_transport_cut_waits(bool on) { waits_are_cut = on; }
 
 extern "C" int __real_poll(pollfd *fds, nfds_t count, int timeout);
 extern "C" int __wrap_poll(pollfd *fds, nfds_t count, int timeout) {
@@ -106,6 +111,7 @@ protected:
         pipe_fails       = false;
         nonblock_fails   = false;
         nobody_reads     = false;
+        waits_are_cut    = false;
         short_fd         = -2;
         short_count      = 5;
         conversion_fails = false;
@@ -209,6 +215,18 @@ TEST_F(engine_commands, the_exit_command_is_36_bytes_with_id_1) {
                                        "Sent CLI cmd: 1, to child thread"}));
     EXPECT_EQ(log.entries()[0].severity, "DEBUG");
     EXPECT_EQ(log.entries()[1].severity, "DEBUG");
+}
+
+// A run that has the command may be over, and the next one begun, before the sender goes on.
+TEST_F(engine_commands, waits_are_cut_before_the_exit_command_can_be_read_and_not_without_one) {
+    EXPECT_EQ(tlsc_send_log_lvl_chg_req(5), 1);
+    EXPECT_FALSE(waits_were_cut);
+    EXPECT_EQ(tlsc_send_exit_client_req(), 1);
+    EXPECT_TRUE(waits_were_cut);
+    EXPECT_TRUE(waits_are_cut);
+    tlsc_close_cli_pipe();
+    EXPECT_EQ(tlsc_send_exit_client_req(), 0);
+    EXPECT_FALSE(waits_are_cut);
 }
 
 TEST_F(engine_commands, level_and_destination_commands_carry_their_value) {
