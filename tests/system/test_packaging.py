@@ -57,6 +57,17 @@ def settings(path, key):
     return re.findall(rf"^{key}=(.*)$", path.read_text(), re.M)
 
 
+def test_default_options_of_the_gateway_keep_the_leases_in_the_units_state_directory():
+    """The rest of the system is read-only for it."""
+    text = (PROJECT / "packaging/systemd/tlsc-gateway.default").read_text()
+    options = dict(re.findall(r"(--[a-z-]+) ([^\s\"]+)", re.search(r'^TLSC_GATEWAY_OPTIONS="(.*)"$', text, re.M)[1]))
+    [state] = settings(PROJECT / "packaging/systemd/tlsc-gateway.service", "StateDirectory")
+    [runtime] = settings(PROJECT / "packaging/systemd/tlsc-gateway.service", "RuntimeDirectory")
+    assert options.keys() <= options_in_help(BUILD / "bin/tlsc-gateway")
+    assert options["--lease-file"].rpartition("/")[0] == f"/var/lib/{state}"
+    assert options["--control"].rpartition("/")[0] == f"/run/{runtime}"
+
+
 @functools.cache
 def group(name):
     """The system calls of a group of systemd's."""
