@@ -1,9 +1,8 @@
 """Authentication by certificates, from the settings in a file to the configuration response.
 
 The client is tests/system/certificate_client.cpp: the daemon's modules with the settings of the local configuration
-file.
-Every case runs three times: as built, under valgrind, and built with sanitizers (TLSC_SAN_BUILD). Certificates and
-revocation lists are made for each test.
+file. Every case runs three times: as built, under valgrind, and built with sanitizers (TLSC_SAN_BUILD). Certificates
+and revocation lists are made for each test.
 """
 
 import re
@@ -25,8 +24,7 @@ VALGRIND += ["--errors-for-leak-kinds=definite,indirect,possible", "--num-caller
 
 # Two authorities, root and other; mid is an intermediate below root. End certificates: leaf, revoked, expired
 # (gateways) and device, banned (clients) by root, deep (a gateway) by mid. Revocation lists of root: crl, with revoked
-# and banned in it, and
-# stale, which is out of date.
+# and banned in it, and stale, which is out of date.
 MAKE_PKI = f"""
 set -e
 mkdir {PKI}
@@ -122,10 +120,11 @@ class Client:
         return self.bench.make_gateway(*files, *demand)
 
     def command(self):
-        if self.kind == "sanitizers":
-            return [SANITIZER_BUILD / "tests/certificate_client"]
-        program = BUILD / "tests/certificate_client"
-        if self.kind == "release":
+        build = SANITIZER_BUILD if self.kind == "sanitizers" else BUILD
+        program = build / "tests/certificate_client"
+        if not program.exists():
+            pytest.fail(f"{program} is missing: ninja -C {build} certificate_client", pytrace=False)
+        if self.kind != "valgrind":
             return [program]
         # The random numbers of OpenSSL's 1.0 series are mixed from memory as it is found, so all its keys count as
         # uninitialised.

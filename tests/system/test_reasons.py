@@ -581,7 +581,8 @@ def test_the_agents_own_file_has_all_options_and_is_refused_with_the_list_of_the
     device.start_daemon()
     device.start_agent("--agent-conf", conf)
     assert device.wait_up()["agent"]["keep_up"] is True
-    for text, part in (("kep-up = true\n", "there are: "), ("keep-up = maybe\n", "true or false"), ("nonsense\n", "line 1")):
+    wrong = {"kep-up = true\n": "there are: ", "keep-up = maybe\n": "true or false", "nonsense\n": "line 1"}
+    for text, part in wrong.items():
         device.world.write(conf, text)
         done = device.run("agent", "--agent-conf", conf)
         assert done["status"] == 2
