@@ -24,8 +24,7 @@ local type_names = {
 local to_gateway, to_client = "to the gateway", "to the client"
 local direction_of = { [REQUEST] = to_gateway, [RESPONSE] = to_client, [DPD_REQUEST] = to_gateway, [DPD_RESPONSE] = to_client }
 
--- 1 fields
--- --------------------------------------------------------------------------------------------------------------
+-- 1 Fields ------------------------------------------------------------------------------------------------------------
 
 local field = {
     magic = ProtoField.string("cstp.magic", "Magic"),
@@ -53,8 +52,7 @@ local field = {
 }
 cstp.fields = field
 
--- 2 expert items
--- --------------------------------------------------------------------------------------------------------
+-- 2 Expert items ------------------------------------------------------------------------------------------------------
 
 local experts = {}
 local function finding(name, text, severity)
@@ -80,8 +78,7 @@ finding("no_inner", "No valid X-CSTP-Address-Client: the client rejects the resp
 finding("fatal_dpd", "A DPD interval of 0 to 4 ends the client", expert.severity.ERROR)
 cstp.experts = experts
 
--- 3 header lines
--- --------------------------------------------------------------------------------------------------------
+-- 3 Header lines ------------------------------------------------------------------------------------------------------
 
 local addresses = { ["X-CSTP-Address"] = true, ["X-CSTP-Address-Client"] = true, ["X-CSTP-DNS"] = true }
 local numbers = { ["X-CSTP-Prefix-Length"] = true, ["X-CSTP-DPD"] = true, ["X-CSTP-Retry-Time"] = true, ["X-CSTP-Rekey-Time"] = true }
@@ -141,8 +138,7 @@ local function add_lines(payload, tree)
     return inner
 end
 
--- 4 one frame
--- -----------------------------------------------------------------------------------------------------------
+-- 4 One frame ---------------------------------------------------------------------------------------------------------
 
 -- Inner packets wait until the whole outer packet is through: what their dissectors leave behind (addresses, the kind
 -- of the ports) would turn the direction of the next TLS record in it.
@@ -225,8 +221,7 @@ local function add_frame(range, pinfo, root, towards)
     return tree
 end
 
--- 5 one record
--- ----------------------------------------------------------------------------------------------------------
+-- 5 One record --------------------------------------------------------------------------------------------------------
 
 -- Which packets hold the end of a frame that began in an earlier record, learnt in the first pass.
 local waiting, spanning = {}, {}
@@ -269,8 +264,7 @@ function cstp.dissector(tvb, pinfo, root)
     return tvb:len()
 end
 
--- 6 registration
--- --------------------------------------------------------------------------------------------------------
+-- 6 Registration ------------------------------------------------------------------------------------------------------
 
 cstp.prefs.tls_port = Pref.uint("TLS port", 0, "The gateway's port: all TLS data on it is CSTP (0: recognise frames by their first bytes)")
 

@@ -6,15 +6,16 @@
 // Session number N is the device "herd-N" with that key. Commands come as lines on standard input, and each is answered
 // with one JSON object in one line:
 //
-//   open COUNT RATE           starts sessions until there are COUNT, RATE per second (0: at once); waits until each is
-//   up run SECONDS               lets the sessions live echo COUNT WINDOW SIZE SECONDS SITE
-//                             that many sessions send pings of SIZE bytes to SITE, WINDOW of them unanswered
+//   open COUNT RATE        starts sessions until there are COUNT, RATE a second (0: at once); waits until all are up
+//   run SECONDS            lets the sessions live
+//   echo COUNT WINDOW SIZE SECONDS SITE
+//                          that many sessions send pings of SIZE bytes to SITE, WINDOW of them unanswered
 //   up COUNT SIZE SECONDS SITE
-//                             that many sessions send UDP packets of SIZE bytes to the discard port of SITE, as many as
-//                             go
-//   rekey                     every session makes a second connection and gives the first one up once that is
-//   configured await COUNT SECONDS       waits until COUNT sessions are up (again) die                       every
-//   session's connection is reset; the sessions are forgotten quit
+//                          that many sessions send UDP packets of SIZE bytes to SITE's discard port, as many as go
+//   rekey                  every session makes a second connection, and gives the first one up once that is up
+//   await COUNT SECONDS    waits until COUNT sessions are up (again)
+//   die                    every session's connection is reset; the sessions are forgotten
+//   quit
 //
 // A session whose connection ends, or which is not up in time, tries again after the back-off of a device:
 // BACKOFF-SECONDS (10), then up to a fifth more each time.
