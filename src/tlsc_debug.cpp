@@ -4,6 +4,7 @@
 
 #include "tlsc_debug.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -93,8 +94,7 @@ void tlsc_log_lock_destroy() {
     }
     destroyed_log_lock = true;
     log_lock_alive.store(false, std::memory_order_release);
-    (void)pthread_mutex_destroy(
-        &log_lock);  // EBUSY when another thread is about to give it back: nobody writes any more
+    (void)pthread_mutex_destroy(&log_lock);  // EBUSY when another thread is about to give it back: it writes no more
 }
 
 const char *tlsc_log_timestamp() {

@@ -41,10 +41,9 @@ void    tlsc_post_log_dest(int32_t dest);    // failure is printed on standard o
 int32_t tlsc_post_gw_ip(tlsc_gw_addr gw);    // result of tlsc_send_gw_ip
 int32_t tlsc_request_gw_name_resolution();   // 1 when the controller was asked; tunnel thread
 
-// ---- configuration setters
-// ------------------------------------------------------------------------------------------- Each copies a
-// NUL-terminated text into the configuration, cut silently at the field's width, and logs the new value. Returns 0, or
-// -1 for a null argument (logged). Nothing is validated. Main thread.
+// ---- configuration setters ------------------------------------------------------------------------------------------
+// Each copies a NUL-terminated text into the configuration, cut silently at the field's width, and logs the new value.
+// Returns 0, or -1 for a null argument (logged). Nothing is validated. Main thread.
 
 int32_t tlsc_set_config_server_ip_port(const char *address, int port);
 int32_t tlsc_set_config_inner_ip(const char *address);  // accepted and ignored
