@@ -309,7 +309,9 @@ void keeper::watch_daemon(const moment &now) {
     }
     if (progress_ == 0) progress_ = now.mono;
     if (is_ending_) return;
-    if (known_.state.tun.is(tunnel::up) && known_.why.step == phase::up) {
+    // An agent that has begun anew beside a log without the way up knows the tunnel, but no step.
+    bool has_step = known_.why.step != phase::up && known_.why.step != phase::idle;
+    if (known_.state.tun.is(tunnel::up) && !has_step) {
         auto end = known_.why.gives_up_at();
         if (end && now.mono > *end + dpd_reserve) end_stuck(now.mono - known_.why.first_unanswered->mono, now);
         return;

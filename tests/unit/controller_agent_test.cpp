@@ -2,6 +2,7 @@
 #include "agent.h"
 #include "base.h"
 #include "common/json_server.h"
+#include "pipe.h"
 #include "state.h"
 #include "wire.h"
 
@@ -518,4 +519,23 @@ TEST_F(controller_agent, followed_events_begin_with_the_kept_ones_and_end_at_the
     EXPECT_EQ(c.hear()["number"], 1);
     report(encode(msg_tun_up));
     EXPECT_EQ(c.hear()["event"], "tun_up");
+}
+
+TEST_F(controller_agent, a_tunnel_known_from_an_earlier_agent_is_not_stuck_although_the_log_says_nothing_of_it) {
+    options.keep_up     = true;
+    options.stuck_after = 1;
+    fs::create_directory(directory / "state");
+    json daemon = {{"pid", getpid()}, {"start", start_time_of(getpid())}};
+    std::ofstream(options.memory) << json{
+        {"daemon", daemon}, {"tunnel", "up"}, {"since", present().wall}, {"feature", true}};
+    fs::permissions(options.memory, fs::perms::owner_read | fs::perms::owner_write);
+    std::ofstream(options.daemon_log) << "";
+    start_daemon();
+    start_agent();
+    ASSERT_EQ(ask({{"request", "status"}})["health"]["value"], "up");
+
+    usleep(2500000);  // the watchdog looks once a second
+    EXPECT_EQ(ask({{"request", "wait"}, {"events", {"stuck"}}, {"since", 0}, {"timeout", 0.1}})["exit"],
+              exit_not_reached);
+    EXPECT_EQ(ask({{"request", "status"}})["health"]["value"], "up");
 }
