@@ -493,6 +493,10 @@ void agent::run_hook(const trigger &due) {
 // After everything that happened: reasons, what to do, hooks, and whoever waits.
 void agent::settle() {
     if (is_settling_ || is_finishing_) return;
+    struct settling {  // also when something throws
+        bool &is_so;
+        ~settling() { is_so = false; }
+    } ends{is_settling_};
     is_settling_ = true;
     moment now   = present();
     settle_reason(now);
@@ -500,7 +504,6 @@ void agent::settle() {
     known_.settle(now);
     run_triggers();
     verbs_.run_waiters();
-    is_settling_ = false;
 }
 
 // What stands above all that the log says.

@@ -57,10 +57,12 @@ interface_watch::interface_watch(loop &owner, task on_change)
     address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
     if (!fd_ || bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) return;
     watch_ = std::make_unique<descriptor_watch>(owner, fd_.get());
-    // What changed does not matter: the facts are read anew. A full socket (ENOBUFS) is a change as well.
+    // What changed does not matter: the facts are read anew. A full socket (ENOBUFS) is a change as well, and an error,
+    // after which the watch pauses.
     watch_->start(readable, [this, on_change = std::move(on_change)](unsigned) {
         char bytes[8192];
         while (recv(fd_.get(), bytes, sizeof bytes, 0) > 0) {}
+        watch_->change(readable);
         on_change();
     });
 }
