@@ -605,10 +605,9 @@ bool is_given(const std::vector<std::string> &words, const std::string &option) 
 
 // Adds what the file says to the words of the command line, as far as they say nothing of it.
 void add_agent_conf(CLI::App &app, std::vector<std::string> &words) {
-    auto at       = std::find(words.begin(), words.end(), "agent");
-    bool is_value = at != words.begin() && at != words.end() &&
-                    (*std::prev(at) == "help" || *std::prev(at) == "--socket");
-    if (at == words.end() || is_value || is_given(words, "--help") || is_given(words, "-h")) return;
+    auto verb = words.begin();  // the first word that is neither an option nor an option's value
+    while (verb != words.end() && verb->starts_with('-')) verb += *verb == "--socket" && words.end() - verb > 1 ? 2 : 1;
+    if (verb == words.end() || *verb != "agent" || is_given(words, "--help") || is_given(words, "-h")) return;
     std::string path = default_agent_conf;
     for (size_t i = 0; i < words.size(); i++) {
         if (words[i] == "--agent-conf" && i + 1 < words.size()) path = words[i + 1];
@@ -648,7 +647,7 @@ void add_agent_conf(CLI::App &app, std::vector<std::string> &words) {
         if (!is_on) throw usage_error(place + setting.key + " must be true or false");
         if (*is_on) added.push_back(name);
     }
-    words.insert(std::next(std::find(words.begin(), words.end(), "agent")), added.begin(), added.end());
+    words.insert(std::next(verb), added.begin(), added.end());
 }
 
 // --- all together
@@ -724,7 +723,7 @@ int main(int argc, char **argv) {
     try {
         return wlcctl::run(argc, argv);
     } catch (const std::exception &error) {
-        fprintf(stderr, "wlcctl: %s\n", error.what());
+        fprintf(stderr, "wlcctl: %s\n", wlcctl::printable(error.what()).c_str());
         return wlcctl::exit_failed;
     }
 }

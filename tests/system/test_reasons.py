@@ -587,3 +587,6 @@ def test_the_agents_own_file_has_all_options_and_is_refused_with_the_list_of_the
         done = device.run("agent", "--agent-conf", conf)
         assert done["status"] == 2
         assert part in done["err"] and len(done["err"].splitlines()) == 1
+    # Another verb's value is not the verb.
+    done = device.run("lint", "agent", "--agent-conf", "/nowhere")
+    assert done["status"] == 2 and "cannot read" not in done["err"]
