@@ -162,8 +162,8 @@ void json_server::accept_client(listener &at) {
     made->number       = next_client_++;
     made->is_read_only = at.is_read_only;
     made->fd           = std::move(fd);
+    made->watch        = std::make_unique<descriptor_watch>(owner_, made->fd.get());
     client *c          = clients_.emplace_back(std::move(made)).get();
-    c->watch           = std::make_unique<descriptor_watch>(owner_, c->fd.get());
     if (clients_.size() > limits_.clients) {
         put(*c, head({c->number, "", "", false}, exit_failed) + ",\"error\":\"too many connections\"}\n");
         flush(*c);
@@ -300,6 +300,7 @@ void json_server::serve(client &c, const json &request, ticket &asked) {
     if (c.is_read_only && !found->type.is_reading)
         throw refusal("\"" + asked.request + "\" gives an order, and this socket is for reading only");
 
+    if (c.due >= limits_.due) throw std::runtime_error("too many requests of this connection wait for their answers");
     c.due++;
     std::optional<json> members;
     try {

@@ -36,6 +36,7 @@ struct server_limits {
     size_t line    = 65536;     // bytes of a request
     size_t output  = 8u << 20;  // bytes that a client may leave unread
     size_t clients = 64;        // connections at once, on all sockets
+    size_t due     = 256;       // requests of one connection that wait for their answers
 };
 
 // A request on its way: what is needed to answer it later.

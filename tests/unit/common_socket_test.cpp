@@ -360,6 +360,20 @@ TEST_F(common_server, more_clients_than_it_serves_are_told_so) {
     EXPECT_EQ(a.ask(R"({"request":"weather","place":"here"})")["ok"], true);
 }
 
+TEST_F(common_server, a_connection_has_only_so_many_requests_that_wait) {
+    client c(loop_, path_);
+    for (int i = 0; i < 256; i++) c.send("{\"request\":\"later\"}\n");
+    json refused = c.ask("{\"request\":\"later\",\"id\":1}");
+    EXPECT_EQ(refused["exit"], exit_failed);
+    EXPECT_EQ(refused["id"], 1);
+    EXPECT_EQ(asked_.size(), 256u);
+    server_.answer(asked_.front(), json::object());
+    EXPECT_EQ(c.next()["exit"], exit_done);
+    c.send("{\"request\":\"later\"}\n");
+    EXPECT_TRUE(c.is_silent(50));
+    EXPECT_EQ(asked_.size(), 257u);
+}
+
 TEST_F(common_server, help_describes_every_request_and_every_event) {
     client                   c(loop_, path_);
     json                     answer = c.ask(R"({"request":"help"})");
