@@ -4,7 +4,8 @@
 
 namespace common {
 
-std::string json_line(const json &value) { return value.dump(-1, ' ', false, json::error_handler_t::replace) + "\n"; }
+// Escaped as far as JSON allows: control characters of foreign texts reach no terminal.
+std::string json_line(const json &value) { return value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n"; }
 
 json parse_json(const std::string &text, unsigned depth) {
     bool is_deep = false;

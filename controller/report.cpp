@@ -25,12 +25,13 @@ namespace {
 
 constexpr size_t log_tail = 256 * 1024;  // bytes
 
-// Texts that must not leave the device, longest first, and what stands in their place.
+// Texts that must not leave the device, in each form in which they may stand, longest first.
 class redactor {
 public:
     void hide(const std::string &text) {
-        if (text.size() >= 3 && std::find(secrets_.begin(), secrets_.end(), text) == secrets_.end())
-            secrets_.push_back(text);
+        if (text.size() < 3) return;
+        for (const std::string &form : {text, in_json(text), printable(text), in_json(printable(text))})
+            if (std::find(secrets_.begin(), secrets_.end(), form) == secrets_.end()) secrets_.push_back(form);
         std::sort(secrets_.begin(), secrets_.end(), [](const auto &a, const auto &b) { return a.size() > b.size(); });
     }
     // Every value that stands behind such a mark, up to the line's end.
@@ -49,6 +50,11 @@ public:
     }
 
 private:
+    static std::string in_json(const std::string &text) {
+        std::string line = json_line(text);
+        return line.substr(1, line.size() - 3);  // without quotes and line end
+    }
+
     std::vector<std::string> secrets_;
 };
 

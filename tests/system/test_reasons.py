@@ -479,6 +479,17 @@ def test_a_report_holds_no_key_cookie_or_identity(device):
     assert "TLSC[" in text
 
 
+def test_a_report_holds_no_identity_that_json_writes_in_another_way(device):
+    device.configure(psk_identity='qu"\u00e4x', server_ip_address='qu"\u00e4x')
+    device.start_agent()
+    assert device.status()["gateway"]["name"] is None
+    assert device.status()["gateway"]["address"] == 'qu"\u00e4x'
+    assert device.ask("report", "-o", "/tmp/report.tar.gz")["exit"] == 0
+    text = device.world.run(["tar", "-xzOf", "/tmp/report.tar.gz"])["out"]
+    assert '"address":"***"' in text
+    assert "\u00e4x" not in text and "u00e4x" not in text
+
+
 def test_a_group_may_watch_and_gives_no_orders(device):
     device.bench.make_gateway()
     device.bring_up("--socket-group", "daemon")

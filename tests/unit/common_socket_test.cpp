@@ -247,6 +247,16 @@ TEST(common_request, wrong_types_and_limits_are_refused) {
     EXPECT_EQ(refusal_of(R"({"place":"here","extra":[]})"), "\"extra\" must be an object");
 }
 
+TEST(common_request, a_line_of_json_holds_nothing_that_a_terminal_obeys) {
+    std::string text = "\x1b[2J \x7f \xc2\x9b"
+                       "31m \xe2\x80\xae \xff",
+                line = json_line(json(text));
+    line.pop_back();
+    for (unsigned char c : line) EXPECT_TRUE(c >= 0x20 && c < 0x7f) << static_cast<int>(c);
+    EXPECT_EQ(parse_json(line), json("\x1b[2J \x7f \xc2\x9b"
+                                     "31m \xe2\x80\xae \xef\xbf\xbd"));
+}
+
 TEST(common_request, a_text_that_is_nested_too_deep_is_no_json) {
     EXPECT_TRUE(parse_json(std::string(33, '[') + std::string(33, ']')).is_discarded());
     EXPECT_FALSE(parse_json(std::string(32, '[') + std::string(32, ']')).is_discarded());
