@@ -445,7 +445,7 @@ void follow_log_level(SSL *ssl) {
 
     session   = ssl;
     is_traced = is_wanted;
-    if (ssl) SSL_set_msg_callback(ssl, is_wanted ? tlsc_ssl_msg_cb : nullptr);
+    if (ssl) SSL_set_msg_callback(ssl, is_wanted ? tlsc_ossl_traced<tlsc_ssl_msg_cb> : nullptr);
 }
 
 }  // namespace
