@@ -65,7 +65,6 @@ bool loop::is_held() const { return room_->lookups > 0; }
 uv_loop_s *loop::raw() const { return &room_->uv; }
 
 // ---- watches: the room outlives its owner until libuv lets go of the handle -----------------------------------------
-// ---------------------------------------------
 
 struct timer::room {
     uv_timer_t            handle;

@@ -87,8 +87,9 @@ void take_trigger(const std::string &text, const triggers &possible, armed_fault
     }
     auto number = parse_number(equals == std::string::npos ? "" : text.substr(equals + 1),
                                is_time ? longest : furthest);
-    if (!number) throw std::runtime_error("@" + name + "=N needs a number" + (is_time ? " of seconds" : ""));
-    fault.amount = is_time ? *number * 1000 : std::max(*number, 1ul);
+    if (!number || (is_frame && *number == 0))
+        throw std::runtime_error("@" + name + "=N needs a number" + (is_time ? " of seconds" : " from 1 on"));
+    fault.amount = is_time ? *number * 1000 : *number;
 }
 
 }  // namespace
@@ -121,6 +122,8 @@ armed_fault parse_fault(const std::string &text) {
     if (at < hash)
         take_trigger(text.substr(at + 1, hash == std::string::npos ? hash : hash - at - 1), found->possible, fault);
     if (hash != std::string::npos) fault.left = parse_count(text.substr(hash + 1));
+    if (fault.trigger == fault_trigger::time && fault.amount == 0 && fault.left > 1)
+        throw std::runtime_error("@time=0 strikes once; a count needs a second between two strikes");
     return fault;
 }
 

@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/exit_code.h"
 #include "common/log.h"
 #include "faults.h"
 
@@ -83,7 +84,12 @@ scenario_step read_step(size_t line, const std::string &text);
 
 void read_choices(scenario_step &step) {
     std::istringstream parts(step.rest);
-    for (std::string part; std::getline(parts, part, '|');) step.inside.push_back(read_step(step.line, trimmed(part)));
+    for (std::string part; std::getline(parts, part, '|');) {
+        step.inside.push_back(read_step(step.line, trimmed(part)));
+        const std::string &word = step.inside.back().word;
+        if (word == "repeat" || word == "end" || word == "seed")
+            refuse(step.line, word + " is no step that can be picked");
+    }
     if (step.inside.empty()) refuse(step.line, "pick needs a step");
 }
 
@@ -203,7 +209,7 @@ private:
         since_      = ask({{"request", "status"}}).value("last", since_);
         json answer = ask_for(step);
         if (answer.value("ok", false)) refuse(step.line, "the event " + step.event + " came");
-        if (answer.value("exit", 0) == 2) refuse(step.line, answer.value("error", ""));
+        if (answer.value("exit", 0) != common::exit_not_reached) needs_success(step, answer);
     }
 
     std::mt19937          random_;

@@ -74,6 +74,10 @@ TEST(gateway_faults, what_does_not_exist_is_refused_with_what_does) {
     EXPECT_NE(fault_complaint("reset@frame").find("@frame=N"), std::string::npos);
     EXPECT_NE(fault_complaint("reset@up=3"), "");
     EXPECT_NE(fault_complaint("reset@time=x"), "");
+    EXPECT_EQ(fault_complaint("reset@time=0"), "");
+    EXPECT_NE(fault_complaint("reset@time=0#*"), "");
+    EXPECT_NE(fault_complaint("reset@time=0#2"), "");
+    EXPECT_NE(fault_complaint("reset@frame=0"), "");
     EXPECT_NE(fault_complaint("reset@up#0"), "");
     EXPECT_NE(fault_complaint("reset@up#-1"), "");
     EXPECT_NE(fault_complaint(""), "");
@@ -119,6 +123,8 @@ TEST(gateway_scenario, a_step_that_does_not_hold_is_named_by_its_line) {
     EXPECT_EQ(run_scenario(parse_scenario("note x\n\nwait closed\n"), 1, w.world()),
               "line 3: no such event came in time");
     EXPECT_EQ(run_scenario(parse_scenario("never closed within 1\n"), 1, w.world()), "");
+    w.wait_answer = {{"ok", false}, {"exit", 1}, {"error", "out of memory"}};
+    EXPECT_EQ(run_scenario(parse_scenario("never closed within 1\n"), 1, w.world()), "line 1: out of memory");
     w.wait_answer = {{"ok", true}, {"matched", {{"number", 7}}}};
     EXPECT_EQ(run_scenario(parse_scenario("never closed within 1\n"), 1, w.world()), "line 1: the event closed came");
 }
@@ -140,9 +146,9 @@ TEST(gateway_scenario, what_is_no_step_is_refused_with_its_line) {
     EXPECT_EQ(
         scenario_complaint("note a\nwiat closed\n"),
         "line 2: there is no step \"wiat\"; there are: seed, note, fault, request, sleep, wait, never, pick, repeat, end");
-    for (const char *text :
-         {"wait\n", "wait closed soon\n", "wait closed within\n", "wait closed within -1\n", "sleep\n", "sleep 2..1\n",
-          "sleep nan\n", "repeat x\nend\n", "repeat 1\n", "end\n", "fault silense\n", "request status\n",
-          "request [1]\n", "pick\n", "pick note a | nothing\n", "seed -1\n"})
+    for (const char *text : {"wait\n", "wait closed soon\n", "wait closed within\n", "wait closed within -1\n",
+                             "sleep\n", "sleep 2..1\n", "sleep nan\n", "repeat x\nend\n", "repeat 1\n", "end\n",
+                             "fault silense\n", "request status\n", "request [1]\n", "pick\n",
+                             "pick note a | nothing\n", "pick note a | repeat 3\n", "pick seed 3 | end\n", "seed -1\n"})
         EXPECT_NE(scenario_complaint(text), "") << text;
 }
