@@ -58,8 +58,7 @@ struct json_server::waiter {
     timer        patience;
 };
 
-// --- 1 sockets
-// --------------------------------------------------------------------------------------------------------
+// ---- 1 sockets ------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -118,8 +117,7 @@ void json_server::open_listener(const std::string &path, mode_t mode, std::optio
 void json_server::listen(const std::string &path) { open_listener(path, 0600, std::nullopt); }
 void json_server::listen_read_only(const std::string &path, gid_t group) { open_listener(path, 0660, group); }
 
-// --- 2 clients
-// --------------------------------------------------------------------------------------------------------
+// ---- 2 clients ------------------------------------------------------------------------------------------------------
 
 json_server::json_server(loop &owner, event_log &log, server_identity identity, server_limits limits)
     : owner_(owner), log_(log), identity_(std::move(identity)), limits_(limits) {
@@ -248,8 +246,7 @@ void json_server::flush(client &c) {
     c.watch->change((c.is_over ? 0 : readable) | (c.is_blocked ? writable : 0));
 }
 
-// --- 3 requests and answers
-// -------------------------------------------------------------------------------------------
+// ---- 3 requests and answers -----------------------------------------------------------------------------------------
 
 void json_server::add(request_type type, handler serve) { entries_.push_back({std::move(type), std::move(serve)}); }
 
@@ -339,8 +336,7 @@ void json_server::answer(const ticket &asked, json members) {
     put(*c, head(asked, exit) + (text == "}" ? "" : ",") + text + "\n");
 }
 
-// --- 4 help, events, wait
-// ---------------------------------------------------------------------------------------------
+// ---- 4 help, events, wait -------------------------------------------------------------------------------------------
 
 std::optional<json> json_server::do_help() const {
     json requests = json::array(), kinds = json::array();

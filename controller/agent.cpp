@@ -142,8 +142,7 @@ private:
     std::string          memory_error_;
 };
 
-// --- 1 set-up
-// ---------------------------------------------------------------------------------------------------------
+// ---- 1 set-up -------------------------------------------------------------------------------------------------------
 
 agent::agent(const agent_options &options)
     : options_(options),
@@ -258,8 +257,7 @@ void agent::print_event(const event &e, const json &members) {
     (void)!write(STDOUT_FILENO, line.data(), line.size());  // nobody to tell
 }
 
-// --- 2 messages
-// -------------------------------------------------------------------------------------------------------
+// ---- 2 messages -----------------------------------------------------------------------------------------------------
 
 void agent::on_message(const message &m) {
     moment   now    = present();
@@ -317,8 +315,7 @@ void agent::probe() {
     (void)orders_.send_query();
 }
 
-// --- 3 the daemon comes and goes
-// ---------------------------------------------------------------------------------------
+// ---- 3 the daemon comes and goes ------------------------------------------------------------------------------------
 
 void agent::check() {
     moment now = present();
@@ -382,8 +379,7 @@ void agent::look_for_second() {
     known_.why.state("daemon-second", pids, "agent", now);
 }
 
-// --- 4 the log
-// --------------------------------------------------------------------------------------------------------
+// ---- 4 the log ------------------------------------------------------------------------------------------------------
 
 void agent::on_log_entry(const log_entry &entry, bool is_old) {
     moment now = present();
@@ -456,8 +452,7 @@ void agent::try_connection() {
     tcp_timer_.start(tcp_patience, [tell] { tell(ETIMEDOUT); });
 }
 
-// --- 5 hooks
-// ----------------------------------------------------------------------------------------------------------
+// ---- 5 hooks --------------------------------------------------------------------------------------------------------
 
 void agent::run_triggers() {
     for (const trigger &due : known_.state.take_triggers()) run_hook(due);
@@ -487,8 +482,7 @@ void agent::run_hook(const trigger &due) {
                due.event);
 }
 
-// --- 6 reasons
-// --------------------------------------------------------------------------------------------------------
+// ---- 6 reasons ------------------------------------------------------------------------------------------------------
 
 // After everything that happened: reasons, what to do, hooks, and whoever waits.
 void agent::settle() {
@@ -572,8 +566,7 @@ void agent::ask_quietly(const moment &now) {
     (void)orders_.send(encode(msg_stats_request));
 }
 
-// --- 7 memory
-// ---------------------------------------------------------------------------------------------------------
+// ---- 7 memory -------------------------------------------------------------------------------------------------------
 
 void agent::save_soon() {
     if (options_.memory.empty() || save_.is_running() || is_finishing_) return;
@@ -596,8 +589,7 @@ void agent::load() {
     if (kept_.is_object()) keeper_.load(kept_);
 }
 
-// --- 8 the end
-// --------------------------------------------------------------------------------------------------------
+// ---- 8 the end ------------------------------------------------------------------------------------------------------
 
 void agent::finish() {
     if (is_finishing_) return loop_.stop();  // a second signal does not wait

@@ -64,8 +64,7 @@ const char *phase_name(phase step) {
     return names[static_cast<size_t>(step)];
 }
 
-// --- 1 reasons
-// --------------------------------------------------------------------------------------------------------
+// ---- 1 reasons ------------------------------------------------------------------------------------------------------
 
 void diagnosis::state(const char *code, const std::string &detail, const char *source, const moment &now) {
     bool is_from_log = strcmp(source, "log") == 0;
@@ -110,8 +109,7 @@ void diagnosis::set_unanswered(unsigned count) {
     if (on_unanswered) on_unanswered(count);
 }
 
-// --- 2 lines of the log
-// -----------------------------------------------------------------------------------------------
+// ---- 2 lines of the log ---------------------------------------------------------------------------------------------
 
 void diagnosis::on_log(const log_entry &entry, const moment &when) {
     last_line = when;
@@ -305,8 +303,7 @@ void diagnosis::on_teardown(const moment &when) {
     if (step != phase::back_off) enter(phase::back_off, when);
 }
 
-// --- 3 what else happens
-// ----------------------------------------------------------------------------------------------
+// ---- 3 what else happens --------------------------------------------------------------------------------------------
 
 void diagnosis::on_begun(const moment &now) {
     set_unanswered(0);
@@ -355,8 +352,7 @@ void diagnosis::on_tcp_verdict(tcp_verdict verdict, const moment &now) {
     if (verdict == tcp_verdict::unreachable) state("gateway-unreachable", place, "agent", now);
 }
 
-// --- 4 time
-// -----------------------------------------------------------------------------------------------------------
+// ---- 4 time ---------------------------------------------------------------------------------------------------------
 
 void diagnosis::tick(const moment &now) {
     double waited = now.mono - step_since.mono;

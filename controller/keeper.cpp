@@ -47,8 +47,7 @@ keeper::keeper(loop &owner, const agent_options &options, knowledge &known, orde
     read_conf();
 }
 
-// --- 1 wanted
-// ---------------------------------------------------------------------------------------------------------
+// ---- 1 wanted -------------------------------------------------------------------------------------------------------
 
 void keeper::want(bool is_wanted) {
     bool was_kept = is_stop_kept_;
@@ -90,8 +89,7 @@ std::string keeper::name() const {
     return options_.keep_up && is_name ? conf_address_ : "";
 }
 
-// --- 2 making ready
-// ---------------------------------------------------------------------------------------------------
+// ---- 2 making ready -------------------------------------------------------------------------------------------------
 
 void keeper::prepare(std::function<void(const std::string &)> ready) {
     ready_.push_back(std::move(ready));
@@ -187,8 +185,7 @@ std::string keeper::write_address(const std::string &address) {
     return error;
 }
 
-// --- 3 names
-// ----------------------------------------------------------------------------------------------------------
+// ---- 3 names --------------------------------------------------------------------------------------------------------
 
 // While the tunnel is up, the address in use; after a failure the next one, round and round.
 std::string keeper::choose(const std::vector<std::string> &addresses) const {
@@ -253,8 +250,7 @@ json keeper::describe(const moment &now) const {
             {"last_good", last_good_.empty() ? json(nullptr) : json(last_good_)}};
 }
 
-// --- 4 starting
-// -------------------------------------------------------------------------------------------------------
+// ---- 4 starting -----------------------------------------------------------------------------------------------------
 
 void keeper::consider(const moment &now) {
     watch_daemon(now);
@@ -297,8 +293,7 @@ void keeper::on_progress(const moment &now) {
     known_.why.withdraw("stuck", now);
 }
 
-// --- 5 the watchdog
-// ---------------------------------------------------------------------------------------------------
+// ---- 5 the watchdog -------------------------------------------------------------------------------------------------
 
 void keeper::watch_daemon(const moment &now) {
     bool is_at_work = known_.state.running.is(true) && known_.state.enabled.is(true);

@@ -188,8 +188,7 @@ json knowledge::status(const moment &now) const {
     return all;
 }
 
-// --- what is kept
-// -----------------------------------------------------------------------------------------------------
+// ---- what is kept ---------------------------------------------------------------------------------------------------
 
 json knowledge::save(int32_t process, uint64_t start, const moment &now) const {
     json hooks_kept = json::object();

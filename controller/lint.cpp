@@ -27,8 +27,7 @@ constexpr size_t most_findings = 200;
 constexpr size_t short_key     = 16;  // characters of a key that is easily guessed
 constexpr size_t file_limit    = 1 << 20;
 
-// --- 1 small judgements
-// -----------------------------------------------------------------------------------------------
+// ---- 1 small judgements ---------------------------------------------------------------------------------------------
 
 // How many characters must be put in, taken out, changed or swapped.
 size_t distance(const std::string &a, const std::string &b) {
@@ -99,8 +98,7 @@ bool is_sample(const std::string &key) {
     return !key.empty() && key.find_first_not_of(key[0]) == std::string::npos;
 }
 
-// --- 2 one line
-// -------------------------------------------------------------------------------------------------------
+// ---- 2 one line -----------------------------------------------------------------------------------------------------
 
 struct line_fields {
     std::vector<std::string> fields;
@@ -369,8 +367,7 @@ std::vector<finding> lint_content(const std::string &content, bool asks_openssl)
     return linter(asks_openssl).run(content);
 }
 
-// --- 5 the file
-// -------------------------------------------------------------------------------------------------------
+// ---- 5 the file -----------------------------------------------------------------------------------------------------
 
 std::vector<finding> lint_file(const std::string &path, bool asks_openssl) {
     unique_fd   fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));

@@ -97,8 +97,7 @@ int ask(const command_line &line, const json &request, double patience) {
     return ask_agent(line.socket, request, patience + agent_reserve, line.print);
 }
 
-// --- the verbs, in the order of the help
-// --------------------------------------------------------------------------------
+// ---- the verbs, in the order of the help ----------------------------------------------------------------------------
 
 void add_agent(CLI::App &app, command_line &line) {
     auto      options = std::make_shared<agent_options>();
@@ -339,8 +338,7 @@ void add_query(CLI::App &app, command_line &line, const char *name, const char *
     });
 }
 
-// --- the configuration file
-// ---------------------------------------------------------------------------------------------
+// ---- the configuration file -----------------------------------------------------------------------------------------
 
 struct conf_options {
     std::string                        file  = default_conf_file;
@@ -462,8 +460,7 @@ void add_conf(CLI::App &app, command_line &line) {
     show->callback([&line, options] { line.run = [&line, options] { return show_conf(line, *options); }; });
 }
 
-// --- verbs that look for themselves
-// -------------------------------------------------------------------------------------
+// ---- verbs that look for themselves ---------------------------------------------------------------------------------
 
 void add_lint(CLI::App &app, command_line &line) {
     auto      file = std::make_shared<std::string>(default_conf_file);
@@ -594,8 +591,7 @@ void add_help(CLI::App &app, command_line &line) {
     });
 }
 
-// --- the agent's configuration file
-// -------------------------------------------------------------------------------------
+// ---- the agent's configuration file ---------------------------------------------------------------------------------
 
 bool is_given(const std::vector<std::string> &words, const std::string &option) {
     return std::any_of(words.begin(), words.end(), [&](const std::string &word) {
@@ -650,8 +646,7 @@ void add_agent_conf(CLI::App &app, std::vector<std::string> &words) {
     words.insert(std::next(verb), added.begin(), added.end());
 }
 
-// --- all together
-// -------------------------------------------------------------------------------------------------------
+// ---- all together ---------------------------------------------------------------------------------------------------
 
 void add_verbs(CLI::App &app, command_line &line) {
     add_status(app, line);

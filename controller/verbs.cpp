@@ -32,8 +32,7 @@ double rounded(double value) { return std::round(value * 1000) / 1000; }
 
 }  // namespace
 
-// --- 1 the table
-// ------------------------------------------------------------------------------------------------------
+// ---- 1 the table ----------------------------------------------------------------------------------------------------
 
 verbs::verbs(loop &owner, const agent_options &options, knowledge &known, orders &to, daemon_pipe &pipe, keeper &keep)
     : options_(options),
@@ -86,8 +85,7 @@ void verbs::add_requests() {
                 [this](const json &r, const ticket &t) { return do_shutdown(r, t); });
 }
 
-// --- 2 waiting
-// --------------------------------------------------------------------------------------------------------
+// ---- 2 waiting ------------------------------------------------------------------------------------------------------
 
 void verbs::wait_for(const ticket &asked, double wake, step next) {
     waiters_.push_back({asked, wake, std::move(next)});
@@ -115,8 +113,7 @@ void verbs::set_alarm() {
     alarm_.start(milliseconds(static_cast<int64_t>(left * 1000) + 1), [this] { run_waiters(); });
 }
 
-// --- 3 status
-// ---------------------------------------------------------------------------------------------------------
+// ---- 3 status -------------------------------------------------------------------------------------------------------
 
 json verbs::status() const {
     moment now    = present();
@@ -160,8 +157,7 @@ std::optional<json> verbs::do_status(const json &request, const ticket &asked) {
     return std::nullopt;
 }
 
-// --- 4 start, stop, wait
-// ----------------------------------------------------------------------------------------------
+// ---- 4 start, stop, wait --------------------------------------------------------------------------------------------
 
 // An answer about the tunnel; member: "note" or "error".
 json verbs::tunnel_answer(int exit, const char *member, const std::string &text) const {
@@ -304,8 +300,7 @@ std::optional<json> verbs::do_wait(const json &request, const ticket &asked) {
     return std::nullopt;
 }
 
-// --- 5 statistics
-// -----------------------------------------------------------------------------------------------------
+// ---- 5 statistics ---------------------------------------------------------------------------------------------------
 
 json verbs::statistics_answer(int exit, const std::string &error) {
     moment now    = present();
@@ -366,8 +361,7 @@ std::optional<json> verbs::do_stats(const json &request, const ticket &asked) {
     return std::nullopt;
 }
 
-// --- 6 what is passed on to the daemon
-// --------------------------------------------------------------------------------
+// ---- 6 what is passed on to the daemon ------------------------------------------------------------------------------
 
 std::optional<json> verbs::do_debug(const json &request) {
     std::string category = text_of(request, "category"), value = text_of(request, "value");

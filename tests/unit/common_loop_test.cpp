@@ -57,8 +57,7 @@ void write_file(const std::string &path, const std::string &text, int flags = O_
 
 }  // namespace
 
-// --- timers
-// -----------------------------------------------------------------------------------------------------------
+// ---- timers ---------------------------------------------------------------------------------------------------------
 
 TEST(common_timer, is_never_early) {
     loop   l;
@@ -146,8 +145,7 @@ TEST(common_loop, a_stop_before_the_run_counts_and_the_pass_has_an_end) {
     EXPECT_EQ(passes, 1);
 }
 
-// --- descriptors and signals
-// ------------------------------------------------------------------------------------------
+// ---- descriptors and signals ----------------------------------------------------------------------------------------
 
 TEST(common_descriptor, tells_what_it_is_ready_for) {
     loop             l;
@@ -214,8 +212,7 @@ TEST(common_signal, calls_for_its_signal) {
     EXPECT_TRUE(run_until(l, [&] { return calls == 1; }));
 }
 
-// --- children
-// ---------------------------------------------------------------------------------------------------------
+// ---- children -------------------------------------------------------------------------------------------------------
 
 TEST(common_child, tells_status_output_and_error_output) {
     loop                     l;
@@ -292,8 +289,7 @@ TEST(common_child, one_that_still_runs_is_killed_with_its_owner) {
     EXPECT_FALSE(is_alive(pid));
 }
 
-// --- lookups
-// ----------------------------------------------------------------------------------------------------------
+// ---- lookups --------------------------------------------------------------------------------------------------------
 
 TEST(common_lookup, an_address_is_its_own_answer) {
     loop                         l;
@@ -332,8 +328,7 @@ TEST(common_lookup, the_answer_of_a_lookup_that_was_given_up_reaches_nobody) {
     EXPECT_TRUE(run_until(l, [&] { return !l.is_held(); }));
 }
 
-// --- files
-// ------------------------------------------------------------------------------------------------------------
+// ---- files ----------------------------------------------------------------------------------------------------------
 
 TEST(common_file_watch, sees_writing_moving_removing_and_a_new_file) {
     char        directory[] = "/tmp/common_loop_test.XXXXXX";
@@ -376,8 +371,7 @@ TEST(common_file_watch, a_directory_that_comes_later_is_found) {
     EXPECT_TRUE(run_until(l, [&] { return changes > 0; }));
 }
 
-// --- text
-// -------------------------------------------------------------------------------------------------------------
+// ---- text -----------------------------------------------------------------------------------------------------------
 
 TEST(common_log, control_characters_never_reach_a_terminal) {
     EXPECT_EQ(printable("plain text"), "plain text");

@@ -140,8 +140,7 @@ protected:
 
 }  // namespace
 
-// --- the event log
-// ----------------------------------------------------------------------------------------------------
+// ---- the event log --------------------------------------------------------------------------------------------------
 
 TEST(common_events, are_numbered_without_gaps_and_carry_their_stream) {
     event_log                log(kinds);
@@ -207,8 +206,7 @@ TEST(common_events, a_filter_asks_for_kinds_and_members) {
     EXPECT_EQ(count({{}, "{\"drops\":\"3\"}"}), 0);
 }
 
-// --- requests
-// ---------------------------------------------------------------------------------------------------------
+// ---- requests -------------------------------------------------------------------------------------------------------
 
 TEST(common_request, what_is_right_passes) {
     EXPECT_EQ(refusal_of(R"({"request":"weather","id":[1],"place":"here"})"), "");
@@ -264,8 +262,7 @@ TEST(common_request, a_text_that_is_nested_too_deep_is_no_json) {
     EXPECT_TRUE(parse_json("1e999").is_discarded());
 }
 
-// --- the server
-// -------------------------------------------------------------------------------------------------------
+// ---- the server -----------------------------------------------------------------------------------------------------
 
 TEST_F(common_server, every_answer_says_schema_program_version_and_stream) {
     client c(loop_, path_);
@@ -400,8 +397,7 @@ TEST_F(common_server, help_describes_every_request_and_every_event) {
     EXPECT_EQ(answer["requests"][5]["reading"], false);
 }
 
-// --- events, follow, wait
-// ---------------------------------------------------------------------------------------------
+// ---- events, follow, wait -------------------------------------------------------------------------------------------
 
 TEST_F(common_server, events_are_listed_by_number_kind_and_count) {
     client c(loop_, path_);
@@ -487,8 +483,7 @@ TEST_F(common_server, a_program_gives_wait_members_of_its_own) {
               "\"state\" cannot be \"left\"; there are: up, down");
 }
 
-// --- sockets
-// ----------------------------------------------------------------------------------------------------------
+// ---- sockets --------------------------------------------------------------------------------------------------------
 
 TEST_F(common_server, the_second_socket_is_for_reading_only) {
     std::string second = scratch_path("second");

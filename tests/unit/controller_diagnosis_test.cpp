@@ -211,8 +211,7 @@ TEST_F(controller_diagnosis, every_code_is_in_the_table_and_texts_are_fit_for_a_
     }
 }
 
-// --- the text
-// ---------------------------------------------------------------------------------------------------------
+// ---- the text -------------------------------------------------------------------------------------------------------
 
 TEST(controller_logtext, entries_are_cut_at_their_headers_and_keep_their_lines) {
     std::vector<log_entry> entries;
