@@ -275,10 +275,11 @@ void agent::on_message(const message &m) {
         probe();
     }
     if (m.kind == report::statistics) {
-        uint64_t sent     = known_.book.last ? (*known_.book.last)[7] : 0,
-                 answered = known_.book.last ? (*known_.book.last)[8] : 0;
+        // The first report is what later ones are compared with: it counts lost requests of earlier connections.
+        bool     is_further = known_.book.last.has_value();
+        uint64_t sent = is_further ? (*known_.book.last)[7] : 0, answered = is_further ? (*known_.book.last)[8] : 0;
         known_.book.on_report(m.values, now);
-        if (known_.why.is_level_low && m.values[8] >= answered && m.values[7] >= sent &&
+        if (known_.why.is_level_low && is_further && m.values[8] >= answered && m.values[7] >= sent &&
             known_.state.tun.is(tunnel::up)) {
             if (m.values[8] > answered) known_.why.unanswered = 0;
             known_.why.unanswered += static_cast<unsigned>(std::max<int64_t>(

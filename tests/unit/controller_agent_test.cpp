@@ -539,3 +539,29 @@ TEST_F(controller_agent, a_tunnel_known_from_an_earlier_agent_is_not_stuck_altho
               exit_not_reached);
     EXPECT_EQ(ask({{"request", "status"}})["health"]["value"], "up");
 }
+
+TEST_F(controller_agent, requests_lost_before_the_first_report_do_not_degrade_a_tunnel_whose_log_says_too_little) {
+    std::ofstream(options.daemon_log) << "";
+    start_daemon();
+    start_agent();
+    ids_until(msg_process_query);
+    report_pid(getpid());
+    event_of("process");
+    std::ofstream(options.daemon_log, std::ios::app)
+        << "\nTLSC[1]: 2026-01-31_09_30_00 ERROR [tlsc.cpp:1] [set_level] Log level changed to: 0\n";
+    ask({{"request", "status"}});
+    report(encode(msg_tun_up));
+
+    record statistics = encode(msg_info_update);
+    statistics[8]     = 33;
+    statistics[72]    = 100;  // requests
+    statistics[80]    = 97;   // responses
+    report(statistics);
+    uint64_t first = event_of("stats")["number"];
+    EXPECT_EQ(ask({{"request", "status"}})["health"]["value"], "up");
+
+    statistics[72] = 102;
+    report(statistics);
+    event_of("stats", first);
+    EXPECT_EQ(ask({{"request", "status"}})["health"]["value"], "degraded");
+}
