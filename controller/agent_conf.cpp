@@ -45,7 +45,7 @@ std::vector<agent_setting> parse_agent_conf(const std::string &content, std::str
         for (char &c : key)
             if (c == '_') c = '-';
         std::string value     = trimmed(line.substr(equals + 1));
-        bool        is_quoted = value.size() >= 2 && value.front() == '"' && value.back() == '"';
+        bool        is_quoted = value.size() >= 2 && value.front() == '"' && value.find('"', 1) == value.size() - 1;
         if (is_quoted) value = value.substr(1, value.size() - 2);
         settings.push_back({number, key, value});
     }

@@ -21,9 +21,8 @@ class keeper {
 public:
     keeper(loop &owner, const agent_options &options, knowledge &known, orders &to, daemon_pipe &pipe);
 
-    task                         on_change;  // of what save() gives
-    std::function<void(int pid)> kill_own;   // kills the process if it is the agent's child; else nothing
-    std::function<bool()>        is_log_followed;
+    task                  on_change;  // of what save() gives
+    std::function<bool()> is_log_followed;
 
     // A start or a stop was ordered by somebody: remembered until the other one is.
     void want(bool is_wanted);

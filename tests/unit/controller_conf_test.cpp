@@ -1,4 +1,5 @@
 // The configuration file: values, lines, and the writing beside a daemon that rewrites the same file.
+#include "agent_conf.h"
 #include "conf.h"
 
 #include <cstdlib>
@@ -186,4 +187,13 @@ TEST_F(controller_conf_file, is_no_pipe_and_no_directory) {
     EXPECT_FALSE(read_conf_file(directory, error));
     EXPECT_FALSE(read_conf_file(directory / "none", error));
     EXPECT_EQ(conf_value(directory / "none", "psk_key"), "");
+}
+
+TEST(controller_agent_conf, a_value_in_quotes_loses_them_and_a_command_of_quoted_words_keeps_them) {
+    std::string error;
+    auto        settings = parse_agent_conf("on-up = \"a b\"\non_down = \"/etc/down\" \"$TLSC_TUN\"\n", error);
+    ASSERT_EQ(settings.size(), 2u) << error;
+    EXPECT_EQ(settings[0].value, "a b");
+    EXPECT_EQ(settings[1].key, "on-down");
+    EXPECT_EQ(settings[1].value, "\"/etc/down\" \"$TLSC_TUN\"");
 }
