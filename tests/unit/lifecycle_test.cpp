@@ -20,9 +20,6 @@
 
 // ---- stand-ins ------------------------------------------------------------------------------------------------------
 
-// The address sanitizer takes the stack of a cancelled thread for damaged when it gives its signal stack back.
-extern "C" const char *__asan_default_options();
-extern "C" const char *__asan_default_options() { return "use_sigaltstack=0"; }
 // The clean-up cancels the monitor in its wait for the tunnel thread, which nobody joins then.
 extern "C" const char *__tsan_default_options();
 extern "C" const char *__tsan_default_options() { return "report_thread_leaks=0"; }
@@ -72,18 +69,21 @@ void note_step(const std::string &step) {
     fflush(stdout);  // the log does not wait for it
 }
 
+// No frame of a cancelled thread may be one that the address sanitizer watches and the unwinding leaves watched.
+constexpr timespec shortly{0, 1000000};
+
 // Can be cancelled while somebody else has it.
 std::unique_lock<std::mutex> take_my_turn() {
     std::unique_lock<std::mutex> mine(turn, std::try_to_lock);
     while (!mine.owns_lock()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        (void)nanosleep(&shortly, nullptr);
         (void)mine.try_lock();
     }
     return mine;
 }
 
 void wait_while(const std::atomic<bool> &condition) {
-    while (condition) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    while (condition) (void)nanosleep(&shortly, nullptr);
 }
 
 }  // namespace
@@ -96,8 +96,7 @@ extern "C" unsigned __wrap_sleep(unsigned seconds) {
         const std::lock_guard<std::mutex> guard(sleep_mutex);
         slept.push_back(seconds);
     }
-    const timespec moment{0, 1000000};
-    while (seconds == 10 && hold_long_sleeps) nanosleep(&moment, nullptr);  // can be cancelled, as the real one
+    while (seconds == 10 && hold_long_sleeps) nanosleep(&shortly, nullptr);  // can be cancelled, as the real one
     return 0;
 }
 
@@ -123,7 +122,7 @@ extern "C" void *__wrap_tlsc_start_epoll(void *) {
             const std::unique_lock<std::mutex> my_turn = take_my_turn();
             (void)tlsc_handle_cli_cmds();
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        (void)nanosleep(&shortly, nullptr);
     }
     epoll_thread_exited = 1;
     return nullptr;
