@@ -568,6 +568,7 @@ def test_a_certificate_that_is_rejected_has_its_verdict(device, certificate, ver
     holder = f"mkfifo {TO_DAEMON} && exec sleep 1000 <>{TO_DAEMON}"
     device.world.spawn(["sh", "-c", holder], ns="device")
     device.start_agent()
+    device.wait("a daemon", lambda s: s["daemon"]["value"] == "running", SHOWN)
     client.run()
     status = device.wait_reason("certificate-rejected", SHOWN)
     assert status["reason"]["detail"] == verdict
