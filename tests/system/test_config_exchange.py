@@ -18,7 +18,8 @@ def test_without_a_response_the_guard_ends_the_connection_and_backoff_makes_the_
     request = gateway.wait("config_req", since=0, timeout=10)
     closed = gateway.wait("closed", since=0, timeout=GUARD_SECONDS + 3)
     assert closed["by"] == "peer"
-    assert 0 <= closed["mono"] - request["mono"] - GUARD_SECONDS < 0.6
+    # The gateway notes both when it gets round to them.
+    assert -0.1 < closed["mono"] - request["mono"] - GUARD_SECONDS < 0.6
     gateway.ask("config", mode="normal")
     bench.controller.wait_for(records.NAME_REQUEST, BACKOFF_SECONDS + 2)
     bench.controller.wait_for(records.TUN_UP, 8)
