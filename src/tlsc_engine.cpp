@@ -656,8 +656,7 @@ int32_t tlsc_error_handling(int32_t error) {
     case EMFILE:
     case ENOBUFS:
         TLSC_ERROR("Socket error :%d\n", error);
-        errno = error;
-        perror("Socket error");  // which puts ": " behind it
+        (void)fprintf(stderr, "Socket error: %s\n", strerror(error));
         tlsc_restart_client();
         break;
     case EACCES:
