@@ -448,10 +448,6 @@ void follow_log_level(SSL *ssl) {
     if (ssl) SSL_set_msg_callback(ssl, is_wanted ? tlsc_ossl_traced<tlsc_ssl_msg_cb> : nullptr);
 }
 
-}  // namespace
-
-namespace {
-
 int32_t give_up_connecting(int32_t fd) {
     constexpr tlsc_work_of tlsc_log_function{"tlsc_create_tcp_conn"};
 
@@ -989,10 +985,6 @@ ssize_t read_command(tlsc_cli_cmd *cmd) {
     *cmd = {};
     return read(cli_pipe_rd_fd, cmd, sizeof(*cmd));
 }
-
-}  // namespace
-
-namespace {
 
 // Takes the address over. Returns 1, or 0 when it cannot be used (logged).
 int32_t take_gateway_address(int32_t kind, const uint8_t *gw_sockaddr) {

@@ -11,11 +11,6 @@
 
 using namespace kernel;
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    start_process();
-    return 0;
-}
-
 namespace {
 
 void one_command(fuzz_input &in) {
@@ -47,8 +42,7 @@ void one_command(fuzz_input &in) {
 
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     fuzz_input in(bytes, size);
-    begin(&in);
-    reset_process();
+    begin_process(in);
     const uint8_t settings = in.byte();
     tlsc_sock    *sock     = tlsc_get_sock();
     tlsc_attach_session(sock);

@@ -106,17 +106,11 @@ __attribute__((format(printf, 1, 0))) int __wrap_vprintf(const char *format, va_
     world.log += text;
     return length;
 }
-
-int LLVMFuzzerInitialize(int *, char ***) {
-    start_process();
-    return 0;
-}
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     fuzz_input in(bytes, size);
-    begin(&in);
-    reset_process();
+    begin_process(in);
     const uint8_t settings = in.byte();
     tlsc_log_level         = settings & 4 ? LOG_BUF_PRINT : LOG_DEBUG;
     const bool to_console  = (settings & 0x30) == 0x30;

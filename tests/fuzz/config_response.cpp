@@ -137,15 +137,9 @@ void check(const std::string &text, const tlsc_config &before, const tlsc_config
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    start_process();
-    return 0;
-}
-
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     fuzz_input in(bytes, size);
-    begin(&in);
-    reset_process();
+    begin_process(in);
     const uint8_t settings = in.byte();
     if ((settings & 0x38) == 0x38) tlsc_log_level = LOG_DEBUG;
 

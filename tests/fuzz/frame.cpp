@@ -92,8 +92,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     fuzz_input in(bytes, size);
-    begin(&in);
-    reset_process();
+    begin_process(in);
     const uint8_t settings = in.byte();
     if ((settings & 0x38) == 0x38) tlsc_log_level = settings & 0x40 ? LOG_BUF_PRINT : LOG_DEBUG;
 

@@ -735,6 +735,9 @@ constexpr const char *settings[][2] = {
 }  // namespace
 
 void start_process() {
+    static bool is_started;
+    if (is_started) return;
+    is_started = true;
     MUST(freopen("/dev/null", "w", stdout) != nullptr);
     begin(nullptr);
     world.process_begins = true;
@@ -755,6 +758,12 @@ void reset_process() {
     tlsc_set_config_defaults(tlsc_get_config());
     (void)tlsc_set_config_all();
     tlsc_stats_clear();
+}
+
+void begin_process(fuzz_input &input) {
+    start_process();
+    begin(&input);
+    reset_process();
 }
 
 }  // namespace kernel

@@ -113,12 +113,15 @@ bool        has_armed_timer();  // one that can wake the daemon
 void        check_counts();
 
 // Puts the daemon together for a process of its own, with the settings of a usual configuration file: FIFO, log,
-// command pipe, TLS context, session. Once, before the first input.
+// command pipe, TLS context, session. Once: a second call does nothing.
 void start_process();
 
 // What start_process has set: the fields of the configuration, the data path and the log level, as a process begins
 // with.
 void reset_process();
+
+// How an input begins: in a process that has been put together, and that is as it began.
+void begin_process(fuzz_input &input);
 
 // Another thread opens a descriptor (the lowest number that is free) or closes all that it has.
 void open_foreign();

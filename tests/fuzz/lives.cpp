@@ -285,15 +285,9 @@ void run_tunnel_thread() {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    start_process();
-    return 0;
-}
-
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     fuzz_input in(bytes, size);
-    begin(&in);
-    reset_process();
+    begin_process(in);
     const uint8_t settings = in.byte();
     if ((settings & 0x70) == 0x70) tlsc_log_level = settings & 0x80 ? LOG_BUF_PRINT : LOG_DEBUG;
     world.faults    = (settings & 1) != 0;

@@ -79,15 +79,9 @@ void check_text(const char (&text)[n], bool is_harmless = true) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    start_process();
-    return 0;
-}
-
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     fuzz_input in(bytes, size);
-    begin(&in);
-    reset_process();
+    begin_process(in);
     tlsc_log_level         = LOG_DEBUG;
     const uint8_t settings = in.byte();
 

@@ -126,8 +126,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     fuzz_input in(bytes, size);
-    begin(&in);
-    reset_process();
+    begin_process(in);
     const uint8_t settings = in.byte();
     const uint8_t shape    = in.byte();
     const bool    outwards = (settings & 1) != 0;

@@ -56,17 +56,11 @@ int32_t __wrap_tlsc_start_epoll_mon_thread() {
     ++starts;
     return client_result;
 }
-
-int LLVMFuzzerInitialize(int *, char ***) {
-    start_process();
-    return 0;
-}
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     fuzz_input in(bytes, size);
-    begin(&in);
-    reset_process();
+    begin_process(in);
     const uint8_t settings = in.byte();
     if ((settings & 0x38) == 0x38) tlsc_log_level = LOG_DEBUG;
     client_result   = settings & 2 ? 1 : 0;
