@@ -681,21 +681,26 @@ TEST_F(tlsc_transport, a_flush_to_a_peer_that_went_away_is_an_error_and_not_a_si
 
 TEST_F(tlsc_transport, a_write_in_parts_goes_on_where_it_stopped) {
     connect();
+    const int narrow = 16384;
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &narrow, sizeof(narrow));
+    setsockopt(peer.fd(), SOL_SOCKET, SO_RCVBUF, &narrow, sizeof(narrow));
+    constexpr size_t  records = 300;
     const std::string text(16384, 'w');
     std::string       seen;
-    int               sent = 0;
+    size_t            sent = 0;
     std::thread       reader([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));  // until the way is full
-        while (seen.size() < 1000 * text.size()) {
+        for (int i = 0; polls == 0 && i < sealed_peer::patience_msec; ++i)  // until the way is full
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        while (seen.size() < records * text.size()) {
             const std::string part = peer.open();
             if (part.empty()) break;
             seen += part;
         }
     });
-    while (sent < 1000 && write(text)) ++sent;
+    while (sent < records && write(text)) ++sent;
     reader.join();
-    EXPECT_EQ(sent, 1000);
-    EXPECT_EQ(seen, std::string(1000 * text.size(), 'w'));
+    EXPECT_EQ(sent, records);
+    EXPECT_TRUE(seen == std::string(records * text.size(), 'w')) << seen.size();
     EXPECT_GT(polls, 0);
 }
 
