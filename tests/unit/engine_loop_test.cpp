@@ -8,6 +8,7 @@
 
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
+#include <malloc.h>
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <sys/syscall.h>
@@ -38,6 +39,7 @@ std::atomic<int>         mods;
 std::atomic<bool>        mod_fails;
 std::atomic<int>         undeletable{-1};  // removing this descriptor from epoll fails
 std::atomic<int>         max_events_asked;
+std::atomic<void *>      events_asked;  // where the events go
 std::atomic<int>         timeout_asked;
 std::atomic<int>         waits;          // asked for so far
 std::atomic<int>         sends;          // to the gateway so far
@@ -114,6 +116,7 @@ extern "C" int __wrap_epoll_ctl(int epoll_fd, int operation, int fd, epoll_event
 extern "C" int __real_epoll_wait(int epoll_fd, epoll_event *events, int max, int timeout);
 extern "C" int __wrap_epoll_wait(int epoll_fd, epoll_event *events, int max, int timeout) {
     max_events_asked = max;
+    events_asked     = events;
     timeout_asked    = timeout;
     ++waits;
     if (wait_failures > 0) {
@@ -576,6 +579,19 @@ TEST_F(engine_loop, a_run_goes_from_connection_to_orderly_end) {
         logged_like("DEBUG", "tlsc_start_epoll", text_of("Pipe-fd(%d) added to epoll-fd(~)", cli_pipe_rd_fd.load())));
     EXPECT_TRUE(logged_like("INFO", "tlsc_start_epoll", "Successfully added Client-socket-fd(~) to epoll-fd"));
     expect_counters({{"ctrl_pkt_tx", 1}, {"ctrl_pkt_rx", 1}, {"tun_alloc", 1}, {"tun_freed", 1}});
+}
+
+TEST_F(engine_loop, the_process_wide_events_block_is_the_one_that_events_go_to_and_null_outside_a_run) {
+    EXPECT_EQ(tlsc_epoll_events, nullptr);
+    tls_peer peer;
+    bring_up(peer);
+    at_rest([] {
+        ASSERT_NE(tlsc_epoll_events, nullptr);
+        EXPECT_EQ(tlsc_epoll_events, events_asked);
+        EXPECT_GE(malloc_usable_size(tlsc_epoll_events), 80 * sizeof(epoll_event));
+    });
+    stop();
+    EXPECT_EQ(tlsc_epoll_events, nullptr);
 }
 
 TEST_F(engine_loop, an_epoll_instance_that_cannot_be_made_ends_the_thread) {

@@ -399,6 +399,27 @@ TEST_F(tlsc_first_init, takes_its_steps_in_their_order) {
     EXPECT_FALSE(log.contains("very-secret"));
 }
 
+TEST_F(tlsc_first_init, one_process_wide_mark_says_whether_the_client_is_initialised) {
+    EXPECT_EQ(in_child([] {
+                  EXPECT_EQ(tlsc_initialized, 0);
+                  EXPECT_EQ(tlsc_init(), 1);
+                  EXPECT_EQ(tlsc_initialized, 1);
+                  EXPECT_EQ(tlsc_init(), 1);
+                  EXPECT_EQ(tlsc_initialized, 1);
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(log.count("INFO", main_file, "tlsc_init", "Initialize tls-client"), 1u);
+    log.clear();
+    EXPECT_EQ(in_child([] {
+                  tlsc_initialized = 1;  // is all that makes a call a further one
+                  return tlsc_init() - 1;
+              }),
+              0);
+    EXPECT_TRUE(log.has("INFO", main_file, "tlsc_init", "tlsc_init called again... Reading configuration again."));
+    EXPECT_FALSE(log.has("INFO", main_file, "tlsc_init", "Initialize tls-client"));
+}
+
 TEST_F(tlsc_first_init, an_unset_key_is_shown_as_an_empty_text) {
     ASSERT_EQ(wlcSecTunProcessConf("psk_key", ""), 1);
     EXPECT_EQ(in_child([] { return tlsc_init() - 1; }), 0);
