@@ -41,12 +41,14 @@ namespace wlcctl {
 
 namespace {
 
-constexpr milliseconds check_period{1000};    // between two looks at everything that tells nothing by itself
-constexpr milliseconds probe_delay{500};      // for the HELLO of a daemon that has just appeared
-constexpr milliseconds save_delay{200};       // so that a row of changes is kept once
-constexpr milliseconds tcp_patience{2500};    // for a connection of our own
-constexpr double       second_check     = 5;  // seconds between two looks for a second daemon, once there was one
-constexpr double       quiet_statistics = 5;  // seconds between our questions while the log says too little
+constexpr milliseconds check_period{1000};      // between two looks at everything that tells nothing by itself
+constexpr milliseconds probe_delay{500};        // for the HELLO of a daemon that has just appeared
+constexpr milliseconds save_delay{200};         // so that a row of changes is kept once
+constexpr milliseconds tcp_patience{2500};      // for a connection of our own
+constexpr double       second_check     = 5;    // seconds between two looks for a second daemon, once there was one
+constexpr double       quiet_statistics = 2.5;  // seconds between our questions while the log says too little
+constexpr double       quiet_patience   = 30;   // before one that was not answered is asked again
+constexpr double       first_lines      = 3;    // seconds in which the lines of a tunnel that has come up are there
 
 int refuse(int status, const std::string &why) {
     fprintf(stderr, "wlcctl agent: %s\n", why.c_str());
@@ -137,8 +139,8 @@ private:
     bool                 was_interface_seen_ = false;
     bool                 is_hidden_          = false;  // the daemon's pipe may not be opened
     double               next_second_check_  = 0;
-    double               next_question_      = 0;
-    std::vector<int32_t> readers_;  // when there are too many
+    double               asked_at_           = -quiet_patience;  // when the counters were asked for
+    std::vector<int32_t> readers_;                               // when there are too many
     std::string          memory_error_;
 };
 
@@ -214,7 +216,10 @@ void agent::connect_rooms() {
         if (why.code == "gateway-unreachable" && why.source == "log") try_connection();
         save_soon();
     };
-    known_.why.on_unanswered = [this](unsigned) { settle(); };
+    known_.why.on_unanswered = [this](unsigned) {
+        save_soon();
+        settle();
+    };
 }
 
 // What earlier lives left behind first, then the daemon's log, then the daemon itself.
@@ -275,16 +280,8 @@ void agent::on_message(const message &m) {
         probe();
     }
     if (m.kind == report::statistics) {
-        // The first report is what later ones are compared with: it counts lost requests of earlier connections.
-        bool     is_further = known_.book.last.has_value();
-        uint64_t sent = is_further ? (*known_.book.last)[7] : 0, answered = is_further ? (*known_.book.last)[8] : 0;
         known_.book.on_report(m.values, now);
-        if (known_.why.is_level_low && is_further && m.values[8] >= answered && m.values[7] >= sent &&
-            known_.state.tun.is(tunnel::up)) {
-            if (m.values[8] > answered) known_.why.unanswered = 0;
-            known_.why.unanswered += static_cast<unsigned>(std::max<int64_t>(
-                0, static_cast<int64_t>(m.values[7] - sent) - static_cast<int64_t>(m.values[8] - answered)));
-        }
+        known_.why.on_counters(m.values[dpd_requests], m.values[dpd_responses], now);
     }
     if (known_.state.beginnings != begins) {
         known_.why.on_begun(now);
@@ -392,18 +389,17 @@ void agent::on_log_entry(const log_entry &entry, bool is_old) {
 
 // The log of the daemon that runs says whether its tunnel is up, also to an agent that has begun just now.
 void agent::learn_from_log() {
-    moment     now         = present();
-    diagnosis &why         = known_.why;
-    int32_t    pid         = pipe_.process();
-    int64_t    began       = pid ? wall_start_of(pid, now) : 0;
-    bool       is_same     = pid && kept_daemon() == pid;
-    reason     kept_reason = why.why;
+    moment     now           = present();
+    diagnosis &why           = known_.why;
+    int32_t    pid           = pipe_.process();
+    int64_t    began         = pid ? wall_start_of(pid, now) : 0;
+    bool       is_same       = pid && kept_daemon() == pid;
+    reason     kept_reason   = why.why;  // by the log's last lines
+    bool       is_of_process = pid && why.last_line && (began == 0 || why.last_line->wall >= began - 2000);
+    if (!is_of_process) why.on_begun(now);
     known_.load(kept_, is_same, now);
     if (!kept_reason.code.empty()) why.why = kept_reason;
-
-    bool is_of_process = pid && why.last_line && (began == 0 || why.last_line->wall >= began - 2000);
     if (!is_of_process) {
-        why.on_begun(now);
         if (!is_same) why.why = {};
         return;
     }
@@ -420,6 +416,7 @@ void agent::learn_from_log() {
     } else if (why.step != phase::idle && !known_.state.tun.known()) {
         known_.state.restore_tunnel(tunnel::in_progress, source::logged, why.step_since, now);
     }
+    if (known_.state.tun.is(tunnel::up) && !why.last_answer) why.last_answer = now;  // from here on one must come
 }
 
 // The daemon's line does not say why a connection failed; one of our own does.
@@ -559,12 +556,18 @@ void agent::check_interface() {
     if (!is_settling_) settle();
 }
 
-// A log whose level hides the requests leaves the counters, which the daemon tells once a minute only.
+// A log that tells of no keep-alive leaves the counters, which the daemon tells once a minute only. One question is
+// under way at a time: a daemon that does not read must not find its pipe full of them.
 void agent::ask_quietly(const moment &now) {
-    bool is_needed = known_.why.is_level_low && known_.state.tun.is(tunnel::up);
-    if (!is_needed || now.mono < next_question_) return;
-    next_question_ = now.mono + quiet_statistics;
-    (void)orders_.send(encode(msg_stats_request));
+    const controller_state &state = known_.state;
+    bool is_needed = state.tun.is(tunnel::up) && state.running.is(true) && !known_.why.is_log_telling(now) &&
+                     now.mono - state.tun.since.mono > first_lines;
+    if (!is_needed) return known_.counters_asked.reset();
+    if (!known_.counters_asked) known_.counters_asked = now;
+    bool is_answered = state.stats.known() && state.stats.last.mono > asked_at_;
+    if (now.mono < asked_at_ + (is_answered ? quiet_statistics : quiet_patience)) return;
+    asked_at_ = now.mono;
+    (void)orders_.send_quietly(encode(msg_stats_request));
 }
 
 // ---- 7 memory -------------------------------------------------------------------------------------------------------

@@ -14,8 +14,12 @@ namespace wlcctl {
 
 namespace {
 
-constexpr double slow_seconds = 3;   // for a step that takes a moment when all is well
-constexpr size_t recent_limit = 12;  // lines kept as evidence
+constexpr double slow_seconds = 3;     // for a step that takes a moment when all is well
+constexpr double line_reserve = 3;     // by which a line about requests may be late
+constexpr double end_reserve  = 5;     // by which an answer, and the end of a silent connection, may be late
+constexpr double unknown_dpd  = 300;   // seconds between two requests of which nothing is known
+constexpr double longest_dpd  = 3600;  // the same, where too short a guess would end a daemon that is well
+constexpr size_t recent_limit = 12;    // lines kept as evidence
 constexpr size_t shown_width  = 300;
 constexpr int    build_year   = (__DATE__[7] - '0') * 1000 + (__DATE__[8] - '0') * 100 + (__DATE__[9] - '0') * 10 +
                            (__DATE__[10] - '0');
@@ -103,10 +107,21 @@ void diagnosis::enter(phase next, const moment &when) {
     if (!is_same && on_phase) on_phase(step);
 }
 
-void diagnosis::set_unanswered(unsigned count) {
+void diagnosis::set_unanswered(unsigned count, const moment &when) {
+    if (count == 0) first_unanswered.reset();
+    else if (unanswered == 0 || !first_unanswered) first_unanswered = when;
     if (unanswered == count) return;
     unanswered = count;
     if (on_unanswered) on_unanswered(count);
+}
+
+// What was counted and expected belongs to a connection that is gone.
+void diagnosis::forget_connection(const moment &when) {
+    set_unanswered(0, when);
+    counted_.unanswered = 0;
+    last_answer.reset();
+    next_line_.reset();
+    next_rekey.reset();
 }
 
 // ---- 2 lines of the log ---------------------------------------------------------------------------------------------
@@ -147,9 +162,7 @@ bool diagnosis::on_step_line(const std::string &text, const moment &when) {
         has_stopped = true;
         last_rekey.reset();
         next_attempt.reset();
-        next_rekey.reset();
-        set_unanswered(0);
-        first_unanswered.reset();
+        forget_connection(when);
         enter(phase::idle, when);
     } else if (begins(text, "Log level changed to: ")) {
         is_level_low = number_behind(text, "Log level changed to: ", 2) < 2;
@@ -169,14 +182,17 @@ bool diagnosis::on_timer_line(const std::string &text, const moment &when) {
         next_rekey = in("Started Rekey Timer for ");
     } else if (begins(text, "Started DPD Timer for ")) {  // the gateway has answered
         last_answer = when;
-        set_unanswered(0);
-        first_unanswered.reset();
+        set_unanswered(0, when);
+        dpd_seconds = static_cast<double>(number_behind(text, "Started DPD Timer for ", 0));
+        expect_line(dpd_seconds, when);
         if (has_response_) on_up(when);
     } else if (begins(text, "Sending DPD Request [Req Retry Ref #")) {
-        if (unanswered == 0) first_unanswered = when;
-        set_unanswered(static_cast<unsigned>(std::clamp(number_behind(text, "Ref #", 0), 0L, 1000L)) + 1);
+        set_unanswered(static_cast<unsigned>(std::clamp(number_behind(text, "Ref #", 0), 0L, 1000L)) + 1, when);
+        expect_line(retry_seconds, when);
     } else if (begins(text, "Started Retry Timer for ")) {
-        retry_seconds = static_cast<double>(number_behind(text, "Started Retry Timer for ", 20));
+        retry_seconds  = static_cast<double>(number_behind(text, "Started Retry Timer for ", 20));
+        is_retry_told_ = true;
+        expect_line(retry_seconds, when);
     } else if (begins(text, "Started Backoff Timer for ")) {
         next_attempt = in("Started Backoff Timer for ");
         back_off     = static_cast<double>(number_behind(text, "Started Backoff Timer for ", 0));
@@ -296,9 +312,7 @@ void diagnosis::on_teardown(const moment &when) {
     if (step == phase::configuration && !has_response_ && !has_fault_) blame("response-timeout", "", when);
     was_up_ = has_response_ = false;
     last_rekey.reset();
-    next_rekey.reset();
-    set_unanswered(0);
-    first_unanswered.reset();
+    forget_connection(when);
     inner_ip.clear();
     if (step != phase::back_off) enter(phase::back_off, when);
 }
@@ -306,11 +320,10 @@ void diagnosis::on_teardown(const moment &when) {
 // ---- 3 what else happens --------------------------------------------------------------------------------------------
 
 void diagnosis::on_begun(const moment &now) {
-    set_unanswered(0);
-    first_unanswered.reset();
+    forget_connection(now);
+    counted_ = {};
     logged_up.reset();
     last_rekey.reset();
-    next_rekey.reset();
     next_attempt.reset();
     has_stopped = is_level_low = has_fault_ = has_response_ = was_up_ = false;
     attempts                                                          = 0;
@@ -328,15 +341,14 @@ void diagnosis::on_start_accepted(const moment &now) {
 void diagnosis::on_up(const moment &now) {
     if (step != phase::up) enter(phase::up, now);
     next_attempt.reset();
-    attempts = 0;
+    attempts    = 0;
+    last_answer = now;  // the response to the configuration request
     held.clear();
     if (why.code != "disk-full" && why.code != "daemon-second") clear_blame(now);
 }
 
 void diagnosis::on_down(const moment &now) {
-    set_unanswered(0);
-    first_unanswered.reset();
-    next_rekey.reset();
+    forget_connection(now);
     if (step == phase::up) enter(phase::back_off, now);
 }
 
@@ -352,6 +364,33 @@ void diagnosis::on_tcp_verdict(tcp_verdict verdict, const moment &now) {
     if (verdict == tcp_verdict::unreachable) state("gateway-unreachable", place, "agent", now);
 }
 
+// A response makes everything before it answered; requests behind it are those that it does not cover.
+void diagnosis::on_counters(uint64_t requests, uint64_t responses, const moment &now) {
+    bool     is_further = counted_.is_known && requests >= counted_.requests && responses >= counted_.responses;
+    uint64_t asked      = is_further ? requests - counted_.requests : 0,
+             told       = is_further ? responses - counted_.responses : 0;
+    if (told > 0) {
+        if (counted_.last_response > 0) counted_.gap = std::max(counted_.gap, now.mono - counted_.last_response);
+        counted_.last_response = now.mono;
+        counted_.unanswered    = 0;
+    }
+    if (asked > told) counted_.unanswered += static_cast<unsigned>(std::min<uint64_t>(asked - told, 1000));
+    counted_.is_known  = true;
+    counted_.requests  = requests;
+    counted_.responses = responses;
+    if (is_log_telling(now)) {
+        counted_.unanswered = unanswered;
+        return;
+    }
+    if (told > 0) last_answer = now;
+    set_unanswered(counted_.unanswered, now);
+}
+
+void diagnosis::restore_unanswered(unsigned count, const moment &now) {
+    counted_.unanswered = count;
+    if (!is_log_telling(now)) set_unanswered(count, now);
+}
+
 // ---- 4 time ---------------------------------------------------------------------------------------------------------
 
 void diagnosis::tick(const moment &now) {
@@ -363,9 +402,34 @@ void diagnosis::tick(const moment &now) {
         state("handshake-stalled", gateway + " port " + std::to_string(port), "log", now);
 }
 
+void diagnosis::expect_line(double seconds, const moment &when) { next_line_ = when.mono + seconds; }
+
+bool diagnosis::is_log_telling(const moment &now) const {
+    return !is_level_low && next_line_ && now.mono < *next_line_ + line_reserve;
+}
+
+// Seconds between an answer and the next request, as far as they are known.
+double diagnosis::answer_seconds(double unknown) const {
+    if (dpd_seconds > 0) return dpd_seconds;
+    return counted_.gap > 0 ? counted_.gap : unknown;
+}
+
+bool diagnosis::is_answer_overdue(const moment &now) const {
+    return last_answer && now.mono - last_answer->mono > answer_seconds(unknown_dpd) + retry_seconds + end_reserve;
+}
+
+// A daemon that stands in a call says nothing and sends nothing. One whose log is shut and whose times are not known
+// may still be asking in its own time.
+bool diagnosis::is_end_overdue(const moment &now) const {
+    if (auto end = gives_up_at(); end && now.mono > *end + end_reserve) return true;
+    bool   is_asking = counted_.unanswered > 0 && !is_retry_told_;
+    double allowed   = (is_asking ? longest_dpd : answer_seconds(longest_dpd)) + 4 * retry_seconds + end_reserve;
+    return last_answer && now.mono - last_answer->mono > allowed;
+}
+
 // Four requests, one retry time apart, and one more retry time.
 std::optional<double> diagnosis::gives_up_at() const {
-    if (!first_unanswered || unanswered == 0) return std::nullopt;
+    if (!first_unanswered || unanswered == 0 || !is_retry_told_) return std::nullopt;
     return first_unanswered->mono + 4 * retry_seconds;
 }
 

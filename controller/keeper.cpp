@@ -20,7 +20,6 @@ namespace {
 
 constexpr double       retry_seconds  = 10;    // before a start that was refused, or not made ready, is tried again
 constexpr double       accept_seconds = 15;    // in which a start must be accepted
-constexpr double       dpd_reserve    = 5;     // after which a daemon should have closed a silent connection
 constexpr double       resolve_wait   = 30;    // that the daemon waits for an address
 constexpr double       longest_pause  = 3600;  // of its waits between attempts
 constexpr milliseconds kill_delay{15000};      // between the order to end and SIGKILL
@@ -307,8 +306,9 @@ void keeper::watch_daemon(const moment &now) {
     // An agent that has begun anew beside a log without the way up knows the tunnel, but no step.
     bool has_step = known_.why.step != phase::up && known_.why.step != phase::idle;
     if (known_.state.tun.is(tunnel::up) && !has_step) {
-        auto end = known_.why.gives_up_at();
-        if (end && now.mono > *end + dpd_reserve) end_stuck(now.mono - known_.why.first_unanswered->mono, now);
+        const diagnosis &why   = known_.why;
+        auto             since = why.first_unanswered ? why.first_unanswered : why.last_answer;
+        if (why.is_end_overdue(now)) end_stuck(since ? now.mono - since->mono : 0, now);
         return;
     }
     double allowed = options_.stuck_after;

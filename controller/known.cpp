@@ -31,6 +31,8 @@ moment moment_of(int64_t wall, const moment &now) {
     return {now.mono - static_cast<double>(now.wall - wall) / 1000, wall};
 }
 
+constexpr double counters_patience = 15;  // seconds; a daemon that reads its messages answers within 2
+
 constexpr const char *unreliable[] = {"gateway-unreachable", "gateway-refused", "handshake-stalled", "tun-missing"};
 
 bool is_unreliable(const std::string &code) {
@@ -70,13 +72,21 @@ health knowledge::is(const moment &now) const {
     if (!state.running.known()) return health::unknown;
     if (state.running.is(false)) return health::down;
     if (state.tun.is(tunnel::up)) {
-        if (why.unanswered >= 2 || is_unreliable(why.why.code) || why.why.code == "stuck") return health::degraded;
-        return state.is_silent(now) ? health::unknown : health::up;
+        bool is_bad = why.unanswered >= 2 || is_unreliable(why.why.code) || why.why.code == "stuck";
+        if (is_bad || why.is_answer_overdue(now)) return health::degraded;
+        return state.is_silent(now) || is_unheard(now) ? health::unknown : health::up;
     }
     if (state.tun.is(tunnel::in_progress)) return health::connecting;
     if (state.enabled.is(false)) return health::down;
     if (!state.tun.known()) return health::unknown;
     return state.enabled.is(true) ? health::connecting : health::down;
+}
+
+// Neither the log nor the counters say whether the gateway answers.
+bool knowledge::is_unheard(const moment &now) const {
+    if (!counters_asked) return false;
+    double heard = state.stats.known() ? std::max(counters_asked->mono, state.stats.last.mono) : counters_asked->mono;
+    return now.mono - heard > counters_patience;
 }
 
 exit_code knowledge::judge(const moment &now) const {
@@ -112,6 +122,16 @@ json knowledge::describe_reason(const moment &now) const {
             {"lines", why.why.lines}};
 }
 
+// Why a tunnel that the daemon calls up is not called so here, or how that is known when the log does not tell.
+std::string knowledge::explain_health(health now_is, const moment &now) const {
+    if (!state.tun.is(tunnel::up)) return "";
+    if (now_is == health::unknown && is_unheard(now))
+        return "the daemon's log tells of no keep-alive, and the daemon does not answer a question for its counters";
+    if (now_is == health::degraded && why.unanswered < 2 && why.is_answer_overdue(now))
+        return "the gateway's answer is overdue";
+    return counters_asked ? "from the daemon's counters: its log tells of no keep-alive" : "";
+}
+
 json knowledge::status(const moment &now) const {
     json   all    = state.describe(now);
     health now_is = is(now);
@@ -119,8 +139,11 @@ json knowledge::status(const moment &now) const {
     if (now_is == health::degraded) all["tunnel"]["value"] = "degraded";
 
     all["health"] = {{"value", health_name(now_is)},
-                     {"source", why.last_line ? "logged" : "inferred"},
+                     {"source", counters_asked  ? "reported"
+                                : why.last_line ? "logged"
+                                                : "inferred"},
                      {"unanswered", why.unanswered}};
+    if (std::string note = explain_health(now_is, now); !note.empty()) all["health"]["note"] = note;
     if (auto end = why.gives_up_at(); end) all["health"]["gives_up_in"] = rounded(*end - now.mono);
     if (why.last_answer) all["health"]["last_answer_age"] = rounded(now.mono - why.last_answer->mono);
     all["reason"] = describe_reason(now);
@@ -208,7 +231,9 @@ json knowledge::save(int32_t process, uint64_t start, const moment &now) const {
                  {"reason", {{"code", why.why.code}, {"detail", why.why.detail}, {"wall", why.why.since.wall}}},
                  {"hooks", hooks_kept},
                  {"totals", book.totals},
-                 {"counters", book.last ? json(*book.last) : json(nullptr)}};
+                 {"counters", book.last ? json(*book.last) : json(nullptr)},
+                 {"unanswered", why.unanswered},
+                 {"dpd", why.dpd_seconds}};
     if (state.inner_ip.known())
         kept["inner_ip"] = {{"value", state.inner_ip.value}, {"wall", state.inner_ip.since.wall}};
     if (state.dns.known()) kept["dns"] = {{"value", state.dns.value}, {"wall", state.dns.since.wall}};
@@ -262,6 +287,16 @@ bool load_counters(const json &kept, const char *name, std::array<uint64_t, coun
 
 }  // namespace
 
+// Whether the gateway answers, as the earlier agent knew it: a log that tells it knows better.
+void knowledge::load_keep_alive(const json &kept, const moment &now) {
+    auto dpd = kept.find("dpd");
+    if (why.dpd_seconds == 0 && dpd != kept.end() && dpd->is_number() && *dpd > 0 && *dpd < 86400)
+        why.dpd_seconds = dpd->get<double>();
+    if (int64_t count = number_at(kept, "unanswered"); count > 0 && count < 1000)
+        why.restore_unanswered(static_cast<unsigned>(count), now);
+    if (!why.last_answer) why.last_answer = now;  // from here on one must come
+}
+
 void knowledge::load(const json &kept, bool is_same_process, const moment &now) {
     if (!kept.is_object()) return;
     load_hooks(kept, now, hook_results);
@@ -273,7 +308,9 @@ void knowledge::load(const json &kept, bool is_same_process, const moment &now) 
         auto totals = book.totals;
         book.on_report(values, now);
         book.totals = totals;
+        why.on_counters(values[dpd_requests], values[dpd_responses], now);
     }
+    load_keep_alive(kept, now);
     std::string word  = text_at(kept, "tunnel");
     moment      since = moment_of(number_at(kept, "since"), now);
     if (word == "up" || word == "in_progress" || word == "down")

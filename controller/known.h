@@ -66,19 +66,24 @@ public:
     json save(int32_t process, uint64_t start, const moment &now) const;
     void load(const json &kept, bool is_same_process, const moment &now);
 
-    event_log       &log;
-    controller_state state;
-    diagnosis        why;
-    counter_book     book;
-    interface_facts  interface;
-    std::string      conf_path;
-    std::string      interface_name, gateway_name, cipher, conf_gateway, conf_port;  // of the configuration file
-    bool             has_been_started = false;  // somebody ordered the present daemon to start
+    event_log            &log;
+    controller_state      state;
+    diagnosis             why;
+    counter_book          book;
+    interface_facts       interface;
+    std::string           conf_path;
+    std::string           interface_name, gateway_name, cipher, conf_gateway, conf_port;  // of the configuration file
+    std::optional<moment> counters_asked;            // since when the counters are asked for in place of the log
+    bool                  has_been_started = false;  // somebody ordered the present daemon to start
     std::map<std::string, hook_result>          hook_results;
     double                                      watch_patience = 0;  // 0: nobody watches
     std::function<void(health from, health to)> on_health;
 
 private:
+    bool        is_unheard(const moment &now) const;
+    std::string explain_health(health now_is, const moment &now) const;
+    void        load_keep_alive(const json &kept, const moment &now);
+
     health last_health_ = health::unknown;
 };
 

@@ -29,4 +29,14 @@ sent orders::send(const record &r, const json &members) {
     return result;
 }
 
+sent orders::send_quietly(const record &r) {
+    uint32_t id;
+    memcpy(&id, r.data(), sizeof id);
+    sent result = pipe_.send(r, error_);
+    if (result != sent::yes) return result;
+    known_.state.on_sent(id, present());
+    known_.state.expect_quiet_statistics();
+    return result;
+}
+
 }  // namespace wlcctl

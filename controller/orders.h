@@ -17,6 +17,9 @@ public:
     sent send(const record &r);
     sent send(const record &r, const json &members);
 
+    // A question of our own that nobody is to read of: neither it nor its answer is an event.
+    sent send_quietly(const record &r);
+
     // Asks for the process id: the answer proves that everything sent before was read.
     sent send_query() { return send(encode(msg_process_query)); }
 

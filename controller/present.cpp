@@ -87,6 +87,7 @@ std::string health_line(const json &health) {
     if (number(health, "unanswered") > 0)
         remark += (remark.empty() ? "" : ", ") + text(health, "unanswered") + " request(s) unanswered";
     if (health.contains("gives_up_in")) remark += ", given up in " + duration_text(number(health, "gives_up_in"));
+    if (health.contains("note")) remark += (remark.empty() ? "" : "; ") + text(health, "note");
     return line("Health", text(health, "value"), remark);
 }
 

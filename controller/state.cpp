@@ -151,7 +151,7 @@ void controller_state::on_dns(const message &m, const moment &now) {
 }
 
 void controller_state::on_statistics(const message &m, const moment &now) {
-    log_.add(now, "stats", {{"statistics", describe_counters(m.values)}});
+    if (!std::exchange(is_next_quiet_, false)) log_.add(now, "stats", {{"statistics", describe_counters(m.values)}});
     stats.set(source::reported, m.values, now);
     stats.since = now;
     enabled.set(source::reported, true, now, "only an enabled daemon sends statistics");

@@ -94,6 +94,9 @@ public:
     // A record with this id was written to the daemon. The order of calls is the order of writing.
     void on_sent(uint32_t id, const moment &now);
 
+    // The next statistics answer a question of our own, and are no event.
+    void expect_quiet_statistics() { is_next_quiet_ = true; }
+
     // Somebody reads, or nobody reads, the daemon's pipe (checked every second and at every write).
     void on_daemon_reader(bool has_reader, const moment &now);
 
@@ -171,9 +174,10 @@ private:
     uint64_t          stop_query_       = 0;  // answered: the daemon has read the stop; 0: none awaited
     uint64_t          probe_query_ = 0;  // answered: a request for statistics before it was handled; 0: none awaited
     moment            probe_at_;         // when statistics were asked for
-    bool              stats_asked_ = false;  // the next process query completes a probe
-    bool              stop_sent_   = false;  // the next process query confirms a stop
-    bool              start_sent_  = false;  // an accepted start enables the feature
+    bool              is_next_quiet_ = false;
+    bool              stats_asked_   = false;  // the next process query completes a probe
+    bool              stop_sent_     = false;  // the next process query confirms a stop
+    bool              start_sent_    = false;  // an accepted start enables the feature
     moment            hello_sent_;
     unsigned          hellos_expected_  = 0;
     uint64_t          queries_at_start_ = 0;  // name queries up to the last accepted start

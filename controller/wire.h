@@ -66,6 +66,7 @@ struct message {
 
 // The labels of the counters, in wire order.
 extern const std::array<const char *, counter_count> counter_labels;
+constexpr size_t                                     dpd_requests = 7, dpd_responses = 8;  // among them
 
 // Cuts one read from the pipe into records.
 // bytes, n: what one read() returned, starting at a record's boundary, since pipes keep writes of this size whole.

@@ -309,6 +309,41 @@ def test_a_silent_gateway_degrades_the_tunnel_before_it_is_given_up(device):
     assert [e["to"] for e in requests if e["to"] == "degraded"]
 
 
+def hide_log(device, how):
+    """Takes the daemon's log away from the agent, and has one begin that never saw it."""
+    log = "/tmp/tlsc_log"
+    options = []
+    if how == "level":
+        device.run("debug", "level", "errors")
+        device.run("info")  # its answer says that the order before it was read
+    elif how == "none":
+        options = ["--daemon-log", ""]
+    else:
+        device.world.run(["rm", log])
+    restart_agent(device, "--keep-up", *options)
+
+
+@pytest.mark.parametrize("how", ["level", "deleted", "none"])
+def test_a_silent_gateway_is_never_up_although_no_log_tells_it(device, how):
+    """The daemon's counters tell: the gateway notes each request, and from the second on the answer is not `up`."""
+    device.bench.make_gateway("--dpd", "5", "--retry", "3")
+    device.bring_up()
+    time.sleep(0.5)  # what is known is kept
+    hide_log(device, how)
+    assert device.status()["health"]["value"] == "up", "a living tunnel"
+    since = device.bench.gateway.last
+    device.bench.gateway.ask("dpd", on=False)
+    for _ in range(2):
+        since = device.bench.gateway.wait("dpd_req", since=since, timeout=15)["number"]
+    status = device.wait("degraded", lambda s: s["health"]["value"] == "degraded", SHOWN)
+    assert status["health"]["unanswered"] >= 2
+    assert status["tunnel"]["value"] == "degraded"
+    assert status["exit"] == 6
+    time.sleep(0.5)
+    restart_agent(device, "--keep-up", *(["--daemon-log", ""] if how == "none" else []))
+    assert device.status()["health"]["value"] == "degraded", "an agent that begins now knows it as well"
+
+
 # Kept up.
 
 

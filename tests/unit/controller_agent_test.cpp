@@ -577,3 +577,33 @@ TEST_F(controller_agent, requests_lost_before_the_first_report_do_not_degrade_a_
     event_of("stats", first);
     EXPECT_EQ(ask({{"request", "status"}})["health"]["value"], "degraded");
 }
+
+// Without a log (none, deleted, moved, its level too high) the counters tell, and what no counter tells is not called
+// up.
+TEST_F(controller_agent, a_tunnel_without_a_log_is_up_by_the_counters_alone_and_asks_once_at_a_time) {
+    start_daemon();
+    start_agent();
+    ids_until(msg_process_query);
+    report_pid(getpid());
+    event_of("process");
+    report(encode(msg_tun_up));
+    uint64_t up = event_of("tun_up")["number"];
+
+    record statistics = encode(msg_info_update);
+    statistics[8]     = 33;
+    EXPECT_EQ(ids_until(msg_stats_request), std::vector<uint32_t>{msg_stats_request});
+    report(statistics);
+    json shown = ask({{"request", "status"}});
+    EXPECT_EQ(shown["health"]["value"], "up");
+    EXPECT_EQ(shown["health"]["source"], "reported");
+    EXPECT_EQ(ids_until(msg_stats_request), std::vector<uint32_t>{msg_stats_request});
+    statistics[72] = 2;
+    report(statistics);
+    EXPECT_EQ(event_of("health", event_of("health", up)["number"])["to"], "degraded");
+    shown = ask({{"request", "status"}});
+    EXPECT_EQ(shown["health"]["unanswered"], 2);
+    EXPECT_EQ(shown["exit"], exit_degraded);
+
+    json events = ask({{"request", "events"}, {"since", up}});
+    for (const json &each : events["events"]) EXPECT_TRUE(each["event"] != "sent" && each["event"] != "stats") << each;
+}

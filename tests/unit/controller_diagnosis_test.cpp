@@ -166,6 +166,65 @@ TEST_F(controller_diagnosis, unanswered_requests_are_counted_and_the_end_is_fore
     EXPECT_DOUBLE_EQ(why.next_attempt->mono, now.mono + 10);
 }
 
+TEST_F(controller_diagnosis, the_log_tells_until_its_next_line_about_requests_is_overdue) {
+    EXPECT_FALSE(why.is_log_telling(now));
+    bring_up();
+    now.mono += 8;
+    EXPECT_TRUE(why.is_log_telling(now));
+    now.mono += 3.1;
+    EXPECT_FALSE(why.is_log_telling(now));
+    say("Sending DPD Request [Req Retry Ref #0]");
+    EXPECT_TRUE(why.is_log_telling(now));
+    say("Log level changed to: 0");
+    EXPECT_FALSE(why.is_log_telling(now));
+}
+
+TEST_F(controller_diagnosis, counters_count_unanswered_requests_once_the_log_does_not) {
+    bring_up();
+    why.on_counters(100, 97, now);  // three were lost in earlier connections
+    say("Sending DPD Request [Req Retry Ref #0]", 8);
+    why.on_counters(101, 97, now);
+    EXPECT_EQ(why.unanswered, 1u);  // by the log, and not twice
+    now.mono += 30;
+    why.on_counters(102, 97, now);
+    EXPECT_EQ(why.unanswered, 2u);
+    why.on_counters(102, 97, now);
+    EXPECT_EQ(why.unanswered, 2u);
+    why.on_counters(103, 98, now);  // the answer to the third
+    EXPECT_EQ(why.unanswered, 0u);
+    EXPECT_DOUBLE_EQ(why.last_answer->mono, now.mono);
+    why.on_counters(0, 0, now);  // set to zero
+    EXPECT_EQ(why.unanswered, 0u);
+    why.on_counters(2, 0, now);
+    EXPECT_EQ(why.unanswered, 2u);
+    why.on_down(now);
+    EXPECT_EQ(why.unanswered, 0u);
+}
+
+TEST_F(controller_diagnosis, a_daemon_that_asks_no_more_has_its_answer_and_then_its_end_overdue) {
+    bring_up();
+    now.mono += 8 + 20 + 4.9;
+    EXPECT_FALSE(why.is_answer_overdue(now));
+    now.mono += 0.2;
+    EXPECT_TRUE(why.is_answer_overdue(now));
+    EXPECT_FALSE(why.is_end_overdue(now));
+    now.mono += 60;
+    EXPECT_TRUE(why.is_end_overdue(now));
+}
+
+TEST_F(controller_diagnosis, a_daemon_that_goes_on_asking_beside_a_shut_log_is_not_ended_in_a_guessed_time) {
+    bring_up();
+    why.on_counters(10, 10, now);
+    say("Log level changed to: 0");
+    now.mono += 200;
+    why.on_counters(12, 10, now);
+    EXPECT_EQ(why.unanswered, 2u);
+    EXPECT_FALSE(why.gives_up_at());
+    EXPECT_FALSE(why.is_end_overdue(now));
+    now.mono += 3600;
+    EXPECT_TRUE(why.is_end_overdue(now));
+}
+
 TEST_F(controller_diagnosis, a_rekey_leaves_its_date) {
     bring_up();
     bring_up();
