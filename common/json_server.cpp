@@ -324,16 +324,24 @@ std::string json_server::head(const ticket &asked, int exit) const {
     return text;
 }
 
-void json_server::answer(const ticket &asked, json members) {
-    client *c = find_client(asked.client);
-    if (!c) return;
+std::string json_server::whole_answer(const ticket &asked, json members) const {
     int exit = members.value("exit", static_cast<int>(exit_done));
     members.erase("exit");
     std::string text = json_line(members);
     text.pop_back();
     text.erase(0, 1);
+    return head(asked, exit) + (text == "}" ? "" : ",") + text;
+}
+
+std::string json_server::answer_text(const std::string &request, json members) const {
+    return whole_answer({0, request, "", true}, std::move(members));
+}
+
+void json_server::answer(const ticket &asked, json members) {
+    client *c = find_client(asked.client);
+    if (!c) return;
     if (c->due > 0) c->due--;
-    put(*c, head(asked, exit) + (text == "}" ? "" : ",") + text + "\n");
+    put(*c, whole_answer(asked, std::move(members)) + "\n");
 }
 
 // ---- 4 help, events, wait -------------------------------------------------------------------------------------------

@@ -70,6 +70,9 @@ public:
     // Serves a second socket, mode 0660 and of that group, on which only reading requests are answered.
     void listen_read_only(const std::string &path, gid_t group);
 
+    // An answer to this request as `answer` would send it, without an id and without its line end.
+    std::string answer_text(const std::string &request, json members) const;
+
     // Answers a request. Nothing happens when the client has gone.
     void answer(const ticket &asked, json members);
 
@@ -90,6 +93,7 @@ private:
     void                take_line(client &c, const std::string &line);
     void                serve(client &c, const json &request, ticket &asked);
     std::string         head(const ticket &asked, int exit) const;
+    std::string         whole_answer(const ticket &asked, json members) const;
     void                put(client &c, const std::string &text);
     void                later(task work);
     void                flush(client &c);

@@ -14,6 +14,7 @@
 #include "pipe.h"
 #include "present.h"
 #include "supervisor.h"
+#include "telemetry.h"
 #include "verbs.h"
 
 #include <arpa/inet.h>
@@ -124,6 +125,7 @@ private:
     hooks                                      hooks_;
     keeper                                     keeper_;
     verbs                                      verbs_;
+    telemetry                                  telemetry_;
     log_follower                               follower_;
     supervisor                                 supervisor_;
     interface_watch                            interfaces_;
@@ -154,6 +156,7 @@ agent::agent(const agent_options &options)
       hooks_(loop_, log_, options.hook_timeout),
       keeper_(loop_, options, known_, orders_, pipe_),
       verbs_(loop_, options, known_, orders_, pipe_, keeper_),
+      telemetry_(loop_, options, known_, keeper_, verbs_),
       follower_(options.daemon_log, [this](const log_entry &entry, bool is_old) { on_log_entry(entry, is_old); }),
       supervisor_(loop_, log_, options.run),
       interfaces_(loop_, [this] { check_interface(); }),
@@ -171,6 +174,8 @@ int agent::open_all() {
         return refuse(exit_usage, "the socket's path must have 1 to 107 characters");
     try {
         verbs_.server().listen(options_.socket);
+        int status = exit_done;
+        if (std::string error = telemetry_.open(status); !error.empty()) return refuse(status, error);
         if (options_.socket_group.empty()) return exit_done;
         const group *entry = getgrnam(options_.socket_group.c_str());
         if (!entry) return refuse(exit_failed, "there is no group " + printable(options_.socket_group));
@@ -250,6 +255,7 @@ int agent::run() {
     begin();
     loop_.run();
     save();
+    telemetry_.finish(present());
     return exit_done;
 }
 
@@ -494,6 +500,7 @@ void agent::settle() {
     settle_reason(now);
     keeper_.consider(now);
     known_.settle(now);
+    telemetry_.look(now);
     run_triggers();
     verbs_.run_waiters();
 }
@@ -582,6 +589,7 @@ void agent::save() {
     int32_t pid       = pipe_.process();
     json    kept      = known_.save(pid, start_time_of(pid), present());
     kept["keeper"]    = keeper_.save();
+    kept["metrics"]   = telemetry_.save();
     std::string error = write_memory(options_.memory, kept);
     if (!error.empty() && error != memory_error_) log_failure("agent", error.c_str());
     memory_error_ = error;
@@ -591,6 +599,7 @@ void agent::load() {
     if (options_.memory.empty()) return;
     kept_ = read_memory(options_.memory);
     if (kept_.is_object()) keeper_.load(kept_);
+    telemetry_.load(kept_);
 }
 
 // ---- 8 the end ------------------------------------------------------------------------------------------------------

@@ -23,16 +23,18 @@ struct agent_options {
     std::string on_up;                               // commands, empty: none
     std::string on_down;
     std::string on_dns;
-    double      hook_timeout = 30;     // seconds
-    bool        keep_up      = false;  // starts the tunnel, and keeps it up
-    double      stuck_after  = 150;    // seconds without a sign of life that a connecting daemon gets
-    std::string run;                   // program of the daemon to supervise; empty: somebody else does
-    std::string socket_group;          // may watch on a second socket; empty: nobody
-    std::string watch_socket;          // that socket; empty: beside the first, with ".ro"
-    std::string log_level = "info";    // of the agent's own log, on standard error
-    bool        quiet     = false;     // no events on standard output
-    bool        as_json   = false;     // events on standard output as JSON
-    std::string program;               // of this program, for work in a child; empty: done here
+    double      hook_timeout = 30;      // seconds
+    bool        keep_up      = false;   // starts the tunnel, and keeps it up
+    double      stuck_after  = 150;     // seconds without a sign of life that a connecting daemon gets
+    std::string run;                    // program of the daemon to supervise; empty: somebody else does
+    std::string socket_group;           // may watch on a second socket; empty: nobody
+    std::string watch_socket;           // that socket; empty: beside the first, with ".ro"
+    std::string log_level = "info";     // of the agent's own log, on standard error
+    bool        quiet     = false;      // no events on standard output
+    bool        as_json   = false;      // events on standard output as JSON
+    std::string http;                   // where to serve HTTP, as parse_http_place reads it; empty: nowhere
+    bool        http_anywhere = false;  // also on an address that others reach
+    std::string program;                // of this program, for work in a child; empty: done here
 };
 
 // Runs the agent until SIGTERM or SIGINT. Called on the initial thread, before any other exists.

@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+
 namespace wlcctl {
 
 const std::vector<conf_key> conf_keys = {
@@ -241,6 +243,23 @@ std::optional<std::string> read_conf_file(const std::string &path, std::string &
         content.append(piece, static_cast<size_t>(n));
     close(fd);
     return content;
+}
+
+json describe_conf(const std::string &content, bool for_others) {
+    auto is_shown = [&](const std::string &key) {
+        if (key == "psk_key") return false;
+        if (!for_others) return true;
+        bool is_known = key == "gateway_name" || std::any_of(conf_keys.begin(), conf_keys.end(),
+                                                             [&](const conf_key &each) { return key == each.name; });
+        return is_known && key != "psk_identity";
+    };
+    size_t skipped = 0;
+    json   entries = json::array();
+    for (const conf_entry &entry : parse_conf(content, skipped))
+        entries.push_back({{"key", entry.key},
+                           {"value", is_shown(entry.key) ? entry.value : "***"},
+                           {"flag", entry.flag != 0 ? 1 : 0}});
+    return {{"entries", entries}, {"skipped", skipped}};
 }
 
 std::string conf_value(const std::string &path, const std::string &key) {

@@ -2,12 +2,16 @@
 // The flag is 1 for an entry that the daemon has not read yet and 0 for one that it has. No agent is needed.
 #pragma once
 
+#include "common/json.h"
+
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace wlcctl {
+
+using common::json;
 
 constexpr const char *default_conf_file = "/storage/application/wlc/wlc-sec-tun.conf";
 
@@ -43,6 +47,10 @@ std::vector<conf_entry> parse_conf(const std::string &content, size_t &skipped);
 
 // The whole file; nothing and `error` set if it cannot be read.
 std::optional<std::string> read_conf_file(const std::string &path, std::string &error);
+
+// The entries of a file's content and the number of lines skipped, as `conf show` tells them: the key masked.
+// for_others: the identity and the values of unknown keys as well.
+json describe_conf(const std::string &content, bool for_others);
 
 // The value of a key, last line wins as it does in the daemon; empty if there is none or no file.
 std::string conf_value(const std::string &path, const std::string &key);

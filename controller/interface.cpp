@@ -1,8 +1,11 @@
 #include "interface.h"
 
 #include <arpa/inet.h>
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <ifaddrs.h>
+#include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -48,6 +51,32 @@ interface_facts read_interface(const std::string &name) {
     }
     freeifaddrs(list);
     return facts;
+}
+
+std::optional<link_bytes> read_link_bytes(const std::string &name) {
+    struct {
+        nlmsghdr  head;
+        ifinfomsg link;
+    } request{};
+    unsigned index = name.empty() || name.size() >= IFNAMSIZ ? 0 : if_nametoindex(name.c_str());
+    if (index == 0) return std::nullopt;
+    request.head           = {sizeof request, RTM_GETLINK, NLM_F_REQUEST, 0, 0};
+    request.link.ifi_index = static_cast<int>(index);
+    unique_fd              fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    alignas(nlmsghdr) char bytes[16384];
+    if (!fd || send(fd.get(), &request, sizeof request, 0) != sizeof request) return std::nullopt;
+    ssize_t count = recv(fd.get(), bytes, sizeof bytes, MSG_DONTWAIT);  // the kernel has answered by now
+    auto   *head  = reinterpret_cast<nlmsghdr *>(bytes);
+    if (count < 0 || !NLMSG_OK(head, static_cast<unsigned>(count)) || head->nlmsg_type != RTM_NEWLINK)
+        return std::nullopt;
+    int left = static_cast<int>(head->nlmsg_len) - static_cast<int>(NLMSG_SPACE(sizeof(ifinfomsg)));
+    for (auto *each = IFLA_RTA(NLMSG_DATA(head)); RTA_OK(each, left); each = RTA_NEXT(each, left)) {
+        rtnl_link_stats64 stats{};
+        if (each->rta_type != IFLA_STATS64 || RTA_PAYLOAD(each) < offsetof(rtnl_link_stats64, rx_errors)) continue;
+        memcpy(&stats, RTA_DATA(each), std::min<size_t>(sizeof stats, RTA_PAYLOAD(each)));
+        return link_bytes{static_cast<int>(index), stats.rx_bytes, stats.tx_bytes};
+    }
+    return std::nullopt;
 }
 
 interface_watch::interface_watch(loop &owner, task on_change)

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,16 @@ struct interface_facts {
 
 // Asks the kernel now.
 interface_facts read_interface(const std::string &name);
+
+// Bytes through an interface, from the device's side; index: tells one that was made anew from the one before.
+struct link_bytes {
+    int      index = 0;
+    uint64_t in    = 0;
+    uint64_t out   = 0;
+};
+
+// Asks the kernel now; nothing when there is no such interface.
+std::optional<link_bytes> read_link_bytes(const std::string &name);
 
 // Calls on_change whenever an interface or an address of this machine changes.
 class interface_watch {

@@ -148,6 +148,9 @@ void add_agent(CLI::App &app, command_line &line) {
         ->type_name("GROUP");
     verb->add_option("--watch-socket", options->watch_socket, "That socket (by itself the first one's name with .ro)")
         ->type_name("PATH");
+    verb->add_option("--http", options->http, "Serve page, status, events and metrics over HTTP, for reading only")
+        ->type_name("unix:PATH|ADDRESS:PORT");
+    verb->add_flag("--http-anywhere", options->http_anywhere, "Allow an address there that others reach");
     verb->add_option("--log-level", options->log_level, "Of the agent's own log, on standard error")
         ->check(CLI::IsMember({"trace", "debug", "info", "warning", "error", "critical", "off"}))
         ->type_name("LEVEL")
@@ -415,16 +418,9 @@ int show_conf(const command_line &line, const conf_options &options) {
         return print_answer(answer, line.print);
     }
 
-    size_t skipped = 0;
-    json   entries = json::array();
-    for (const conf_entry &entry : parse_conf(*content, skipped))
-        entries.push_back({{"key", entry.key},
-                           {"value", entry.key == "psk_key" ? "***" : entry.value},
-                           {"flag", entry.flag != 0 ? 1 : 0}});
-    json answer       = local_answer("conf show", exit_done);
-    answer["path"]    = options.file;
-    answer["entries"] = entries;
-    answer["skipped"] = skipped;
+    json answer    = local_answer("conf show", exit_done);
+    answer["path"] = options.file;
+    answer.update(describe_conf(*content, false));
     return print_answer(answer, line.print);
 }
 

@@ -8,6 +8,7 @@
 #include "conf.h"
 #include "lint.h"
 #include "openssl.h"
+#include "redact.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -24,39 +25,6 @@ namespace wlcctl {
 namespace {
 
 constexpr size_t log_tail = 256 * 1024;  // bytes
-
-// Texts that must not leave the device, in each form in which they may stand, longest first.
-class redactor {
-public:
-    void hide(const std::string &text) {
-        if (text.size() < 3) return;
-        for (const std::string &form : {text, in_json(text), printable(text), in_json(printable(text))})
-            if (std::find(secrets_.begin(), secrets_.end(), form) == secrets_.end()) secrets_.push_back(form);
-        std::sort(secrets_.begin(), secrets_.end(), [](const auto &a, const auto &b) { return a.size() > b.size(); });
-    }
-    // Every value that stands behind such a mark, up to the line's end.
-    void hide_behind(const std::string &text, const std::string &mark, const char *ends) {
-        for (size_t at = 0; (at = text.find(mark, at)) != std::string::npos;) {
-            at += mark.size();
-            size_t end = std::min(text.find_first_of(ends, at), text.size());
-            if (text.substr(at, end - at) != "***") hide(text.substr(at, end - at));
-        }
-    }
-    std::string apply(std::string text) const {
-        for (const std::string &secret : secrets_)
-            for (size_t at = 0; (at = text.find(secret, at)) != std::string::npos; at += 3)
-                text.replace(at, secret.size(), "***");
-        return text;
-    }
-
-private:
-    static std::string in_json(const std::string &text) {
-        std::string line = json_line(text);
-        return line.substr(1, line.size() - 3);  // without quotes and line end
-    }
-
-    std::vector<std::string> secrets_;
-};
 
 std::string read_tail(const std::string &path, size_t limit) {
     unique_fd   fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -136,13 +104,8 @@ int run_report(const std::string &out, const std::string &socket, const std::str
 
     std::string log_text = read_tail(log, log_tail);
     redactor    secrets;
-    secrets.hide(conf_value(conf, "psk_key"));
-    secrets.hide(conf_value(conf, "psk_identity"));
-    secrets.hide_behind(log_text, "X-CSTP-Cookie:", "\n");
-    secrets.hide_behind(log_text, "Cookie received in cofig-resp: ", "\n");
-    secrets.hide_behind(log_text, "Cookie: ", "\n");
-    secrets.hide_behind(log_text, "psk_identity:", ",\n");
-    secrets.hide_behind(log_text, "created identity '", "'\n");
+    secrets.hide_conf(conf);
+    secrets.hide_logged(log_text);
 
     std::vector<std::pair<std::string, std::string>> files = {
         {"status.json", json_line(fetch_answer(socket, {{"request", "status"}}, agent_reserve))},

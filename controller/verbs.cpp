@@ -81,6 +81,10 @@ void verbs::add_requests() {
                 [this](const json &r, const ticket &t) { return do_hello(r, t); });
     server_.add({"info", "asks for the daemon's process id", {timeout}, false},
                 [this](const json &r, const ticket &t) { return do_info(r, t); });
+    server_.add({"metrics", "tells the metrics, as text in Prometheus' format", {}},
+                [this](const json &, const ticket &) {
+                    return json{{"text", metrics_text()}};
+                });
     server_.add({"shutdown", "ends the daemon", {wait}, false},
                 [this](const json &r, const ticket &t) { return do_shutdown(r, t); });
 }

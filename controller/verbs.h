@@ -25,6 +25,15 @@ public:
 
     json_server &server() { return server_; }
 
+    // The members of `status`, after a look.
+    json status_now() {
+        look();
+        return status();
+    }
+
+    // Serves `metrics` with this text.
+    std::function<std::string()> metrics_text;
+
     // Lets every request that waits look at what is known. Called after everything that may have changed it, and every
     // second.
     void run_waiters();
