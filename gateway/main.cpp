@@ -11,6 +11,7 @@
 #include "ctl.h"
 #include "errors.h"
 #include "gateway.h"
+#include "metrics.h"
 #include "options.h"
 
 namespace gw {
@@ -64,6 +65,8 @@ void serve(const gateway_options &options) {
     tunnel_gateway                       gateway(options, loop);
     std::unique_ptr<common::json_server> control;
     if (!options.control.empty()) control = serve_control(options.control, gateway, loop);
+    std::unique_ptr<metrics_server> metrics;
+    if (options.http) metrics = serve_metrics(*options.http, gateway, loop);
     common::timer        goodbye(loop);
     common::signal_watch term(loop, SIGTERM, [&] { end_gateway(gateway, loop, goodbye, "SIGTERM"); });
     common::signal_watch interrupt(loop, SIGINT, [&] { end_gateway(gateway, loop, goodbye, "SIGINT"); });

@@ -29,7 +29,9 @@ struct option_texts {
     std::string rekey     = "3600";
     std::string cookie    = "auto";
     unsigned    handshake = 10;
-    bool        no_tun    = false;
+    std::string http;
+    bool        http_anywhere = false;
+    bool        no_tun        = false;
 };
 
 void declare_access(CLI::App &app, gateway_options &o, option_texts &t) {
@@ -80,7 +82,7 @@ void declare_response(CLI::App &app, gateway_options &o, option_texts &t) {
     app.add_flag("--allow-fatal", o.allow_fatal, "Allow a DPD interval below 5, of which a client dies");
 }
 
-void declare_operation(CLI::App &app, gateway_options &o) {
+void declare_operation(CLI::App &app, gateway_options &o, option_texts &t) {
     app.add_option("--log", o.log, "Log file, - is standard error")->option_text("FILE|- [-]");
     app.add_option("--log-level", o.log_level, "trace, debug, info, warn, error, off")
         ->option_text("LEVEL [info]")
@@ -89,6 +91,8 @@ void declare_operation(CLI::App &app, gateway_options &o) {
     app.add_option("--ready-file", o.ready_file, "Written when clients are accepted, removed at the end")
         ->option_text("FILE");
     app.add_option("--control", o.control, "Unix socket for the control protocol")->option_text("PATH");
+    app.add_option("--http", t.http, "Serve metrics over HTTP there")->option_text("unix:PATH|ADDR:PORT");
+    app.add_flag("--http-anywhere", t.http_anywhere, "Allow an address there that others reach");
     app.set_version_flag("--version", version);
 }
 
@@ -168,6 +172,16 @@ void take_response(const option_texts &t, gateway_options &o) {
     if (o.cookie.find('\n') != std::string::npos) throw usage_error("--cookie: line feed");
 }
 
+void take_http(const option_texts &t, gateway_options &o) {
+    if (t.http.empty()) return;
+    common::http_place place;
+    if (std::string why = common::parse_http_place(t.http, place); !why.empty()) throw usage_error("--http: " + why);
+    if (!place.is_loopback && !t.http_anywhere)
+        throw usage_error("--http: " + place.address +
+                          " can be reached by others, and answers need no password; --http-anywhere allows it");
+    o.http = place;
+}
+
 void check_tls(const tls_options &tls) {
     if (tls.psk_file.empty() && tls.cert.empty()) throw usage_error("one of --psk-file and --cert is needed");
     if (tls.cert.empty() != tls.key.empty()) throw usage_error("--cert and --key belong together");
@@ -194,7 +208,7 @@ std::optional<gateway_options> parse_options(int argc, const char *const *argv) 
     declare_access(app, options, texts);
     declare_network(app, options, texts);
     declare_response(app, options, texts);
-    declare_operation(app, options);
+    declare_operation(app, options, texts);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &) {
@@ -209,6 +223,7 @@ std::optional<gateway_options> parse_options(int argc, const char *const *argv) 
     take_listen(texts.listen, options);
     take_addresses(texts, options);
     take_response(texts, options);
+    take_http(texts, options);
     check_tls(options.tls);
     options.handshake_timeout = std::chrono::seconds(texts.handshake);
     return options;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "common/http_place.h"
 #include "text.h"
 #include "tls.h"
 
@@ -42,6 +43,8 @@ struct gateway_options {
     std::string ready_file;
     std::string lease_file;
     std::string control;
+
+    std::optional<common::http_place> http;  // where to serve the metrics
 };
 
 // Reads the command line. Prints help or version itself and returns nothing then; throws usage_error for whatever is

@@ -12,6 +12,12 @@ bool address_pool::is_known_cookie(const address_lease &lease, std::string_view 
     return !lease.cookie.empty() && cookie.starts_with(std::string_view(lease.cookie).substr(0, cookie_limit));
 }
 
+uint64_t address_pool::size() const {
+    uint64_t outside = 0;
+    for (uint32_t address : excluded_) outside += range_.contains(address);
+    return uint64_t{range_.last} - range_.first + 1 - outside;
+}
+
 address_lease *address_pool::acquire(const applicant &asker) {
     address_lease *lease = find(asker);
     if (!lease) {

@@ -36,6 +36,9 @@ public:
     address_pool(address_range range, std::set<uint32_t> excluded)
         : range_(range), excluded_(std::move(excluded)), next_(range.first) {}
 
+    // How many addresses it has to give.
+    uint64_t size() const;
+
     // The device's lease, an old one or a new one, with one more connection. The address asked for is granted when it
     // lies in the pool and no other connected device holds it. Null when every address is held by a connected device.
     address_lease *acquire(const applicant &asker);
