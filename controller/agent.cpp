@@ -46,7 +46,7 @@ constexpr milliseconds check_period{1000};      // between two looks at everythi
 constexpr milliseconds probe_delay{500};        // for the HELLO of a daemon that has just appeared
 constexpr milliseconds save_delay{200};         // so that a row of changes is kept once
 constexpr milliseconds tcp_patience{2500};      // for a connection of our own
-constexpr double       second_check     = 5;    // seconds between two looks for a second daemon, once there was one
+constexpr double       second_check     = 2;    // seconds between two looks for a second daemon, once there was one
 constexpr double       quiet_statistics = 2.5;  // seconds between our questions while the log says too little
 constexpr double       quiet_patience   = 30;   // before one that was not answered is asked again
 constexpr double       first_lines      = 3;    // seconds in which the lines of a tunnel that has come up are there
@@ -143,6 +143,7 @@ private:
     double               next_second_check_  = 0;
     double               asked_at_           = -quiet_patience;  // when the counters were asked for
     std::vector<int32_t> readers_;                               // when there are too many
+    std::vector<int32_t> answered_;                              // ids that came as answers from more than one process
     std::string          memory_error_;
 };
 
@@ -193,6 +194,7 @@ void agent::connect_rooms() {
     pipe_.on_garbage     = [this](size_t bytes) { log_.add("garbage", {{"bytes", bytes}}); };
     pipe_.on_process_end = [this] {
         check_reader();
+        if (known_.state.running.is(true)) probe();  // somebody else reads on
         settle();
     };
     verbs_.look             = [this] { check(); };
@@ -243,7 +245,10 @@ void agent::begin() {
         check();
         settle();
     });
-    if (!options_.run.empty()) supervisor_.start();
+    if (!options_.run.empty()) {
+        if (known_.state.running.is(true)) supervisor_.adopt();
+        else supervisor_.start();
+    }
     settle();
 }
 
@@ -275,9 +280,14 @@ void agent::on_message(const message &m) {
     uint64_t begins = known_.state.beginnings, accepted = known_.state.starts_accepted;
     int32_t  known_process = pipe_.process();
     // A second daemon answers as well: its process id is none of a daemon that began afresh.
-    if (m.kind == report::process && known_process != 0 && m.pid != known_process) look_for_second();
-    known_.state.on_message(m, now);
-    if (m.kind == report::process) pipe_.watch_process(m.pid);
+    bool has_answered = known_process != 0 && known_.state.pid.how == source::reported;
+    bool is_of_second = m.kind == report::process && has_answered && m.pid != known_process && is_alive(m.pid);
+    if (is_of_second) {
+        answered_ = {known_process, m.pid};
+        look_for_second();
+    }
+    known_.state.on_message(m, now, is_of_second);
+    if (m.kind == report::process && !is_of_second) pipe_.watch_process(m.pid);
     if (m.kind == report::hello) {
         // A HELLO may be that of a new process: its id tells. The daemon answers HELLO with HELLO, so it gets none
         // back.
@@ -339,6 +349,7 @@ void agent::check_reader() {
     is_hidden_         = who == reader::hidden;
     if (who != reader::hidden) known_.state.on_daemon_reader(who == reader::present, now);
     if (who == reader::absent && was_running) known_.why.on_begun(now);
+    if (who == reader::absent) supervisor_.on_gone();
     if (who != reader::present || was_running) return;
     find_daemon();
     if (!probe_.is_running()) probe_.start(probe_delay, [this] { probe(); });
@@ -369,7 +380,11 @@ void agent::look_for_second() {
     moment               now   = present();
     std::vector<int32_t> found = readers_of(options_.to_daemon);
     next_second_check_         = now.mono + second_check;
+    // A confined agent does not see every holder of a pipe, but whoever answers reads it.
+    std::erase_if(answered_, [](int32_t pid) { return !is_alive(pid); });
+    if (answered_.size() > 1) found.insert(found.end(), answered_.begin(), answered_.end());
     std::sort(found.begin(), found.end());
+    found.erase(std::unique(found.begin(), found.end()), found.end());
     if (found.size() < 2) {
         readers_.clear();
         known_.why.withdraw("daemon-second", now);
@@ -610,6 +625,7 @@ void agent::finish() {
     is_finishing_ = true;
     hooks_.stop([this] {
         if (options_.run.empty()) return loop_.stop();
+        if (supervisor_.has_adopted()) pipe_.signal_process(SIGTERM);
         supervisor_.stop([this] { loop_.stop(); });
     });
 }

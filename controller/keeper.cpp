@@ -29,6 +29,16 @@ bool is_ipv4(const std::string &text) {
     return inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
+// Whether somebody is there to start the daemon again: the agent itself, the service manager, or a supervisor that
+// agent and daemon have in common, with a process between for each of the two or without. What may not be looked into
+// belongs to the service manager that confines the agent.
+bool is_supervised(int32_t pid) {
+    int32_t parent = parent_of(pid), ours = getppid();
+    if (parent <= 1 || parent == getpid() || parent == ours) return true;
+    int32_t above = parent_of(parent);
+    return above > 1 && above == parent_of(ours);
+}
+
 milliseconds seconds(double value) { return milliseconds(static_cast<int64_t>(value * 1000)); }
 
 }  // namespace
@@ -326,15 +336,12 @@ void keeper::end_stuck(double waited, const moment &now) {
     known_.why.held = "stuck";
     known_.log.add(now, "stuck", {{"waited", waited}, {"action", options_.keep_up ? "end" : "none"}});
     if (!options_.keep_up) return;
-    int32_t  pid   = known_.state.pid.known() ? known_.state.pid.value : 0;
-    uint64_t start = start_time_of(pid);
+    int32_t pid = pipe_.process();
     (void)orders_.send(encode(msg_exit));
-    kill_.start(kill_delay, [this, pid, start] {
-        bool is_same = pid > 1 && start != 0 && start_time_of(pid) == start;
-        int  parent  = is_same ? parent_of(pid) : -1;
-        if (!is_same || (parent != getpid() && parent != getppid() && parent != 1)) return;
+    kill_.start(kill_delay, [this, pid] {
+        if (pid <= 1 || pipe_.process() != pid || !is_supervised(pid)) return;
         known_.log.add("stuck", {{"waited", 15}, {"action", "kill"}});
-        ::kill(pid, SIGKILL);
+        pipe_.signal_process(SIGKILL);
     });
 }
 

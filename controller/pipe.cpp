@@ -94,6 +94,12 @@ std::vector<int32_t> readers_of(const std::string &path) {
 uint64_t start_time_of(int32_t pid) { return stat_field(pid, 20); }
 int32_t  parent_of(int32_t pid) { return static_cast<int32_t>(stat_field(pid, 2)); }
 
+bool is_alive(int32_t pid) {
+    unique_fd fd(pid > 0 ? static_cast<int>(syscall(SYS_pidfd_open, pid, 0)) : -1);
+    pollfd    state = {fd.get(), POLLIN, 0};
+    return fd && poll(&state, 1, 0) == 0;
+}
+
 daemon_pipe::daemon_pipe(loop &owner, const std::string &from_daemon, const std::string &to_daemon)
     : owner_(owner), from_daemon_(from_daemon), to_daemon_(to_daemon) {}
 
@@ -175,6 +181,10 @@ void daemon_pipe::watch_process(int32_t pid) {
         process_.reset();
         if (on_process_end) on_process_end();
     });
+}
+
+void daemon_pipe::signal_process(int number) const {
+    if (process_) (void)syscall(SYS_pidfd_send_signal, process_.get(), number, nullptr, 0);  // gone is as good
 }
 
 bool daemon_pipe::is_process_alive() const {

@@ -30,6 +30,7 @@ std::vector<int32_t> readers_of(const std::string &path);
 // When a process began, in clock ticks since boot; 0 if there is no such process.
 uint64_t start_time_of(int32_t pid);
 int32_t  parent_of(int32_t pid);  // 0: there is none
+bool     is_alive(int32_t pid);   // and no zombie; also of a process that we may not look into
 
 enum class sent {
     yes,
@@ -58,6 +59,9 @@ public:
     void    watch_process(int32_t pid);
     bool    is_process_alive() const;
     int32_t process() const { return is_process_alive() ? pid_ : 0; }
+
+    // Sends a signal to the process that is watched, and to no other that got its number since.
+    void signal_process(int number) const;
 
     const std::string &from_daemon() const { return from_daemon_; }
     const std::string &to_daemon() const { return to_daemon_; }

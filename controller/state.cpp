@@ -65,7 +65,7 @@ const char *tunnel_name(const fact<tunnel> &state) {
 
 // ---- what comes -----------------------------------------------------------------------------------------------------
 
-void controller_state::on_message(const message &m, const moment &now) {
+void controller_state::on_message(const message &m, const moment &now, bool is_of_second) {
     running.set(source::reported, true, now);
     last_word = now;
 
@@ -76,7 +76,7 @@ void controller_state::on_message(const message &m, const moment &now) {
     case report::down: return on_down(m, now);
     case report::dns: return on_dns(m, now);
     case report::statistics: return on_statistics(m, now);
-    case report::process: return on_process(m, now);
+    case report::process: return on_process(m, now, is_of_second);
     case report::name_query:
         name_queries++;
         last_name_query = now;
@@ -157,10 +157,12 @@ void controller_state::on_statistics(const message &m, const moment &now) {
     enabled.set(source::reported, true, now, "only an enabled daemon sends statistics");
 }
 
-void controller_state::on_process(const message &m, const moment &now) {
+void controller_state::on_process(const message &m, const moment &now, bool is_of_second) {
     log_.add(now, "process", {{"pid", m.pid}});
-    if (pid.known() && pid.value != m.pid) begin_afresh("another process id", query_patience, now);
-    pid.set(source::reported, m.pid, now);
+    if (!is_of_second) {
+        if (pid.known() && pid.value != m.pid) begin_afresh("another process id", query_patience, now);
+        pid.set(source::reported, m.pid, now);
+    }
 
     // An answer that was lost must not shift all later ones by one for ever.
     while (!outstanding_.empty() && now.mono - outstanding_.front().sent > query_patience) outstanding_.pop_front();

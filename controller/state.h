@@ -88,8 +88,8 @@ public:
     controller_state(event_log &log, std::function<bool()> is_daemon_alive)
         : log_(log), is_daemon_alive_(std::move(is_daemon_alive)) {}
 
-    // A record came from the daemon.
-    void on_message(const message &m, const moment &now);
+    // A record came from the daemon. is_of_second: a process id that another one answered, beside the daemon known.
+    void on_message(const message &m, const moment &now, bool is_of_second = false);
 
     // A record with this id was written to the daemon. The order of calls is the order of writing.
     void on_sent(uint32_t id, const moment &now);
@@ -153,7 +153,7 @@ private:
     void on_down(const message &m, const moment &now);
     void on_dns(const message &m, const moment &now);
     void on_statistics(const message &m, const moment &now);
-    void on_process(const message &m, const moment &now);
+    void on_process(const message &m, const moment &now, bool is_of_second);
     void conclude_answered_query(const moment &now);
     void set_tunnel(tunnel to, source how, const moment &now, const std::string &why);
     void begin_afresh(const char *reason, double patience, const moment &now);

@@ -29,6 +29,10 @@ void supervisor::start() {
     log_.add("daemon_run", {{"pid", child_.pid()}});
 }
 
+void supervisor::on_gone() {
+    if (std::exchange(has_adopted_, false) && !stopped_) start();
+}
+
 void supervisor::on_end(const child_end &end, double ran) {
     pause_ = ran >= good_run || pause_ == 0 ? first_pause : std::min(pause_ * 2, longest_pause);
     json members;

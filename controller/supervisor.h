@@ -18,9 +18,12 @@ public:
     std::function<void()> on_refusal;
 
     void start();
+
+    // A daemon runs already, of an agent that did not end in order: on_gone() starts the next one.
+    void adopt() { has_adopted_ = true; }
+    void on_gone();
     void praise() { pause_ = 0; }  // the daemon did its work: its next end is a first one
-    int  pid() const { return child_.pid(); }
-    void kill() { child_.signal(9); }
+    bool has_adopted() const { return has_adopted_; }
 
     // Ends the daemon for good: SIGTERM, a moment later SIGKILL; then calls work.
     void stop(task work);
@@ -32,7 +35,8 @@ private:
     std::string program_;
     child       child_;
     timer       again_;
-    double      pause_ = 0;  // seconds before the next start
+    double      pause_       = 0;  // seconds before the next start
+    bool        has_adopted_ = false;
     task        stopped_;
 };
 

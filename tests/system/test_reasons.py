@@ -185,7 +185,8 @@ def test_a_second_daemon_is_named(device):
     status = device.wait_reason("daemon-second", SHOWN)
     assert str(second.pid) in status["reason"]["detail"]
     second.kill()
-    device.wait("no second daemon", lambda s: s["reason"] is None, SHOWN + 8)
+    device.wait("no second daemon", lambda s: s["reason"] is None and s["health"]["value"] == "up", SHOWN)
+    assert [e["to"] for e in device.events("tunnel")][-1] == "up", "the first one's tunnel was there all the time"
 
 
 def test_no_tun_device(device):
@@ -248,6 +249,121 @@ def test_a_handshake_that_stalls_is_ended_and_the_tunnel_returns(device):
     assert kinds[0] == "daemon_run"
     assert kinds[-1] == "tun_up"
     assert "stuck" in kinds
+
+
+STALLER = """
+import socket, time
+def listen():
+    s = socket.socket()
+    s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    s.bind(("%s", 443))
+    s.listen()
+    return s
+s = listen()
+open("/tmp/stalling", "w")
+kept = [s.accept()]
+s.close()
+open("/tmp/stalled", "w")
+time.sleep(1000)
+"""
+
+
+def stall(device):
+    """A gateway that takes one connection, never says a word on it and never lets go of it."""
+    device.world.write("/tmp/stall.py", STALLER % GATEWAY_IP)
+    device.world.spawn(["/usr/bin/python3", "/tmp/stall.py"], ns="gateway", stderr="/tmp/stall.err")
+    wait_until(lambda: device.world.exists("/tmp/stalling"), 5, lambda: device.world.read("/tmp/stall.err").decode())
+
+
+def stop_process(device, pid):
+    device.world.run(["kill", "-STOP", str(pid)])
+
+
+@pytest.mark.parametrize("keeper", ["agent", "supervisor"])
+def test_a_stuck_daemon_that_does_not_end_is_killed_after_15_seconds_and_started_again(device, keeper):
+    """Stopped, it reads no order either; the supervisor is one that the agent and the daemon have in common."""
+    stall(device)
+    device.configure()
+    if keeper == "agent":
+        device.start_agent("--keep-up", "--stuck-after", "5", "--run", DAEMON)
+    else:
+        agent = f"{PROGRAM} agent --state {STATE} --json --keep-up --stuck-after 5"
+        text = f"#!/bin/sh\n{agent} >/tmp/agent.out 2>/tmp/agent.err &\nwhile :; do {DAEMON} <>/tmp/d0; sleep 1; done\n"
+        device.world.write("/tmp/supervisor", text, 0o755)
+        device.world.spawn(["/tmp/supervisor"], ns="device", stdout="/tmp/daemon.out", stderr="/tmp/daemon.err")
+        wait_until(lambda: device.world.exists(SOCKET), 5, "an agent")
+    wait_until(lambda: device.world.exists("/tmp/stalled"), 10, "a connection that stalls")
+    pid = device.status()["daemon_pid"]["value"]
+    stop_process(device, pid)
+    status = device.wait_reason("stuck", 5 + SHOWN)
+    assert status["health"]["value"] != "up"
+    device.bench.make_gateway()
+    ordered = time.monotonic()
+    device.wait("another daemon", lambda s: s["daemon_pid"]["value"] not in (None, pid), 15 + SHOWN + 5)
+    assert time.monotonic() - ordered > 9, "it has 15 seconds to obey"
+    device.wait_up(30)
+    assert [e["action"] for e in device.events("stuck")] == ["end", "kill"]
+    if keeper == "agent":
+        assert [e["signal"] for e in device.events("daemon_ended")] == [9]
+
+
+def test_a_daemon_of_somebody_else_is_told_to_end_and_not_killed(device):
+    """Nobody would start it again."""
+    stall(device)
+    device.configure()
+    agent = f"{PROGRAM} agent --state {STATE} --json --keep-up --stuck-after 4 >/tmp/agent.out 2>/tmp/agent.err"
+    device.world.spawn(["sh", "-c", f"{agent}; exit"], ns="device")  # the shell stands between
+    wait_until(lambda: device.world.exists(SOCKET), 5, "an agent")
+    device.world.spawn(["sh", "-c", f"sh -c '{DAEMON} <>/tmp/d0; exit'; exit"], ns="device", stdout="/tmp/daemon.out")
+    wait_until(lambda: device.world.exists("/tmp/stalled"), 10, "a connection that stalls")
+    pid = device.status()["daemon_pid"]["value"]
+    stop_process(device, pid)
+    device.wait_reason("stuck", 4 + SHOWN)
+    time.sleep(16)
+    assert device.status()["daemon_pid"]["value"] == pid
+    assert [e["action"] for e in device.events("stuck")] == ["end"]
+
+
+@pytest.mark.slow
+def test_a_stalled_handshake_with_the_true_times_is_up_within_180_seconds_of_the_gateways_recovery(device):
+    """The connection stays as it is for ever, and the gateway is well again as soon as it was taken: the longest wait."""
+    stall(device)
+    device.configure()
+    device.start_agent("--keep-up", "--run", DAEMON)
+    wait_until(lambda: device.world.exists("/tmp/stalled"), 20, "a connection that stalls")
+    device.bench.make_gateway()
+    recovered = time.monotonic()
+    device.wait_reason("handshake-stalled", 3 + SHOWN)
+    device.wait_reason("stuck", 160)
+    device.wait_up(60)
+    assert time.monotonic() - recovered < 180
+
+
+def test_a_daemon_that_ends_at_once_is_started_again_after_a_growing_pause_and_collected(device):
+    device.world.write("/tmp/fails", "#!/bin/sh\necho x >>/tmp/starts\nexit 3\n", 0o755)
+    device.start_agent("--run", "/tmp/fails")
+    wait_until(lambda: len(device.events("daemon_ended")) >= 4, 1 + 2 + 4 + 5, "four ends")
+    assert [e["again_in"] for e in device.events("daemon_ended")][:4] == [1, 2, 4, 8]
+    assert [e["status"] for e in device.events("daemon_ended")][:4] == [3] * 4
+    assert device.world.read("/tmp/starts").decode().count("x") == 4
+    assert device.world.run(["ps", "--no-headers", "--ppid", str(device.agent.pid)], check=False)["out"] == ""
+
+
+def test_an_agent_that_was_killed_leaves_a_daemon_that_the_next_one_supervises(device):
+    device.bench.make_gateway()
+    device.configure()
+    device.start_agent("--keep-up", "--run", DAEMON)
+    pid = device.wait_up()["daemon_pid"]["value"]
+    time.sleep(0.5)
+    restart_agent(device, "--keep-up", "--run", DAEMON)
+    assert device.status()["health"]["value"] == "up"
+    assert device.events("daemon_run") == [], "one daemon is enough"
+    device.world.run(["kill", "-9", str(pid)])
+    device.wait("another daemon", lambda s: s["daemon_pid"]["value"] not in (None, pid), 10)
+    device.wait_up()
+    device.agent.end(5)
+    readers = device.world.run(["sh", "-c", f"ls -l /proc/[0-9]*/fd 2>/dev/null | grep -c {TO_DAEMON}"], check=False)
+    assert readers["out"].strip() == "0", "its end is the daemon's"
 
 
 @pytest.mark.parametrize(

@@ -607,3 +607,35 @@ TEST_F(controller_agent, a_tunnel_without_a_log_is_up_by_the_counters_alone_and_
     json events = ask({{"request", "events"}, {"since", up}});
     for (const json &each : events["events"]) EXPECT_TRUE(each["event"] != "sent" && each["event"] != "stats") << each;
 }
+
+// As a confined agent must: it sees who answers, and not who else holds the pipe.
+TEST_F(controller_agent, two_processes_that_answer_are_two_daemons_and_the_first_stays_the_known_one) {
+    pid_t others[2];
+    for (pid_t &other : others) {
+        other = fork();
+        if (other == 0) {
+            pause();
+            _exit(0);
+        }
+    }
+    start_daemon();
+    start_agent();
+    ids_until(msg_process_query);
+    report_pid(others[0]);
+    event_of("process");
+    report(encode(msg_tun_up));
+    report_pid(others[1]);
+    json second = event_of("daemon_second");
+    for (pid_t other : others)
+        EXPECT_NE(std::find(second["pids"].begin(), second["pids"].end(), other), second["pids"].end());
+    json status = ask({{"request", "status"}});
+    EXPECT_EQ(status["reason"]["code"], "daemon-second");
+    EXPECT_EQ(status["tunnel"]["value"], "up");
+    EXPECT_EQ(status["daemon_pid"]["value"], others[0]);
+    kill(others[1], SIGKILL);
+    ended(others[1]);
+    json over = ask({{"request", "wait"}, {"events", {"reason"}}, {"match", {{"code", nullptr}}}, {"timeout", 8}});
+    EXPECT_EQ(over["exit"], 0);
+    kill(others[0], SIGKILL);
+    ended(others[0]);
+}
