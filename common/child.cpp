@@ -44,41 +44,49 @@ child::~child() {
         kill(-process_->handle.pid, SIGKILL);
         while (waitpid(process_->handle.pid, nullptr, 0) < 0 && errno == EINTR) {}
     }
-    close_room(std::exchange(process_, nullptr));
-    close_room(std::exchange(out_, nullptr));
-    close_room(std::exchange(error_, nullptr));
+    close_rooms();
+}
+
+namespace {
+
+// As exec wants them, with a null behind.
+std::vector<char *> pointers_to(const std::vector<std::string> &texts) {
+    std::vector<char *> all;
+    for (const std::string &text : texts) all.push_back(const_cast<char *>(text.c_str()));
+    all.push_back(nullptr);
+    return all;
+}
+
+// A pipe of ours, or our own standard error.
+uv_stdio_container_t stream_to(uv_stream_t *pipe) {
+    uv_stdio_container_t slot{};
+    slot.flags = pipe ? static_cast<uv_stdio_flags>(UV_CREATE_PIPE | UV_WRITABLE_PIPE) : UV_INHERIT_FD;
+    if (pipe) slot.data.stream = pipe;
+    else slot.data.fd = STDERR_FILENO;
+    return slot;
+}
+
+}  // namespace
+
+child::output *child::make_output(const std::function<void(std::string_view)> &work) {
+    if (!work) return nullptr;
+    auto *made  = new output;
+    made->owner = this;
+    made->work  = work;
+    uv_pipe_init(owner_.raw(), &made->handle, 0);
+    made->handle.data = made;
+    return made;
 }
 
 std::string child::start(const child_options &options, std::function<void(const child_end &)> on_end) {
     if (process_) return "a child runs already";
-
-    auto make_output = [&](const std::function<void(std::string_view)> &work) -> output * {
-        if (!work) return nullptr;
-        auto *made  = new output;
-        made->owner = this;
-        made->work  = work;
-        uv_pipe_init(owner_.raw(), &made->handle, 0);
-        made->handle.data = made;
-        return made;
-    };
     out_   = make_output(options.on_output);
     error_ = make_output(options.on_error_output);
 
-    std::vector<char *> arguments, environment;
-    for (const std::string &text : options.arguments) arguments.push_back(const_cast<char *>(text.c_str()));
-    for (const std::string &text : options.environment) environment.push_back(const_cast<char *>(text.c_str()));
-    arguments.push_back(nullptr);
-    environment.push_back(nullptr);
-
-    uv_stdio_container_t stdio[3] = {};
+    auto                stream = [](output *of) { return of ? reinterpret_cast<uv_stream_t *>(&of->handle) : nullptr; };
+    std::vector<char *> arguments = pointers_to(options.arguments), environment = pointers_to(options.environment);
+    uv_stdio_container_t stdio[3] = {{}, stream_to(stream(out_)), stream_to(stream(error_))};
     stdio[0].flags                = UV_IGNORE;  // libuv gives /dev/null
-    auto connect                  = [](uv_stdio_container_t &slot, output *to) {
-        slot.flags = to ? static_cast<uv_stdio_flags>(UV_CREATE_PIPE | UV_WRITABLE_PIPE) : UV_INHERIT_FD;
-        if (to) slot.data.stream = reinterpret_cast<uv_stream_t *>(&to->handle);
-        else slot.data.fd = STDERR_FILENO;
-    };
-    connect(stdio[1], out_);
-    connect(stdio[2], error_);
 
     uv_process_options_t uv{};
     uv.file        = arguments[0];
@@ -89,49 +97,56 @@ std::string child::start(const child_options &options, std::function<void(const 
     uv.stdio       = stdio;
     uv.stdio_count = 3;
     uv.exit_cb     = [](uv_process_t *handle, int64_t status, int signal) {
-        auto *self    = static_cast<process *>(handle->data);
-        self->is_over = true;
-        self->end     = {static_cast<int>(status), signal};
-        child *owner  = self->owner;
-        owner->grace_.start(output_grace, [owner] {
-            if (owner->out_) owner->out_->is_over = true;
-            if (owner->error_) owner->error_->is_over = true;
-            owner->settle();
-        });
-        owner->settle();
+        static_cast<process *>(handle->data)->owner->on_exit({static_cast<int>(status), signal});
     };
 
     process_              = new process;
     process_->owner       = this;
     process_->handle.data = process_;
-    int result            = uv_spawn(owner_.raw(), &process_->handle, &uv);
-    if (result < 0) {
-        close_room(std::exchange(process_, nullptr));
-        close_room(std::exchange(out_, nullptr));
-        close_room(std::exchange(error_, nullptr));
+    if (int result = uv_spawn(owner_.raw(), &process_->handle, &uv); result < 0) {
+        close_rooms();
         return uv_strerror(result);
     }
     on_end_ = std::move(on_end);
-    for (output *each : {out_, error_}) {
-        if (!each) continue;
-        uv_read_start(
-            reinterpret_cast<uv_stream_t *>(&each->handle),
-            [](uv_handle_t *handle, size_t, uv_buf_t *buffer) {
-                auto *self = static_cast<output *>(handle->data);
-                *buffer    = uv_buf_init(self->bytes, sizeof self->bytes);
-            },
-            [](uv_stream_t *stream, ssize_t count, const uv_buf_t *buffer) {
-                auto *self = static_cast<output *>(stream->data);
-                if (count > 0) {
-                    guarded("child", [&] { self->work({buffer->base, static_cast<size_t>(count)}); });
-                } else if (count < 0) {
-                    uv_read_stop(stream);
-                    self->is_over = true;
-                    self->owner->settle();
-                }
-            });
-    }
+    for (output *each : {out_, error_})
+        if (each) listen_to(*each);
     return "";
+}
+
+void child::on_exit(const child_end &end) {
+    process_->is_over = true;
+    process_->end     = end;
+    grace_.start(output_grace, [this] {
+        if (out_) out_->is_over = true;
+        if (error_) error_->is_over = true;
+        settle();
+    });
+    settle();
+}
+
+void child::listen_to(output &from) {
+    uv_read_start(
+        reinterpret_cast<uv_stream_t *>(&from.handle),
+        [](uv_handle_t *handle, size_t, uv_buf_t *buffer) {
+            auto *self = static_cast<output *>(handle->data);
+            *buffer    = uv_buf_init(self->bytes, sizeof self->bytes);
+        },
+        [](uv_stream_t *stream, ssize_t count, const uv_buf_t *buffer) {
+            auto *self = static_cast<output *>(stream->data);
+            if (count > 0) {
+                guarded("child", [&] { self->work({buffer->base, static_cast<size_t>(count)}); });
+            } else if (count < 0) {
+                uv_read_stop(stream);
+                self->is_over = true;
+                self->owner->settle();
+            }
+        });
+}
+
+void child::close_rooms() {
+    close_room(std::exchange(process_, nullptr));
+    close_room(std::exchange(out_, nullptr));
+    close_room(std::exchange(error_, nullptr));
 }
 
 // Tells the end when the process is over and so is its output.
@@ -140,9 +155,7 @@ void child::settle() {
     if ((out_ && !out_->is_over) || (error_ && !error_->is_over)) return;
     grace_.stop();
     child_end end = process_->end;
-    close_room(std::exchange(process_, nullptr));
-    close_room(std::exchange(out_, nullptr));
-    close_room(std::exchange(error_, nullptr));
+    close_rooms();
     auto work = std::move(on_end_);
     if (work) guarded("child", [&] { work(end); });
 }

@@ -47,7 +47,11 @@ public:
 private:
     struct process;
     struct output;
-    void settle();
+    output *make_output(const std::function<void(std::string_view)> &work);
+    void    on_exit(const child_end &end);
+    void    listen_to(output &from);
+    void    settle();
+    void    close_rooms();
 
     loop                                  &owner_;
     timer                                  grace_;  // for output that comes after the end

@@ -19,6 +19,13 @@ json fact_of(const json &value, const char *source, const moment &at, const mome
     return {{"value", value}, {"source", source}, {"age", rounded(now.mono - at.mono)}, {"since", wall_text(at.wall)}};
 }
 
+json old_fact(const json &was) {
+    return {{"value", nullptr},
+            {"source", "unknown"},
+            {"note", "the tunnel is not up"},
+            {"last", {{"value", was["value"]}, {"age", was["age"]}}}};
+}
+
 json time_of(const std::optional<moment> &at, const char *source, const moment &now) {
     if (!at) return {{"value", nullptr}, {"source", "unknown"}};
     return {{"value", wall_text(at->wall)}, {"source", source}, {"in", rounded(at->mono - now.mono)}};
@@ -132,61 +139,54 @@ std::string knowledge::explain_health(health now_is, const moment &now) const {
     return counters_asked ? "from the daemon's counters: its log tells of no keep-alive" : "";
 }
 
-json knowledge::status(const moment &now) const {
-    json   all    = state.describe(now);
+json knowledge::describe_health(const moment &now) const {
     health now_is = is(now);
-    bool   is_up  = state.tun.is(tunnel::up);
-    if (now_is == health::degraded) all["tunnel"]["value"] = "degraded";
-
-    all["health"] = {{"value", health_name(now_is)},
+    json   told   = {{"value", health_name(now_is)},
                      {"source", counters_asked  ? "reported"
                                 : why.last_line ? "logged"
                                                 : "inferred"},
                      {"unanswered", why.unanswered}};
-    if (std::string note = explain_health(now_is, now); !note.empty()) all["health"]["note"] = note;
-    if (auto end = why.gives_up_at(); end) all["health"]["gives_up_in"] = rounded(*end - now.mono);
-    if (why.last_answer) all["health"]["last_answer_age"] = rounded(now.mono - why.last_answer->mono);
-    all["reason"] = describe_reason(now);
-    all["phase"]  = {{"value", phase_name(why.step)},
-                     {"source", why.last_line ? "logged" : "inferred"},
-                     {"age", rounded(now.mono - why.step_since.mono)},
-                     {"attempts", why.attempts}};
+    if (std::string note = explain_health(now_is, now); !note.empty()) told["note"] = note;
+    if (auto end = why.gives_up_at(); end) told["gives_up_in"] = rounded(*end - now.mono);
+    if (why.last_answer) told["last_answer_age"] = rounded(now.mono - why.last_answer->mono);
+    return told;
+}
 
-    const char *in_use = why.gateway.empty() ? "file" : "logged";
-    all["gateway"]     = {{"name", text_or_null(gateway_name)},
-                          {"address", text_or_null(why.gateway.empty() ? conf_gateway : why.gateway)},
-                          {"port", why.port            ? json(why.port)
-                                   : conf_port.empty() ? json(nullptr)
-                                                       : json(atoi(conf_port.c_str()))},
-                          {"cipher", text_or_null(why.cipher.empty() ? cipher : why.cipher)},
-                          {"source", in_use}};
-    all["interface"]   = {{"value", text_or_null(interface_name)},
-                          {"source", interface_name.empty() ? "unknown" : "kernel"},
-                          {"exists", interface.exists},
-                          {"up", interface.is_up},
-                          {"mtu", interface.exists ? json(interface.mtu) : json(nullptr)},
-                          {"addresses", interface.addresses},
-                          {"note", "name from " + conf_path}};
-    if (!state.inner_ip.known() && is_up && !why.inner_ip.empty())
-        all["inner_ip"] = fact_of(why.inner_ip, "logged", why.inner_ip_at, now);
-    if (!is_up && state.inner_ip.known()) {  // of a connection that is gone: not current
-        json old        = all["inner_ip"];
-        all["inner_ip"] = {{"value", nullptr},
-                           {"source", "unknown"},
-                           {"note", "the tunnel is not up"},
-                           {"last", {{"value", old["value"]}, {"age", old["age"]}}}};
-    }
-    if (!is_up && state.dns.known()) {
-        json old   = all["dns"];
-        all["dns"] = {{"value", nullptr},
-                      {"source", "unknown"},
-                      {"note", "the tunnel is not up"},
-                      {"last", {{"value", old["value"]}, {"age", old["age"]}}}};
-    }
-    all["rekey"]        = {{"last", time_of(why.last_rekey, "logged", now)},
-                           {"next", time_of(is_up ? why.next_rekey : std::nullopt, "logged", now)}};
-    all["next_attempt"] = time_of(is_up ? std::nullopt : why.next_attempt, "logged", now);
+json knowledge::describe_gateway() const {
+    return {{"name", text_or_null(gateway_name)},
+            {"address", text_or_null(why.gateway.empty() ? conf_gateway : why.gateway)},
+            {"port", why.port            ? json(why.port)
+                     : conf_port.empty() ? json(nullptr)
+                                         : json(atoi(conf_port.c_str()))},
+            {"cipher", text_or_null(why.cipher.empty() ? cipher : why.cipher)},
+            {"source", why.gateway.empty() ? "file" : "logged"}};
+}
 
+json knowledge::describe_interface() const {
+    return {{"value", text_or_null(interface_name)},
+            {"source", interface_name.empty() ? "unknown" : "kernel"},
+            {"exists", interface.exists},
+            {"up", interface.is_up},
+            {"mtu", interface.exists ? json(interface.mtu) : json(nullptr)},
+            {"addresses", interface.addresses},
+            {"note", "name from " + conf_path}};
+}
+
+json knowledge::describe_hooks(const moment &now) const {
+    json results = json::object();
+    for (const auto &[name, result] : hook_results)
+        results[name] = {{"ok", result.is_good},
+                         {"status", result.status},
+                         {"signal", result.signal},
+                         {"error", text_or_null(result.error)},
+                         {"time", wall_text(result.when.wall)},
+                         {"age", rounded(now.mono - result.when.mono)},
+                         {"seconds", result.seconds}};
+    return results;
+}
+
+// Packets a second, and the counters of errors.
+void knowledge::describe_counters(json &all) const {
     json rates = json::object(), errors = json::object();
     for (size_t i = 0; i < counter_count; i++) {
         std::string label = counter_labels[i];
@@ -197,17 +197,31 @@ json knowledge::status(const moment &now) const {
     }
     all["rates"]  = rates;
     all["errors"] = errors;
+}
 
-    json results = json::object();
-    for (const auto &[name, result] : hook_results)
-        results[name] = {{"ok", result.is_good},
-                         {"status", result.status},
-                         {"signal", result.signal},
-                         {"error", text_or_null(result.error)},
-                         {"time", wall_text(result.when.wall)},
-                         {"age", rounded(now.mono - result.when.mono)},
-                         {"seconds", result.seconds}};
-    all["hooks"] = results;
+json knowledge::status(const moment &now) const {
+    json all   = state.describe(now);
+    bool is_up = state.tun.is(tunnel::up);
+    if (is(now) == health::degraded) all["tunnel"]["value"] = "degraded";
+
+    all["health"]    = describe_health(now);
+    all["reason"]    = describe_reason(now);
+    all["phase"]     = {{"value", phase_name(why.step)},
+                        {"source", why.last_line ? "logged" : "inferred"},
+                        {"age", rounded(now.mono - why.step_since.mono)},
+                        {"attempts", why.attempts}};
+    all["gateway"]   = describe_gateway();
+    all["interface"] = describe_interface();
+    if (!state.inner_ip.known() && is_up && !why.inner_ip.empty())
+        all["inner_ip"] = fact_of(why.inner_ip, "logged", why.inner_ip_at, now);
+    // What belongs to a connection that is gone is not current.
+    if (!is_up && state.inner_ip.known()) all["inner_ip"] = old_fact(all["inner_ip"]);
+    if (!is_up && state.dns.known()) all["dns"] = old_fact(all["dns"]);
+    all["rekey"]        = {{"last", time_of(why.last_rekey, "logged", now)},
+                           {"next", time_of(is_up ? why.next_rekey : std::nullopt, "logged", now)}};
+    all["next_attempt"] = time_of(is_up ? std::nullopt : why.next_attempt, "logged", now);
+    all["hooks"]        = describe_hooks(now);
+    describe_counters(all);
     return all;
 }
 

@@ -82,6 +82,11 @@ public:
 private:
     bool        is_unheard(const moment &now) const;
     std::string explain_health(health now_is, const moment &now) const;
+    json        describe_health(const moment &now) const;
+    json        describe_gateway() const;
+    json        describe_interface() const;
+    json        describe_hooks(const moment &now) const;
+    void        describe_counters(json &all) const;
     void        load_keep_alive(const json &kept, const moment &now);
 
     health last_health_ = health::unknown;

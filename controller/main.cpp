@@ -48,6 +48,11 @@ struct usage_error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+bool is_address(const std::string &text) {
+    uint8_t bytes[16];
+    return inet_pton(AF_INET, text.c_str(), bytes) == 1 || inet_pton(AF_INET6, text.c_str(), bytes) == 1;
+}
+
 CLI::App *add_verb(CLI::App &app, const char *name, const char *help, const char *examples) {
     CLI::App *verb = app.add_subcommand(name, help);
     verb->fallthrough();
@@ -99,71 +104,80 @@ int ask(const command_line &line, const json &request, double patience) {
 
 // ---- the verbs, in the order of the help ----------------------------------------------------------------------------
 
+void add_path(CLI::App &verb, const char *name, std::string &value, const char *help) {
+    verb.add_option(name, value, help)->type_name("PATH")->capture_default_str();
+}
+
+void add_agent_names(CLI::App &verb, agent_options &options) {
+    CLI::Option *name = verb.add_option("--resolve", options.resolve_name,
+                                        "Answer name queries with a fresh lookup of NAME")
+                            ->type_name("NAME");
+    verb.add_option("--resolve-to", options.resolve_address, "Answer name queries with ADDRESS")
+        ->type_name("ADDRESS")
+        ->excludes(name);
+    verb.add_option("--resolve-timeout", options.resolve_timeout, "Give a lookup up after so many seconds")
+        ->check(seconds_from(0.1))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+}
+
+void add_agent_hooks(CLI::App &verb, agent_options &options) {
+    verb.add_option("--on-up", options.on_up, "Command to run when the tunnel is up")->type_name("CMD");
+    verb.add_option("--on-down", options.on_down, "Command to run when the tunnel is down")->type_name("CMD");
+    verb.add_option("--on-dns", options.on_dns, "Command to run when the DNS servers changed")->type_name("CMD");
+    verb.add_option("--hook-timeout", options.hook_timeout, "End a hook after so many seconds")
+        ->check(seconds_from(0.1))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+}
+
+void add_agent_keeping(CLI::App &verb, agent_options &options) {
+    verb.add_flag("--keep-up", options.keep_up, "Start the tunnel, and keep it up");
+    verb.add_option("--stuck-after", options.stuck_after, "Give a connecting daemon so long to show a sign of life")
+        ->check(seconds_from(1))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    verb.add_option("--run", options.run, "Supervise the daemon: start this program, and start it again when it ends")
+        ->type_name("PROGRAM");
+    add_path(verb, "--daemon-log", options.daemon_log, "The daemon's log, for reasons; empty: none");
+    add_path(verb, "--state", options.memory, "What outlives the agent is kept there; empty: nowhere");
+}
+
+void add_agent_telling(CLI::App &verb, agent_options &options) {
+    verb.add_option("--socket-group", options.socket_group, "This group may watch on a second socket")
+        ->type_name("GROUP");
+    verb.add_option("--watch-socket", options.watch_socket, "That socket (by itself the first one's name with .ro)")
+        ->type_name("PATH");
+    verb.add_option("--http", options.http, "Serve page, status, events and metrics over HTTP, for reading only")
+        ->type_name("unix:PATH|ADDRESS:PORT");
+    verb.add_flag("--http-anywhere", options.http_anywhere, "Allow an address there that others reach");
+    verb.add_option("--log-level", options.log_level, "Of the agent's own log, on standard error")
+        ->check(CLI::IsMember({"trace", "debug", "info", "warning", "error", "critical", "off"}))
+        ->type_name("LEVEL")
+        ->capture_default_str();
+    verb.add_flag("--quiet", options.quiet, "Print no events");
+    verb.add_option("--agent-conf", "File with these options, \"name = value\"; the command line wins")
+        ->type_name("PATH")
+        ->default_str(default_agent_conf);
+}
+
 void add_agent(CLI::App &app, command_line &line) {
     auto      options = std::make_shared<agent_options>();
     CLI::App *verb    = add_verb(
            app, "agent", "The resident part: reads, remembers and answers what the daemon says",
-           "  wlcctl agent --resolve gw.example.net\n"
+           "  wlcctl agent --keep-up --run /usr/sbin/tlsc\n"
+              "  wlcctl agent --resolve gw.example.net\n"
               "  wlcctl agent --resolve-to 192.0.2.1 --on-up 'ip route replace 10.9.0.0/16 dev \"$TLSC_TUN\"'");
-    verb->add_option("--from-daemon", options->from_daemon, "Pipe that the agent creates and reads")
-        ->type_name("PATH")
-        ->capture_default_str();
-    verb->add_option("--to-daemon", options->to_daemon, "Pipe that the daemon creates and reads")
-        ->type_name("PATH")
-        ->capture_default_str();
-    verb->add_option("--conf", options->conf, "Configuration file, for the hooks' environment")
-        ->type_name("PATH")
-        ->capture_default_str();
-    CLI::Option *name = verb->add_option("--resolve", options->resolve_name,
-                                         "Answer name queries with a fresh lookup of NAME")
-                            ->type_name("NAME");
-    verb->add_option("--resolve-to", options->resolve_address, "Answer name queries with ADDRESS")
-        ->type_name("ADDRESS")
-        ->excludes(name);
-    verb->add_option("--resolve-timeout", options->resolve_timeout, "Give a lookup up after so many seconds")
-        ->check(seconds_from(0.1))
-        ->type_name("SECONDS")
-        ->capture_default_str();
-    verb->add_option("--on-up", options->on_up, "Command to run when the tunnel is up")->type_name("CMD");
-    verb->add_option("--on-down", options->on_down, "Command to run when the tunnel is down")->type_name("CMD");
-    verb->add_option("--on-dns", options->on_dns, "Command to run when the DNS servers changed")->type_name("CMD");
-    verb->add_option("--hook-timeout", options->hook_timeout, "End a hook after so many seconds")
-        ->check(seconds_from(0.1))
-        ->type_name("SECONDS")
-        ->capture_default_str();
-    verb->add_flag("--keep-up", options->keep_up, "Start the tunnel, and keep it up");
-    verb->add_option("--stuck-after", options->stuck_after, "Give a connecting daemon so long to show a sign of life")
-        ->check(seconds_from(1))
-        ->type_name("SECONDS")
-        ->capture_default_str();
-    verb->add_option("--run", options->run, "Supervise the daemon: start this program, and start it again when it ends")
-        ->type_name("PROGRAM");
-    verb->add_option("--daemon-log", options->daemon_log, "The daemon's log, for reasons; empty: none")
-        ->type_name("PATH")
-        ->capture_default_str();
-    verb->add_option("--state", options->memory, "What outlives the agent is kept there; empty: nowhere")
-        ->type_name("PATH")
-        ->capture_default_str();
-    verb->add_option("--socket-group", options->socket_group, "This group may watch on a second socket")
-        ->type_name("GROUP");
-    verb->add_option("--watch-socket", options->watch_socket, "That socket (by itself the first one's name with .ro)")
-        ->type_name("PATH");
-    verb->add_option("--http", options->http, "Serve page, status, events and metrics over HTTP, for reading only")
-        ->type_name("unix:PATH|ADDRESS:PORT");
-    verb->add_flag("--http-anywhere", options->http_anywhere, "Allow an address there that others reach");
-    verb->add_option("--log-level", options->log_level, "Of the agent's own log, on standard error")
-        ->check(CLI::IsMember({"trace", "debug", "info", "warning", "error", "critical", "off"}))
-        ->type_name("LEVEL")
-        ->capture_default_str();
-    verb->add_flag("--quiet", options->quiet, "Print no events");
-    verb->add_option("--agent-conf", "File with these options, \"name = value\"; the command line wins")
-        ->type_name("PATH")
-        ->default_str(default_agent_conf);
+    add_path(*verb, "--from-daemon", options->from_daemon, "Pipe that the agent creates and reads");
+    add_path(*verb, "--to-daemon", options->to_daemon, "Pipe that the daemon creates and reads");
+    add_path(*verb, "--conf", options->conf, "The tunnel's configuration file");
+    add_agent_names(*verb, *options);
+    add_agent_hooks(*verb, *options);
+    add_agent_keeping(*verb, *options);
+    add_agent_telling(*verb, *options);
     verb->callback([&line, options] {
-        uint8_t            bytes[16];
         const std::string &address = options->resolve_address;
-        if (!address.empty() && inet_pton(AF_INET, address.c_str(), bytes) != 1 &&
-            inet_pton(AF_INET6, address.c_str(), bytes) != 1)
+        if (!address.empty() && !is_address(address))
             throw usage_error("--resolve-to: " + address + " is no IPv4 or IPv6 address");
         line.run = [&line, options] {
             options->socket  = line.socket;
@@ -568,17 +582,35 @@ void add_decode(CLI::App &app, command_line &line) {
     });
 }
 
+// The verb that these words name, below the verbs of `above`.
+CLI::App *find_verb(CLI::App &above, const std::vector<std::string> &words) {
+    CLI::App *at = &above;
+    for (const std::string &word : words) {
+        auto all   = at->get_subcommands([](const CLI::App *) { return true; });
+        auto found = std::find_if(all.begin(), all.end(),
+                                  [&](const CLI::App *each) { return each->get_name() == word; });
+        if (found == all.end()) {
+            std::string list;
+            for (const CLI::App *each : all) list += (list.empty() ? "" : ", ") + each->get_name();
+            throw usage_error("help: there is no verb " + printable(word, 64) +
+                              "; there are: " + (list.empty() ? "none below " + at->get_name() : list));
+        }
+        at = *found;
+    }
+    return at;
+}
+
 void add_help(CLI::App &app, command_line &line) {
-    auto      name = std::make_shared<std::string>();
-    CLI::App *verb = add_verb(app, "help", "Explains a verb, or lists them all", "  wlcctl help start");
-    verb->add_option("verb", *name, "The verb")->type_name("VERB");
-    verb->callback([&app, &line, name] {
-        auto      all    = app.get_subcommands([&](const CLI::App *each) { return each->get_name() == *name; });
-        CLI::App *wanted = name->empty() ? &app : all.empty() ? nullptr : all.front();
-        if (!wanted) throw usage_error("help: there is no verb " + printable(*name, 64));
-        line.run = [&line, &app, wanted] {
-            std::string text = app.get_formatter()->make_help(
-                wanted, wanted == &app ? "wlcctl" : "wlcctl " + wanted->get_name(), CLI::AppFormatMode::Normal);
+    auto      words = std::make_shared<std::vector<std::string>>();
+    CLI::App *verb  = add_verb(app, "help", "Explains a verb, or lists them all",
+                               "  wlcctl help start\n  wlcctl help conf init");
+    verb->add_option("verb", *words, "The verb")->type_name("VERB")->expected(0, 2);
+    verb->callback([&app, &line, words] {
+        CLI::App   *wanted = find_verb(app, *words);
+        std::string name   = "wlcctl";
+        for (const std::string &word : *words) name += " " + word;
+        line.run = [&line, &app, wanted, name] {
+            std::string text = app.get_formatter()->make_help(wanted, name, CLI::AppFormatMode::Normal);
             if (!line.print.as_json) return fputs(text.c_str(), stdout), static_cast<int>(exit_done);
             json answer    = local_answer("help", exit_done);
             answer["text"] = text;
