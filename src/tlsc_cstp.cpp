@@ -53,10 +53,12 @@ int32_t tlsc_cstp_read_frame(tlsc_sock *sock, tlsc_cstp_frame *frame) {
     const size_t  filled = static_cast<size_t>(std::max(count, 0));
     if (filled < sizeof(frame->header)) memset(bytes + filled, 0, sizeof(frame->header) - filled);
 
-    // The announced length may exceed what was read, or fall short of it: what is missing or too much is zero.
+    // The announced length may exceed what was read, or fall short of it: what is missing or too much is zero, as far
+    // as anybody looks.
     const size_t length = payload_length(frame->header);
     const size_t kept   = std::min(length, filled - std::min(filled, sizeof(frame->header)));
-    memset(frame->payload + kept, 0, sizeof(frame->payload) - kept);
+    const size_t looked = std::min(std::max(length + 1, tlsc_checksum_reach), sizeof(frame->payload));
+    memset(frame->payload + kept, 0, looked - kept);
     TLSC_DEBUG("Read %d bytes from SSL for conn %p", count, shown(sock));
     if (result != TLSC_SSL_OK) {
         TLSC_ERROR("Got error %d while writing data pak to SSL for conn %p", result, shown(sock));

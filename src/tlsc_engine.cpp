@@ -827,11 +827,9 @@ void exchange_address(uint8_t *packet, size_t offset, const void *address) {
     tlsc_checksum(packet, old_sum, offset);
 }
 
-constexpr size_t checksum_reach = 80;  // the largest IPv4 header, and a TCP header up to behind its checksum
-
 // What the checksum repair may look at behind a short packet.
 void clear_behind(uint8_t *packet, size_t length) {
-    if (length < checksum_reach) memset(packet + length, 0, checksum_reach - length);
+    if (length < tlsc_checksum_reach) memset(packet + length, 0, tlsc_checksum_reach - length);
 }
 
 constexpr const char *resp_names[] = {
@@ -1060,16 +1058,17 @@ constexpr uint32_t error_events = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 bool is_interface_gone;  // deleted from outside: the run ends early, the next one makes another
 
 // ---- load -----------------------------------------------------------------------------------------------------------
-// A packet that travels alone is sent at once. After some in a row the loop looks, once, whether more events wait
-// already: while they do, the records of the packets are collected and sent together when nothing more waits. Each look
-// in vain doubles the number of packets before the next.
+// A packet that travels alone is sent at once. Now and then one is kept back until the loop has looked, without
+// waiting, whether more events are there already: while they are, the records of the packets are collected and sent
+// together when nothing more waits. Each look in vain doubles the number of packets before the next; behind a load the
+// next packet is looked at.
 
 constexpr unsigned first_look = 4;
 constexpr unsigned last_look  = 1024;
 
 struct {
     bool     is_on;                    // records are collected
-    unsigned packets;                  // sent since the last look
+    unsigned packets;                  // since the last look
     unsigned look_after = first_look;  // packets
 } load;
 
@@ -1078,7 +1077,7 @@ bool has_sent_packet;  // in this pass
 bool is_time_to_look() { return load.is_on || load.packets >= load.look_after; }
 
 void note_look(bool found_more) {
-    if (found_more || load.is_on) load.look_after = first_look;
+    if (found_more || load.is_on) load.look_after = 1;
     else load.look_after = std::min(load.look_after * 2, last_look);
     load.is_on   = found_more;
     load.packets = 0;
@@ -1100,10 +1099,10 @@ void on_tun_event(tlsc_sock *sock, int32_t fd, uint32_t mask) {
         TLSC_DEBUG("DP STATE DOWN");  // the packet stays queued and the event comes again
         return;
     }
-    tlsc_transport_collect(load.is_on);
+    ++load.packets;
+    tlsc_transport_collect(is_time_to_look());
     const int32_t result = tlsc_tun_read_and_process(sock);
     tlsc_transport_collect(false);
-    ++load.packets;
     has_sent_packet = true;
     if (!result) tlsc_sock_error(TLSC_DOWN_SSL_WRITE);
 }
@@ -1423,6 +1422,7 @@ void *tlsc_start_epoll(void *) {
     exit_client       = 0;
     is_interface_gone = false;
     timeless_since    = 0;
+    load              = {};
     do handle_one_pass(sock);
     while (exit_client != 1 && is_interface_usable(sock));
 

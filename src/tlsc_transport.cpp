@@ -194,8 +194,8 @@ int hand_out(char *out, size_t size) {
 
 // ==== 3 Going out ================================================================================================
 
-constexpr size_t   write_at_once = 16384;
-constexpr unsigned max_collected = 16;  // records: what waits for others waits for so many passes at most
+constexpr size_t   write_at_once = 32768;
+constexpr unsigned max_collected = 32;  // records: what waits for others waits for so many passes at most
 
 struct {
     uint8_t  bytes[write_at_once];

@@ -19,10 +19,13 @@ inline const char *tlsc_text_or_null(const char *text) { return text ? text : "(
 // 32 bits count. Any thread.
 int32_t tlsc_decimal(const char *text);
 
+// The largest IPv4 header, and a TCP header up to behind its checksum, in bytes.
+constexpr size_t tlsc_checksum_reach = 80;
+
 // Repairs the IPv4 header checksum and the TCP or UDP checksum after the address at byte offset (12 source,
 // 16 destination) was overwritten, by incremental update (RFC 1624). old_sum is the plain sum of the two 16-bit
 // halves of the old address as they stood in the packet. The packet is IPv4 and lies in a buffer of at least
-// 80 readable bytes, whatever its own length. Tunnel thread.
+// tlsc_checksum_reach readable bytes, whatever its own length. Tunnel thread.
 void tlsc_checksum(uint8_t *packet, uint32_t old_sum, size_t offset);
 
 // The plain sum of the two 16-bit halves of the IPv4 address at bytes, taken as stored: old_sum of tlsc_checksum.

@@ -197,7 +197,7 @@ module("src/tlsc_timer.cpp",
 
 module("src/tlsc_cstp.cpp",
     ("What an earlier frame left behind the payload stays there.",
-     "    memset(frame->payload + kept, 0, sizeof(frame->payload) - kept);\n", "", "tlsc_cstp_test"),
+     "    memset(frame->payload + kept, 0, looked - kept);\n", "", "tlsc_cstp_test"),
     ("Bytes behind the announced length are taken.",
      "    const size_t kept   = std::min(length, filled - std::min(filled, sizeof(frame->header)));\n",
      "    const size_t kept   = filled - std::min(filled, sizeof(frame->header));\n", "tlsc_cstp_test"),

@@ -610,29 +610,34 @@ TEST_F(tlsc_transport, a_full_buffer_goes_out_by_itself) {
         ASSERT_TRUE(write(packet));
         ++written;
         if (peer.receive_raw(0).size() > 1444) break;
-        ASSERT_LT(written, 20);
+        ASSERT_LT(written, 30);
     }
-    EXPECT_GE(written, 11);
-    EXPECT_LE(written, 12);
+    EXPECT_GE(written, 22);
+    EXPECT_LE(written, 23);
 }
 
-TEST_F(tlsc_transport, no_more_than_sixteen_records_wait_for_each_other) {
+TEST_F(tlsc_transport, no_more_than_thirty_two_records_wait_for_each_other) {
     connect();
     tlsc_transport_collect(true);
-    for (int i = 0; i < 15; ++i) EXPECT_TRUE(write("x"));
+    for (int i = 0; i < 31; ++i) EXPECT_TRUE(write("x"));
     EXPECT_TRUE(tlsc_transport_has_collected());
     EXPECT_TRUE(write("x"));
     EXPECT_FALSE(tlsc_transport_has_collected());
-    for (int i = 0; i < 16; ++i) EXPECT_EQ(peer.open(), "x");
+    for (int i = 0; i < 32; ++i) EXPECT_EQ(peer.open(), "x");
 }
 
-TEST_F(tlsc_transport, records_larger_than_the_buffer_are_not_collected) {
+TEST_F(tlsc_transport, a_record_that_does_not_fit_sends_what_was_collected_before_it) {
     connect();
     tlsc_transport_collect(true);
     EXPECT_TRUE(write("first"));
     EXPECT_TRUE(write(std::string(16384, 'L')));
+    EXPECT_EQ(peer.receive_raw(0), "");
+    EXPECT_TRUE(write(std::string(16384, 'M')));
     EXPECT_EQ(peer.open(), "first");
-    EXPECT_EQ(peer.open().size(), 16384u);
+    EXPECT_EQ(peer.open(), std::string(16384, 'L'));
+    EXPECT_TRUE(tlsc_transport_has_collected());
+    EXPECT_EQ(tlsc_transport_flush(true), 1);
+    EXPECT_EQ(peer.open(), std::string(16384, 'M'));
 }
 
 TEST_F(tlsc_transport, whoever_waits_for_the_peer_has_sent_what_was_collected) {
