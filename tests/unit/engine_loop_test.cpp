@@ -1085,6 +1085,18 @@ TEST_F(engine_loop, an_interface_that_is_deleted_from_outside_is_torn_down_once_
     EXPECT_EQ(states.back(), "1/0");
 }
 
+TEST_F(engine_loop, an_interface_that_is_deleted_while_the_tunnel_is_down_ends_the_run_too) {
+    tls_peer peer;
+    bring_up(peer);
+    peer.connection(0).hang_up();
+    ASSERT_TRUE(torn_down());
+    ASSERT_EQ(system("ip link delete loop0 type tun"), 0);
+    ASSERT_TRUE(eventually([this] { return has_ended_.load(); }));
+    thread_.join();
+    EXPECT_EQ(epoll_thread_exited, 0);  // an early end: the monitor starts the client again
+    EXPECT_EQ(teardowns(), 2u);
+}
+
 TEST_F(engine_loop, an_interface_that_cannot_be_brought_up_is_torn_down_and_the_next_run_makes_another) {
     tls_peer peer;
     conf->server_port = peer.port();

@@ -683,13 +683,13 @@ TEST_F(wlc_conf, key_text_behind_a_name_split_by_the_piece_of_a_long_line_is_nei
     for (size_t before = 1; before < strlen("psk_key"); ++before)
         for (const char *front : {"", "#", "k;v;1;"}) {
             std::string line(front);
-            line += std::string(511 - before - line.size(), 'x') + "psk_key;hush;1;hush;psk_key;2\n";
+            line += std::string(511 - before - line.size(), 'x') + "psk_key;hush;1;hush";
             log_capture log(LOG_BUF_PRINT);
-            for (int pass = 0; pass < 3; ++pass) {
-                write_file(conf_file, line + "device_id;D1;0\n");
-                EXPECT_EQ(pass == 0   ? wlcSecTunReadAllConf()
-                          : pass == 1 ? wlcSecTunReadConf("none", value)
-                                      : wlcSecTunUpdateConf("device_id", "D1"),
+            for (int pass = 0; pass < 6; ++pass) {
+                write_file(conf_file, line + (pass < 3 ? "\n" : ";psk_key;2\n") + "device_id;D1;0\n");
+                EXPECT_EQ(pass % 3 == 0   ? wlcSecTunReadAllConf()
+                          : pass % 3 == 1 ? wlcSecTunReadConf("none", value)
+                                          : wlcSecTunUpdateConf("device_id", "D1"),
                           1);
                 const std::string kept = read_file(conf_file);
                 EXPECT_EQ(kept.find("hush"), std::string::npos) << kept;
@@ -717,6 +717,17 @@ TEST_F(wlc_conf, key_text_behind_a_name_inside_the_rest_of_a_long_line_is_neithe
             EXPECT_FALSE(log.contains("hush")) << front << length;
             EXPECT_TRUE(log.contains("Config line read:***"));
         }
+}
+
+TEST_F(wlc_conf, of_a_long_line_that_names_the_key_behind_other_fields_nothing_behind_the_name_is_printed) {
+    char        value[512] = "";
+    log_capture log(LOG_BUF_PRINT);
+    write_file(conf_file, "k;v;1;psk_key;" + std::string(600, 'h') + ";1\ndevice_id;D1;0\n");
+    EXPECT_EQ(wlcSecTunReadConf("none", value), 1);
+    EXPECT_TRUE(log.has("DEBUG", source, read_one, "Config line read:k;v;1;psk_key;***"));
+    EXPECT_TRUE(log.has("DEBUG", source, read_one, "Config line read:***"));
+    EXPECT_FALSE(log.contains("hhhh"));
+    EXPECT_EQ(read_file(conf_file), "k;v;1\ndevice_id;D1;0\n");
 }
 
 TEST_F(wlc_conf, what_goes_on_from_a_long_line_without_the_key_is_a_line_as_any_other) {
