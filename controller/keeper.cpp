@@ -44,8 +44,7 @@ milliseconds seconds(double value) { return milliseconds(static_cast<int64_t>(va
 }  // namespace
 
 keeper::keeper(loop &owner, const agent_options &options, knowledge &known, orders &to, daemon_pipe &pipe)
-    : owner_(owner),
-      options_(options),
+    : options_(options),
       known_(known),
       orders_(to),
       pipe_(pipe),

@@ -58,7 +58,6 @@ private:
     void        end_stuck(double waited, const moment &now);
     std::string name() const;
 
-    loop                &owner_;
     const agent_options &options_;
     knowledge           &known_;
     orders              &orders_;
