@@ -2,11 +2,9 @@
 // other line of what is written back.
 // Input: settings, then pieces of the file: a choice, a length, bytes; or the key's line, whole, over-long or behind an
 // over-long beginning.
-#include <fstream>
-#include <iterator>
-
 #include "tlsc_openssl.h"
 
+#include "conf_text.h"
 #include "kernel.h"
 #include "tlsc_config.h"
 #include "tlsc_debug.h"
@@ -16,55 +14,8 @@ using namespace kernel;
 
 namespace {
 
-constexpr char     conf_path[] = "/storage/application/wlc/wlc-sec-tun.conf";
-constexpr char     temp_path[] = "/storage/application/wlc/wlc-sec-tun-temp.conf";
-const std::string  secret      = "Zq7#kPw2vXn9!Rt4mJc6@Ls8yHd3&Bg5";  // no piece of it can come from the input below
-constexpr uint32_t piece_size  = 511;
-
-constexpr const char *keys[] = {"server_ip_address",  "server_port",  "inner_ip",  "management_ip", "cipher_algo",
-                                "tun_interface_name", "psk_identity", "log_level", "log_dest",      "device_id",
-                                "serial_num",         "system_name",  "psk",       "psk_key_other", "server_ip"};
-
-// Of the input only characters that the secret does not consist of, so that what is found is the key itself.
-std::string harmless(std::string_view bytes) {
-    std::string text(bytes);
-    for (char &c : text)
-        if (secret.find(c) != std::string::npos) c = '-';
-    return text;
-}
-
-std::string key_text(fuzz_input &in) {
-    std::string key = secret;
-    for (size_t more = in.below(40); more > 0; --more) key += secret;
-    return key;
-}
-
-std::string key_line(fuzz_input &in) {
-    std::string line;
-    if (in.chance(96))
-        line.assign(piece_size - 6 + in.below(7), 'x');  // the word itself is cut apart, or begins a piece
-    return line + "psk_key;" + key_text(in) + (in.chance(200) ? ";1\n" : "\n");
-}
-
-std::string file_text(fuzz_input &in) {
-    std::string text;
-    while (!in.empty() && text.size() < 6000) {
-        switch (in.below(6)) {
-        case 0:
-        case 1:
-            if (!text.empty() && text.back() != '\n') text += '\n';
-            text += key_line(in);
-            break;
-        case 2:
-            text += std::string(keys[in.below(std::size(keys))]) + ";" + harmless(in.bytes(in.below(100))) + ";1\n";
-            break;
-        case 3: text += harmless(in.bytes(in.below(600))); break;
-        case 4: text.append(in.below(600), 'y'); break;
-        default: text += "\n"; break;
-        }
-    }
-    return text;
-}
+constexpr char conf_path[] = "/storage/application/wlc/wlc-sec-tun.conf";
+constexpr char temp_path[] = "/storage/application/wlc/wlc-sec-tun-temp.conf";
 
 void write_file(const char *path, const std::string &text) {
     FILE *file = fopen(path, "w");
@@ -116,7 +67,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     const bool to_console  = (settings & 0x30) == 0x30;
     tlscWlcMsgEventDbg = tlscWlcIpcEventDbg = tlscWlcIpcErrDbg = to_console;
 
-    const std::string text = file_text(in);
+    const std::string text = conf_text(in);
     write_file(conf_path, text);
     (void)remove(temp_path);
     begin(nullptr);

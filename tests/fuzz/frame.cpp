@@ -47,8 +47,10 @@ void check_data(const expected_frame &frame, int32_t result) {
     if (world.to_tun.empty()) return;  // the write failed, or there is no session
     const std::string &written = world.to_tun[0];
     MUST(written.size() == frame.length);
-    if (frame.payload.empty() || static_cast<uint8_t>(frame.payload[0]) >> 4 != 4) MUST(written == frame.payload);
-    else if (frame.length >= 20) MUST(memcmp(written.data() + 16, "\x0a\x01\x00\x02", 4) == 0);
+    const uint8_t first = frame.payload.empty() ? 0 : static_cast<uint8_t>(frame.payload[0]);
+    if (first >> 4 != 4) MUST(written == frame.payload);
+    // A header that ends in front of the address has the transport's checksum in its place.
+    else if (frame.length >= 20 && (first & 15) >= 5) MUST(memcmp(written.data() + 16, "\x0a\x01\x00\x02", 4) == 0);
 }
 
 void one_record(fuzz_input &in, tlsc_sock *sock) {

@@ -1,4 +1,5 @@
-// What every target needs: the input taken apart from its front, and the one way to report a finding.
+// What every target needs: the input taken apart from its front, the one way to report a finding, and a look for what
+// must not be shown.
 #pragma once
 
 #include <algorithm>
@@ -18,6 +19,18 @@
             abort();                                                                              \
         }                                                                                         \
     } while (0)
+
+// Any eight characters in a row of the secret.
+inline bool shows(const std::string &text, std::string_view secret) {
+    for (size_t i = 0; i + 8 <= secret.size(); ++i) {
+        const size_t at = text.find(secret.substr(i, 8));
+        if (at == std::string::npos) continue;
+        const size_t from = at < 100 ? 0 : at - 100;
+        fprintf(stderr, "\nthe secret shows: ...%s...\n", text.substr(from, 200).c_str());
+        return true;
+    }
+    return false;
+}
 
 // Hands out the bytes from the front; behind the end everything is zero.
 class fuzz_input {

@@ -166,17 +166,6 @@ bool is_deadly_response(const std::string &text) {
     return static_cast<uint32_t>(strtoll(found + sizeof(name) - 1, nullptr, 10)) < 5;
 }
 
-bool shows(const std::string &text, std::string_view secret) {
-    for (size_t i = 0; i + 8 <= secret.size(); ++i) {
-        const size_t at = text.find(secret.substr(i, 8));
-        if (at == std::string::npos) continue;
-        const size_t from = at < 100 ? 0 : at - 100;
-        fprintf(stderr, "\nthe secret shows: ...%s...\n", text.substr(from, 200).c_str());
-        return true;
-    }
-    return false;
-}
-
 }  // namespace kernel
 
 using namespace kernel;

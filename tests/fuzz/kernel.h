@@ -133,7 +133,4 @@ void send_record(descriptor &stream, const std::string &content);
 // True when the text, as a configuration response, sets a DPD interval that ends the process by contract.
 bool is_deadly_response(const std::string &text);
 
-// Any eight characters in a row of the secret.
-bool shows(const std::string &text, std::string_view secret);
-
 }  // namespace kernel
