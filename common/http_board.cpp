@@ -4,8 +4,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include "log.h"
-
 namespace common {
 
 namespace {
@@ -20,10 +18,8 @@ unique_fd make_bell() {
 
 }  // namespace
 
-http_board::http_board(loop &owner, std::string stream, size_t most, size_t most_bytes)
-    : stream_(std::move(stream)), most_(most), most_bytes_(most_bytes), bell_(make_bell()), watch_(owner, bell_.get()) {
-    watch_.start(readable, [this](unsigned) { make_wanted(); });
-}
+http_board::http_board(std::string stream, size_t most, size_t most_bytes)
+    : stream_(std::move(stream)), most_(most), most_bytes_(most_bytes), bell_(make_bell()) {}
 
 http_board::~http_board() { close(); }
 
@@ -33,7 +29,7 @@ void http_board::offer(const std::string &name, std::chrono::milliseconds fresh,
 }
 
 // Made without the lock: what takes time takes it from nobody but the reader.
-void http_board::make_wanted() {
+void http_board::serve_bell() {
     uint64_t count;
     (void)!::read(bell_.get(), &count, sizeof count);
     for (entry &each : entries_) {
@@ -43,7 +39,10 @@ void http_board::make_wanted() {
             each.is_wanted = false;
         }
         shared_text made;
-        guarded("http", [&] { made = std::make_shared<const std::string>(each.make()); });
+        try {
+            made = std::make_shared<const std::string>(each.make());
+        } catch (const std::exception &) {  // whoever wanted it is told that there is none
+        }
         std::lock_guard<std::mutex> held(lock_);
         each.text    = std::move(made);
         each.made_at = clock::now();

@@ -1,5 +1,6 @@
 // Where a program's loop lays out what its HTTP threads show: texts that are made when somebody wants them, and the
-// newest events. The loop never waits for a reader; a reader waits a little for the loop.
+// newest events. The loop never waits for a reader; a reader waits a little for the loop. The loop watches the board's
+// bell, and serves it when it is readable.
 #pragma once
 
 #include <chrono>
@@ -13,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "loop.h"
 #include "unique_fd.h"
 
 namespace common {
@@ -48,11 +48,14 @@ public:
 class http_board final : public http_board_view {
 public:
     // stream: of the events. The oldest events go when there are more than `most`, or more than `most_bytes` of text.
-    http_board(loop &owner, std::string stream, size_t most = 1000, size_t most_bytes = 256 * 1024);
+    explicit http_board(std::string stream, size_t most = 1000, size_t most_bytes = 256 * 1024);
     ~http_board() override;
 
-    // Offers a text. make: called on the loop's thread when somebody wants it and the last one is older than `fresh`.
+    // Offers a text. make: called by serve_bell() when somebody wants it and the last one is older than `fresh`.
     void offer(const std::string &name, std::chrono::milliseconds fresh, std::function<std::string()> make);
+
+    int  bell() const { return bell_.get(); }
+    void serve_bell();
 
     // Adds an event. Numbers begin anywhere and have no gaps.
     void add_event(uint64_t number, std::string text);
@@ -78,12 +81,9 @@ private:
         bool                         is_wanted = false;
     };
 
-    void make_wanted();
-
     const std::string       stream_;
     const size_t            most_, most_bytes_;
     unique_fd               bell_;  // rung by the threads
-    descriptor_watch        watch_;
     mutable std::mutex      lock_;
     std::condition_variable changed_;
     std::list<entry>        entries_;

@@ -7,9 +7,9 @@ namespace common {
 
 namespace {
 
-std::string escaped(const std::string &value) {
+std::string escaped(const char *value) {
     std::string all;
-    for (char c : value) {
+    for (char c = *value; c != '\0'; c = *++value) {
         if (c == '\\' || c == '"') all += '\\';
         if (c == '\n') all += "\\n";
         else all += c;

@@ -10,7 +10,7 @@ namespace common {
 
 class metrics_text {
 public:
-    using labels = std::initializer_list<std::pair<const char *, std::string>>;
+    using labels = std::initializer_list<std::pair<const char *, const char *>>;
 
     // Begins a family. type: "counter" or "gauge". One without samples is left out.
     void family(const char *name, const char *type, const char *help);

@@ -605,7 +605,7 @@ void agent::save() {
     json    kept      = known_.save(pid, start_time_of(pid), present());
     kept["keeper"]    = keeper_.save();
     kept["metrics"]   = telemetry_.save();
-    std::string error = write_memory(options_.memory, kept);
+    std::string error = write_memory(options_.memory, json_line(kept));
     if (!error.empty() && error != memory_error_) log_failure("agent", error.c_str());
     memory_error_ = error;
 }

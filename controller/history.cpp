@@ -46,8 +46,19 @@ std::string boot() {
     return count == 36 ? text : "";
 }
 
-double number_at(const json &list, size_t index) {
-    return list.is_array() && index < list.size() && list[index].is_number() ? list[index].get<double>() : -1;
+double number_at(const json &object, const char *name) {
+    auto at = object.is_object() ? object.find(name) : object.end();
+    return object.is_object() && at != object.end() && at->is_number() ? at->get<double>() : -1e18;
+}
+
+uint64_t count_at(const json &object, const char *name) {
+    double value = number_at(object, name);
+    return value >= 0 && value < 1e18 ? static_cast<uint64_t>(value) : 0;
+}
+
+std::string text_at(const json &object, const char *name) {
+    auto at = object.is_object() ? object.find(name) : object.end();
+    return object.is_object() && at != object.end() && at->is_string() ? at->get<std::string>() : "";
 }
 
 int64_t wall_seconds(double at, const moment &now) {
@@ -95,8 +106,8 @@ void history::join_shortest() {
 }
 
 void history::forget_old(double now) {
-    while (states_.size() > 1 && states_[1].at <= now - span) states_.pop_front();
-    while (!samples_.empty() && samples_.front().at < now - span) samples_.pop_front();
+    while (states_.size() > 1 && states_[1].at <= now - span) states_.erase(states_.begin());
+    while (!samples_.empty() && samples_.front().at < now - span) samples_.erase(samples_.begin());
 }
 
 // ---- 2 samples ------------------------------------------------------------------------------------------------------
@@ -134,26 +145,46 @@ void history::look(const knowledge &known, const moment &now) {
 
 // ---- 3 what is shown ------------------------------------------------------------------------------------------------
 
-json history::describe(const moment &now) const {
-    int64_t present_second = now.wall / 1000, begin = present_second - static_cast<int64_t>(span);
-    json    states = json::array(), samples = json::array();
-    if (states_.empty() || wall_seconds(states_.front().at, now) > begin)
-        states.push_back({{"at", begin}, {"state", "unknown"}, {"reason", ""}});
-    for (const state_change &each : states_)
-        states.push_back({{"at", std::min(wall_seconds(each.at, now), present_second)},
-                          {"state", shown_name(each.is)},
-                          {"reason", reason_at(each.reason)}});
-    for (const sample &each : samples_)
-        samples.push_back({{"at", wall_seconds(each.at, now)},
-                           {"packets_out", each.packets_out},
-                           {"packets_in", each.packets_in},
-                           {"errors", each.errors},
-                           {"invalid", each.invalid}});
-    return {{"now", present_second},
-            {"span", static_cast<int>(span)},
-            {"step", static_cast<int>(step)},
-            {"states", states},
-            {"samples", samples}};
+// All of it is numbers and words of our own: nothing needs escaping.
+std::string history::states_text(const moment &now) const {
+    int64_t     present_second = now.wall / 1000, begin = present_second - static_cast<int64_t>(span);
+    char        line[120];
+    std::string all;
+    if (states_.empty() || wall_seconds(states_.front().at, now) > begin) {
+        snprintf(line, sizeof line, "{\"at\":%lld,\"state\":\"unknown\",\"reason\":\"\"},",
+                 static_cast<long long>(begin));
+        all = line;
+    }
+    for (const state_change &each : states_) {
+        snprintf(line, sizeof line, "{\"at\":%lld,\"state\":\"%s\",\"reason\":\"%s\"},",
+                 static_cast<long long>(std::min(wall_seconds(each.at, now), present_second)), shown_name(each.is),
+                 reason_at(each.reason));
+        all += line;
+    }
+    if (!all.empty()) all.pop_back();
+    return all;
+}
+
+std::string history::samples_text(const moment &now) const {
+    char        line[200];
+    std::string all;
+    for (const sample &each : samples_) {
+        snprintf(line, sizeof line,
+                 "{\"at\":%lld,\"packets_out\":%llu,\"packets_in\":%llu,\"errors\":%llu,\"invalid\":%llu},",
+                 static_cast<long long>(wall_seconds(each.at, now)), static_cast<unsigned long long>(each.packets_out),
+                 static_cast<unsigned long long>(each.packets_in), static_cast<unsigned long long>(each.errors),
+                 static_cast<unsigned long long>(each.invalid));
+        all += line;
+    }
+    if (!all.empty()) all.pop_back();
+    return all;
+}
+
+std::string history::describe(const moment &now) const {
+    char head[80];
+    snprintf(head, sizeof head, "\"now\":%lld,\"span\":%d,\"step\":%d", static_cast<long long>(now.wall / 1000),
+             static_cast<int>(span), static_cast<int>(step));
+    return head + (",\"states\":[" + states_text(now) + "],\"samples\":[" + samples_text(now) + "]");
 }
 
 // ---- 4 what is kept -------------------------------------------------------------------------------------------------
@@ -162,58 +193,44 @@ std::string history::save(const moment &now) {
     next_save_  = now.mono + soon;
     is_unsaved_ = false;
     if (path_.empty()) return "";
-    json states = json::array(), samples = json::array();
-    for (const state_change &each : states_)
-        states.push_back({std::round(each.at), names[static_cast<size_t>(each.is)], reason_at(each.reason)});
-    for (const sample &each : samples_)
-        samples.push_back({std::round(each.at), each.packets_out, each.packets_in, each.errors, each.invalid});
-    return write_memory(path_, {{"schema", schema_number},
-                                {"boot", boot()},
-                                {"mono", now.mono},
-                                {"wall", now.wall},
-                                {"states", states},
-                                {"samples", samples}});
+    return write_memory(path_, "{\"schema\":" + std::to_string(schema_number) + ",\"boot\":\"" + boot() +
+                                   "\",\"mono\":" + std::to_string(now.mono) + "," + describe(now) + "}\n");
 }
 
-// shift: what is added to the kept monotonic times. What would lie in the future, or in no order, is not taken.
+// shift: from the wall's seconds to the present monotonic clock. What would lie in the future, or in no order, is not
+// taken.
 void history::take(const json &kept, double shift, const moment &now) {
-    double last = -1e18;
-    for (const json &each : kept.value("states", json::array())) {
-        double at   = number_at(each, 0) + shift;
-        bool   good = each.is_array() && each.size() == 3 && each[0].is_number() && each[1].is_string() &&
-                    each[2].is_string() && at >= last && at <= now.mono && states_.size() < most_states;
-        auto name = good ? std::find(std::begin(names), std::end(names), each[1].get<std::string>()) : std::end(names);
-        if (name == std::end(names)) continue;
+    double last = -1e15;
+    for (const json &each : kept["states"]) {
+        double      at   = number_at(each, "at") + shift;
+        std::string word = text_at(each, "state");
+        auto        name = std::find(std::begin(names), std::end(names), word);
+        if (at < last || at > now.mono || name == std::end(names) || states_.size() >= most_states) continue;
         last = at;
-        states_.push_back({at, static_cast<shown>(name - names), place_of(each[2].get<std::string>())});
+        states_.push_back({at, static_cast<shown>(name - names), place_of(text_at(each, "reason"))});
     }
-    last = -1e18;
-    for (const json &each : kept.value("samples", json::array())) {
-        double at   = number_at(each, 0) + shift;
-        bool   good = each.is_array() && each.size() == 5 && at > last && at <= now.mono &&
-                    samples_.size() < static_cast<size_t>(span / step) + 1;
-        for (size_t i = 1; good && i < 5; i++) good = each[i].is_number_unsigned();
-        if (!good) continue;
+    last = -1e15;
+    for (const json &each : kept["samples"]) {
+        double at = number_at(each, "at") + shift;
+        if (at <= last || at > now.mono || samples_.size() > static_cast<size_t>(span / step)) continue;
         last = at;
-        samples_.push_back(
-            {at, each[1].get<uint64_t>(), each[2].get<uint64_t>(), each[3].get<uint64_t>(), each[4].get<uint64_t>()});
+        samples_.push_back({at, count_at(each, "packets_out"), count_at(each, "packets_in"), count_at(each, "errors"),
+                            count_at(each, "invalid")});
     }
 }
 
 void history::load(const moment &now) {
     if (path_.empty()) return;
     json kept = read_memory(path_);
-    if (!kept.is_object()) return;
-    json states = kept.value("states", json()), samples = kept.value("samples", json());
-    json mono = kept.value("mono", json()), wall = kept.value("wall", json());
-    if (!states.is_array() || !samples.is_array() || !mono.is_number() || !wall.is_number_integer()) return;
+    if (!kept.is_object() || !kept.contains("states") || !kept["states"].is_array() || !kept.contains("samples") ||
+        !kept["samples"].is_array())
+        return;
     // In another boot only the wall's clock tells how long ago it was.
-    double shift        = 0;
-    bool   is_same_boot = !boot().empty() && kept.value("boot", json("")) == boot();
-    if (!is_same_boot)
-        shift = now.mono - mono.get<double>() - static_cast<double>(now.wall - wall.get<int64_t>()) / 1000;
+    double mono = number_at(kept, "mono"), wall = number_at(kept, "now");
+    bool   is_same_boot = !boot().empty() && text_at(kept, "boot") == boot();
+    double shift        = is_same_boot ? mono - wall : now.mono - static_cast<double>(now.wall) / 1000;
     take(kept, shift, now);
-    double ended = mono.get<double>() + shift;
+    double ended = wall + shift;
     if (!states_.empty() && ended <= now.mono)
         states_.push_back({std::max(ended, states_.back().at), shown::unknown, 0});
     forget_old(now.mono);

@@ -6,8 +6,9 @@
 #include "base.h"
 #include "known.h"
 
-#include <deque>
+#include <array>
 #include <string>
+#include <vector>
 
 namespace wlcctl {
 
@@ -41,8 +42,8 @@ public:
     // Writes the file. Returns an empty text or what failed.
     std::string save(const moment &now);
 
-    // The members of /history.json from "now" on.
-    json describe(const moment &now) const;
+    // The members of /history.json from "now" on, as text.
+    std::string describe(const moment &now) const;
 
 private:
     struct state_change {
@@ -56,22 +57,24 @@ private:
     };
     using sums = std::array<uint64_t, 4>;  // in the order of a sample
 
-    void add(const state_change &next);
-    void forget_old(double now);
-    void join_shortest();
-    void end_step(const counter_book &book, double now);
-    void take(const json &kept, double shift, const moment &now);
+    std::string states_text(const moment &now) const;
+    std::string samples_text(const moment &now) const;
+    void        add(const state_change &next);
+    void        forget_old(double now);
+    void        join_shortest();
+    void        end_step(const counter_book &book, double now);
+    void        take(const json &kept, double shift, const moment &now);
 
-    std::string              path_;
-    std::deque<state_change> states_;               // oldest first
-    std::deque<sample>       samples_;              // oldest first
-    sums                     base_{};               // of the present step
-    double                   step_began_  = -1;     // monotonic; below 0: none has
-    bool                     has_reports_ = false;  // in the present step
-    double                   next_save_   = 0;
-    bool                     is_unsaved_  = false;
-    double                   last_report_ = 0;
-    std::string              error_;
+    std::string               path_;
+    std::vector<state_change> states_;               // oldest first
+    std::vector<sample>       samples_;              // oldest first
+    sums                      base_{};               // of the present step
+    double                    step_began_  = -1;     // monotonic; below 0: none has
+    bool                      has_reports_ = false;  // in the present step
+    double                    next_save_   = 0;
+    bool                      is_unsaved_  = false;
+    double                    last_report_ = 0;
+    std::string               error_;
 };
 
 }  // namespace wlcctl

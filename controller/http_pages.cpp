@@ -1,5 +1,7 @@
 #include "http_pages.h"
 
+#include "common/http_board.h"
+
 #include "page.h"
 
 #include <atomic>
@@ -7,16 +9,19 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 // Contents: 1 texts  2 events  3 the report  4 all together
 
 namespace wlcctl {
 
 using namespace common;
+using std::chrono::milliseconds;
 
 namespace {
 
@@ -209,7 +214,9 @@ std::string read_whole(const std::string &path) {
 
 class reporter {
 public:
-    explicit reporter(std::vector<std::string> command) : command_(std::move(command)) {}
+    explicit reporter(const http_options &options)
+        : command_{options.program, "--socket", options.socket, "report", "--conf",
+                   options.conf,    "--log",    options.log,    "--out"} {}
 
     // One at a time: it reads logs and runs programs.
     http_answer make(const http_request &request) {
@@ -252,11 +259,17 @@ constexpr struct {
 
 class pages final : public http_pages {
 public:
-    pages(const http_options &options, http_board_view &board)
-        : board_(board), reporter_(options.report), server_(service(), options.limits) {}
+    pages(const http_options &options, const std::string &stream)
+        : place_(options.place), board_(stream), reporter_(options), server_(service(), options.limits) {}
+    ~pages() override { board_.close(); }
 
-    std::string open(const http_place &place) { return server_.open(place); }
-    uint16_t    port() const override { return server_.port(); }
+    std::string open() override { return server_.open(place_); }
+    void        offer(const char *name, milliseconds fresh, std::function<std::string()> make) override {
+        board_.offer(name, fresh, std::move(make));
+    }
+    void add_event(uint64_t number, std::string text) override { board_.add_event(number, std::move(text)); }
+    int  bell() const override { return board_.bell(); }
+    void serve_bell() override { board_.serve_bell(); }
 
 private:
     http_service service() {
@@ -287,7 +300,8 @@ private:
                                 "; there are: /, /status.json, /conf.json, /events, /history.json, /metrics, /report");
     }
 
-    http_board_view  &board_;
+    const http_place  place_;
+    http_board        board_;
     const shared_text page_ = std::make_shared<const std::string>(reinterpret_cast<const char *>(page_html),
                                                                   page_html_size);
     reporter          reporter_;
@@ -300,14 +314,10 @@ private:
 
 const char *wlcctl_http_version = WLCCTL_VERSION;
 
-wlcctl::http_pages *wlcctl_open_http_pages(const wlcctl::http_options &options, common::http_board_view &board,
-                                           std::string &why) {
+wlcctl::http_pages *wlcctl_make_http_pages(const wlcctl::http_options &options, const std::string &stream) {
     try {
-        auto made = std::make_unique<wlcctl::pages>(options, board);
-        why       = made->open(options.place);
-        return why.empty() ? made.release() : nullptr;
-    } catch (const std::exception &error) {
-        why = error.what();
+        return new wlcctl::pages(options, stream);
+    } catch (const std::exception &) {
         return nullptr;
     }
 }

@@ -39,9 +39,11 @@ public:
     void on_up(const moment &now);
     void on_progress(const moment &now);  // a start, a name query, a new wait
 
-    json describe(const moment &now) const;  // "name_queries" of `status`
-    json save() const;
-    void load(const json &kept);
+    json     describe(const moment &now) const;  // "name_queries" of `status`
+    uint64_t answered() const { return answered_; }
+    uint64_t failed() const { return failed_; }
+    json     save() const;
+    void     load(const json &kept);
 
 private:
     void        read_conf();

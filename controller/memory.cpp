@@ -31,10 +31,10 @@ json read_memory(const std::string &path) {
     return content.is_object() ? content : nothing;
 }
 
-std::string write_memory(const std::string &path, const json &content) {
+std::string write_memory(const std::string &path, const std::string &text) {
     size_t slash = path.find_last_of('/');
     if (slash != std::string::npos && slash > 0) (void)mkdir(path.substr(0, slash).c_str(), 0755);
-    std::string fresh = path + ".new", text = json_line(content);
+    std::string fresh = path + ".new";
     (void)unlink(fresh.c_str());
     unique_fd fd(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     bool      is_good = fd && write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&

@@ -12,6 +12,6 @@ json read_memory(const std::string &path);
 
 // Replaces the file in one step, mode 0600; makes its directory, not the one above. Returns an empty text or what
 // failed.
-std::string write_memory(const std::string &path, const json &content);
+std::string write_memory(const std::string &path, const std::string &text);
 
 }  // namespace wlcctl

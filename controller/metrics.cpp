@@ -32,11 +32,6 @@ enum place : size_t {
     rekey_success  = 10
 };
 
-uint64_t whole(const json &object, const std::string &name) {
-    auto at = object.find(name);
-    return at != object.end() && at->is_number_unsigned() ? at->get<uint64_t>() : 0;
-}
-
 void load_counts(const json &kept, const char *name, std::map<std::string, uint64_t> &to) {
     auto at = kept.find(name);
     if (at == kept.end() || !at->is_object()) return;
@@ -44,10 +39,12 @@ void load_counts(const json &kept, const char *name, std::map<std::string, uint6
         if (value.is_number_unsigned() && to.size() < 64) to[key] = value.get<uint64_t>();
 }
 
-json counts_json(const std::map<std::string, uint64_t> &counts) {
-    json all = json::object();
-    for (const auto &[key, value] : counts) all[key] = value;
-    return all;
+// Names are codes of ours, or hooks': nothing needs escaping.
+std::string counts_text(const char *name, const std::map<std::string, uint64_t> &counts) {
+    std::string all = std::string("\"") + name + "\":{";
+    for (const auto &[key, value] : counts) all += "\"" + key + "\":" + std::to_string(value) + ",";
+    if (all.back() == ',') all.pop_back();
+    return all + "}";
 }
 
 }  // namespace
@@ -105,7 +102,7 @@ void metrics::count_bytes() {
 
 uint64_t metrics::names(const char *result) const {
     auto at = earlier_names_.find(result);
-    return (at == earlier_names_.end() ? 0 : at->second) + whole(keeper_.describe({}), result);
+    return (at == earlier_names_.end() ? 0 : at->second) + (*result == 'a' ? keeper_.answered() : keeper_.failed());
 }
 
 // ---- 2 the page -----------------------------------------------------------------------------------------------------
@@ -120,7 +117,7 @@ void metrics::put_tunnel(metrics_text &to, const moment &now) const {
     for (shown each : {shown::up, shown::degraded, shown::connecting, shown::down, shown::stopped, shown::unknown})
         to.sample(uint64_t{each == is}, {{"state", shown_name(each)}});
     to.family("tlsc_down_total", "counter", "Times that the tunnel went down, by reason code.");
-    for (const auto &[code, count] : downs_) to.sample(count, {{"reason", code}});
+    for (const auto &[code, count] : downs_) to.sample(count, {{"reason", code.c_str()}});
     to.family("tlsc_up_seconds", "gauge", "Seconds since the tunnel came up, 0 while it is not up.");
     if (known_.state.tun.known() || known_.state.running.is(false))
         to.sample(is_up ? std::max(0.0, now.mono - known_.state.tun.since.mono) : 0.0);
@@ -157,10 +154,10 @@ void metrics::put_errors(metrics_text &to) const {
         std::string label = counter_labels[i];
         size_t      mark  = label.find("_errors_");
         if (mark == std::string::npos || label.ends_with("_total")) continue;
-        std::string reason = label.substr(mark + 8);
+        std::string op = label.substr(4, mark - 4), reason = label.substr(mark + 8);
         std::transform(reason.begin(), reason.end(), reason.begin(), [](unsigned char c) { return std::tolower(c); });
         to.sample(known_.book.totals[i],
-                  {{"side", label.substr(0, 3)}, {"op", label.substr(4, mark - 4)}, {"reason", reason}});
+                  {{"side", label.starts_with("ssl") ? "ssl" : "tun"}, {"op", op.c_str()}, {"reason", reason.c_str()}});
     }
 }
 
@@ -190,30 +187,31 @@ std::string metrics::text(const moment &now) const {
 // ---- 3 what is kept -------------------------------------------------------------------------------------------------
 
 json metrics::save() const {
-    return {{"downs", counts_json(downs_)},
-            {"hook_failures", counts_json(hook_failures_)},
-            {"names", {{"answered", names("answered")}, {"failed", names("failed")}}},
-            {"rekey_failures", rekey_failures_},
-            {"was_up", was_up_},
-            {"bytes", {{"index", link_.index}, {"in", link_.in}, {"out", link_.out}}},
-            {"bytes_in", bytes_in_},
-            {"bytes_out", bytes_out_}};
+    counts others    = {{"rekey_failures", rekey_failures_},
+                        {"was_up", was_up_},
+                        {"link", static_cast<uint64_t>(link_.index)},
+                        {"link_in", link_.in},
+                        {"link_out", link_.out},
+                        {"bytes_in", bytes_in_},
+                        {"bytes_out", bytes_out_}};
+    counts all_names = {{"answered", names("answered")}, {"failed", names("failed")}};
+    return parse_json("{" + counts_text("downs", downs_) + "," + counts_text("hook_failures", hook_failures_) + "," +
+                      counts_text("names", all_names) + "," + counts_text("others", others) + "}");
 }
 
 void metrics::load(const json &kept) {
-    auto mine = kept.is_object() ? kept.find("metrics") : kept.end();
-    if (!kept.is_object() || mine == kept.end() || !mine->is_object()) return;
-    load_counts(*mine, "downs", downs_);
-    load_counts(*mine, "hook_failures", hook_failures_);
-    load_counts(*mine, "names", earlier_names_);
-    rekey_failures_ = whole(*mine, "rekey_failures");
-    bytes_in_       = whole(*mine, "bytes_in");
-    bytes_out_      = whole(*mine, "bytes_out");
-    was_up_         = mine->value("was_up", json(false)) == true;
-    auto bytes      = mine->find("bytes");
-    if (bytes == mine->end() || !bytes->is_object()) return;
-    link_ = {static_cast<int>(std::min<uint64_t>(whole(*bytes, "index"), 1u << 30)), whole(*bytes, "in"),
-             whole(*bytes, "out")};
+    if (!kept.is_object() || !kept.contains("metrics") || !kept["metrics"].is_object()) return;
+    const json &mine = kept["metrics"];
+    counts      others;
+    load_counts(mine, "downs", downs_);
+    load_counts(mine, "hook_failures", hook_failures_);
+    load_counts(mine, "names", earlier_names_);
+    load_counts(mine, "others", others);
+    rekey_failures_ = others["rekey_failures"];
+    was_up_         = others["was_up"] != 0;
+    bytes_in_       = others["bytes_in"];
+    bytes_out_      = others["bytes_out"];
+    link_           = {static_cast<int>(others["link"] & 0x7fffffff), others["link_in"], others["link_out"]};
 }
 
 }  // namespace wlcctl

@@ -30,9 +30,7 @@ std::string in_json(const std::string &text) {
 }
 
 std::string redact_text(const std::string &text, const redactor &secrets) {
-    bool has_mark = std::any_of(std::begin(log_marks), std::end(log_marks),
-                                [&](const auto &each) { return text.find(each.mark) != std::string::npos; });
-    if (!has_mark) return secrets.apply(text);
+    if (!secrets.concerns(text)) return text;
     redactor more = secrets;
     more.hide_logged(text);
     return more.apply(text);
@@ -69,6 +67,12 @@ std::string redactor::apply(std::string text) const {
         for (size_t at = 0; (at = text.find(secret, at)) != std::string::npos; at += 3)
             text.replace(at, secret.size(), "***");
     return text;
+}
+
+bool redactor::concerns(const std::string &text) const {
+    auto holds = [&](const auto &part) { return text.find(part) != std::string::npos; };
+    return std::any_of(secrets_.begin(), secrets_.end(), holds) ||
+           std::any_of(std::begin(log_marks), std::end(log_marks), [&](const auto &each) { return holds(each.mark); });
 }
 
 json redacted(const json &value, const redactor &secrets) {

@@ -24,6 +24,9 @@ public:
 
     std::string apply(std::string text) const;
 
+    // True when the text holds, or may hold, something to be hidden.
+    bool concerns(const std::string &text) const;
+
 private:
     std::vector<std::string> secrets_;  // longest first
 };

@@ -43,16 +43,15 @@ void *open_module(std::string &why) {
     return nullptr;
 }
 
-http_pages *open_pages(const http_options &options, http_board_view &board, std::string &why) {
-    void *module = open_module(why);  // stays: its threads' last instructions lie in it
+// The module stays: its threads' last instructions lie in it.
+http_pages *make_pages(const http_options &options, const std::string &stream, std::string &why) {
+    void *module = open_module(why);
     if (!module) return nullptr;
     auto *version = static_cast<const char **>(dlsym(module, "wlcctl_http_version"));
-    auto *open    = reinterpret_cast<open_http_pages_function *>(dlsym(module, "wlcctl_open_http_pages"));
-    if (!version || !open || strcmp(*version, WLCCTL_VERSION) != 0) {
-        why = std::string(http_module_name) + " is of another version";
-        return nullptr;
-    }
-    return open(options, board, why);
+    auto *make    = reinterpret_cast<make_http_pages_function *>(dlsym(module, "wlcctl_make_http_pages"));
+    bool  is_ours = version && make && strcmp(*version, WLCCTL_VERSION) == 0;
+    why           = is_ours ? "no descriptor is left" : std::string(http_module_name) + " is of another version";
+    return is_ours ? make(options, stream) : nullptr;
 }
 
 }  // namespace
@@ -74,10 +73,6 @@ telemetry::telemetry(loop &owner, const agent_options &options, knowledge &known
     });
 }
 
-telemetry::~telemetry() {
-    if (board_) board_->close();
-}
-
 void telemetry::load(const json &kept) {
     metrics_.load(kept);
     history_.load(present());
@@ -91,43 +86,45 @@ std::string telemetry::open(int &status) {
     if (!wanted.place.is_loopback && !options_.http_anywhere)
         return "--http: " + wanted.place.address +
                " can be reached by others, and answers need no password; --http-anywhere allows it";
-    wanted.report = {options_.program.empty() ? "/proc/self/exe" : options_.program,
-                     "--socket",
-                     options_.socket,
-                     "report",
-                     "--conf",
-                     options_.conf,
-                     "--log",
-                     options_.daemon_log,
-                     "--out"};
-    status = exit_failed;
-    board_ = std::make_unique<http_board>(owner_, known_.log.stream());
+    wanted.program = options_.program.empty() ? "/proc/self/exe" : options_.program;
+    wanted.socket  = options_.socket;
+    wanted.conf    = options_.conf;
+    wanted.log     = options_.daemon_log;
+    status         = exit_failed;
+    std::string why;
+    pages_.reset(make_pages(wanted, known_.log.stream(), why));
+    if (pages_) why = show_all();
+    return why.empty() ? "" : "--http: " + why;
+}
+
+// Lays everything out, and opens the doors.
+std::string telemetry::show_all() {
     offer_texts();
     secrets_.hide_conf(options_.conf);
     known_.log.each_since(0, [this](const event &e) {
-        show_event(e, parse_json(known_.log.text(e)));
+        show_event(e);
         return true;
     });
-    std::string why;
-    pages_.reset(open_pages(wanted, *board_, why));
-    return pages_ ? "" : "--http: " + why;
+    bell_ = std::make_unique<descriptor_watch>(owner_, pages_->bell());
+    bell_->start(readable, [this](unsigned) { pages_->serve_bell(); });
+    return pages_->open();
 }
 
 void telemetry::look(const moment &now) {
     metrics_.look(now);
     history_.look(known_, now);
-    if (!board_ || now.mono < secrets_read_ + conf_period) return;
+    if (!pages_ || now.mono < secrets_read_ + conf_period) return;
     secrets_read_ = now.mono;
     secrets_.hide_conf(options_.conf);  // the old ones stay hidden
 }
 
 void telemetry::offer_texts() {
-    board_->offer("status", fresh, [this] {
+    pages_->offer("status", fresh, [this] {
         return verbs_.server().answer_text("status", redacted(verbs_.status_now(), secrets_)) + "\n";
     });
-    board_->offer("conf", fresh, [this] { return conf_text(); });
-    board_->offer("history", fresh, [this] { return history_text(); });
-    board_->offer("metrics", fresh, verbs_.metrics_text);
+    pages_->offer("conf", fresh, [this] { return conf_text(); });
+    pages_->offer("history", fresh, [this] { return history_text(); });
+    pages_->offer("metrics", fresh, verbs_.metrics_text);
 }
 
 std::string telemetry::conf_text() {
@@ -141,24 +138,22 @@ std::string telemetry::conf_text() {
 }
 
 std::string telemetry::history_text() const {
-    json all = {{"schema", schema_number}, {"version", WLCCTL_VERSION}, {"stream", known_.log.stream()}};
-    all.update(history_.describe(present()));
-    return json_line(all);
+    return "{\"schema\":" + std::to_string(schema_number) + ",\"version\":\"" WLCCTL_VERSION "\",\"stream\":\"" +
+           known_.log.stream() + "\"," + history_.describe(present()) + "}\n";
 }
 
 void telemetry::add_event(const event &e, const json &members) {
     metrics_.on_event(e, members);
-    if (board_) show_event(e, members);
+    if (pages_) show_event(e);
 }
 
-void telemetry::show_event(const event &e, const json &members) {
-    json safe = redacted(members, secrets_);
-    if (safe == members) return board_->add_event(e.number, known_.log.text(e));
-    json whole = {{"schema", schema_number}, {"stream", known_.log.stream()}};
-    whole.update(safe);
-    std::string line = json_line(whole);
-    line.pop_back();
-    board_->add_event(e.number, std::move(line));
+void telemetry::show_event(const event &e) {
+    std::string text = known_.log.text(e);
+    if (secrets_.concerns(text)) {
+        text = json_line(redacted(parse_json(text), secrets_));
+        text.pop_back();
+    }
+    pages_->add_event(e.number, std::move(text));
 }
 
 }  // namespace wlcctl

@@ -12,7 +12,6 @@
 #include "redact.h"
 #include "verbs.h"
 
-#include "common/http_board.h"
 #include "common/loop.h"
 
 #include <memory>
@@ -23,7 +22,6 @@ namespace wlcctl {
 class telemetry {
 public:
     telemetry(loop &owner, const agent_options &options, knowledge &known, keeper &keep, verbs &requests);
-    ~telemetry();  // ends every HTTP connection
 
     // Takes what an earlier agent left. kept: its memory, or no object.
     void load(const json &kept);
@@ -38,23 +36,24 @@ public:
     void finish(const moment &now) { (void)history_.save(now); }
 
 private:
+    std::string show_all();
     void        offer_texts();
     std::string conf_text();
     std::string history_text() const;
     void        add_event(const event &e, const json &members);
-    void        show_event(const event &e, const json &members);
+    void        show_event(const event &e);
 
-    loop                       &owner_;
-    const agent_options        &options_;
-    knowledge                  &known_;
-    verbs                      &verbs_;
-    metrics                     metrics_;
-    history                     history_;
-    redactor                    secrets_;
-    double                      secrets_read_ = -1;  // monotonic
-    std::unique_ptr<http_board> board_;
-    std::unique_ptr<http_pages> pages_;
-    std::shared_ptr<bool>       alive_ = std::make_shared<bool>(true);  // for the events' listener
+    loop                             &owner_;
+    const agent_options              &options_;
+    knowledge                        &known_;
+    verbs                            &verbs_;
+    metrics                           metrics_;
+    history                           history_;
+    redactor                          secrets_;
+    double                            secrets_read_ = -1;                     // monotonic
+    std::unique_ptr<http_pages>       pages_;                                 // null without --http
+    std::unique_ptr<descriptor_watch> bell_;                                  // goes before the pages
+    std::shared_ptr<bool>             alive_ = std::make_shared<bool>(true);  // for the events' listener
 };
 
 }  // namespace wlcctl

@@ -116,7 +116,8 @@ common::http_answer text_answer(common::shared_text text, const char *type) {
 class server_room final : public metrics_server {
 public:
     server_room(const common::http_place &place, tunnel_gateway &gateway, common::loop &loop)
-        : board_(loop, gateway.events.log().stream(), 1), server_(service()) {
+        : board_(gateway.events.log().stream(), 1), server_(service()), watch_(loop, board_.bell()) {
+        watch_.start(common::readable, [this](unsigned) { board_.serve_bell(); });
         board_.offer("metrics", fresh, [&gateway] { return metrics_page(gateway); });
         if (std::string why = server_.open(place); !why.empty()) throw runtime_failure("--http: " + why);
     }
@@ -145,8 +146,9 @@ private:
         return {status, "application/json", std::make_shared<const std::string>(error_json(status, what)), {}, nullptr};
     }
 
-    common::http_board  board_;
-    common::http_server server_;
+    common::http_board       board_;
+    common::http_server      server_;
+    common::descriptor_watch watch_;
 };
 
 }  // namespace
