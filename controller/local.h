@@ -39,4 +39,8 @@ int run_doctor(const doctor_options &options, const print_options &print);
 int run_report(const std::string &out, const std::string &socket, const std::string &conf, const std::string &log,
                const print_options &print);
 
+// Prints the agent's metrics, or replaces the file `out` by them. A file that could not be made anew is removed: old
+// metrics would tell of a tunnel that nobody looks at.
+int run_metrics(const std::string &out, const std::string &socket, const print_options &print);
+
 }  // namespace wlcctl

@@ -149,7 +149,7 @@ void add_agent_telling(CLI::App &verb, agent_options &options) {
     verb.add_option("--watch-socket", options.watch_socket, "That socket (by itself the first one's name with .ro)")
         ->type_name("PATH");
     verb.add_option("--http", options.http, "Serve page, status, events and metrics over HTTP, for reading only")
-        ->type_name("unix:PATH|ADDRESS:PORT");
+        ->type_name("PLACE");
     verb.add_flag("--http-anywhere", options.http_anywhere, "Allow an address there that others reach");
     verb.add_option("--log-level", options.log_level, "Of the agent's own log, on standard error")
         ->check(CLI::IsMember({"trace", "debug", "info", "warning", "error", "critical", "off"}))
@@ -551,6 +551,15 @@ void add_report(CLI::App &app, command_line &line) {
     });
 }
 
+void add_metrics(CLI::App &app, command_line &line) {
+    auto      out  = std::make_shared<std::string>();
+    CLI::App *verb = add_verb(app, "metrics", "Prints the agent's metrics in Prometheus' text format",
+                              "  wlcctl metrics\n  wlcctl metrics -o /var/lib/prometheus/node-exporter/tlsc.prom");
+    verb->add_option("-o,--out", *out, "Replace this file in one step; without an agent it is removed")
+        ->type_name("FILE");
+    verb->callback([&line, out] { line.run = [&line, out] { return run_metrics(*out, line.socket, line.print); }; });
+}
+
 void add_decode(CLI::App &app, command_line &line) {
     auto options   = std::make_shared<decode_options>();
     options->conf  = default_conf_file;
@@ -700,6 +709,7 @@ void add_verbs(CLI::App &app, command_line &line) {
     add_watch(app, line);
     add_doctor(app, line);
     add_report(app, line);
+    add_metrics(app, line);
     add_decode(app, line);
     add_agent(app, line);
     add_help(app, line);
