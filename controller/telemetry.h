@@ -32,7 +32,7 @@ public:
     // After everything that may have changed something, and every second.
     void look(const moment &now);
 
-    json save() const { return metrics_.save(); }
+    json save() const;
     void finish(const moment &now) { (void)history_.save(now); }
 
 private:

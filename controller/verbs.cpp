@@ -119,6 +119,11 @@ void verbs::set_alarm() {
 
 // ---- 3 status -------------------------------------------------------------------------------------------------------
 
+json verbs::status_now() {
+    look();
+    return status();
+}
+
 json verbs::status() const {
     moment now    = present();
     json   answer = {{"exit", known_.judge(now)}};

@@ -26,10 +26,7 @@ public:
     json_server &server() { return server_; }
 
     // The members of `status`, after a look.
-    json status_now() {
-        look();
-        return status();
-    }
+    json status_now();
 
     // Serves `metrics` with this text.
     std::function<std::string()> metrics_text;
