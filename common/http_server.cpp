@@ -165,14 +165,16 @@ struct http_server::room {
     void         close();
 };
 
-// Among those whose requests have not come yet, the oldest goes.
+// The oldest goes among those whose requests have not come yet, or that were answered and do not close.
 bool http_server::room::make_place() {
     std::lock_guard<std::mutex> held(lock);
     size_t                      staying = 0;
     for (const auto &each : connections) staying += !each->talk.is_cut && !each->is_done;
     if (staying < limits.clients) return true;
     for (const auto &each : connections) {
-        if (each->talk.is_cut || each->talk.step != http_talk::reading) continue;
+        int  step   = each->talk.step;
+        bool is_due = step == http_talk::reading || step == http_talk::leaving;
+        if (each->talk.is_cut || !is_due) continue;
         each->talk.is_cut = true;
         (void)shutdown(each->fd.get(), SHUT_RDWR);
         return connections.size() < 2 * limits.clients;

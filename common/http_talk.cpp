@@ -268,7 +268,8 @@ private:
 // ---- 4 the conversation ---------------------------------------------------------------------------------------------
 
 // A socket closed over unread bytes would be reset, and the answer lost with it.
-void take_leave(const http_talk &talk) {
+void take_leave(http_talk &talk) {
+    talk.step = http_talk::leaving;
     (void)shutdown(talk.fd, SHUT_WR);
     clock::time_point until = clock::now() + farewell;
     char              bytes[4096];
@@ -300,7 +301,7 @@ void talk_http(http_talk &talk) {
         int status = line.what == wire::trouble::too_large ? 431 : 408;
         (void)line.send(refusal_text(talk.service, status, words_of(status)));
     }
-    take_leave(talk);
+    if (line.is_writable()) take_leave(talk);
 }
 
 }  // namespace common

@@ -13,7 +13,8 @@ struct http_talk {
     enum phase {
         reading,
         answering,
-        following
+        following,
+        leaving  // answered; the client has not closed yet
     };
 
     int                   fd;
