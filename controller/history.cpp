@@ -94,12 +94,13 @@ void history::add(const state_change &next) {
     is_unsaved_ = true;
 }
 
-// Too many changes for a day: the shortest state and its neighbour become one, which is the worse of the two. So the
-// band keeps its length, and no outage vanishes from it.
+// Too many changes for a day: the two neighbours that are shortest together become one, which is the worse of the two.
+// So the band keeps its length, and no outage vanishes from it.
 void history::join_shortest() {
+    auto   length   = [this](size_t i) { return states_[i + 2].at - states_[i].at; };
     size_t shortest = 0;
     for (size_t i = 1; i + 2 < states_.size(); i++)
-        if (states_[i + 1].at - states_[i].at < states_[shortest + 1].at - states_[shortest].at) shortest = i;
+        if (length(i) < length(shortest)) shortest = i;
     state_change &first = states_[shortest], &second = states_[shortest + 1];
     if (second.is > first.is) first = {first.at, second.is, second.reason};
     states_.erase(states_.begin() + static_cast<ptrdiff_t>(shortest) + 1);
