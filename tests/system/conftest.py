@@ -28,7 +28,7 @@ from harness.sanitizers import complains, surroundings  # noqa: E402
 from harness.world import BUILD, GATEWAY_IP, World  # noqa: E402
 
 
-OPT_IN = ("slow", "bulk")
+OPT_IN = ("slow", "bulk", "browser")
 SANITIZER_BUILD = Path(os.environ["TLSC_SAN_BUILD"]).resolve() if "TLSC_SAN_BUILD" in os.environ else None
 
 
