@@ -116,7 +116,7 @@ BY_CONTRACT = [
         "the configuration file could not be opened: the parameters stay empty until the next START",
     ),
     (r'^(fstat|newfstatat)\(.*', "the same: the file's owner and mode are not known, so it is not rewritten nor read"),
-    (r"^read\(\d+, .*, 4096\)", "the configuration file could not be read to its end: what was read is what there is"),
+    (r"^read\(\d+, .*, 512\)", "the configuration file could not be read to its end: what was read is what there is"),
     (r"wlcSecTunReadAllConf", "the same"),
     (
         r"tlsc_init_ssl_config|tlsc_init_session|tlsc_init_openssl|OPENSSL_init_(crypto|ssl) < .*tlsc_init",
