@@ -75,6 +75,8 @@ telemetry::telemetry(loop &owner, const agent_options &options, knowledge &known
 
 json telemetry::save() const { return metrics_.save(); }
 
+void telemetry::finish(const moment &now) { (void)history_.save(now); }
+
 void telemetry::load(const json &kept) {
     metrics_.load(kept);
     history_.load(present());

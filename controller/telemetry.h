@@ -33,7 +33,7 @@ public:
     void look(const moment &now);
 
     json save() const;
-    void finish(const moment &now) { (void)history_.save(now); }
+    void finish(const moment &now);
 
 private:
     std::string show_all();
