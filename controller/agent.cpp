@@ -174,9 +174,9 @@ int agent::open_all() {
     if (options_.socket.empty() || options_.socket.size() > 107)
         return refuse(exit_usage, "the socket's path must have 1 to 107 characters");
     try {
-        verbs_.server().listen(options_.socket);
         int status = exit_done;
         if (std::string error = telemetry_.open(status); !error.empty()) return refuse(status, error);
+        verbs_.server().listen(options_.socket);
         if (options_.socket_group.empty()) return exit_done;
         const group *entry = getgrnam(options_.socket_group.c_str());
         if (!entry) return refuse(exit_failed, "there is no group " + printable(options_.socket_group));
