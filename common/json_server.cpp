@@ -22,8 +22,9 @@ namespace common {
 
 namespace {
 
-constexpr int    listen_backlog = 16;
-constexpr double standard_wait  = 10;  // seconds
+constexpr milliseconds accept_pause{250};  // when there was no descriptor for a client
+constexpr int          listen_backlog = 16;
+constexpr double       standard_wait  = 10;  // seconds
 
 }  // namespace
 
@@ -32,6 +33,8 @@ struct json_server::listener {
     bool                              is_read_only;
     unique_fd                         fd;
     std::unique_ptr<descriptor_watch> watch;  // goes before fd
+    timer                             again;  // accepts again
+    bool                              is_paused = false;
 };
 
 struct json_server::client {
@@ -90,9 +93,7 @@ void json_server::open_listener(const std::string &path, mode_t mode, std::optio
     sockaddr_un address = socket_address(path);
     clear_place(path, address);
 
-    auto made          = std::make_unique<listener>();
-    made->path         = path;
-    made->is_read_only = group.has_value();
+    auto made = std::make_unique<listener>(listener{path, group.has_value(), unique_fd(), nullptr, timer(owner_)});
     made->fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     mode_t before = umask(0177);
     bool is_bound = made->fd && bind(made->fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
@@ -155,7 +156,9 @@ json_server::~json_server() {
 
 void json_server::accept_client(listener &at) {
     unique_fd fd(accept4(at.fd.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!fd && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) return pause_accepting(at);
     if (!fd) return;
+    at.is_paused       = false;
     auto made          = std::make_unique<client>();
     made->number       = next_client_++;
     made->is_read_only = at.is_read_only;
@@ -171,6 +174,13 @@ void json_server::accept_client(listener &at) {
         if (events & writable) flush(*c);
         if (events & readable) read_client(*c);
     });
+}
+
+// Who waits stays ready to be taken, and without a descriptor nobody can be: the loop would go round and round.
+void json_server::pause_accepting(listener &at) {
+    if (!std::exchange(at.is_paused, true)) log_failure("socket", "no descriptor is left for another client");
+    at.watch->change(0);
+    at.again.start(accept_pause, [&at] { at.watch->change(readable); });
 }
 
 // Nothing of the client happens any more; it goes when nobody up the stack can hold it.

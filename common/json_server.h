@@ -89,6 +89,7 @@ private:
 
     void                open_listener(const std::string &path, mode_t mode, std::optional<gid_t> group);
     void                accept_client(listener &at);
+    void                pause_accepting(listener &at);
     void                read_client(client &c);
     void                take_line(client &c, const std::string &line);
     void                serve(client &c, const json &request, ticket &asked);

@@ -7,12 +7,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <optional>
 #include <spawn.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "common/log.h"
 
 #include "conf.h"
 
@@ -159,19 +165,56 @@ int start(std::vector<std::string> words, const std::string &place, child &start
     return result;
 }
 
-// Passes on what the child prints, from the first byte that says something. Returns whether there was one.
-bool pass_on(int fd) {
+// Passes on what the child prints. Returns whether anything in it says something.
+bool pass_on(int fd, const std::function<void(std::string_view)> &put) {
     char    buffer[65536];
     bool    has_frame = false;
     ssize_t count;
     while ((count = read(fd, buffer, sizeof buffer)) > 0 || (count == -1 && errno == EINTR)) {
         for (ssize_t i = 0; i < count && !has_frame; i++) has_frame = strchr("[] \t\n", buffer[i]) == nullptr;
-        if (count > 0) fwrite(buffer, 1, static_cast<size_t>(count), stdout);
+        if (count > 0) put({buffer, static_cast<size_t>(count)});
     }
     close(fd);
     fflush(stdout);
     return has_frame;
 }
+
+// tshark's array of frames as a member of an answer in one line, however long. A line end of JSON never stands in a
+// text, so it goes, with the blanks behind it.
+class frames_member {
+public:
+    void put(std::string_view text) {
+        for (char c : text) {
+            if (c == '\n') is_indent_ = true;
+            if (c != ' ' && c != '\n') is_indent_ = false;
+            if (is_indent_) continue;
+            if (!has_begun_) begin();
+            putchar(c);
+        }
+    }
+    void end(int status, const std::string &error) {
+        if (!has_begun_) begin(), fputs("[]", stdout);
+        json answer = local_answer("decode", status, error);
+        for (const char *told : {"schema", "program", "version", "stream", "request"}) answer.erase(told);
+        printf(",%s", json_line(answer).c_str() + 1);
+    }
+
+private:
+    void begin() {
+        has_begun_       = true;
+        json        told = local_answer("decode", exit_done);
+        std::string head = json_line({{"schema", told["schema"]},
+                                      {"program", told["program"]},
+                                      {"version", told["version"]},
+                                      {"stream", nullptr},
+                                      {"request", "decode"}});
+        head.resize(head.size() - 2);
+        printf("%s,\"frames\":", head.c_str());
+    }
+
+    bool has_begun_ = false;
+    bool is_indent_ = false;
+};
 
 // The last line that tshark complained with.
 std::string complaint(const std::string &place) {
@@ -187,7 +230,10 @@ std::string complaint(const std::string &place) {
 
 }  // namespace
 
-int run_decode(const decode_options &options, std::string &error) {
+namespace {
+
+// Runs tshark and passes on what it shows. error: what failed.
+int show_frames(const decode_options &options, const std::function<void(std::string_view)> &put, std::string &error) {
     if (access(options.file.c_str(), R_OK) != 0) {
         error = "cannot read " + options.file + ": " + strerror(errno);
         return 1;
@@ -208,7 +254,7 @@ int run_decode(const decode_options &options, std::string &error) {
                                  : std::string("cannot run tshark: ") + strerror(result);
         return 1;
     }
-    bool has_frame = pass_on(tshark.output);
+    bool has_frame = pass_on(tshark.output, put);
     int  status    = 0;
     while (waitpid(tshark.pid, &status, 0) == -1 && errno == EINTR) {}
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
@@ -221,6 +267,20 @@ int run_decode(const decode_options &options, std::string &error) {
         return 1;
     }
     return 0;
+}
+
+}  // namespace
+
+int run_decode(const decode_options &options, const print_options &print) {
+    std::string   error;
+    frames_member frames;
+    auto          plain  = [](std::string_view text) { fwrite(text.data(), 1, text.size(), stdout); };
+    auto          boxed  = [&](std::string_view text) { frames.put(text); };
+    int           status = print.as_json ? show_frames(options, boxed, error) : show_frames(options, plain, error);
+    if (print.as_json) frames.end(status, error);
+    if (error.empty()) return status;
+    fprintf(stderr, "wlcctl: %s\n", printable(error).c_str());
+    return status;
 }
 
 }  // namespace wlcctl

@@ -1,6 +1,8 @@
 // wlcctl decode: the frames of a capture, opened with the device's key.
 #pragma once
 
+#include "client.h"
+
 #include <string>
 
 namespace wlcctl {
@@ -15,9 +17,9 @@ struct decode_options {
     bool        as_json    = false;
 };
 
-// Has tshark print the frames on standard output, a line each, or everything about them. The key goes through a private
-// file, never through an argument. Returns 0; 1 when tshark fails or is missing, or the capture holds no frame that
-// opens: error then says why. Blocks until tshark has ended.
-int run_decode(const decode_options &options, std::string &error);
+// Has tshark print the frames on standard output, a line each, or everything about them; as JSON one answer that holds
+// them all. The key goes through a private file, never through an argument. Returns 0; 1, told in one line, when tshark
+// fails or is missing, or the capture holds no frame that opens. Blocks until tshark has ended.
+int run_decode(const decode_options &options, const print_options &print);
 
 }  // namespace wlcctl

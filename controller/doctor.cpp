@@ -132,8 +132,16 @@ private:
         loop   owner;
         lookup names(owner);
         names.start(text, milliseconds(5000), [&](const lookup_result &result) {
-            if (!result.addresses.empty()) address_ = result.addresses.front();
-            else add("resolve", "failed", text + ": " + result.error, "name-unresolved");
+            const auto &all  = result.addresses;
+            auto        ipv4 = std::find_if(all.begin(), all.end(), [&](const std::string &each) {
+                return inet_pton(AF_INET, each.c_str(), &ignored) == 1;
+            });
+            if (ipv4 != all.end()) address_ = *ipv4;
+            else if (all.empty()) add("resolve", "failed", text + ": " + result.error, "name-unresolved");
+            else
+                add("resolve", "failed",
+                    text + " has IPv6 addresses only (" + all.front() + "), and the daemon speaks IPv4 to the gateway",
+                    "name-unresolved");
             owner.stop();
         });
         owner.run();

@@ -22,6 +22,7 @@ constexpr double       retry_seconds  = 10;    // before a start that was refuse
 constexpr double       accept_seconds = 15;    // in which a start must be accepted
 constexpr double       resolve_wait   = 30;    // that the daemon waits for an address
 constexpr double       longest_pause  = 3600;  // of its waits between attempts
+constexpr milliseconds lint_patience{3000};    // for the child that asks OpenSSL
 constexpr milliseconds kill_delay{15000};      // between the order to end and SIGKILL
 
 bool is_ipv4(const std::string &text) {
@@ -51,6 +52,7 @@ keeper::keeper(loop &owner, const agent_options &options, knowledge &known, orde
       lookup_(owner),
       start_lookup_(owner),
       linter_(owner),
+      lint_limit_(owner),
       kill_(owner) {
     read_conf();
 }
@@ -129,6 +131,7 @@ void keeper::lint() {
         if (answer->size() < 65536) *answer += text;
     };
     std::string error = linter_.start(work, [this, answer, judge_here](const child_end &) {
+        lint_limit_.stop();
         json told = parse_json(*answer);
         if (!told.is_object() || !told.contains("findings") || !told["findings"].is_array()) return judge_here();
         for (const json &each : told["findings"])
@@ -136,7 +139,8 @@ void keeper::lint() {
                 return take_lint(true, "line " + std::to_string(each.value("line", 0)) + ": " + each.value("text", ""));
         take_lint(false, "");
     });
-    if (!error.empty()) judge_here();
+    if (!error.empty()) return judge_here();
+    lint_limit_.start(lint_patience, [this] { linter_.signal(SIGKILL); });  // its end judges here
 }
 
 void keeper::take_lint(bool has_failed, const std::string &first) {

@@ -67,6 +67,7 @@ private:
     lookup               lookup_;
     lookup               start_lookup_;
     child                linter_;
+    timer                lint_limit_;
     timer                kill_;
 
     bool     is_wanted_    = true;

@@ -120,10 +120,17 @@ private:
         fflush(stdout);
     }
     std::string as_json(const log_entry &entry) const {
-        json line = {{"schema", schema_number},       {"number", entry.number},
-                     {"time", wall_text(entry.wall)}, {"local", local_time_text(entry.wall)},
-                     {"level", entry.level},          {"place", entry.place},
-                     {"function", entry.function},    {"text", entry.text}};
+        json line = {{"schema", schema_number},
+                     {"program", "wlcctl"},
+                     {"version", WLCCTL_VERSION},
+                     {"stream", nullptr},
+                     {"number", entry.number},
+                     {"time", wall_text(entry.wall)},
+                     {"local", local_time_text(entry.wall)},
+                     {"level", entry.level},
+                     {"place", entry.place},
+                     {"function", entry.function},
+                     {"text", entry.text}};
         if (options_.has_why) line["reason"] = reason_.empty() ? json(nullptr) : json(reason_);
         return json_line(line);
     }

@@ -582,11 +582,7 @@ void add_decode(CLI::App &app, command_line &line) {
     verb->callback([&line, options] {
         line.run = [&line, options] {
             options->as_json = line.print.as_json;
-            std::string error;
-            if (run_decode(*options, error) == exit_done) return static_cast<int>(exit_done);
-            json answer     = local_answer("decode", exit_failed);
-            answer["error"] = error;
-            return print_answer(answer, line.print);
+            return run_decode(*options, line.print);
         };
     });
 }

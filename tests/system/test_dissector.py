@@ -13,6 +13,7 @@ import pytest
 
 from harness.daemon import CONF_FILE, PSK_KEY, conf_text
 from harness.packets import IP, UDP, Raw, raw
+from harness.schema import check_controller_answer
 from harness.world import BUILD, PROJECT, SITE_IP, wait_until
 
 LUA = PROJECT / "packaging/wireshark/cstp.lua"
@@ -228,7 +229,8 @@ def test_decode_shows_the_frames_with_the_key_of_the_configuration_file(bench):
     for text in texts:
         assert text in answer["out"]
     assert "X-CSTP-Device-ID:dev-0001" in decode(bench, "--verbose")["out"]
-    assert json.loads(decode(bench, "--json")["out"])
+    answer = check_controller_answer(json.loads(decode(bench, "--json")["out"]))
+    assert answer["ok"] and len(answer["frames"]) >= 4 and "layers" in answer["frames"][0]["_source"]
     assert leftovers(bench) == ""
 
 
@@ -274,6 +276,8 @@ def test_decode_says_in_one_line_what_is_wrong(bench):
         prepare()
         answer = decode(bench)
         assert answer["status"] == 1 and text in answer["err"] and answer["err"].count("\n") == 1
+        told = check_controller_answer(json.loads(decode(bench, "--json")["out"]))
+        assert text in told["error"] and told["frames"] == []
     world.write("/run/empty", "")
     answer = bench.world.run(["env", "PATH=/nonexistent", str(BUILD / "bin/wlcctl"), "decode", CAPTURE], check=False)
     assert answer["status"] == 1 and "tshark is missing" in answer["err"]

@@ -9,11 +9,14 @@
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <ctime>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -566,4 +569,29 @@ TEST(common_client, reads_lines_and_notices_the_end_and_the_time) {
     server.reset();
     EXPECT_EQ(c.read(line, 1), line_client::reading::over);
     EXPECT_FALSE(c.send("x\n"));
+}
+
+TEST(common_json_server, without_a_descriptor_it_waits_and_does_not_go_round) {
+    loop        l;
+    event_log   log(kinds);
+    json_server server(l, log, {"wlcctl", "1"});
+    std::string path = scratch_path("full");
+    server.listen(path);
+    auto                   waiting = std::make_unique<client>(l, path);
+    std::vector<unique_fd> all;
+    rlimit                 before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit few{64, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    for (int fd; (fd = dup(STDERR_FILENO)) >= 0;) all.emplace_back(fd);
+
+    clock_t spent = clock();
+    run_for(l, 400);
+    EXPECT_LT(static_cast<double>(clock() - spent) / CLOCKS_PER_SEC, 0.2);
+    EXPECT_EQ(server.clients(), 0u);
+
+    all.clear();
+    waiting->send("{\"request\":\"help\"}\n");
+    EXPECT_EQ(waiting->next()["ok"], true);
+    setrlimit(RLIMIT_NOFILE, &before);
 }

@@ -639,3 +639,19 @@ TEST_F(controller_agent, two_processes_that_answer_are_two_daemons_and_the_first
     kill(others[0], SIGKILL);
     ended(others[0]);
 }
+
+TEST_F(controller_agent, a_judge_of_the_configuration_that_hangs_holds_up_no_start) {
+    options.keep_up = true;
+    options.program = directory / "hangs";
+    std::ofstream(options.program) << "#!/bin/sh\nexec sleep 1000\n";
+    fs::permissions(options.program, fs::perms::owner_all);
+    std::ofstream(options.conf) << "server_ip_address;192.0.2.1;1\nserver_port;443;1\nmanagement_ip;10.1.0.2;1\n"
+                                   "tun_interface_name;tun0;1\ncipher_algo;PSK-AES256-CBC-SHA;1\n"
+                                   "psk_identity;device;1\npsk_key;0123456789abcdef0123456789abcdef;1\n"
+                                   "device_id;dev-1;1\nserial_num;1;1\nsystem_name;x;1\n";
+    start_daemon();
+    start_agent();
+    ids_until(msg_process_query);
+    report_pid(getpid());  // and no statistics: the feature is disabled
+    EXPECT_TRUE(comes(msg_tun_start)) << content("out");
+}

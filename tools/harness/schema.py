@@ -22,6 +22,7 @@ ANSWERS = {
     "why": "controller-why",
     "doctor": "controller-doctor",
     "report": "controller-report",
+    "decode": "controller-decode",
     "metrics": "controller-metrics",
     **dict.fromkeys(("conf show", "conf init"), "controller-conf"),
 }
