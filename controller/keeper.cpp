@@ -156,7 +156,10 @@ void keeper::resolve_for_start() {
     start_lookup_.start(name(), seconds(options_.resolve_timeout), [this](const lookup_result &result) {
         std::string address = result.addresses.empty() ? last_good_ : choose(result.addresses);
         if (address.empty() && is_ipv4(conf_address_)) address = conf_address_;
-        if (!is_ipv4(address)) return finish_prepare("name-unresolved", name() + ": " + result.error);
+        if (!is_ipv4(address)) {
+            std::string why = result.addresses.empty() ? result.error : "it has IPv6 addresses only, " + address;
+            return finish_prepare("name-unresolved", name() + ": " + why);
+        }
         if (address != conf_address_)
             if (std::string error = write_address(address); !error.empty())
                 return finish_prepare("conf-invalid", error);

@@ -2,6 +2,7 @@
 
 import json
 import random
+import shutil
 import time
 
 import pytest
@@ -151,6 +152,83 @@ def test_a_name_in_the_configuration_becomes_an_address_and_stays_a_name(device)
     content = device.world.read(CONF_FILE).decode()
     assert f"server_ip_address;{GATEWAY_IP};" in content
     assert "gateway_name;gw.example.net;" in content
+
+
+class Names:
+    """A name server on the device, which tells what its file says now."""
+
+    def __init__(self, device):
+        self.world = device.world
+        self.world.write("/tmp/resolv.conf", "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n")
+        self.world.run(["mount", "--bind", "/tmp/resolv.conf", "/etc/resolv.conf"])
+        self.server = None
+
+    def tell(self, name, *addresses):
+        self.world.write("/tmp/names", "".join(f"{address} {name}\n" for address in addresses))
+        if self.server:
+            self.server.kill()
+        words = "dnsmasq -k --conf-file=/dev/null --no-resolv --no-hosts --listen-address=127.0.0.1 --bind-interfaces"
+        words += " --pid-file= --user=root --addn-hosts=/tmp/names --local=/example.net/"
+        self.server = self.world.spawn(words.split(), ns="device", stdout="/tmp/dns.out", stderr="/tmp/dns.err")
+        asked = ["getent", "ahosts", name]
+        wait_until(
+            lambda: set(addresses) == set(self.world.run(asked, ns="device", check=False)["out"].split()) - NOISE,
+            5,
+            lambda: self.world.read("/tmp/dns.err").decode(),
+        )
+
+
+NOISE = {"STREAM", "DGRAM", "RAW", "gw.example.net"}
+
+
+@pytest.mark.skipif(shutil.which("dnsmasq") is None, reason="needs dnsmasq")
+def test_all_addresses_of_a_name_are_tried_in_turn_and_the_last_good_one_is_kept(device):
+    """Nobody lives at the address that comes first; later the name is gone."""
+    nobody, somebody = "192.0.2.3", "192.0.2.77"
+    device.world.ip("gateway", f"addr add {somebody}/24 dev wan0")
+    names = Names(device)
+    names.tell("gw.example.net", nobody, somebody)
+    device.bench.make_gateway(listen=somebody)
+    device.configure(server_ip_address="gw.example.net")
+    fast = device.bench.preload_fast_clock(4)
+    device.start_daemon(**fast)
+    device.start_agent("--keep-up")
+    status = device.wait_up(30)
+    assert status["gateway"]["address"] == somebody
+    answers = [(e["address"], e["source"]) for e in device.events("name_answer")]
+    assert answers[0] == (nobody, "lookup") and answers[-1] == (somebody, "lookup")
+    assert any(e["code"] == "gateway-unreachable" for e in device.events("reason"))
+
+    names.tell("gw.example.net")
+    since = device.status()["agent"]["last_event"]
+    device.bench.gateway.ask("close", how="rst")
+    device.wait("down", lambda s: s["health"]["value"] != "up", SHOWN)
+    status = device.wait_up(30)
+    assert status["gateway"]["address"] == somebody
+    told = [e for e in device.events("name_answer", "name_answer_failed") if e["number"] > since]
+    assert "gw.example.net" in told[0]["error"]
+    assert told[-1]["event"] == "name_answer" and told[-1]["source"] == "last_good"
+
+    device.daemon.kill()
+    device.agent.kill()
+    device.configure(server_ip_address="gw.example.net")
+    device.start_daemon(**fast)
+    device.start_agent("--keep-up")
+    assert device.wait_up(30)["gateway"]["address"] == somebody, "known across the agent's lives"
+    assert [e["source"] for e in device.events("name_answer")][0] == "last_good"
+
+
+def test_a_name_with_ipv6_addresses_only_is_named_by_the_doctor(device):
+    device.world.write("/tmp/hosts", "2001:db8::1 gw.example.net\n")
+    device.world.run(["mount", "--bind", "/tmp/hosts", "/etc/hosts"])
+    device.configure(server_ip_address="gw.example.net")
+    checks = {c["check"]: c for c in device.ask("doctor")["checks"]}
+    assert checks["resolve"]["verdict"] == "failed"
+    assert "IPv6 addresses only (2001:db8::1)" in checks["resolve"]["text"]
+    assert checks["connect"]["verdict"] == "skipped"
+    device.start_daemon()
+    device.start_agent("--keep-up")
+    assert "IPv6" in device.wait_reason("name-unresolved", SHOWN + 3)["reason"]["detail"]
 
 
 def test_no_daemon_a_daemon_that_was_stopped_and_one_that_was_never_started(device):
@@ -334,8 +412,7 @@ def test_a_stalled_handshake_with_the_true_times_is_up_within_180_seconds_of_the
     device.bench.make_gateway()
     recovered = time.monotonic()
     device.wait_reason("handshake-stalled", 3 + SHOWN)
-    device.wait_reason("stuck", 160)
-    device.wait_up(60)
+    device.wait_up(180)
     assert time.monotonic() - recovered < 180
 
 
