@@ -174,7 +174,7 @@ private:
 
     void run(const scenario_step &step) {
         if (step.word == "repeat") {
-            for (double round = 0; round < step.from; round++) run(step.inside);
+            for (auto left = static_cast<uint64_t>(step.from); left > 0; left--) run(step.inside);
             return;
         }
         if (step.word == "pick") return run(step.inside[random_() % step.inside.size()]);
