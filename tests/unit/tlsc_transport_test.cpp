@@ -335,6 +335,18 @@ TEST_P(tlsc_transport_ciphers, the_largest_record_is_awaited_as_a_whole_and_read
     EXPECT_EQ(polls, 0);
 }
 
+TEST_F(tlsc_transport, whoever_asks_for_more_gets_the_bytes_up_to_a_records_end) {
+    connect();
+    const strings records{peer.seal("one"), peer.seal("and another")};
+    peer.deliver(records[0] + records[1], fd);
+    EXPECT_TRUE(tlsc_transport_take_in(ssl));
+    for (const std::string &record : records) {
+        char bytes[20000];
+        ASSERT_EQ(BIO_read(SSL_get_rbio(ssl), bytes, sizeof(bytes)), static_cast<int>(record.size()));
+        EXPECT_EQ(std::string(bytes, record.size()), record);
+    }
+}
+
 TEST_F(tlsc_transport, what_a_read_left_of_a_record_comes_with_the_next_record) {
     connect();
     const std::string text(buffer_size, '1');
