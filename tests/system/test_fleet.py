@@ -3,6 +3,7 @@
 import ipaddress
 import json
 import shutil
+import socket
 
 import pytest
 
@@ -49,7 +50,8 @@ class Gateway:
     def start(self):
         words = [BUILD / "bin/tlsc-gateway", "--listen", f"{self.address}:443", "--psk-file", KEYS]
         words += ["--tun", self.name, "--tun-addr", f"{self.site}/{self.pool.prefixlen}", "--control", self.control]
-        words += ["--log", f"/tmp/{self.name}.log", "--dpd", "5", "--lease-file", f"/tmp/{self.name}.leases"]
+        words += ["--log", f"/tmp/{self.name}.log", "--lease-file", f"/tmp/{self.name}.leases"]
+        words += ["--dpd", "5", "--rekey", "20"]  # every five seconds by the devices' clocks
         words += ["--http", f"{self.address}:9469", "--http-anywhere"]
         self.process = self.world.spawn(words, ns="gateway", stderr=f"/tmp/{self.name}.err")
         wait_until(self.clients_or_none, 10, lambda: self.world.read(f"/tmp/{self.name}.err").decode())
@@ -65,8 +67,9 @@ class Gateway:
     def events(self, kind):
         return json.loads(self.ctl("events", "--kind", kind)["out"])["events"]
 
-    def clients(self):
-        return [c for c in json.loads(self.ctl("clients")["out"])["clients"] if c["state"] == "up"]
+    def inner_addresses(self):
+        """Of its devices; a device that rekeys has two connections with one address."""
+        return {c["inner"] for c in json.loads(self.ctl("clients")["out"])["clients"] if c["active"]}
 
     def kill(self):
         self.process.kill()
@@ -133,6 +136,7 @@ def fleet(bench):
     world.write(KEYS, "".join(f"{PSK_IDENTITY}-{n}:{PSK_KEY}\n" for n in range(DEVICES)))
     gateways = [Gateway(world, "gateway-a", "192.0.2.11", "10.64.0.0/24"),
                 Gateway(world, "gateway-b", "192.0.2.12", "10.65.0.0/24")]  # fmt: skip
+    world.run(["mkdir", "/run/haproxy"])
     world.spawn(["haproxy", "-f", CONFIGURATION], ns="gateway", stdout="/tmp/haproxy.out", stderr="/tmp/haproxy.err")
     wait_until(lambda: servers_up(world) == 2, 15, lambda: world.read("/tmp/haproxy.err").decode())
     world.write(CLOCK, fast_clock().read_bytes(), 0o755)
@@ -150,11 +154,25 @@ def servers_up(world):
                for line in out.splitlines())  # fmt: skip
 
 
+def tell_balancer(world, order):
+    """An order on the balancer's socket; it answers with an empty line when it obeys."""
+    with socket.socket(socket.AF_UNIX) as line:
+        line.connect(world.path("/run/haproxy/admin.sock"))
+        line.sendall(f"{order}\n".encode())
+        assert line.recv(1000).strip() == b""
+
+
+def wait_rekey(device):
+    """Waits for the device's next renewal of its keys."""
+    last = device.status()["rekey"]["last"]["value"]
+    wait_until(lambda: device.status()["rekey"]["last"]["value"] not in (None, last), 30, "a rekey", pause=0.2)
+
+
 def test_a_killed_gateways_devices_are_up_again_on_the_other_and_nobody_else_notices(fleet):
     world, gateways, devices = fleet
     homes = {device: next(g for g in gateways if device.inner() in g.pool) for device in devices}
     for gateway in gateways:  # disjoint pools, and each gateway has what the devices say
-        assert {c["inner"] for c in gateway.clients()} == {str(d.inner()) for d, g in homes.items() if g is gateway}
+        assert gateway.inner_addresses() == {str(d.inner()) for d, home in homes.items() if home is gateway}
     lost, kept = sorted(gateways, key=lambda g: -sum(home is g for home in homes.values()))
     moved = [d for d in devices if homes[d] is lost]
     stayed = [d for d in devices if homes[d] is kept]
@@ -166,11 +184,19 @@ def test_a_killed_gateways_devices_are_up_again_on_the_other_and_nobody_else_not
         device.wait_up(40, kept.pool)
         assert device.reaches(kept.site)
     assert {d: d.status()["tunnel"]["since"] for d in stayed} == since
-    assert len(kept.clients()) == DEVICES
     wait_until(lambda: servers_up(world) == 1, 10, "the balancer notices")
 
-    lost.start()  # what is up stays where it is
+    lost.start()
     wait_until(lambda: servers_up(world) == 2, 15, "the balancer notices that it is back")
-    assert all(device.inner() in kept.pool for device in devices)
-    assert lost.clients() == []
-    assert lost.events("tls_failed") == [] == kept.events("tls_failed")
+    since = {d: d.status()["tunnel"]["since"] for d in devices}
+    for device in devices:
+        wait_rekey(device)
+    assert {d: d.status()["tunnel"]["since"] for d in devices} == since, "who is up stays, its rekey too"
+    assert kept.inner_addresses() == {str(device.inner()) for device in devices}
+    assert lost.inner_addresses() == set()
+    assert lost.events("tcp_accept") == [], "the balancer's looks are no connections"
+
+    tell_balancer(world, f"set server gateways/{kept.name} state maint")
+    for device in devices:
+        assert device.wait_up(40, lost.pool)["tunnel"]["since"] != since[device], "it moves at once, not with a rekey"
+    assert kept.inner_addresses() == set()
