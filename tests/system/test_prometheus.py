@@ -67,12 +67,14 @@ def test_every_rule_does_what_its_tests_say():
     assert done.returncode == 0, done.stdout + done.stderr
 
 
-def test_every_rule_has_a_test():
+def test_every_rule_has_a_test_and_is_documented():
     rules = re.findall(r"alert: (\w+)", (RULES / "tlsc.rules.yml").read_text())
     tests = (RULES / "tlsc.rules.test.yml").read_text()
+    document = (PROJECT / "docs/monitoring.md").read_text()
     assert len(rules) == len(set(rules)) > 15
     for rule in rules:
         assert f'alertname="{rule}",alertstate="firing",' in tests or f"alertname: {rule}\n" in tests, rule
+        assert f"`{rule}`" in document, rule
 
 
 def test_the_dashboards_panels_have_numbers_and_places_of_their_own():
