@@ -5,6 +5,7 @@ import gzip
 import io
 import re
 import shutil
+import signal
 import socket
 import stat
 import subprocess
@@ -95,10 +96,11 @@ def test_no_answer_holds_a_key_an_identity_or_a_cookie(device):
     device.run("restart", "--wait")
     device.wait_up()
     assert COOKIE in log() and f"created identity '{PSK_IDENTITY}'" in log(), "there is something to be hidden"
-    device.bench.gateway.kill()
-    device.wait("a reason", lambda s: s.get("reason") and s["reason"]["lines"], 10)
-    stream = device.web.events("/events?after=other:0")
-    stream.until(event="tun_up")
+    device.bench.gateway.set_key("another key")
+    device.bench.gateway.process.signal(signal.SIGHUP)
+    device.run("restart")
+    reason = device.wait_reason("key-mismatch", 15)["reason"]
+    assert PSK_IDENTITY in str(reason["lines"]), "the agent's own socket, root's, tells it"
     answers = b"".join(device.web.get(path) for path in PATHS if path != "/report")
     answers += unpacked(device.web.get("/report", timeout=30))
     held = device.web.open("/events?after=other:0", timeout=1)
