@@ -666,6 +666,19 @@ TEST_F(tlsc_transport, whoever_waits_for_the_peer_has_sent_what_was_collected) {
     answering.join();
 }
 
+TEST_F(tlsc_transport, what_a_session_has_collected_goes_out_before_the_next_one_has_the_buffers) {
+    connect();
+    tlsc_transport_collect(true);
+    EXPECT_TRUE(write("last words"));
+    SSL      *next    = SSL_new(ctx);
+    const int next_fd = open_socket();
+    ASSERT_EQ(tlsc_transport_attach(next, next_fd), 1);
+    EXPECT_FALSE(tlsc_transport_has_collected());
+    EXPECT_EQ(peer.open(), "last words");
+    SSL_free(next);
+    close(next_fd);
+}
+
 TEST_F(tlsc_transport, a_failed_flush_says_why_and_nothing_is_written_twice) {
     connect();
     tlsc_transport_collect(true);
