@@ -166,6 +166,7 @@ private:
 // Starts a program with nothing to read and nobody to talk to, in a process group of its own. Returns its id or -1.
 pid_t start_program(const std::vector<std::string> &words) {
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string &word : words) arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
     posix_spawn_file_actions_t streams;

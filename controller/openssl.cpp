@@ -69,7 +69,7 @@ std::string offered_identity, offered_key;
 unsigned give_key(void *, const char *, char *identity, unsigned identity_size, unsigned char *key, unsigned key_size) {
     if (offered_identity.size() + 1 > identity_size || offered_key.size() > key_size) return 0;
     memcpy(identity, offered_identity.c_str(), offered_identity.size() + 1);
-    memcpy(key, offered_key.data(), offered_key.size());
+    std::copy(offered_key.begin(), offered_key.end(), key);
     return static_cast<unsigned>(offered_key.size());
 }
 

@@ -6,6 +6,7 @@
 #include <openssl/x509v3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -83,9 +84,9 @@ unsigned tls_context::find_psk(SSL *ssl, const char *identity, unsigned char *ke
     if (!identity) return 0;
     auto found = self->psks_.find(identity);
     if (found == self->psks_.end() || found->second.size() > limit) return 0;
-    memcpy(key, found->second.data(),
-           found->second.size());  // NOLINT(bugprone-not-null-terminated-result): bytes, no text
-    return static_cast<unsigned>(found->second.size());
+    const std::string &bytes = found->second;
+    std::copy(bytes.begin(), bytes.end(), key);
+    return static_cast<unsigned>(bytes.size());
 }
 
 void tls_context::use_certificate(const tls_options &options) {
