@@ -114,6 +114,10 @@ class Bench:
         """Environment of a daemon whose waits are that many times shorter."""
         return {"LD_PRELOAD": str(fast_clock()), "FASTER": str(factor)}
 
+    def preload_clock_behind(self, days):
+        """Environment of a program whose clock is behind."""
+        return {"LD_PRELOAD": str(preloaded("behind")), "BEHIND": str(days * 86400)}
+
     def close(self):
         if self.daemon and self.sanitizer_build and complains(self.daemon.errors()):
             self.sanitizer_reports = self.daemon.errors()
@@ -133,10 +137,15 @@ class Bench:
 
 
 def fast_clock():
-    """The library that shortens the daemon's waits, compiled once per test process."""
-    target = Path(os.environ["TLSC_FASTER"])
+    """The library that shortens the daemon's waits."""
+    return preloaded("faster")
+
+
+def preloaded(name):
+    """The library of that name beside this file, compiled once per test process."""
+    target = Path(os.environ["TLSC_FASTER"]).with_name(f"{name}.so")
     if not target.exists():
-        source = Path(__file__).with_name("faster.c")
+        source = Path(__file__).with_name(f"{name}.c")
         subprocess.run(
             ["cc", "-shared", "-fPIC", "-O2", "-Wall", "-Wextra", "-Werror", "-o", target, source, "-ldl"], check=True
         )

@@ -2,8 +2,11 @@
 
 import json
 import random
+import re
 import shutil
+import subprocess
 import time
+from pathlib import Path
 
 import pytest
 
@@ -11,7 +14,7 @@ from harness.controller import TO_DAEMON
 from harness.daemon import CONF_FILE, PSK_IDENTITY, PSK_KEY, TUN_NAME, conf_text
 from harness.schema import check, check_controller_answer
 from harness.wlcctl import PROGRAM, SOCKET
-from harness.world import BLACK_HOLE_IP, BUILD, GATEWAY_IP, MANAGEMENT_IP, SITE_IP, wait_until
+from harness.world import BLACK_HOLE_IP, BUILD, GATEWAY_IP, MANAGEMENT_IP, PROJECT, SITE_IP, wait_until
 from test_certificates import Client as CertificateClient
 
 STATE = "/tmp/agent-state/agent.json"
@@ -256,6 +259,46 @@ def test_a_daemon_that_is_not_root_is_not_permitted(device):
     device.wait_reason("not-permitted", SHOWN + 3)
 
 
+def test_an_agent_that_may_not_open_the_daemons_pipe_says_so(device):
+    device.start_daemon()
+    wait_until(lambda: device.world.exists(TO_DAEMON), 5, "the daemon's pipe")
+    device.world.run(["chmod", "600", TO_DAEMON])
+    user = ["setpriv", "--reuid", "65534", "--clear-groups", "--inh-caps=-all", str(PROGRAM)]
+    words = [*user, "agent", "--state", ""]
+    device.agent = device.world.spawn(words, ns="device", stdout="/tmp/agent.out", stderr="/tmp/agent.err")
+    wait_until(lambda: device.world.exists(SOCKET), 5, lambda: device.world.read("/tmp/agent.err").decode())
+    status = json.loads(device.world.run([*user, "--json", "status"], ns="device", check=False)["out"])
+    assert status["reason"]["code"] == "not-permitted" and TO_DAEMON in status["reason"]["detail"]
+
+
+def test_a_start_that_the_daemon_refuses_has_its_reason(device):
+    """No thread of its can have the stack that the limit asks for."""
+    device.configure()
+    words = ["prlimit", "--stack=200000000000000:unlimited", DAEMON]
+    device.world.spawn(words, ns="device", stdin="/tmp/daemon-0", stdout="/tmp/daemon.out", stderr="/tmp/daemon.err")
+    device.start_agent()
+    wait_until(lambda: device.status()["daemon"]["value"] == "running", 5, "a daemon")
+    answer = device.ask("start", "--wait", "10")
+    assert answer["exit"] == 1 and "start-failed" in answer["error"]
+    assert device.wait_reason("start-failed", SHOWN)["reason"]["detail"] == answer["cause"]["value"]
+
+
+def test_a_gateway_that_speaks_no_tls_has_its_reason(device):
+    speaker = (
+        "import socket\ns=socket.socket()\ns.setsockopt(1,2,1)\ns.bind(('%s',443))\ns.listen()\n"
+        "open('/tmp/speaks','w')\nwhile True:\n c=s.accept()[0]\n c.recv(9)\n"
+        " c.sendall(b'HTTP/1.1 400 Bad Request\\r\\n\\r\\n')\n c.recv(9999)\n"
+    )
+    device.world.write("/tmp/speak.py", speaker % GATEWAY_IP)
+    device.world.spawn(["/usr/bin/python3", "/tmp/speak.py"], ns="gateway", stderr="/tmp/speak.err")
+    wait_until(lambda: device.world.exists("/tmp/speaks"), 5, lambda: device.world.read("/tmp/speak.err").decode())
+    device.configure()
+    device.start_daemon()
+    device.start_agent("--keep-up")
+    status = device.wait_reason("tls-failed", 3 + 3 + SHOWN)
+    assert status["reason"]["detail"], "what OpenSSL says"
+
+
 def test_a_second_daemon_is_named(device):
     device.bench.make_gateway()
     device.bring_up()
@@ -366,7 +409,8 @@ def test_a_stuck_daemon_that_does_not_end_is_killed_after_15_seconds_and_started
         device.start_agent("--keep-up", "--stuck-after", "5", "--run", DAEMON)
     else:
         agent = f"{PROGRAM} agent --state {STATE} --json --keep-up --stuck-after 5"
-        text = f"#!/bin/sh\n{agent} >/tmp/agent.out 2>/tmp/agent.err &\nwhile :; do {DAEMON} <>/tmp/d0; sleep 1; done\n"
+        text = f"#!/bin/sh\n{agent} >/tmp/agent.out 2>/tmp/agent.err &\n"
+        text += f"while :; do {DAEMON} <>/tmp/d0; sleep 1; done\n"
         device.world.write("/tmp/supervisor", text, 0o755)
         device.world.spawn(["/tmp/supervisor"], ns="device", stdout="/tmp/daemon.out", stderr="/tmp/daemon.err")
         wait_until(lambda: device.world.exists(SOCKET), 5, "an agent")
@@ -404,7 +448,7 @@ def test_a_daemon_of_somebody_else_is_told_to_end_and_not_killed(device):
 
 @pytest.mark.slow
 def test_a_stalled_handshake_with_the_true_times_is_up_within_180_seconds_of_the_gateways_recovery(device):
-    """The connection stays as it is for ever, and the gateway is well again as soon as it was taken: the longest wait."""
+    """The connection stays as it is for ever, and the gateway is well again as soon as it was taken."""
     stall(device)
     device.configure()
     device.start_agent("--keep-up", "--run", DAEMON)
@@ -608,6 +652,40 @@ def test_an_agent_that_begins_anew_knows_the_tunnel_in_every_state(device):
     assert device.status()["reason"]["code"] == "stopped-by-order"
 
 
+@pytest.mark.parametrize("state", ["never-started", "gateway-unreachable", "handshake-stalled", "degraded"])
+def test_an_agent_that_begins_anew_in_this_state_says_at_once_what_the_old_one_said(device, state):
+    """With what it kept, and by the log alone."""
+    if state == "handshake-stalled":
+        stall(device)
+    if state == "degraded":
+        device.bench.make_gateway("--dpd", "5", "--retry", "6")
+    device.configure(**({"server_ip_address": BLACK_HOLE_IP} if state == "gateway-unreachable" else {}))
+    device.start_daemon()
+    device.start_agent()
+    wait_until(lambda: device.status()["daemon"]["value"] == "running", 5, "a daemon")
+    if state == "degraded":
+        assert device.run("start", "--wait")["status"] == 0
+        device.bench.gateway.ask("dpd", on=False)
+        before = device.wait(state, lambda s: s["health"]["value"] == "degraded", 5 + 6 + 2 * SHOWN)
+    else:
+        if state != "never-started":
+            device.run("start")
+        before = device.wait_reason(state, 3 + 3 + SHOWN)
+    for has_memory in (True, False):
+        time.sleep(0.5)
+        device.agent.kill()
+        if not has_memory:
+            device.world.run(["rm", "-f", STATE])
+        device.start_agent()
+        after = device.status()
+        wanted = before["health"]["value"]
+        if state == "never-started":  # whether anybody has ordered a start is told by the daemon
+            after = device.wait_reason(state, SHOWN)
+        assert after["health"]["value"] == wanted, (has_memory, after["health"], after["reason"])
+        if before["reason"]:
+            device.wait_reason(before["reason"]["code"], 1)
+
+
 def test_a_stop_is_remembered_until_the_next_start(device):
     device.bench.make_gateway()
     device.bring_up()
@@ -790,7 +868,7 @@ def test_the_socket_describes_itself_and_refuses_what_it_does_not_know(device):
     ("certificate", "verdict"), [("revoked", "certificate revoked"), ("expired", "certificate has expired")]
 )
 def test_a_certificate_that_is_rejected_has_its_verdict(device, certificate, verdict):
-    """The daemon's modules with certificates, which its own configuration file cannot ask for; somebody holds the pipe."""
+    """The daemon's modules with certificates, that its own configuration file cannot ask for."""
     client = CertificateClient(device.bench, "release")
     client.start_gateway(certificate)
     holder = f"mkfifo {TO_DAEMON} && exec sleep 1000 <>{TO_DAEMON}"
@@ -800,6 +878,26 @@ def test_a_certificate_that_is_rejected_has_its_verdict(device, certificate, ver
     client.run()
     status = device.wait_reason("certificate-rejected", SHOWN)
     assert status["reason"]["detail"] == verdict
+
+
+def test_a_certificate_that_is_not_valid_yet_by_a_clock_that_is_behind_names_the_clock(device):
+    """The clock of agent and client stands years before both were built, as one without a battery does."""
+    behind = device.bench.preload_clock_behind(days=3650)
+
+    class LateClient(CertificateClient):
+        def command(self):
+            return ["env", *(f"{name}={value}" for name, value in behind.items()), *super().command()]
+
+    client = LateClient(device.bench, "release")
+    client.start_gateway("leaf")
+    device.world.spawn(["sh", "-c", f"mkfifo {TO_DAEMON} && exec sleep 1000 <>{TO_DAEMON}"], ns="device")
+    device.agent = device.world.spawn(
+        [PROGRAM, "agent", "--state", STATE], ns="device", stdout="/tmp/agent.out", stderr="/tmp/agent.err", env=behind
+    )
+    wait_until(lambda: device.world.exists(SOCKET), 5, lambda: device.world.read("/tmp/agent.err").decode())
+    device.wait("a daemon", lambda s: s["daemon"]["value"] == "running", SHOWN)
+    client.run()
+    assert "not yet valid" in device.wait_reason("clock", SHOWN)["reason"]["detail"]
 
 
 def test_a_watcher_gets_a_line_for_each_change(device):
@@ -830,3 +928,27 @@ def test_the_agents_own_file_has_all_options_and_is_refused_with_the_list_of_the
     # Another verb's value is not the verb.
     done = device.run("lint", "agent", "--agent-conf", "/nowhere")
     assert done["status"] == 2 and "cannot read" not in done["err"]
+
+
+# The table of reasons.
+
+
+def test_the_table_of_reasons_is_the_same_in_the_program_the_manual_and_the_sources():
+    words = [PROGRAM, "--json", "--socket", "/nowhere", "why"]
+    done = subprocess.run(words, capture_output=True, text=True, check=True)
+    table = {r["code"]: r for r in json.loads(done.stdout)["reasons"]}
+    manual = (PROJECT / "docs/wlcctl.md").read_text().split("| Code | Cause | What to do | Shown by |")[1]
+    lines = [line for line in manual.split("\n\n")[0].splitlines() if line.startswith("| `")]
+    rows = [[cell.strip() for cell in line.strip("|").split("|")] for line in lines]
+    told = {code.strip("`"): {"cause": cause, "remedy": remedy, "lines": lines} for code, cause, remedy, lines in rows}
+    for code, row in table.items():
+        assert told.get(code) == {name: row[name] for name in ("cause", "remedy", "lines")}, code
+        assert all(row.values()), f"{code} has cause, remedy and lines"
+    assert list(told) == list(table)
+    used = set()
+    for path in (PROJECT / "controller").glob("*.cpp"):
+        used |= set(re.findall(r'(?:blame|state|withdraw)\("([a-z-]+)"', path.read_text()))
+    assert used <= set(table), used - set(table)
+    provoked = Path(__file__).read_text()
+    missing = [code for code in table if f'"{code}"' not in provoked]
+    assert missing == [], "each is provoked for real in this file"
