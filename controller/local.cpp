@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <deque>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -160,8 +161,12 @@ private:
 }  // namespace
 
 int run_logs(const logs_options &options, const print_options &print) {
+    struct stat facts;
+    bool        is_there = stat(options.path.c_str(), &facts) == 0;
     if (!options.follow && access(options.path.c_str(), R_OK) != 0)
         return print_answer(local_answer("logs", exit_failed, failure_text("read", options.path)), print);
+    if (is_there && !S_ISREG(facts.st_mode))
+        return print_answer(local_answer("logs", exit_failed, printable(options.path) + " is no plain file"), print);
     log_printer  printer(options, print);
     log_follower follower(options.path, [&](const log_entry &entry, bool is_old) { printer.take(entry, is_old); });
     follower.read_past({});

@@ -10,6 +10,7 @@
 #include "ping.h"
 #include "wire.h"
 
+#include "common/input_file.h"
 #include "common/log.h"
 
 #include <CLI/CLI.hpp>
@@ -366,12 +367,15 @@ struct conf_options {
 
 // The key's first line; "-" is standard input.
 std::string read_key_file(const std::string &path) {
-    FILE *file = path == "-" ? stdin : fopen(path.c_str(), "re");
-    if (!file) throw usage_error("cannot read the key file " + path);
-    char   text[4096];
-    size_t n = fread(text, 1, sizeof text, file);
-    if (file != stdin) fclose(file);
-    std::string key(text, n);
+    std::string why, key;
+    if (path == "-") {
+        char text[4096];
+        key.assign(text, fread(text, 1, sizeof text, stdin));
+    } else {
+        auto content = read_input(path, 4096, why);
+        if (!content) throw usage_error("cannot read the key file " + path + ": " + why);
+        key = *content;
+    }
     while (!key.empty() && (key.back() == '\n' || key.back() == '\r')) key.pop_back();
     return key;
 }

@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <thread>
@@ -15,6 +13,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "common/input_file.h"
 #include "common/exit_code.h"
 #include "common/json.h"
 #include "common/line_client.h"
@@ -239,10 +238,10 @@ int order_fault(const ctl_options &options) {
 }
 
 std::string file_text(const std::string &path) {
-    std::ifstream file(path);
-    std::string   text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (!file.is_open() || file.bad()) throw ctl_failure(common::exit_usage, common::failure_text("read", path));
-    return text;
+    std::string why;
+    auto        text = common::read_input(path, 1u << 20, why);
+    if (!text) throw ctl_failure(common::exit_usage, "cannot read " + common::printable(path) + ": " + why);
+    return *text;
 }
 
 int run_file(const ctl_options &options) {

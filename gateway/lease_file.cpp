@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/input_file.h"
 #include "common/json.h"
 #include "common/log.h"
 #include "common/unique_fd.h"
@@ -20,7 +21,8 @@ namespace {
 
 using common::json;
 
-constexpr int file_schema = 1;
+constexpr int    file_schema = 1;
+constexpr size_t file_limit  = 64u << 20;  // bytes
 
 bool is_text(const json &object, const char *name) { return object.contains(name) && object[name].is_string(); }
 
@@ -52,12 +54,12 @@ bool write_all(int fd, const std::string &text) {
 }  // namespace
 
 void read_lease_file(const std::string &path, address_pool &pool) {
-    std::ifstream file(path);
-    if (!file && errno == ENOENT) return;
-    if (!file) throw usage_error(common::failure_text("read the lease file", path));
-    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    json        whole = common::parse_json(text);
-    bool        good  = whole.is_object() && whole.value("schema", json()) == file_schema && whole.contains("leases") &&
+    if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return;
+    std::string why;
+    auto        text = common::read_input(path, file_limit, why);
+    if (!text) throw usage_error("cannot read the lease file " + path + ": " + why);
+    json whole = common::parse_json(*text);
+    bool good  = whole.is_object() && whole.value("schema", json()) == file_schema && whole.contains("leases") &&
                 whole["leases"].is_array();
     for (size_t i = 0; good && i < whole["leases"].size(); i++) good = is_lease(whole["leases"][i]);
     if (!good) throw usage_error(common::printable(path) + " is no lease file; move it away to begin without leases");

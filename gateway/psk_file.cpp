@@ -5,16 +5,18 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
+#include <sstream>
 
+#include "common/input_file.h"
 #include "errors.h"
 
 namespace gw {
 
 namespace {
 
-constexpr size_t identity_limit = 128;  // characters, what clients can send
-constexpr size_t key_limit      = 256;  // characters, what clients can hold
+constexpr size_t identity_limit = 128;        // characters, what clients can send
+constexpr size_t key_limit      = 256;        // characters, what clients can hold
+constexpr size_t file_limit     = 64u << 20;  // bytes, some 150000 of the longest lines
 
 void add_line(const std::string &line, const std::string &where, psk_table &table) {
     size_t colon = line.find(':');
@@ -42,18 +44,19 @@ void require_private(const char *what, const std::string &path) {
 }
 
 psk_table read_psk_file(const std::string &path) {
-    std::ifstream file(path);
-    if (!file) throw usage_error("cannot read the PSK file " + path + ": " + strerror(errno));
+    std::string why;
     require_private("PSK file", path);
+    auto content = common::read_input(path, file_limit, why);
+    if (!content) throw usage_error("cannot read the PSK file " + path + ": " + why);
 
-    psk_table   table;
-    std::string line;
+    psk_table          table;
+    std::string        line;
+    std::istringstream file(*content);
     for (unsigned number = 1; std::getline(file, line); number++) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
         if (line.empty() || line[0] == '#') continue;
         add_line(line, path + ":" + std::to_string(number), table);
     }
-    if (file.bad()) throw usage_error("cannot read the PSK file " + path);
     if (table.empty()) throw usage_error("the PSK file " + path + " holds no key");
     return table;
 }

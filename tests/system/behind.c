@@ -1,5 +1,5 @@
-/* Preloaded by one test into programs whose clock is to be behind by the seconds in the environment variable BEHIND. The
- * monotonic clock goes on as it does. Not for production use. */
+/* Preloaded by one test into programs whose clock is to be behind by the seconds in the environment variable BEHIND.
+ * The monotonic clock goes on as it does. Not for production use. */
 
 #define _GNU_SOURCE
 #include <dlfcn.h>
