@@ -34,6 +34,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_CXX_FLAGS_INIT "-isystem ${TLSC_ARMHF_SYSROOT}/usr/include/arm-linux-gnueabihf")
+# Where the linker finds what libraries themselves need.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${TLSC_ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf")
 
 # What the build makes is fit for a device: it names no directory of this machine. The emulator looks into the sysroot
 # before it looks into the machine's root, and finds loader, C library and OpenSSL there.

@@ -188,10 +188,16 @@ void http_server::room::refuse(int fd, const char *why) {
     (void)shutdown(fd, SHUT_WR);
 }
 
+// A follower that has gone, and was not noticed yet, takes no place.
 bool http_server::room::may_follow(http_talk &talk) {
     std::lock_guard<std::mutex> held(lock);
     size_t                      streams = 0;
-    for (const auto &each : connections) streams += each->talk.step == http_talk::following && !each->is_done;
+    for (const auto &each : connections) {
+        bool   follows = each->talk.step == http_talk::following && !each->is_done && !each->talk.is_cut;
+        pollfd hung_up = {each->fd.get(), POLLRDHUP, 0};
+        if (follows && poll(&hung_up, 1, 0) > 0) each->talk.is_cut = true;
+        else streams += follows;
+    }
     if (streams >= limits.streams) return false;
     talk.step = http_talk::following;
     return true;
