@@ -27,10 +27,12 @@ namespace common {
 
 namespace {
 
-constexpr int    backlog     = 64;
-constexpr size_t stack_bytes = 512 * 1024;  // of a connection's thread
-constexpr int    send_buffer = 32 * 1024;   // bytes that the kernel keeps for a client that does not read
-constexpr int    full_pause  = 100;         // milliseconds, when the process has no descriptors left
+constexpr int    backlog      = 64;
+constexpr size_t stack_bytes  = 512 * 1024;  // of a connection's thread
+constexpr int    send_buffer  = 32 * 1024;   // bytes that the kernel keeps for a client that does not read
+constexpr int    ending_pause = 10;          // milliseconds between two looks at threads that end
+constexpr int    ending_looks = 100;
+constexpr int    full_pause   = 100;  // milliseconds, when the process has no descriptors left
 
 std::string with_errno(const std::string &what) { return what + ": " + strerror(errno); }
 
@@ -158,6 +160,7 @@ struct http_server::room {
     static void *run_acceptor(void *given);
     void         accept_clients();
     void         take(unique_fd fd);
+    bool         cut_one();
     bool         make_place();
     void         refuse(int fd, const char *why);
     void         collect();
@@ -166,7 +169,7 @@ struct http_server::room {
 };
 
 // The oldest goes among those whose requests have not come yet, or that were answered and do not close.
-bool http_server::room::make_place() {
+bool http_server::room::cut_one() {
     std::lock_guard<std::mutex> held(lock);
     size_t                      staying = 0;
     for (const auto &each : connections) staying += !each->talk.is_cut && !each->is_done;
@@ -177,9 +180,24 @@ bool http_server::room::make_place() {
         if (each->talk.is_cut || !is_due) continue;
         each->talk.is_cut = true;
         (void)shutdown(each->fd.get(), SHUT_RDWR);
-        return connections.size() < 2 * limits.clients;
+        return true;
     }
     return false;
+}
+
+// Those that were cut off end by themselves, as soon as the processor lets them.
+bool http_server::room::make_place() {
+    if (!cut_one()) return false;
+    auto threads = [this] {
+        std::lock_guard<std::mutex> held(lock);
+        return connections.size();
+    };
+    for (int i = 0; i < ending_looks && threads() >= 2 * limits.clients && !is_ending; i++) {
+        pollfd rung = {waker.get(), POLLIN, 0};
+        (void)poll(&rung, 1, ending_pause);
+        collect();
+    }
+    return threads() < 2 * limits.clients;
 }
 
 void http_server::room::refuse(int fd, const char *why) {
@@ -217,6 +235,8 @@ void http_server::room::take(unique_fd fd) {
 
 // Joins what has ended.
 void http_server::room::collect() {
+    uint64_t count;
+    (void)!read(waker.get(), &count, sizeof count);
     std::list<std::unique_ptr<connection>> ended;
     {
         std::lock_guard<std::mutex> held(lock);
@@ -240,8 +260,6 @@ void http_server::room::accept_clients() {
     while (!is_ending) {
         pollfd ready[] = {{listener.get(), POLLIN, 0}, {waker.get(), POLLIN, 0}};
         (void)poll(ready, 2, -1);
-        uint64_t count;
-        (void)!read(waker.get(), &count, sizeof count);
         collect();
         if (is_ending || !(ready[0].revents & POLLIN)) continue;
         unique_fd fd(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));

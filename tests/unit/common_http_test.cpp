@@ -143,8 +143,11 @@ protected:
     bool is_served() { return get("/").find("\r\n\r\nhello") != std::string::npos; }
     bool becomes(const std::function<bool()> &is_so, int limit_ms = 5000) {
         auto until = steady::now() + milliseconds(limit_ms);
-        while (!is_so() && steady::now() < until) usleep(1000);
-        return is_so();
+        while (steady::now() < until) {
+            if (is_so()) return true;
+            usleep(1000);
+        }
+        return false;
     }
 
     std::unique_ptr<http_server> server;
