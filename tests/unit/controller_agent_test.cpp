@@ -655,3 +655,30 @@ TEST_F(controller_agent, a_judge_of_the_configuration_that_hangs_holds_up_no_sta
     report_pid(getpid());  // and no statistics: the feature is disabled
     EXPECT_TRUE(comes(msg_tun_start)) << content("out");
 }
+
+TEST_F(controller_agent, totals_go_on_through_a_clearing_and_another_agent) {
+    uint64_t seen  = 0;
+    auto     count = [&](uint8_t packets) {
+        record statistics = encode(msg_info_update);
+        statistics[8]     = 33;
+        statistics[24]    = packets;
+        report(statistics);
+        seen = event_of("stats", seen)["number"];
+        return ask({{"request", "stats"}})["totals"]["Data Pkt Tx"];
+    };
+    auto meet = [&] {
+        start_agent();
+        ids_until(msg_process_query);
+        report_pid(getpid());
+        seen = event_of("process")["number"];
+    };
+    start_daemon();
+    meet();
+    EXPECT_EQ(count(5), 5);
+    EXPECT_EQ(count(8), 8);
+    EXPECT_EQ(count(2), 10) << "cleared between the two";
+    EXPECT_EQ(end_agent(SIGTERM), 0);
+    meet();
+    EXPECT_EQ(count(3), 11);
+    EXPECT_EQ(count(1), 12) << "a new daemon counts from zero";
+}
