@@ -47,7 +47,7 @@ constexpr milliseconds probe_delay{500};        // for the HELLO of a daemon tha
 constexpr milliseconds save_delay{200};         // so that a row of changes is kept once
 constexpr milliseconds tcp_patience{2500};      // for a connection of our own
 constexpr double       second_check     = 2;    // seconds between two looks for a second daemon, once there was one
-constexpr double       quiet_statistics = 2.5;  // seconds between our questions while the log says too little
+constexpr double       quiet_statistics = 1.5;  // seconds between our questions while the log says too little
 constexpr double       quiet_patience   = 30;   // before one that was not answered is asked again
 constexpr double       first_lines      = 3;    // seconds in which the lines of a tunnel that has come up are there
 
