@@ -8,6 +8,7 @@ import json
 import math
 import os
 import random
+import signal
 import threading
 import time
 from pathlib import Path
@@ -113,16 +114,33 @@ def test_a_killed_gateway_is_shown_within_five_seconds_with_reason_and_back_off_
     page.wait_text("share", "interruption", 5)  # the history has it too
 
 
-def test_a_page_that_lost_the_agent_says_so_and_goes_on_when_it_is_back(watched, page):
+def test_a_tunnel_that_was_stopped_is_shown_as_that(watched, page):
+    watched.run("stop", "--wait")
+    page.wait_state("stopped", 10)
+    page.wait_text("code", "stopped-by-order", 5)
+    assert page.text("state") == "Tunnel stopped" and page.text("remedy") == "Wlcctl start"
+    watched.run("start", "--wait")
+    page.wait_state("up", 10)
+
+
+@pytest.mark.parametrize("how", ["killed", "frozen"])
+def test_a_page_that_lost_the_agent_says_so_and_goes_on_when_it_is_back(watched, page, how):
     first = "return document.querySelector('#events li')?.textContent"
     newest = wait_until(lambda: page.run(first), 5, "events")
-    watched.agent.kill()
+    if how == "killed":
+        watched.agent.kill()
+    else:
+        watched.agent.signal(signal.SIGSTOP)
     page.wait_text("state", "No word from the agent", 7)
     assert page.shown("lost") and "Last heard at " in page.text("lost-text")
     assert page.run("return document.body.dataset.state") == "unknown"
     assert page.run("return document.title").startswith("No agent")
     page.wait_text("live", "Agent lost", 1)
-    watched.start_agent("--keep-up", *watched.serve)
+    if how == "killed":
+        watched.start_agent("--keep-up", *watched.serve)
+    else:
+        watched.agent.signal(signal.SIGCONT)
+        watched.run("hello")
     page.wait_state("up", 15)
     assert not page.shown("lost") and page.text("live-text") == "Live"
     wait_until(lambda: page.run(first) != newest, 10, "new events")
@@ -314,7 +332,9 @@ class StandIn:
     """A server that answers as the agent, each answer changed."""
 
     def __init__(self, answers):
-        self.change = ODD["null"]
+        self.change = lambda value: value
+        self.refused = None
+        self.asked = []
         self.over = threading.Event()
         stand_in = self
 
@@ -324,6 +344,7 @@ class StandIn:
 
             def do_GET(self):
                 name = self.path.split("?")[0]
+                stand_in.asked.append(name)
                 kind, content = "application/json", b""
                 if name == "/":
                     kind, content = "text/html; charset=utf-8", PAGE.read_bytes()
@@ -332,13 +353,14 @@ class StandIn:
                     for event in answers["events"]:
                         content += b"id: 1:1\ndata: " + json.dumps(stand_in.change(event)).encode() + b"\n\n"
                     content += b"data: {broken\n\nevent: gap\ndata: " + json.dumps(HOSTILE).encode() + b"\n\n"
+                    content += b'event: gap\ndata: {"from": 3, "to": 9}\n\n'
                 else:
                     content = json.dumps(stand_in.change(answers.get(name[1:], {}))).encode()
-                self.send_response(200)
+                self.send_response(503 if name == stand_in.refused else 200)
                 self.send_header("Content-Type", kind)
                 self.end_headers()
                 self.wfile.write(content)
-                if name == "/events":
+                if name == "/events" != stand_in.refused:
                     self.wfile.flush()
                     stand_in.over.wait()
 
@@ -350,34 +372,6 @@ class StandIn:
         self.server.shutdown()
         self.server.server_close()
 
-
-def answers_of_the_agent(watched):
-    script = "fetch(arguments[0]).then(r => r.json()).then(arguments[1])"
-    names = ("status.json", "conf.json", "history.json")
-    answers = {name: watched.browser.driver.execute_async_script(script, URL + name) for name in names}
-    return {**answers, "events": watched.events()[-50:]}
-
-
-def test_answers_of_any_shape_neither_run_nor_break_the_page(watched):
-    browser = watched.browser
-    answers = answers_of_the_agent(watched)
-    stand_in = StandIn(answers)
-    try:
-        for what, change in ODD.items():
-            stand_in.change = change
-            browser.open(f"http://127.0.0.1:{STAND_IN}/")
-            wait_until(lambda: browser.text("live-text") != "Looking for the agent", 10, what)
-            wait_until(lambda: browser.run("return performance.getEntriesByType('resource').length") >= 3, 10, what)
-            browser.run("write_status(); write_history(); write_events(); point_at(past.begin)")
-            assert browser.run("return window.hurt === undefined"), what
-            assert browser.run("return document.querySelectorAll('img').length") == 0, what
-            assert network_errors_only(browser.console()) == [], what
-    finally:
-        stand_in.close()
-        browser.open(URL)
-
-
-# ---- pictures --------------------------------------------------------------------------------------------------------
 
 MINUTE, HOUR = 60, 3600
 DAY = (  # a prepared day: hours ago, state, reason
@@ -402,6 +396,59 @@ def prepared_day(now):
         samples.append({"at": moment, "packets_out": int(load), "packets_in": int(load * 1.7), "errors": errors,
                         "invalid": int(place == 210)})  # fmt: skip
     return {"schema": 1, "now": now, "span": 24 * HOUR, "step": 5 * MINUTE, "states": states, "samples": samples}
+
+
+def answers_of_the_agent(watched):
+    script = "fetch(arguments[0]).then(r => r.json()).then(arguments[1])"
+    names = ("status.json", "conf.json", "history.json")
+    answers = {name: watched.browser.driver.execute_async_script(script, URL + name) for name in names}
+    return {**answers, "events": watched.events()[-50:]}
+
+
+def test_answers_of_any_shape_neither_run_nor_break_the_page(watched):
+    browser = watched.browser
+    answers = answers_of_the_agent(watched)
+    stand_in = StandIn(answers)
+    try:
+        for what, change in ODD.items():
+            stand_in.change = change
+            browser.open(f"http://127.0.0.1:{STAND_IN}/")
+            wait_until(lambda: browser.text("live-text") != "Looking for the agent", 10, what)
+            wait_until(lambda: browser.run("return performance.getEntriesByType('resource').length") >= 3, 10, what)
+            browser.run("write_status(); write_history(); write_events(); point_at(past.begin)")
+            assert browser.run("return window.hurt === undefined"), what
+            assert browser.run("return document.querySelectorAll('img').length") == 0, what
+            assert network_errors_only(browser.console()) == [], what
+            if what != "null":  # which is no answer, so the agent is lost
+                browser.wait_text("events", "Events 3 to 9 are no longer kept", 5)
+    finally:
+        stand_in.close()
+        browser.open(URL)
+
+
+def test_a_device_with_another_clock_and_one_without_events_are_told(watched):
+    browser = watched.browser
+    answers = answers_of_the_agent(watched)
+    answers["history.json"] = prepared_day(answers["history.json"]["now"] - 2 * HOUR - 30)
+    stand_in = StandIn(answers)
+    stand_in.refused = "/events"
+    try:
+        browser.open(f"http://127.0.0.1:{STAND_IN}/")
+        browser.wait_text("clock", "The device's clock is 2 h behind this browser's.", 5)
+        browser.wait_text("events-note", "interrupted", 5)
+        browser.wait_state("up", 5)
+        wait_until(lambda: stand_in.asked.count("/events") >= 2, 10, "another attempt")
+        asked = len(stand_in.asked)
+        time.sleep(3)  # a stream that is refused is asked for now and then, not again and again
+        assert 1 <= len(stand_in.asked) - asked <= 8
+        stand_in.refused = None
+        wait_until(lambda: not browser.shown("events-note"), 10, "events")
+    finally:
+        stand_in.close()
+        browser.open(URL)
+
+
+# ---- pictures --------------------------------------------------------------------------------------------------------
 
 
 @pytest.mark.skipif("TLSC_PICTURES" not in os.environ, reason="writes docs/images: ./run page --pictures")
