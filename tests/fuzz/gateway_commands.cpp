@@ -161,6 +161,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
+    if (knows_secret(bytes, size, key)) return 0;
     static const request_maker requests(ask_for_help(keys()), words());
     fuzz_input                 in(bytes, size);
     service                    service(keys());
@@ -197,13 +198,13 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     with.end_input();
     with.serve(20, [&] { service.one_pass(); });
     MUST(check_answers(with.received, "tlsc-gateway") <= count_of_lines(sent + "\n"));
-    MUST(with.received.find(key) == std::string::npos);
+    MUST(!shows(with.received, key));
 
     conversation next(service.path);
     next.send("{\"request\":\"counters\"}\n{\"request\":\"clients\"}\n{\"request\":\"status\"}\n");
     next.end_input();
     next.serve(20, [&] { service.one_pass(); });
     MUST(next.is_over && check_answers(next.received, "tlsc-gateway") == 3);
-    MUST(next.received.find(key) == std::string::npos);
+    MUST(!shows(next.received, key));
     return 0;
 }

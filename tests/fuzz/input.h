@@ -20,16 +20,25 @@
         }                                                                                         \
     } while (0)
 
-// Any eight characters in a row of the secret.
+// Where any eight characters in a row of the secret stand; npos when none do.
+inline size_t find_secret(std::string_view text, std::string_view secret) {
+    for (size_t i = 0; i + 8 <= secret.size(); ++i)
+        if (const size_t at = text.find(secret.substr(i, 8)); at != std::string_view::npos) return at;
+    return std::string_view::npos;
+}
+
+// True when they do; says so.
 inline bool shows(const std::string &text, std::string_view secret) {
-    for (size_t i = 0; i + 8 <= secret.size(); ++i) {
-        const size_t at = text.find(secret.substr(i, 8));
-        if (at == std::string::npos) continue;
-        const size_t from = at < 100 ? 0 : at - 100;
-        fprintf(stderr, "\nthe secret shows: ...%s...\n", text.substr(from, 200).c_str());
-        return true;
-    }
-    return false;
+    const size_t at = find_secret(text, secret);
+    if (at == std::string::npos) return false;
+    const size_t from = at < 100 ? 0 : at - 100;
+    fprintf(stderr, "\nthe secret shows: ...%s...\n", text.substr(from, 200).c_str());
+    return true;
+}
+
+// An input that brings a piece of the secret itself, as the fuzzer may have learnt it from comparisons, proves nothing.
+inline bool knows_secret(const uint8_t *bytes, size_t size, std::string_view secret) {
+    return size > 0 && find_secret({reinterpret_cast<const char *>(bytes), size}, secret) != std::string_view::npos;
 }
 
 // Hands out the bytes from the front; behind the end everything is zero.
