@@ -52,6 +52,7 @@ namespace {
 // As exec wants them, with a null behind.
 std::vector<char *> pointers_to(const std::vector<std::string> &texts) {
     std::vector<char *> all;
+    all.reserve(texts.size() + 1);
     for (const std::string &text : texts) all.push_back(const_cast<char *>(text.c_str()));
     all.push_back(nullptr);
     return all;

@@ -251,7 +251,7 @@ private:
         if (made.body) answer.body = *made.body;
     }
 
-    void begin_to_follow(const httplib::Request &request, httplib::Response &answer, http_answer made) {
+    void begin_to_follow(const httplib::Request &request, httplib::Response &answer, const http_answer &made) {
         if (request.method == "HEAD") return answer.set_header("Content-Type", made.type);
         if (!talk_.may_follow()) return fail(answer, 503, "too many follow already");
         answer.set_content_provider(made.type, [this, made](size_t, httplib::DataSink &sink) {

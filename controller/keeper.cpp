@@ -180,7 +180,7 @@ void keeper::finish_prepare(const std::string &code, const std::string &detail) 
         known_.why.state(code.c_str(), detail, "agent", now);
         known_.why.held = code;
     }
-    for (auto &each : std::exchange(ready_, {})) each(code);
+    for (const auto &each : std::exchange(ready_, {})) each(code);
 }
 
 // The name stays in the file, under a key of our own that the daemon keeps and does not use.

@@ -367,12 +367,13 @@ struct conf_options {
 
 // The key's first line; "-" is standard input.
 std::string read_key_file(const std::string &path) {
-    std::string why, key;
+    std::string key;
     if (path == "-") {
         char text[4096];
         key.assign(text, fread(text, 1, sizeof text, stdin));
     } else {
-        auto content = read_input(path, 4096, why);
+        std::string why;
+        auto        content = read_input(path, 4096, why);
         if (!content) throw usage_error("cannot read the key file " + path + ": " + why);
         key = *content;
     }

@@ -152,9 +152,9 @@ private:
     void strike_newest(uint64_t number);
     void strike(fault_trigger trigger, tunnel_client &client);
     void afflict(tunnel_client &client, fault_kind kind);
-    bool strike_connect(tunnel_client &client);  // true: the connection is not served
-    bool strike_dpd(tunnel_client &client);      // true: the request is not answered
-    bool strike_request(tunnel_client &client);  // true: the request was dealt with
+    bool strike_connect(tunnel_client &client);    // true: the connection is not served
+    bool strike_dpd(const tunnel_client &client);  // true: the request is not answered
+    bool strike_request(tunnel_client &client);    // true: the request was dealt with
     void spoil_response(tunnel_client &client, fault_kind kind);
 
     // gateway_data.cpp: packets

@@ -97,7 +97,7 @@ bool tunnel_gateway::strike_connect(tunnel_client &client) {
     return true;
 }
 
-bool tunnel_gateway::strike_dpd(tunnel_client &client) {
+bool tunnel_gateway::strike_dpd(const tunnel_client &client) {
     auto fault = faults_.strike(fault_trigger::dpd, {fault_kind::drop_dpd});
     if (fault) tell_fault(*fault, client.id());
     return fault.has_value();

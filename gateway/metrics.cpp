@@ -137,8 +137,11 @@ private:
     }
 
     common::http_answer answer(const common::http_request &request) {
-        constexpr const char *about = "TLS tunnel gateway: metrics for Prometheus are at /metrics\n";
-        if (request.path == "/") return text_answer(std::make_shared<const std::string>(about), "text/plain");
+        if (request.path == "/") {
+            auto about = std::make_shared<const std::string>(
+                "TLS tunnel gateway: metrics for Prometheus are at /metrics\n");
+            return text_answer(std::move(about), "text/plain");
+        }
         int         status = request.path == "/metrics" ? 503 : 404;
         const char *what   = status == 503 ? "the gateway did not answer in time" : "there are: /, /metrics";
         auto        text   = status == 503 ? board_.read("metrics") : nullptr;
