@@ -42,14 +42,15 @@ namespace wlcctl {
 
 namespace {
 
-constexpr milliseconds check_period{1000};      // between two looks at everything that tells nothing by itself
-constexpr milliseconds probe_delay{500};        // for the HELLO of a daemon that has just appeared
-constexpr milliseconds save_delay{200};         // so that a row of changes is kept once
-constexpr milliseconds tcp_patience{2500};      // for a connection of our own
-constexpr double       second_check     = 2;    // seconds between two looks for a second daemon, once there was one
-constexpr double       quiet_statistics = 1.5;  // seconds between our questions while the log says too little
-constexpr double       quiet_patience   = 30;   // before one that was not answered is asked again
-constexpr double       first_lines      = 3;    // seconds in which the lines of a tunnel that has come up are there
+constexpr milliseconds check_period{1000};       // between two looks at everything that tells nothing by itself
+constexpr milliseconds probe_delay{500};         // for the HELLO of a daemon that has just appeared
+constexpr milliseconds save_delay{200};          // so that a row of changes is kept once
+constexpr milliseconds tcp_patience{2500};       // for a connection of our own
+constexpr double       second_check     = 2;     // seconds between two looks for a second daemon, once there was one
+constexpr double       quiet_statistics = 1.5;   // seconds between our questions while the log says too little
+constexpr double       quiet_patience   = 30;    // before one that was not answered is asked again
+constexpr int64_t      log_grain        = 1000;  // milliseconds: the log's times are whole seconds
+constexpr double       first_lines      = 3;     // seconds in which the lines of a tunnel that has come up are there
 
 int refuse(int status, const std::string &why) {
     fprintf(stderr, "wlcctl agent: %s\n", why.c_str());
@@ -416,7 +417,7 @@ void agent::learn_from_log() {
     int64_t    began         = pid ? wall_start_of(pid, now) : 0;
     bool       is_same       = pid && kept_daemon() == pid;
     reason     kept_reason   = why.why;  // by the log's last lines
-    bool       is_of_process = pid && why.last_line && (began == 0 || why.last_line->wall >= began - 2000);
+    bool       is_of_process = pid && why.last_line && (began == 0 || why.last_line->wall >= began - log_grain);
     if (!is_of_process) why.on_begun(now);
     known_.load(kept_, is_same, now);
     if (!kept_reason.code.empty()) why.why = kept_reason;
