@@ -98,6 +98,8 @@ def test_a_tunnel_that_is_up_is_shown_with_its_facts(watched, page):
 
 
 def test_a_killed_gateway_is_shown_within_five_seconds_with_reason_and_back_off_and_then_up_again(watched, page):
+    stop = "if (agent.asking) return false; clearTimeout(agent.timer); return true"
+    wait_until(lambda: page.run(stop), 5, "a moment between two looks")  # so that events alone make it look
     watched.bench.gateway.kill()
     killed = time.monotonic()
     page.wait_state("connecting", 5)
