@@ -15,6 +15,7 @@ public:
     byte_view      from(size_t offset) const { return {data() + offset, size() - offset}; }
 
     void append(const void *bytes, size_t count) {
+        if (count == 0) return;  // perhaps of nothing at all
         if (store_.size() - tail_ < count) make_room(count);
         memcpy(store_.data() + tail_, bytes, count);
         tail_ += count;
