@@ -246,7 +246,7 @@ private:
         }
         answer.status = made.status;
         for (const auto &[name, value] : made.headers) answer.set_header(name, value);
-        if (made.follow) return begin_to_follow(request, answer, std::move(made));
+        if (made.follow) return begin_to_follow(request, answer, made);
         if (!made.type.empty()) answer.set_header("Content-Type", made.type);
         if (made.body) answer.body = *made.body;
     }

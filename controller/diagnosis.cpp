@@ -27,10 +27,13 @@ constexpr int    build_year   = (__DATE__[7] - '0') * 1000 + (__DATE__[8] - '0')
 bool has(const std::string &text, const char *part) { return text.find(part) != std::string::npos; }
 bool begins(const std::string &text, const char *part) { return text.compare(0, strlen(part), part) == 0; }
 
-// The number behind `part`; standard if there is none.
+constexpr long most = 1000000000;  // of a foreign number: as seconds, more than anybody waits
+
+// The number behind `part`, within what makes sense; standard if there is none.
 long number_behind(const std::string &text, const char *part, long standard) {
     size_t at = text.find(part);
-    return at == std::string::npos ? standard : strtol(text.c_str() + at + strlen(part), nullptr, 10);
+    if (at == std::string::npos) return standard;
+    return std::clamp(strtol(text.c_str() + at + strlen(part), nullptr, 10), -most, most);
 }
 
 // The word behind `part` up to one of the ends.
