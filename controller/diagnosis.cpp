@@ -36,6 +36,10 @@ long number_behind(const std::string &text, const char *part, long standard) {
     return std::clamp(strtol(text.c_str() + at + strlen(part), nullptr, 10), -most, most);
 }
 
+double seconds_behind(const std::string &text, const char *part, long standard) {
+    return static_cast<double>(std::max(number_behind(text, part, standard), 0L));
+}
+
 // The word behind `part` up to one of the ends.
 std::string word_behind(const std::string &text, const char *part, const char *ends) {
     size_t at = text.find(part);
@@ -177,7 +181,7 @@ bool diagnosis::on_step_line(const std::string &text, const moment &when) {
 
 bool diagnosis::on_timer_line(const std::string &text, const moment &when) {
     auto in = [&](const char *part) {
-        double seconds = static_cast<double>(number_behind(text, part, 0));
+        double seconds = seconds_behind(text, part, 0);
         return moment{when.mono + seconds, when.wall + static_cast<int64_t>(seconds * 1000)};
     };
     if (begins(text, "Started Rekey Timer for ")) {
@@ -186,19 +190,19 @@ bool diagnosis::on_timer_line(const std::string &text, const moment &when) {
     } else if (begins(text, "Started DPD Timer for ")) {  // the gateway has answered
         last_answer = when;
         set_unanswered(0, when);
-        dpd_seconds = static_cast<double>(number_behind(text, "Started DPD Timer for ", 0));
+        dpd_seconds = seconds_behind(text, "Started DPD Timer for ", 0);
         expect_line(dpd_seconds, when);
         if (has_response_) on_up(when);
     } else if (begins(text, "Sending DPD Request [Req Retry Ref #")) {
         set_unanswered(static_cast<unsigned>(std::clamp(number_behind(text, "Ref #", 0), 0L, 1000L)) + 1, when);
         expect_line(retry_seconds, when);
     } else if (begins(text, "Started Retry Timer for ")) {
-        retry_seconds  = static_cast<double>(number_behind(text, "Started Retry Timer for ", 20));
+        retry_seconds  = seconds_behind(text, "Started Retry Timer for ", 20);
         is_retry_told_ = true;
         expect_line(retry_seconds, when);
     } else if (begins(text, "Started Backoff Timer for ")) {
         next_attempt = in("Started Backoff Timer for ");
-        back_off     = static_cast<double>(number_behind(text, "Started Backoff Timer for ", 0));
+        back_off     = seconds_behind(text, "Started Backoff Timer for ", 0);
         enter(phase::back_off, when);
     } else if (begins(text, "Started FQDN Resoln Timer for ")) {
         if (step != phase::up) {
