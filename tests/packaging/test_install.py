@@ -123,6 +123,28 @@ def test_ended_daemon_comes_back_and_a_stopped_tunnel_stays_down(device):
     assert device.holds("wlcctl status")
 
 
+def get(machine, place, path):
+    """The answer to a request; the machine has no client for HTTP but its shell."""
+    request = f"GET {path} HTTP/1.1\\r\\nHost: localhost\\r\\n\\r\\n"
+    words = f"exec 3<>/dev/tcp/{place.replace(':', '/')}; printf '{request}' >&3; tr -d '\\000' <&3"
+    return machine.run(f'bash -c "{words}"')
+
+
+def test_both_serve_over_http_within_what_their_units_allow(device):
+    device.run("sed -i 's|^#http = |http = |' /etc/tlsc/agent.conf")
+    device.run(CONFIGURE)
+    device.run(ENABLE)
+    device.wait_until("wlcctl status", 30)
+    assert "Content-Type: text/html" in get(device, "127.0.0.1:9468", "/")
+    assert "tlsc_tunnel_up 1" in get(device, "127.0.0.1:9468", "/metrics")
+    assert get(device, "127.0.0.1:9468", "/report").startswith("HTTP/1.1 200")
+    device.run("sed -i 's|--control|--http 127.0.0.1:9469 --control|' /etc/default/tlsc-gateway")
+    device.run("systemctl restart tlsc-gateway")
+    words = ["exec 3<>/dev/tcp/127.0.0.1/9469", "printf 'GET /metrics HTTP/1.1\\r\\nHost: localhost\\r\\n\\r\\n' >&3"]
+    page = device.run(f'ip netns exec gateway bash -c "{"; ".join(words)}; cat <&3"')
+    assert "tlsc_gateway_build_info" in page
+
+
 def test_stop_is_the_orderly_end(device):
     device.run(CONFIGURE)
     device.run(ENABLE)
