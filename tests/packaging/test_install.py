@@ -126,7 +126,7 @@ def test_ended_daemon_comes_back_and_a_stopped_tunnel_stays_down(device):
 def get(machine, place, path):
     """The answer to a request; the machine has no client for HTTP but its shell."""
     request = f"GET {path} HTTP/1.1\\r\\nHost: localhost\\r\\n\\r\\n"
-    words = f"exec 3<>/dev/tcp/{place.replace(':', '/')}; printf '{request}' >&3; tr -d '\\000' <&3"
+    words = f"exec 3<>/dev/tcp/{place.replace(':', '/')}; printf '{request}' >&3; tr -cd '[:print:]\\n' <&3"
     return machine.run(f'bash -c "{words}"')
 
 
