@@ -140,6 +140,7 @@ def test_both_serve_over_http_within_what_their_units_allow(device):
     assert get(device, "127.0.0.1:9468", "/report").startswith("HTTP/1.1 200")
     device.run("sed -i 's|--control|--http 127.0.0.1:9469 --control|' /etc/default/tlsc-gateway")
     device.run("systemctl restart tlsc-gateway")
+    device.wait_until("ip netns exec gateway bash -c '</dev/tcp/127.0.0.1/9469'", 10)
     words = ["exec 3<>/dev/tcp/127.0.0.1/9469", "printf 'GET /metrics HTTP/1.1\\r\\nHost: localhost\\r\\n\\r\\n' >&3"]
     page = device.run(f'ip netns exec gateway bash -c "{"; ".join(words)}; cat <&3"')
     assert "tlsc_gateway_build_info" in page
