@@ -73,7 +73,7 @@ int64_t wall_start_of(int32_t pid, const moment &now) {
     timespec up{};
     clock_gettime(CLOCK_BOOTTIME, &up);
     if (ticks == 0) return 0;
-    double age = static_cast<double>(up.tv_sec) -
+    double age = static_cast<double>(up.tv_sec) + static_cast<double>(up.tv_nsec) / 1e9 -
                  static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
     return now.wall - static_cast<int64_t>(age * 1000);
 }
@@ -409,7 +409,8 @@ void agent::on_log_entry(const log_entry &entry, bool is_old) {
     if (!is_old) settle();
 }
 
-// The log of the daemon that runs says whether its tunnel is up, also to an agent that has begun just now.
+// The log of the daemon that runs says whether its tunnel is up, also to an agent that has begun just now. Lines of the
+// second in which that daemon began may be those of the one before it.
 void agent::learn_from_log() {
     moment     now           = present();
     diagnosis &why           = known_.why;
@@ -417,7 +418,8 @@ void agent::learn_from_log() {
     int64_t    began         = pid ? wall_start_of(pid, now) : 0;
     bool       is_same       = pid && kept_daemon() == pid;
     reason     kept_reason   = why.why;  // by the log's last lines
-    bool       is_of_process = pid && why.last_line && (began == 0 || why.last_line->wall >= began - log_grain);
+    int64_t    own_lines     = began == 0 ? 0 : began - began % log_grain + log_grain;
+    bool       is_of_process = pid && why.last_line && why.last_line->wall >= own_lines;
     if (!is_of_process) why.on_begun(now);
     known_.load(kept_, is_same, now);
     if (!kept_reason.code.empty()) why.why = kept_reason;
