@@ -38,6 +38,15 @@ std::string with_errno(const std::string &what) { return what + ": " + strerror(
 
 }  // namespace
 
+http_headers guarded_headers(const std::string &policy) {
+    return {{"Cache-Control", "no-store"},
+            {"X-Content-Type-Options", "nosniff"},
+            {"X-Frame-Options", "DENY"},
+            {"Referrer-Policy", "no-referrer"},
+            {"Cross-Origin-Resource-Policy", "same-origin"},
+            {"Content-Security-Policy", policy}};
+}
+
 // ---- 1 sockets ------------------------------------------------------------------------------------------------------
 
 namespace {

@@ -51,19 +51,25 @@ public:
     std::function<bool()> is_lost;  // asked again and again while the client takes nothing; null: never
 };
 
+using http_headers = std::vector<std::pair<std::string, std::string>>;
+
+// What every answer to a browser carries: nothing is stored, guessed, framed or shared with another site. policy: the
+// content security policy. Any thread.
+http_headers guarded_headers(const std::string &policy);
+
 struct http_answer {
-    int                                              status = 200;
-    std::string                                      type;  // of the content
-    std::shared_ptr<const std::string>               body;  // null: none
-    std::vector<std::pair<std::string, std::string>> headers;
-    std::function<void(http_stream &)>               follow;  // in place of a body: sends until it returns
+    int                                status = 200;
+    std::string                        type;  // of the content
+    std::shared_ptr<const std::string> body;  // null: none
+    http_headers                       headers;
+    std::function<void(http_stream &)> follow;  // in place of a body: sends until it returns
 };
 
 // What is served. Called on the threads of the connections, several at once.
 struct http_service {
     std::function<http_answer(const http_request &)>                answer;
     std::function<std::string(int status, const std::string &what)> describe_error;  // body of a failure
-    std::vector<std::pair<std::string, std::string>>                headers;         // of every answer
+    http_headers                                                    headers;         // of every answer
     std::string                                                     error_type = "application/json";
 };
 

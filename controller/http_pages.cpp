@@ -274,16 +274,10 @@ public:
 
 private:
     http_service service() {
-        return {[this](const http_request &request) { return answer(request); },
-                error_json,
-                {{"Cache-Control", "no-store"},
-                 {"X-Content-Type-Options", "nosniff"},
-                 {"X-Frame-Options", "DENY"},
-                 {"Referrer-Policy", "no-referrer"},
-                 {"Cross-Origin-Resource-Policy", "same-origin"},
-                 {"Content-Security-Policy",
-                  "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; connect-src 'self'; "
-                  "img-src data:; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"}},
+        return {[this](const http_request &request) { return answer(request); }, error_json,
+                guarded_headers(
+                    "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; connect-src 'self'; "
+                    "img-src data:; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"),
                 "application/json"};
     }
 

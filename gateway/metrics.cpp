@@ -125,15 +125,8 @@ public:
 
 private:
     common::http_service service() {
-        return {[this](const common::http_request &request) { return answer(request); },
-                error_json,
-                {{"Cache-Control", "no-store"},
-                 {"X-Content-Type-Options", "nosniff"},
-                 {"X-Frame-Options", "DENY"},
-                 {"Referrer-Policy", "no-referrer"},
-                 {"Cross-Origin-Resource-Policy", "same-origin"},
-                 {"Content-Security-Policy", "default-src 'none'; frame-ancestors 'none'"}},
-                "application/json"};
+        return {[this](const common::http_request &request) { return answer(request); }, error_json,
+                common::guarded_headers("default-src 'none'; frame-ancestors 'none'"), "application/json"};
     }
 
     common::http_answer answer(const common::http_request &request) {

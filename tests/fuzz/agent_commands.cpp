@@ -125,13 +125,9 @@ std::string daemon_bytes(fuzz_input &in) {
     return record;
 }
 
-json ask_for_help() {
-    service      one("", false);
-    conversation with(one.path);
-    with.send("{\"request\":\"help\"}\n");
-    with.end_input();
-    with.serve(20, [&] { one.one_pass(); });
-    return json::parse(with.received);
+json table() {
+    service one("", false);
+    return ask_for_help(one);
 }
 
 std::string conf_of(fuzz_input &in) {
@@ -151,7 +147,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     if (knows_secret(bytes, size, secret)) return 0;
-    static const request_maker requests(ask_for_help(), words);
+    static const request_maker requests(table(), words);
     fuzz_input                 in(bytes, size);
     const uint8_t              settings = in.byte();
     service                    service(conf_of(in), (settings & 1) != 0);

@@ -136,20 +136,15 @@ std::string device_bytes(fuzz_input &in) {
     return {frame.begin(), frame.end()};
 }
 
-// The table, asked for as anybody asks.
-json ask_for_help(const std::string &keys) {
-    service      one(keys);
-    conversation with(one.path);
-    with.send("{\"request\":\"help\"}\n");
-    with.end_input();
-    with.serve(20, [&] { one.one_pass(); });
-    return json::parse(with.received);
-}
-
 const std::string &keys() {
     static fuzz_directory    directory;
     static const std::string path = key_file(directory);
     return path;
+}
+
+json table() {
+    service one(keys());
+    return ask_for_help(one);
 }
 
 }  // namespace
@@ -162,7 +157,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     if (knows_secret(bytes, size, key)) return 0;
-    static const request_maker requests(ask_for_help(keys()), words());
+    static const request_maker requests(table(), words());
     fuzz_input                 in(bytes, size);
     service                    service(keys());
     conversation               with(service.path);

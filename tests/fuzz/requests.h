@@ -80,6 +80,16 @@ struct conversation {
     }
 };
 
+// The program's table, asked for as anybody asks. one: listens at its `path`, and serves in `one_pass`.
+template <class service>
+json ask_for_help(service &one) {
+    conversation with(one.path);
+    with.send("{\"request\":\"help\"}\n");
+    with.end_input();
+    with.serve(20, [&] { one.one_pass(); });
+    return json::parse(with.received);
+}
+
 // Lines that ask for something.
 inline size_t count_of_lines(const std::string &text) {
     size_t lines = 0, start = 0;
